@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs every test. Usage: scripts/test.sh [plain|address|thread]
+#   plain    all tests (the default)
+#   address  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
+#   thread   the concurrency tests (log queue, dispatch, movie pumps) under ThreadSanitizer
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+kind=${1:-plain}
+bash "$here/scripts/setup.sh"
+bash "$here/scripts/build.sh" "$kind"
+cd "$here/build/$kind"
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+case "$kind" in
+  thread) ctest --output-on-failure -j2 -R 'Concurrency' ;;
+  *)      ctest --output-on-failure -j2 ;;
+esac

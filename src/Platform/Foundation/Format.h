@@ -1,0 +1,110 @@
+// Platform string formats: the C conversions plus "%@" for an object's description,
+// implemented once and type-safe over a list of arguments.
+//
+//   corvina::format("Video format is ProRes 422 %ix%i", 1920, 1080)
+//   corvina::format("Error creating video read handle for %@", path)
+//
+// Supported: %d %i %u %x %X %o %c %s %@ %f %F %e %E %g %G %p %%, with flags (- + space # 0),
+// width, precision (also "*"), and the length modifiers hh h l ll q z j t L (accepted and
+// ignored: every argument carries its own type). Positional "%1$@" forms are supported.
+// An argument whose kind does not fit the conversion is converted where that is meaningful
+// (an integer for %f, a number for %@); otherwise the conversion prints "(null)" for %@/%s or
+// nothing. A missing argument prints nothing. Never undefined behaviour.
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace corvina {
+
+// An object that describes itself for "%@".
+template <class T>
+concept Describable = requires(const T& t) {
+    { t.description() } -> std::convertible_to<std::string>;
+};
+
+class FormatArg {
+public:
+    enum class Kind { None, Signed, Unsigned, Double, Char, String, Object, Pointer };
+
+    FormatArg() = default;
+    FormatArg(std::nullptr_t) {}
+    template <std::signed_integral T>
+        requires(!std::same_as<T, char>)
+    FormatArg(T v) : kind_(Kind::Signed), i_(static_cast<int64_t>(v)) {}
+    template <std::unsigned_integral T>
+        requires(!std::same_as<T, bool>)
+    FormatArg(T v) : kind_(Kind::Unsigned), u_(static_cast<uint64_t>(v)) {}
+    FormatArg(bool v) : kind_(Kind::Signed), i_(v ? 1 : 0) {}
+    FormatArg(char c) : kind_(Kind::Char), i_(static_cast<unsigned char>(c)) {}
+    FormatArg(double v) : kind_(Kind::Double), d_(v) {}
+    FormatArg(float v) : kind_(Kind::Double), d_(v) {}
+    FormatArg(long double v) : kind_(Kind::Double), d_(static_cast<double>(v)) {}
+    FormatArg(const char* s) : kind_(s ? Kind::String : Kind::None), s_(s ? std::string_view(s) : std::string_view()) {}
+    FormatArg(std::string_view s) : kind_(Kind::String), s_(s) {}
+    FormatArg(const std::string& s) : kind_(Kind::String), s_(s) {}
+    FormatArg(const void* p) : kind_(Kind::Pointer), p_(p) {}
+    template <class T>
+    FormatArg(const std::optional<T>& v) : FormatArg(v ? FormatArg(*v) : FormatArg()) {}
+    template <Describable T>
+        requires(!std::convertible_to<const T&, std::string_view>)
+    FormatArg(const T& obj)
+        : kind_(Kind::Object), p_(&obj), describe_([](const void* o, std::string& out) {
+              out += static_cast<const T*>(o)->description();
+          })
+    {
+    }
+
+    Kind kind() const { return kind_; }
+    int64_t asSigned() const;
+    uint64_t asUnsigned() const;
+    double asDouble() const;
+    // Appends what "%@" shows for this argument: strings as they are, numbers in their
+    // shortest form, objects by description(), none as "(null)".
+    void appendDescription(std::string& out) const;
+    std::string_view stringView() const { return s_; }
+    const void* pointer() const { return p_; }
+
+private:
+    Kind kind_ = Kind::None;
+    union {
+        int64_t i_ = 0;
+        uint64_t u_;
+        double d_;
+    };
+    std::string_view s_;
+    const void* p_ = nullptr;
+    void (*describe_)(const void*, std::string&) = nullptr;
+};
+
+void appendFormatv(std::string& out, std::string_view fmt, std::span<const FormatArg> args);
+std::string formatv(std::string_view fmt, std::span<const FormatArg> args);
+
+template <class... A>
+std::string format(std::string_view fmt, const A&... args)
+{
+    if constexpr (sizeof...(A) == 0) {
+        return formatv(fmt, {});
+    } else {
+        const FormatArg list[] = {FormatArg(args)...};
+        return formatv(fmt, std::span<const FormatArg>(list, sizeof...(A)));
+    }
+}
+
+template <class... A>
+void appendFormat(std::string& out, std::string_view fmt, const A&... args)
+{
+    if constexpr (sizeof...(A) == 0) {
+        appendFormatv(out, fmt, {});
+    } else {
+        const FormatArg list[] = {FormatArg(args)...};
+        appendFormatv(out, fmt, std::span<const FormatArg>(list, sizeof...(A)));
+    }
+}
+
+}  // namespace corvina
