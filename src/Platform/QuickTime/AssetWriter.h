@@ -1,0 +1,86 @@
+// The QuickTime movie writer, behind an asset-writer-like interface: a writer for one file,
+// inputs per media type that take samples as they are (pass-through: no output settings,
+// nothing decoded or re-encoded), a pull model where each input asks for data on a queue.
+//
+// Samples are stored exactly as given: the bytes of every sample land in the file unchanged,
+// with the format description's codec type and the samples' exact times. Chunks alternate
+// between the tracks about every half second of media time (a chunk also closes at 1 MiB).
+// An input is not ready while its track is more than that window ahead of another open track
+// that is still being fed; its block is called again when it becomes ready. Memory grows with
+// the number of chunks, not samples. Files above 4 GB get a 64-bit mdat and co64 tables.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Dispatch/Dispatch.h"
+#include "Error.h"
+#include "MediaTime/MediaTime.h"
+#include "SampleBuffer/SampleBuffer.h"
+
+namespace corvina {
+
+class AssetWriter;
+
+enum class AssetWriterStatus { Unknown, Writing, Completed, Failed, Cancelled };
+
+inline constexpr const char* kFileTypeQuickTimeMovie = "com.apple.quicktime-movie";
+
+class AssetWriterInput : public std::enable_shared_from_this<AssetWriterInput> {
+public:
+    // outputSettings must be null: only pass-through inputs exist.
+    static std::shared_ptr<AssetWriterInput> create(MediaType mediaType, const void* outputSettings = nullptr);
+    ~AssetWriterInput();
+
+    MediaType mediaType() const;
+    void setExpectsMediaDataInRealTime(bool value);
+    bool expectsMediaDataInRealTime() const;
+
+    bool isReadyForMoreMediaData() const;
+    // The block is run on the queue whenever the input is ready for more data, until the
+    // input is marked finished. The block should append while the input is ready and return.
+    void requestMediaDataWhenReadyOnQueue(std::shared_ptr<DispatchQueue> queue, Block block);
+    // Stores the sample. False when the writer is not writing, the input is finished, or the
+    // sample does not fit the track (another media type); the writer's error says why when
+    // the writer failed (a full disk, for instance).
+    bool appendSampleBuffer(const SampleBuffer& sample);
+    void markAsFinished();
+
+private:
+    friend class AssetWriter;
+    AssetWriterInput() = default;
+    struct State;
+    std::shared_ptr<State> state_;
+};
+
+class AssetWriter {
+public:
+    // Null with *error set when the file cannot be created there (missing folder, no rights,
+    // an unknown file type); an existing file is an error too, as on the platform.
+    static std::unique_ptr<AssetWriter> create(const std::string& path, const std::string& fileType, Error* error);
+    ~AssetWriter();
+
+    bool canAddInput(const AssetWriterInput& input) const;
+    void addInput(std::shared_ptr<AssetWriterInput> input);
+
+    bool startWriting();
+    void startSessionAtSourceTime(MediaTime time);
+    // Blocks until the movie is complete on disk (or failed); true on success. Inputs not yet
+    // marked finished are finished first.
+    bool finishWriting();
+    void cancelWriting();
+
+    AssetWriterStatus status() const;
+    std::optional<Error> error() const;
+    const std::string& outputPath() const;
+
+private:
+    AssetWriter() = default;
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace corvina

@@ -1,0 +1,108 @@
+// Format descriptions of media samples, and the audio stream and channel-layout records
+// they carry. Immutable once made; shared between the samples that point at them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvina {
+
+using OSStatus = int32_t;
+using FourCharCode = uint32_t;
+
+constexpr FourCharCode fourCC(const char (&s)[5])
+{
+    return (FourCharCode(uint8_t(s[0])) << 24) | (FourCharCode(uint8_t(s[1])) << 16) |
+           (FourCharCode(uint8_t(s[2])) << 8) | FourCharCode(uint8_t(s[3]));
+}
+
+// Status codes, with the platform's numbers.
+inline constexpr OSStatus kNoErr = 0;
+inline constexpr OSStatus kFormatDescriptionInvalidParameter = -12710;
+inline constexpr OSStatus kBlockBufferBadLengthParameter = -12703;
+inline constexpr OSStatus kBlockBufferStructureAllocationFailed = -12700;
+inline constexpr OSStatus kSampleBufferRequiredParameterMissing = -12731;
+inline constexpr OSStatus kSampleBufferInvalidEntryCount = -12744;
+
+enum class MediaType : FourCharCode {
+    Video = fourCC("vide"),
+    Audio = fourCC("soun"),
+    Timecode = fourCC("tmcd"),
+};
+
+inline constexpr FourCharCode kAudioFormatLinearPCM = fourCC("lpcm");
+inline constexpr uint32_t kLinearPCMFormatFlagIsFloat = 1u << 0;
+inline constexpr uint32_t kLinearPCMFormatFlagIsBigEndian = 1u << 1;
+inline constexpr uint32_t kLinearPCMFormatFlagIsSignedInteger = 1u << 2;
+inline constexpr uint32_t kLinearPCMFormatFlagIsPacked = 1u << 3;
+
+struct AudioStreamBasicDescription {
+    double mSampleRate = 0;
+    uint32_t mFormatID = 0;
+    uint32_t mFormatFlags = 0;
+    uint32_t mBytesPerPacket = 0;
+    uint32_t mFramesPerPacket = 0;
+    uint32_t mBytesPerFrame = 0;
+    uint32_t mChannelsPerFrame = 0;
+    uint32_t mBitsPerChannel = 0;
+    uint32_t mReserved = 0;
+    bool operator==(const AudioStreamBasicDescription&) const = default;
+};
+
+inline constexpr uint32_t kAudioChannelLayoutTag_UseChannelDescriptions = 0;
+inline constexpr uint32_t kAudioChannelLayoutTag_Mono = (100u << 16) | 1;
+inline constexpr uint32_t kAudioChannelLayoutTag_Stereo = (101u << 16) | 2;
+inline constexpr uint32_t kAudioChannelLabel_Mono = 42;
+
+struct AudioChannelDescription {
+    uint32_t mChannelLabel = 0;
+    uint32_t mChannelFlags = 0;
+    float mCoordinates[3] = {0, 0, 0};
+    bool operator==(const AudioChannelDescription&) const = default;
+};
+
+struct AudioChannelLayout {
+    uint32_t mChannelLayoutTag = 0;
+    uint32_t mChannelBitmap = 0;
+    std::vector<AudioChannelDescription> mChannelDescriptions;  // count = size()
+    bool operator==(const AudioChannelLayout&) const = default;
+    // Bytes the platform's record takes: 12-byte header plus 20 per description (a layout
+    // with no descriptions still reserves room for one: 32).
+    static constexpr size_t byteSize(size_t descriptions) { return 12 + 20 * (descriptions ? descriptions : 1); }
+};
+
+class FormatDescription {
+public:
+    // Video: codec type and frame size; no extensions (no field, interlace or aspect data).
+    static OSStatus createVideo(FourCharCode codecType, int32_t width, int32_t height,
+                                std::shared_ptr<const FormatDescription>* out);
+    // Audio: a stream description, an optional channel layout with the byte size the caller
+    // passes (checked against the layout's own size), no magic cookie, no extensions.
+    // Fails with kFormatDescriptionInvalidParameter for a zero rate or channel count.
+    static OSStatus createAudio(const AudioStreamBasicDescription& asbd, const AudioChannelLayout* layout,
+                                size_t layoutSize, std::shared_ptr<const FormatDescription>* out);
+
+    MediaType mediaType() const { return mediaType_; }
+    FourCharCode mediaSubType() const { return subType_; }
+    int32_t width() const { return width_; }
+    int32_t height() const { return height_; }
+    const AudioStreamBasicDescription* streamBasicDescription() const { return asbd_ ? &*asbd_ : nullptr; }
+    const AudioChannelLayout* channelLayout() const { return layout_ ? &*layout_ : nullptr; }
+    std::string description() const;
+
+private:
+    FormatDescription() = default;
+    MediaType mediaType_ = MediaType::Video;
+    FourCharCode subType_ = 0;
+    int32_t width_ = 0;
+    int32_t height_ = 0;
+    std::optional<AudioStreamBasicDescription> asbd_;
+    std::optional<AudioChannelLayout> layout_;
+};
+
+using FormatDescriptionRef = std::shared_ptr<const FormatDescription>;
+
+}  // namespace corvina

@@ -1,0 +1,69 @@
+// Block buffers and sample buffers. A block buffer owns the bytes it was made with (the
+// feeders hand it the bytes they read, so nothing is copied and nothing dangles); a sample
+// buffer carries one block buffer, a format description, a sample count, timing and sizes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "ByteBuffer.h"
+#include "FormatDescription.h"
+#include "MediaTime/MediaTime.h"
+
+namespace corvina {
+
+class BlockBuffer {
+public:
+    // Takes ownership of the bytes. dataLength must be at least 1 and at most bytes.size()
+    // (kBlockBufferBadLengthParameter otherwise): nothing read means no block buffer.
+    static OSStatus createWithMemoryBlock(ByteBuffer bytes, size_t dataLength, std::unique_ptr<BlockBuffer>* out);
+
+    const uint8_t* data() const { return bytes_.data(); }
+    size_t dataLength() const { return length_; }
+
+private:
+    BlockBuffer() = default;
+    ByteBuffer bytes_;
+    size_t length_ = 0;
+};
+
+struct SampleTimingInfo {
+    MediaTime duration;
+    MediaTime presentationTimeStamp;
+    MediaTime decodeTimeStamp;
+};
+
+class SampleBuffer {
+public:
+    // As the platform's sample-buffer creation with data ready: numSamples >= 1; timing has
+    // 1 entry (shared by every sample) or numSamples entries; sizes has 0 entries (sizes
+    // unknown), 1 entry (every sample that size) or numSamples entries. Sizes must add up to
+    // no more than the block buffer's length (kSampleBufferInvalidEntryCount otherwise).
+    static OSStatus create(std::unique_ptr<BlockBuffer> dataBuffer, bool dataReady, FormatDescriptionRef format,
+                           int64_t numSamples, std::span<const SampleTimingInfo> timing,
+                           std::span<const size_t> sampleSizes, std::unique_ptr<SampleBuffer>* out);
+
+    const BlockBuffer* dataBuffer() const { return data_.get(); }
+    const FormatDescriptionRef& formatDescription() const { return format_; }
+    int64_t numSamples() const { return numSamples_; }
+    const std::vector<SampleTimingInfo>& timing() const { return timing_; }
+    const std::vector<size_t>& sampleSizes() const { return sizes_; }
+
+    // Per-sample views, derived from the entries above.
+    MediaTime presentationTimeStamp(int64_t sample = 0) const;
+    MediaTime duration(int64_t sample = 0) const;
+    size_t sampleSize(int64_t sample) const;
+    MediaTime totalDuration() const;
+
+private:
+    SampleBuffer() = default;
+    std::unique_ptr<BlockBuffer> data_;
+    FormatDescriptionRef format_;
+    int64_t numSamples_ = 0;
+    std::vector<SampleTimingInfo> timing_;
+    std::vector<size_t> sizes_;
+};
+
+}  // namespace corvina
