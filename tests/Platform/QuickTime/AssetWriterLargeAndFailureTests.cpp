@@ -99,7 +99,7 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     const size_t frameSize = 8u << 20;
     const int frames = 560;  // 4.7 GB
     auto frame = randomBytes(frameSize, 17);
-    auto pcm = pcmTone(1601, 2, false, 48000);
+    auto pcm = pcmTone(1602, 2, false, 48000);
     int64_t audioFrames = 0;
     for (int i = 0; i < frames; ++i) {
         // Stamp the frame number so that every sample differs.
