@@ -168,6 +168,9 @@ void TQLog::createNewLogImpl(std::optional<std::string> name)
 {
     if (loggingDisabled())
         return;
+    // What was queued before a new log is opened belongs to the file it was meant for.
+    // (The writer's own restart handles its batch itself; this returns at once there.)
+    finishWriting();
     {
         std::unique_lock<std::mutex> fileLock(fileMutex_);
         fileHandle_.reset();

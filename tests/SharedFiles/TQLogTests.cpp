@@ -179,6 +179,8 @@ TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
         TQLog::finishWriting();
         c.equal(TQLog::sharedController().appName(), "First", "first name kept");
         c.expect(!fs::exists(logPath(dir.path(), "Second", 1)), "no log under the second name");
+        c.expect(tqtest::entryText(tqtest::lines(tqtest::readFile(logPath(dir.path(), "First", 2)))[0]).rfind("Log started", 0) == 0,
+                 "the first header stays in the first file");
         auto logs = TQLog::availableLogs();
         c.expect(logs == std::vector<std::string>{logPath(dir.path(), "First", 1), logPath(dir.path(), "First", 2)},
                  "available logs .1 and .2");
@@ -394,12 +396,11 @@ TEST(TQLogWriting, RestartAtTheSizeLimit)
         }
         TQLog::finishWriting();
         c.expect(log.bytesWritten() == 499990, "filled to 499990: " + std::to_string(log.bytesWritten()));
-        TQLog::fastAppendLog("crossing-1");  // 10 characters + 29 = 39 bytes: stays below
-        TQLog::fastAppendLog("crosses-it!");  // 11 + 29 = 40 bytes
+        TQLog::fastAppendLog("crosses-it!");  // 11 characters + 29 = 40 bytes
         TQLog::fastAppendLog("after");
         TQLog::finishWriting();
         const std::string old = tqtest::readFile(logPath(dir.path(), "Tool", 2));
-        c.expect(old.size() == 499990 + 39 + 40, "old file size " + std::to_string(old.size()));
+        c.expect(old.size() == 500030, "old file size " + std::to_string(old.size()));
         auto oldLines = tqtest::lines(old);
         c.expect(!oldLines.empty() && tqtest::entryText(oldLines.back()) == "crosses-it!", "crossing entry ends the old file");
         auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
