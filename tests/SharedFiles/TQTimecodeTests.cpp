@@ -205,9 +205,8 @@ TEST(TQTimecodeTest, DropFrameRoutinesAtOddRates)
         {1500, 24.975, 1502},   // 25 with the NTSC factor: T rounds to 14985
         {360, 6.0, 360},        // d = 0 below 7.5 fps
         {600, 7.49, 600},
-        // 7.5 x 0.06666666666666667 lands just below one half, so d is still 0 at 7.5.
-        {451, 7.5, 451},
-        {500, 7.6, 501},        // d = 1, T = 4560, P = 479
+        {500, 7.5, 501},        // d = 1 from 7.5 fps on: T = 4500, P = 479
+        {479, 7.5, 479},
         {1000, 0.0, 1000},      // rates with no whole frame per ten minutes drop nothing
         {1000, -30.0, 1000},
         {1000, std::nan(""), 1000},
