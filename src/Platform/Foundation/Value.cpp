@@ -506,7 +506,7 @@ std::optional<Value> fromNode(plist_t node, int depth)
 void setError(Error* error, std::string text, int64_t code = 3840)
 {
     if (!error) return;
-    error->domain = "NSCocoaErrorDomain";
+    error->domain = "NSPropertyListErrorDomain";
     error->code = code;
     error->localizedDescription = std::move(text);
 }

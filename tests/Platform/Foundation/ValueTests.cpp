@@ -225,7 +225,6 @@ TEST(Value, ReadsPlatformWrittenXML)
 {
     const std::string xml =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
         "<plist version=\"1.0\"><dict>\n"
         "<key>disable-logging</key><string>1</string>\n"
         "<key>when</key><date>1984-01-24T08:00:00Z</date>\n"
