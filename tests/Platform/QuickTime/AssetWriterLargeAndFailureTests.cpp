@@ -5,9 +5,11 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
+#include "Dispatch/Dispatch.h"
 #include "WriterTestSupport.h"
 
 namespace corvina {
@@ -74,6 +76,77 @@ TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
     struct stat st {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0) << "the partial movie stays";
     EXPECT_GT(st.st_size, 500 * 1024);
+}
+
+// The pull model after a failure: both pumps still reach their ends and leave the group.
+TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
+{
+    ScratchDir dir;
+    SmallDisk disk(dir.file("disk"), "1m");
+    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
+    Error error;
+    auto writer = AssetWriter::create(dir.file("disk/pumps.mov"), kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    auto audio = AssetWriterInput::create(MediaType::Audio);
+    writer->addInput(video);
+    writer->addInput(audio);
+    ASSERT_TRUE(writer->startWriting());
+    auto vf = videoFormat(fourCC("dvc "), 720, 480);
+    auto af = audioFormat(48000, Layout::Mono, false);
+    auto frame = randomBytes(120000, 2);
+    auto pcm = pcmTone(1601, 1, false, 48000);
+    DispatchGroup group;
+    std::atomic<int> refused{0};
+    auto pump = [&](std::shared_ptr<AssetWriterInput> input, std::shared_ptr<DispatchQueue> queue, bool isVideo) {
+        group.enter();
+        auto count = std::make_shared<int>(0);
+        auto done = std::make_shared<bool>(false);
+        input->requestMediaDataWhenReadyOnQueue(queue, [&, input, count, done, isVideo] {
+            while (input->isReadyForMoreMediaData()) {
+                if (*count == 300) {  // 10 s: far more than the disk holds
+                    if (!*done) {
+                        *done = true;
+                        input->markAsFinished();
+                        group.leave();
+                    }
+                    return;
+                }
+                int i = (*count)++;
+                auto s = isVideo ? oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))
+                                 : makeSample(af, pcm.data(), pcm.size(), 1601,
+                                              {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000),
+                                                MediaTime::invalid()}},
+                                              {2});
+                if (!input->appendSampleBuffer(*s)) ++refused;
+            }
+        });
+    };
+    pump(video, DispatchQueue::createSerial("video"), true);
+    pump(audio, DispatchQueue::createSerial("audio"), false);
+    ASSERT_TRUE(group.wait(std::chrono::minutes(2))) << "a pump waited forever after the failure";
+    EXPECT_GT(refused.load(), 0);
+    EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
+    EXPECT_FALSE(writer->finishWriting());
+}
+
+TEST(AssetWriter, CancelRemovesThePartialMovie)
+{
+    ScratchDir dir;
+    std::string path = dir.file("cancelled.mov");
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    writer->addInput(video);
+    ASSERT_TRUE(writer->startWriting());
+    EXPECT_TRUE(video->appendSampleBuffer(
+        *oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1), MediaTime::zero(), MediaTime::make(1001, 30000))));
+    writer->cancelWriting();
+    EXPECT_EQ(writer->status(), AssetWriterStatus::Cancelled);
+    EXPECT_FALSE(writer->finishWriting());
+    struct stat st {};
+    EXPECT_NE(::stat(path.c_str(), &st), 0);
 }
 
 TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
