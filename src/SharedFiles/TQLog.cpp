@@ -25,6 +25,8 @@ namespace {
 constexpr const char* kLogFolder = "/Logs/Brantwell";
 constexpr const char* kGlobalPrefs = "com.brantwell.global.plist";
 constexpr size_t kWriteChunk = 1 << 20;  // bytes gathered before one write call
+constexpr size_t kCoalesceEntries = 64;   // batches this large suggest a steady stream
+constexpr auto kCoalescePause = std::chrono::milliseconds(2);
 
 // The class-level lock: creation of the shared controller and flushing.
 std::mutex& classMutex()
@@ -85,6 +87,25 @@ bool createEmptyFileAtomically(const std::string& path, std::string& error)
     }
     return true;
 }
+
+// utf16Length with a shortcut for plain ASCII, eight bytes at a time.
+uint64_t utf16LengthFast(std::string_view text)
+{
+    size_t i = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        if (word & 0x8080808080808080ull)
+            return corvina::utf16Length(text);
+    }
+    for (; i < text.size(); ++i) {
+        if (static_cast<unsigned char>(text[i]) & 0x80)
+            return corvina::utf16Length(text);
+    }
+    return text.size();
+}
+
+constexpr std::string_view kLiteralAfterPercent = " .!,-;:+";
 
 }  // namespace
 
@@ -270,7 +291,7 @@ void TQLog::queueOwned(std::string text)
         return;
     if (trimmed.size() != text.size())
         text = std::string(trimmed);
-    const uint64_t length16 = corvina::utf16Length(text);
+    const uint64_t length16 = utf16LengthFast(text);
     Entry entry{std::move(text), length16};
     if (isWriterThread()) {
         // The writer restarting the log: these go before the rest of its batch.
@@ -285,7 +306,7 @@ void TQLog::queueOwned(std::string text)
             return;
         startWriterLocked();
         bytesInQueue_.fetch_add(entry.length16);
-        wake = pending_.empty();
+        wake = pending_.empty() && writerIdle_;
         pending_.push_back(std::move(entry));
         ++pushedSeq_;
     }
@@ -346,11 +367,11 @@ void TQLog::waitIfShort(std::string_view formatted)
 
 std::string TQLog::escapeTextForLogging(std::string_view text)
 {
-    if (text.find('%') == std::string_view::npos)
+    if (!needsEscaping(text))
         return std::string(text);
     // A "%" followed by one of these is doubled (one pass does what the eight successive
     // replacements do: each only inserts a "%" before a "%" it matched).
-    static constexpr std::string_view kLiteralAfter = " .!,-;:+";
+    static constexpr std::string_view kLiteralAfter = kLiteralAfterPercent;
     std::string out;
     out.reserve(text.size() + 8);
     for (size_t i = 0; i < text.size(); ++i) {
@@ -361,6 +382,17 @@ std::string TQLog::escapeTextForLogging(std::string_view text)
     if (out.find("%%%") != std::string::npos)
         out = corvina::replaceAll(out, "%%%", "%%");
     return out;
+}
+
+bool TQLog::needsEscaping(std::string_view text)
+{
+    for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+        if (at + 1 < text.size() && kLiteralAfterPercent.find(text[at + 1]) != std::string_view::npos)
+            return true;
+        if (text.compare(at, 3, "%%%") == 0)
+            return true;
+    }
+    return false;
 }
 
 std::string TQLog::consoleCopy(std::string_view message)
@@ -376,7 +408,8 @@ bool TQLog::isWriterThread() const { return writerId_.load(std::memory_order_rel
 
 void TQLog::startWriterLocked()
 {
-    if (writerRunning_ && writerPid_ == getpid())
+    // A fork()ed child clears writerRunning_ (atforkChild), so no pid check is needed here.
+    if (writerRunning_)
         return;
     if (pthread_create(&writerThread_, nullptr, &TQLog::writerMain, this) != 0)
         return;
@@ -396,7 +429,9 @@ void TQLog::writerLoop()
     std::vector<Entry> batch;
     std::unique_lock<std::mutex> lock(queueMutex_);
     for (;;) {
+        writerIdle_ = true;
         queueCv_.wait(lock, [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
+        writerIdle_ = false;
         if (pending_.empty())
             break;
         batch.swap(pending_);
@@ -404,10 +439,16 @@ void TQLog::writerLoop()
         takenSeq_ = last;
         lock.unlock();
         writeBatch(batch);
+        const bool small = batch.size() < kCoalesceEntries;
         batch.clear();
         lock.lock();
         writtenSeq_ = last;
         doneCv_.notify_all();
+        // Under a steady stream, pause briefly so that the next batch is a large one: one
+        // write call and no wake-ups for thousands of lines. Anyone waiting for the writer
+        // (finishWriting, shutdown) cuts the pause short.
+        if (!small)
+            queueCv_.wait_for(lock, kCoalescePause, [&] { return stop_ || flushWaiters_ > 0; });
     }
     writerId_.store(std::thread::id());
 }
@@ -494,7 +535,10 @@ void TQLog::finishWriting()
     if (log.writtenSeq_ >= target)
         return;
     log.startWriterLocked();
+    ++log.flushWaiters_;
+    log.queueCv_.notify_all();
     log.doneCv_.wait(lock, [&] { return log.writtenSeq_ >= target || log.shutDown_; });
+    --log.flushWaiters_;
 }
 
 void TQLog::suspendWriterForTesting(bool suspended)

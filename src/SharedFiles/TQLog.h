@@ -100,6 +100,8 @@ public:
     static void appendMessageAndPrint(std::string_view message);
 
     static std::string escapeTextForLogging(std::string_view text);
+    // False when escapeTextForLogging would return the text unchanged.
+    static bool needsEscaping(std::string_view text);
     // What appendLogAndPrint prints for a message: "%@" removed, "%" doubled, NULs removed.
     static std::string consoleCopy(std::string_view message);
 
@@ -138,6 +140,8 @@ private:
     template <class... A>
     static std::string formatEscaped(std::string_view fmt, const A&... args)
     {
+        if (!needsEscaping(fmt))
+            return corvina::format(fmt, args...);
         return corvina::format(escapeTextForLogging(fmt), args...);
     }
     static void appendFormatted(Mode mode, std::string text);
@@ -167,6 +171,8 @@ private:
     uint64_t takenSeq_ = 0;    // entries taken by the writer
     uint64_t writtenSeq_ = 0;  // entries handled by the writer
     bool suspended_ = false;
+    bool writerIdle_ = false;   // the writer waits for work and must be woken
+    int flushWaiters_ = 0;      // threads in finishWriting
     bool stop_ = false;
     bool shutDown_ = false;
     pthread_t writerThread_{};
