@@ -270,6 +270,21 @@ TEST(Value, RejectsBadInput)
         const std::string file = folder.write("bad.plist", row.bytes);
         EXPECT_FALSE(Value::fromPropertyListFile(file));
     }
+    // Hostile nesting is refused, not recursed into.
+    std::string deep = "<plist version=\"1.0\">";
+    for (int i = 0; i < 100000; ++i) deep += "<array>";
+    for (int i = 0; i < 100000; ++i) deep += "</array>";
+    deep += "</plist>";
+    EXPECT_FALSE(Value::fromPropertyListData(deep.data(), deep.size()));
+    std::string nested = "<plist version=\"1.0\">";
+    for (int i = 0; i < 100; ++i) nested += "<array><dict/><array/>";
+    for (int i = 0; i < 100; ++i) nested += "</array>";
+    nested += "</plist>";
+    auto ok = Value::fromPropertyListData(nested.data(), nested.size());
+    ASSERT_TRUE(ok);
+    EXPECT_EQ((*ok)[0].type(), Value::Type::Dictionary);
+    EXPECT_EQ((*ok)[2][2][2].type(), Value::Type::Array);
+
     corvina::Error error;
     EXPECT_FALSE(Value::fromPropertyListFile(folder.path() + "/missing.plist", &error));
     EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
