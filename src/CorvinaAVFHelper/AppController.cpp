@@ -63,7 +63,7 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
 {
     // The document goes back to the replay path first, so the last movie can be assembled
     // again by starting the helper without arguments.
-    settings.writeToFile(TQLocalPaths::replaySettingsPath(), true);
+    if (const auto replayPath = TQLocalPaths::replaySettingsPath()) settings.writeToFile(*replayPath, true);
 
     setVideoHandle(nullptr);
     setAudioHandle(nullptr);

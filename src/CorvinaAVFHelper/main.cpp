@@ -30,7 +30,9 @@ int main(int argc, char** argv)
         return 0;
     }
 
-    const auto settings = corvina::Value::fromPropertyListFile(TQLocalPaths::replaySettingsPath());
+    const auto replayPath = TQLocalPaths::replaySettingsPath();
+    const auto settings =
+        replayPath ? corvina::Value::fromPropertyListFile(*replayPath) : std::optional<corvina::Value>();
     if (!settings || !settings->asDictionary()) {
         corvina::systemLog("Unable to open settings dictionary");
         return 1;
