@@ -1,0 +1,176 @@
+// The process-wide log: one plain-text file per program in ~/Library/Logs/Brantwell
+// ({appName}.1.log, the four previous runs' files as .2 to .5), restarted at 500000 bytes.
+//
+//   TQLog::createNewLog("CorvinaAVFHelper");
+//   TQLog::appendLog("Video format is %@ %ix%i", name, width, height);
+//   TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", a, b);
+//
+// Callers format on their own thread and hand an owned copy of the text to one writer
+// thread, which drains everything queued in one go and writes it with one write call.
+// Formats go through escapeTextForLogging first, so "50% done" is written as it stands.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "Foundation/Format.h"
+
+namespace corvina {
+class FileHandle;
+}
+
+class TQLog {
+public:
+    // A log format: any string, or a null C string ("none", which logs nothing).
+    class Format {
+    public:
+        Format(const char* s) : valid_(s != nullptr), text_(s ? std::string_view(s) : std::string_view()) {}
+        Format(std::string_view s) : valid_(true), text_(s) {}
+        Format(const std::string& s) : valid_(true), text_(s) {}
+        Format(std::nullptr_t) {}
+        explicit operator bool() const { return valid_; }
+        std::string_view view() const { return text_; }
+
+    private:
+        bool valid_ = false;
+        std::string_view text_;
+    };
+
+    static constexpr uint64_t kSizeLimit = 500000;
+
+    // The one instance, created on the first call. Not copyable: hold a reference.
+    static TQLog& sharedController();
+    TQLog(const TQLog&) = delete;
+    TQLog& operator=(const TQLog&) = delete;
+
+    static void createNewLog(std::optional<std::string> name);
+    static void createNewLog() { createNewLog(std::nullopt); }
+    // Paths of the existing {appName}.{1..5}.log files of the user log folder, in order.
+    static std::vector<std::string> availableLogs();
+    // Blocks until everything queued before the call is written; at once on the writer.
+    static void finishWriting();
+    // Shutdown: with at most 10 entries queued they are written, with more the unstarted
+    // ones are dropped; afterwards the log takes no more entries. Runs at normal exit.
+    static void willTerminate();
+
+    template <class... A>
+    static void appendLog(Format fmt, const A&... args)
+    {
+        if (fmt && !sharedController().loggingDisabled())
+            appendFormatted(Mode::Wait, formatEscaped(fmt.view(), args...));
+    }
+    template <class... A>
+    static void fastAppendLog(Format fmt, const A&... args)
+    {
+        if (fmt && !sharedController().loggingDisabled())
+            appendFormatted(Mode::Fast, formatEscaped(fmt.view(), args...));
+    }
+    template <class... A>
+    static void appendLogAndPrint(Format fmt, const A&... args)
+    {
+        if (fmt && !sharedController().loggingDisabled())
+            appendFormatted(Mode::Print, formatEscaped(fmt.view(), args...));
+    }
+    template <class... A>
+    static void appendLogAndDebugPrint(Format fmt, const A&... args)
+    {
+        if (fmt && !sharedController().loggingDisabled())
+            appendFormatted(Mode::DebugPrint, formatEscaped(fmt.view(), args...));
+    }
+    template <class... A>
+    static void debugPrint(Format, const A&...)
+    {
+    }
+
+    // Finished text (no formatting): logged through appendLog, and printed as the console
+    // copy unless noPrinting is set. Used for messages whose percent signs are literal.
+    static void appendMessageAndPrint(std::string_view message);
+
+    static std::string escapeTextForLogging(std::string_view text);
+    // What appendLogAndPrint prints for a message: "%@" removed, "%" doubled, NULs removed.
+    static std::string consoleCopy(std::string_view message);
+
+    // Instance properties.
+    std::string appName() const;
+    void setAppName(std::optional<std::string> name);
+    uint64_t bytesWritten() const { return bytesWritten_.load(std::memory_order_relaxed); }
+    uint64_t bytesInQueue() const { return bytesInQueue_.load(std::memory_order_relaxed); }
+    bool loggingDisabled() const { return loggingDisabled_.load(std::memory_order_relaxed); }
+    bool noPrinting() const { return noPrinting_.load(std::memory_order_relaxed); }
+    void setNoPrinting(bool value) { noPrinting_.store(value, std::memory_order_relaxed); }
+    bool hasFileHandle() const;
+    bool hasWriteQueue() const;
+    // Entries queued and not yet written.
+    size_t queuedEntryCount() const;
+
+    // Queues one text for the writer (trimmed; empty texts are dropped).
+    void appendTextToLog(std::string_view text);
+
+    // Test hook: while suspended the writer takes nothing from the queue.
+    static void suspendWriterForTesting(bool suspended);
+    // Test hook: the uncaught-exception handler's work without ending the process.
+    static void reportUncaughtException(std::exception_ptr exception);
+
+private:
+    enum class Mode { Wait, Fast, Print, DebugPrint };
+
+    TQLog();
+    ~TQLog() = default;
+
+    template <class... A>
+    static std::string formatEscaped(std::string_view fmt, const A&... args)
+    {
+        return corvina::format(escapeTextForLogging(fmt), args...);
+    }
+    static void appendFormatted(Mode mode, std::string text);
+    static void waitIfShort(std::string_view formatted);
+
+    void startWriterLocked();
+    void writerLoop();
+    void writeBatch(std::vector<std::string>& batch);
+    bool isWriterThread() const;
+    void createNewLogImpl(std::optional<std::string> name);
+    std::optional<std::string> currentLogPath() const;
+    void shutdown();
+    void print(std::string_view text) const;
+    static void atforkPrepare();
+    static void atforkParent();
+    static void atforkChild();
+
+    // Queue shared by callers and the writer.
+    mutable std::mutex queueMutex_;
+    std::condition_variable queueCv_;  // writer waits for work
+    std::condition_variable doneCv_;   // finishWriting waits for progress
+    std::vector<std::string> pending_;
+    uint64_t pushedSeq_ = 0;   // entries queued so far
+    uint64_t takenSeq_ = 0;    // entries taken by the writer
+    uint64_t writtenSeq_ = 0;  // entries handled by the writer
+    bool suspended_ = false;
+    bool stop_ = false;
+    bool shutDown_ = false;
+    std::unique_ptr<std::thread> writer_;
+    std::atomic<std::thread::id> writerId_{};
+    // Entries queued by the writer itself while it restarts the log (header, truncation
+    // line): written before the rest of the batch at hand.
+    std::vector<std::string> writerLocal_;
+
+    // The file, replaced by createNewLog and the writer's reopening.
+    mutable std::mutex fileMutex_;
+    std::unique_ptr<corvina::FileHandle> fileHandle_;
+
+    mutable std::mutex nameMutex_;
+    std::optional<std::string> appName_;
+
+    std::atomic<uint64_t> bytesWritten_{0};
+    std::atomic<uint64_t> bytesInQueue_{0};
+    std::atomic<bool> loggingDisabled_{false};
+    std::atomic<bool> noPrinting_{false};
+};
