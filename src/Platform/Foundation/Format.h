@@ -43,7 +43,7 @@ public:
     FormatArg(bool v) : kind_(Kind::Signed), i_(v ? 1 : 0) {}
     FormatArg(char c) : kind_(Kind::Char), i_(static_cast<unsigned char>(c)) {}
     FormatArg(double v) : kind_(Kind::Double), d_(v) {}
-    FormatArg(float v) : kind_(Kind::Double), d_(v) {}
+    FormatArg(float v) : kind_(Kind::Double), d_(v), single_(true) {}
     FormatArg(long double v) : kind_(Kind::Double), d_(static_cast<double>(v)) {}
     FormatArg(const char* s) : kind_(s ? Kind::String : Kind::None), s_(s ? std::string_view(s) : std::string_view()) {}
     FormatArg(std::string_view s) : kind_(Kind::String), s_(s) {}
@@ -80,6 +80,7 @@ private:
     std::string_view s_;
     const void* p_ = nullptr;
     void (*describe_)(const void*, std::string&) = nullptr;
+    bool single_ = false;  // a float: "%@" shows its own shortest form (29.97f as 29.97)
 };
 
 void appendFormatv(std::string& out, std::string_view fmt, std::span<const FormatArg> args);

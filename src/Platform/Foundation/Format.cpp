@@ -1,0 +1,439 @@
+#include "Format.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+namespace corvina {
+
+int64_t FormatArg::asSigned() const
+{
+    switch (kind_) {
+    case Kind::Signed:
+    case Kind::Char:
+        return i_;
+    case Kind::Unsigned:
+        return static_cast<int64_t>(u_);
+    case Kind::Double:
+        if (std::isnan(d_)) return 0;
+        if (d_ >= 9223372036854775807.0) return std::numeric_limits<int64_t>::max();
+        if (d_ <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
+        return static_cast<int64_t>(d_);
+    case Kind::Pointer:
+    case Kind::Object:
+        return static_cast<int64_t>(reinterpret_cast<uintptr_t>(p_));
+    default:
+        return 0;
+    }
+}
+
+uint64_t FormatArg::asUnsigned() const
+{
+    switch (kind_) {
+    case Kind::Unsigned:
+        return u_;
+    case Kind::Double:
+        if (std::isnan(d_) || d_ <= 0) return static_cast<uint64_t>(asSigned());
+        if (d_ >= 18446744073709551615.0) return std::numeric_limits<uint64_t>::max();
+        return static_cast<uint64_t>(d_);
+    default:
+        return static_cast<uint64_t>(asSigned());
+    }
+}
+
+double FormatArg::asDouble() const
+{
+    switch (kind_) {
+    case Kind::Double:
+        return d_;
+    case Kind::Signed:
+    case Kind::Char:
+        return static_cast<double>(i_);
+    case Kind::Unsigned:
+        return static_cast<double>(u_);
+    default:
+        return 0.0;
+    }
+}
+
+namespace {
+
+void appendUnsignedDecimal(std::string& out, uint64_t v)
+{
+    char buf[24];
+    auto r = std::to_chars(buf, buf + sizeof buf, v);
+    out.append(buf, r.ptr);
+}
+
+void appendPointer(std::string& out, const void* p)
+{
+    char buf[24];
+    auto r = std::to_chars(buf, buf + sizeof buf, reinterpret_cast<uintptr_t>(p), 16);
+    out += "0x";
+    out.append(buf, r.ptr);
+}
+
+}  // namespace
+
+void FormatArg::appendDescription(std::string& out) const
+{
+    switch (kind_) {
+    case Kind::None:
+        out += "(null)";
+        break;
+    case Kind::Signed: {
+        char buf[24];
+        auto r = std::to_chars(buf, buf + sizeof buf, i_);
+        out.append(buf, r.ptr);
+        break;
+    }
+    case Kind::Unsigned:
+        appendUnsignedDecimal(out, u_);
+        break;
+    case Kind::Double: {
+        char buf[40];
+        // Shortest text that reads back to the same number, as the platform's number
+        // description shows it ("29.97", "30", "1e+20").
+        auto r = single_ ? std::to_chars(buf, buf + sizeof buf, static_cast<float>(d_))
+                         : std::to_chars(buf, buf + sizeof buf, d_);
+        out.append(buf, r.ptr);
+        break;
+    }
+    case Kind::Char:
+        out += static_cast<char>(i_);
+        break;
+    case Kind::String:
+        out += s_;
+        break;
+    case Kind::Object:
+        if (describe_) describe_(p_, out);
+        else out += "(null)";
+        break;
+    case Kind::Pointer:
+        appendPointer(out, p_);
+        break;
+    }
+}
+
+namespace {
+
+struct Spec {
+    bool left = false;
+    bool plus = false;
+    bool space = false;
+    bool alt = false;
+    bool zero = false;
+    int width = -1;
+    int precision = -1;
+    bool wide = false;  // an l/ll/q/j/z/t length: negative values wrap at 64 bits, not 32
+    char conv = 0;
+};
+
+// Appends body (already formatted) with the spec's width, padding on the left with spaces
+// or (zeroPad) with zeros after the sign/prefix of length prefixLen.
+void appendPadded(std::string& out, std::string_view body, const Spec& spec, bool zeroPad = false,
+                  size_t prefixLen = 0)
+{
+    const size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+    if (body.size() >= width) {
+        out += body;
+        return;
+    }
+    const size_t pad = width - body.size();
+    if (spec.left) {
+        out += body;
+        out.append(pad, ' ');
+    } else if (zeroPad) {
+        out += body.substr(0, prefixLen);
+        out.append(pad, '0');
+        out += body.substr(prefixLen);
+    } else {
+        out.append(pad, ' ');
+        out += body;
+    }
+}
+
+// Integer conversions d i u x X o with sign, precision (minimum digits), '#' and padding.
+void appendInteger(std::string& out, const FormatArg& arg, const Spec& spec)
+{
+    bool negative = false;
+    uint64_t magnitude = 0;
+    const bool isSigned = spec.conv == 'd' || spec.conv == 'i';
+    using K = FormatArg::Kind;
+    if (isSigned) {
+        const int64_t v = arg.asSigned();
+        negative = v < 0;
+        magnitude = negative ? (~static_cast<uint64_t>(v) + 1) : static_cast<uint64_t>(v);
+    } else if ((arg.kind() == K::Signed || arg.kind() == K::Char || arg.kind() == K::Double) && arg.asSigned() < 0) {
+        // A negative value under an unsigned conversion shows its two's complement bits, of
+        // an int unless a long length was given and the value does not fit an int.
+        const int64_t v = arg.asSigned();
+        if (!spec.wide && v >= std::numeric_limits<int32_t>::min())
+            magnitude = static_cast<uint32_t>(static_cast<int32_t>(v));
+        else
+            magnitude = static_cast<uint64_t>(v);
+    } else {
+        magnitude = arg.asUnsigned();
+    }
+
+    const int base = (spec.conv == 'x' || spec.conv == 'X') ? 16 : spec.conv == 'o' ? 8 : 10;
+    char digits[32];
+    char* end = digits;
+    if (!(spec.precision == 0 && magnitude == 0)) {
+        end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
+        if (spec.conv == 'X')
+            for (char* c = digits; c != end; ++c)
+                if (*c >= 'a' && *c <= 'f') *c = static_cast<char>(*c - 'a' + 'A');
+    }
+    const size_t ndigits = static_cast<size_t>(end - digits);
+
+    char body[96];
+    size_t n = 0;
+    if (isSigned) {
+        if (negative) body[n++] = '-';
+        else if (spec.plus) body[n++] = '+';
+        else if (spec.space) body[n++] = ' ';
+    }
+    if (spec.alt && base == 16 && magnitude != 0) {
+        body[n++] = '0';
+        body[n++] = spec.conv;
+    }
+    const size_t prefixLen = n;
+    size_t zeros = 0;
+    if (spec.precision > 0 && static_cast<size_t>(spec.precision) > ndigits)
+        zeros = std::min<size_t>(static_cast<size_t>(spec.precision) - ndigits, 48);
+    if (spec.alt && base == 8 && zeros == 0 && (ndigits == 0 || digits[0] != '0')) zeros = 1;
+    std::memset(body + n, '0', zeros);
+    n += zeros;
+    std::memcpy(body + n, digits, ndigits);
+    n += ndigits;
+    const bool zeroPad = spec.zero && !spec.left && spec.precision < 0;
+    appendPadded(out, std::string_view(body, n), spec, zeroPad, prefixLen);
+}
+
+void appendFloating(std::string& out, double v, const Spec& spec)
+{
+    const char conv = spec.conv;
+    const bool upper = conv == 'F' || conv == 'E' || conv == 'G' || conv == 'A';
+    char buf[512];
+    size_t n = 0;
+    if ((conv == 'f' || conv == 'F' || conv == 'e' || conv == 'E') && !spec.alt && std::isfinite(v) &&
+        spec.precision <= 100) {
+        // Fast path without the C library's formatter.
+        const int precision = spec.precision < 0 ? 6 : spec.precision;
+        if (std::signbit(v)) buf[n++] = '-';
+        else if (spec.plus) buf[n++] = '+';
+        else if (spec.space) buf[n++] = ' ';
+        const auto fmt = (conv == 'f' || conv == 'F') ? std::chars_format::fixed : std::chars_format::scientific;
+        auto r = std::to_chars(buf + n, buf + sizeof buf, std::fabs(v), fmt, precision);
+        if (r.ec != std::errc()) return;
+        if (upper)
+            for (char* c = buf + n; c != r.ptr; ++c)
+                if (*c == 'e') *c = 'E';
+        const size_t prefixLen = n;
+        n = static_cast<size_t>(r.ptr - buf);
+        appendPadded(out, std::string_view(buf, n), spec, spec.zero && !spec.left, prefixLen);
+        return;
+    }
+    // Everything else (g, a, '#', inf/nan) through snprintf with a rebuilt conversion; the
+    // width is applied here so that the buffer never needs to hold it.
+    char fmt[16];
+    size_t f = 0;
+    fmt[f++] = '%';
+    if (spec.plus) fmt[f++] = '+';
+    if (spec.space) fmt[f++] = ' ';
+    if (spec.alt) fmt[f++] = '#';
+    fmt[f++] = '.';
+    fmt[f++] = '*';
+    fmt[f++] = conv;
+    fmt[f] = 0;
+    const int precision = spec.precision < 0 ? (conv == 'a' || conv == 'A' ? -1 : 6) : std::min(spec.precision, 300);
+    int len = std::snprintf(buf, sizeof buf, fmt, precision, v);
+    if (len < 0) return;
+    n = std::min(static_cast<size_t>(len), sizeof buf - 1);
+    size_t prefixLen = (n > 0 && (buf[0] == '-' || buf[0] == '+' || buf[0] == ' ')) ? 1 : 0;
+    if ((conv == 'a' || conv == 'A') && n >= prefixLen + 2) prefixLen += 2;
+    const bool zeroPad = spec.zero && !spec.left && std::isfinite(v);
+    appendPadded(out, std::string_view(buf, n), spec, zeroPad, prefixLen);
+}
+
+void appendText(std::string& out, const FormatArg& arg, const Spec& spec)
+{
+    if (arg.kind() == FormatArg::Kind::String && spec.width <= 0 && spec.precision < 0) {
+        out += arg.stringView();
+        return;
+    }
+    if (spec.width <= 0 && spec.precision < 0) {
+        arg.appendDescription(out);
+        return;
+    }
+    std::string text;
+    arg.appendDescription(text);
+    std::string_view body = text;
+    if (spec.precision >= 0 && body.size() > static_cast<size_t>(spec.precision))
+        body = body.substr(0, static_cast<size_t>(spec.precision));
+    appendPadded(out, body, spec);
+}
+
+bool parseNumber(std::string_view fmt, size_t& i, int& value)
+{
+    if (i >= fmt.size() || fmt[i] < '0' || fmt[i] > '9') return false;
+    long v = 0;
+    while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
+        v = v * 10 + (fmt[i] - '0');
+        if (v > 100000) v = 100000;  // absurd widths are clamped, never trusted
+        ++i;
+    }
+    value = static_cast<int>(v);
+    return true;
+}
+
+}  // namespace
+
+void appendFormatv(std::string& out, std::string_view fmt, std::span<const FormatArg> args)
+{
+    static const FormatArg missing;
+    size_t nextArg = 0;
+    auto take = [&](size_t index, bool& present) -> const FormatArg& {
+        present = index < args.size();
+        return present ? args[index] : missing;
+    };
+
+    size_t i = 0;
+    const size_t size = fmt.size();
+    while (i < size) {
+        const size_t pct = fmt.find('%', i);
+        if (pct == std::string_view::npos) {
+            out.append(fmt.data() + i, size - i);
+            break;
+        }
+        out.append(fmt.data() + i, pct - i);
+        size_t p = pct + 1;
+        Spec spec;
+
+        // Positional argument: "%2$@".
+        std::optional<size_t> position;
+        {
+            size_t q = p;
+            int n = 0;
+            if (parseNumber(fmt, q, n) && q < size && fmt[q] == '$' && n > 0) {
+                position = static_cast<size_t>(n - 1);
+                p = q + 1;
+            }
+        }
+        for (; p < size; ++p) {
+            const char c = fmt[p];
+            if (c == '-') spec.left = true;
+            else if (c == '+') spec.plus = true;
+            else if (c == ' ') spec.space = true;
+            else if (c == '#') spec.alt = true;
+            else if (c == '0') spec.zero = true;
+            else if (c == '\'') continue;
+            else break;
+        }
+        bool present = false;
+        if (p < size && fmt[p] == '*') {
+            ++p;
+            int64_t w = take(nextArg++, present).asSigned();
+            if (w < 0) {
+                spec.left = true;
+                w = -w;
+            }
+            spec.width = static_cast<int>(std::min<int64_t>(w, 100000));
+        } else {
+            parseNumber(fmt, p, spec.width);
+        }
+        if (p < size && fmt[p] == '.') {
+            ++p;
+            if (p < size && fmt[p] == '*') {
+                ++p;
+                const int64_t pr = take(nextArg++, present).asSigned();
+                spec.precision = pr < 0 ? -1 : static_cast<int>(std::min<int64_t>(pr, 100000));
+            } else if (!parseNumber(fmt, p, spec.precision)) {
+                spec.precision = 0;
+            }
+        }
+        while (p < size) {
+            const char c = fmt[p];
+            if (c == 'l' || c == 'q' || c == 'j' || c == 'z' || c == 't') spec.wide = true;
+            else if (c != 'h' && c != 'L') break;
+            ++p;
+        }
+        if (p >= size) {
+            // An incomplete conversion at the end is shown as written.
+            out.append(fmt.data() + pct, size - pct);
+            break;
+        }
+        spec.conv = fmt[p];
+        i = p + 1;
+        if (spec.conv == '%') {
+            out += '%';
+            continue;
+        }
+        switch (spec.conv) {
+        case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'D': case 'U': case 'O':
+        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+        case 'c': case 'C': case 's': case 'S': case '@': case 'p':
+            break;
+        default:
+            // Unknown conversions (and %n) are shown as written and consume no argument.
+            out.append(fmt.data() + pct, i - pct);
+            continue;
+        }
+        const FormatArg& arg = take(position ? *position : nextArg++, present);
+        if (!present) continue;
+        using K = FormatArg::Kind;
+        const K kind = arg.kind();
+        if (spec.conv == 'D' || spec.conv == 'U' || spec.conv == 'O') {
+            spec.conv = static_cast<char>(spec.conv - 'A' + 'a');
+            spec.wide = true;
+        }
+        switch (spec.conv) {
+        case 'd': case 'i':
+        case 'u': case 'x': case 'X': case 'o':
+            if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
+                appendInteger(out, arg, spec);
+            break;
+        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+            if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
+                appendFloating(out, arg.asDouble(), spec);
+            break;
+        case 'c': case 'C':
+            if (kind == K::Signed || kind == K::Unsigned || kind == K::Char || kind == K::Double) {
+                const char ch = static_cast<char>(arg.asUnsigned() & 0xff);
+                appendPadded(out, std::string_view(&ch, 1), spec);
+            } else if (kind == K::String && !arg.stringView().empty()) {
+                appendPadded(out, arg.stringView().substr(0, 1), spec);
+            }
+            break;
+        case 's': case 'S': case '@':
+            appendText(out, arg, spec);
+            break;
+        case 'p':
+            if (kind == K::Pointer || kind == K::Object || kind == K::String) {
+                std::string text;
+                appendPointer(text, kind == K::String ? static_cast<const void*>(arg.stringView().data()) : arg.pointer());
+                appendPadded(out, text, spec);
+            } else if (kind == K::None) {
+                appendPadded(out, "0x0", spec);
+            } else {
+                std::string text;
+                appendPointer(text, reinterpret_cast<const void*>(static_cast<uintptr_t>(arg.asUnsigned())));
+                appendPadded(out, text, spec);
+            }
+            break;
+        }
+    }
+}
+
+std::string formatv(std::string_view fmt, std::span<const FormatArg> args)
+{
+    std::string out;
+    out.reserve(fmt.size() + 16 * args.size());
+    appendFormatv(out, fmt, args);
+    return out;
+}
+
+}  // namespace corvina

@@ -1,0 +1,177 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "Foundation/Format.h"
+
+using corvina::format;
+
+namespace {
+
+struct Named {
+    std::string name;
+    std::string description() const { return "<" + name + ">"; }
+};
+
+struct Row {
+    std::string got;
+    const char* expected;
+};
+
+void expectRows(std::initializer_list<Row> rows)
+{
+    size_t i = 0;
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.got, row.expected) << "row " << i;
+        ++i;
+    }
+}
+
+}  // namespace
+
+TEST(Format, IntegerConversions)
+{
+    expectRows({
+        {format("%d", 42), "42"},
+        {format("%i", -7), "-7"},
+        {format("%ld", int64_t{-9223372036854775807LL - 1}), "-9223372036854775808"},
+        {format("%llu", std::numeric_limits<uint64_t>::max()), "18446744073709551615"},
+        {format("%u", 3000000000u), "3000000000"},
+        {format("%u", -1), "4294967295"},
+        {format("%lu", int64_t{-1}), "18446744073709551615"},
+        {format("%x", 255), "ff"},
+        {format("%X", 255), "FF"},
+        {format("%#x", 255), "0xff"},
+        {format("%#x", 0), "0"},
+        {format("%o", 8), "10"},
+        {format("%#o", 8), "010"},
+        {format("%5d|", 42), "   42|"},
+        {format("%-5d|", 42), "42   |"},
+        {format("%05d", -42), "-0042"},
+        {format("%+d", 5), "+5"},
+        {format("% d", 5), " 5"},
+        {format("%.3d", 7), "007"},
+        {format("%.0d", 0), ""},
+        {format("%0.2li:%0.2li:%0.2li;%0.2li", 1L, 2L, 3L, 24L), "01:02:03;24"},
+        {format("%0.2li", 123L), "123"},
+        {format("%*d", 4, 1), "   1"},
+        {format("%-*d|", 3, 1), "1  |"},
+        {format("%*d|", -3, 1), "1  |"},
+        {format("%.*d", 3, 1), "001"},
+        {format("%hhd %hd %qd %zd %jd %td", 1, 2, 3, 4, 5, 6), "1 2 3 4 5 6"},
+        {format("%d", true), "1"},
+        {format("%d", uint8_t{200}), "200"},
+        {format("%d", int8_t{-100}), "-100"},
+    });
+}
+
+TEST(Format, FloatingConversions)
+{
+    expectRows({
+        {format("%f", 1.5), "1.500000"},
+        {format("%0.2f", 29.97), "29.97"},
+        {format("%5.1f|", 3.14159), "  3.1|"},
+        {format("%-6.1f|", 3.14159), "3.1   |"},
+        {format("%06.2f", -1.5), "-01.50"},
+        {format("%+.1f", 2.0), "+2.0"},
+        {format("%.0f", 2.5), "2"},
+        {format("%e", 12345.678), "1.234568e+04"},
+        {format("%E", 0.5), "5.000000E-01"},
+        {format("%g", 0.0001), "0.0001"},
+        {format("%g", 1e20), "1e+20"},
+        {format("%G", 1e-10), "1E-10"},
+        {format("%#.0f", 3.0), "3."},
+        {format("%f", 30), "30.000000"},
+        {format("%.1f", uint64_t{7}), "7.0"},
+        {format("%f", std::numeric_limits<double>::infinity()), "inf"},
+        {format("%5.1f|", -std::numeric_limits<double>::infinity()), " -inf|"},
+        {format("%F", std::numeric_limits<double>::quiet_NaN()), "NAN"},
+        {format("%.2f", 1e300).size() > 300 ? std::string("big") : std::string("small"), "big"},
+        {format("%.1f", 2.0f), "2.0"},
+    });
+}
+
+TEST(Format, ObjectsStringsAndCharacters)
+{
+    const std::string path = "/tmp/a b.mov";
+    const std::optional<std::string> none;
+    const std::optional<std::string> some = std::string("x");
+    const Named named{"queue"};
+    const char* nullText = nullptr;
+    expectRows({
+        {format("%@", path), "/tmp/a b.mov"},
+        {format("%@", std::string_view("view")), "view"},
+        {format("%@", "literal"), "literal"},
+        {format("%@", 42), "42"},
+        {format("%@", uint64_t{18446744073709551615ULL}), "18446744073709551615"},
+        {format("%@", 29.97), "29.97"},
+        {format("%@", 30.0), "30"},
+        {format("%@", 0.1), "0.1"},
+        {format("%@", 29.97f), "29.97"},
+        {format("%@", true), "1"},
+        {format("%@", named), "<queue>"},
+        {format("%@ %@", none, some), "(null) x"},
+        {format("%@", nullptr), "(null)"},
+        {format("%@", nullText), "(null)"},
+        {format("%s", nullText), "(null)"},
+        {format("%s", "abc"), "abc"},
+        {format("%.2s", "abc"), "ab"},
+        {format("%5s|", "ab"), "   ab|"},
+        {format("%-5@|", std::string("ab")), "ab   |"},
+        {format("%c%c", 'o', 'k'), "ok"},
+        {format("%c", 65), "A"},
+        {format("%3c|", 'z'), "  z|"},
+    });
+}
+
+TEST(Format, EscapesMissingAndMismatchedArguments)
+{
+    expectRows({
+        {format("100%%"), "100%"},
+        {format("%%d", 5), "%d"},
+        {format("plain text"), "plain text"},
+        {format(""), ""},
+        {format("%d and %d", 1), "1 and "},
+        {format("%@"), ""},
+        {format("tail %"), "tail %"},
+        {format("tail %0.2"), "tail %0.2"},
+        {format("%k%d", 3), "%k3"},
+        {format("%n", 3), "%n"},
+        {format("%d", "text"), ""},
+        {format("%f", std::string("text")), ""},
+        {format("%d", 29.97), "29"},
+        {format("%d", -29.97), "-29"},
+        {format("%u", 1e30), "18446744073709551615"},
+        {format("%d", std::numeric_limits<double>::quiet_NaN()), "0"},
+        {format("%d %d", 1, 2, 3), "1 2"},
+        {format("%99999999999d", 1).size() == 100000 ? std::string("clamped") : std::string("wide"), "clamped"},
+    });
+}
+
+TEST(Format, PositionalArguments)
+{
+    expectRows({
+        {format("%2$@ %1$@", "a", "b"), "b a"},
+        {format("%1$@-%1$@", std::string("x")), "x-x"},
+        {format("%2$0.2f/%1$d", 3, 1.5), "1.50/3"},
+        {format("%3$@", 1, 2), ""},
+    });
+}
+
+TEST(Format, PointersAndAppend)
+{
+    int x = 0;
+    const std::string p = format("%p", static_cast<const void*>(&x));
+    EXPECT_EQ(p.rfind("0x", 0), 0u);
+    EXPECT_GT(p.size(), 2u);
+    EXPECT_EQ(format("%p", nullptr), "0x0");
+
+    std::string out = "Video format is ";
+    corvina::appendFormat(out, "ProRes 422 %ix%i", 1920, 1080);
+    EXPECT_EQ(out, "Video format is ProRes 422 1920x1080");
+    corvina::appendFormat(out, "!");
+    EXPECT_EQ(out, "Video format is ProRes 422 1920x1080!");
+}
