@@ -182,20 +182,20 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     session.writer->addInput(session.audioInput);
     TQLog::appendLog("7");
 
-    std::shared_ptr<FileHandle> videoHandle = FileHandle::forReadingAtPath(tmpFilename);
-    if (!videoHandle) {
+    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingAtPath(tmpFilename);
+    if (!videoReader) {
         TQLog::appendLog("Error creating video read handle for %@", tmpFilename);
         return 1;
     }
-    setVideoHandle(videoHandle);
+    setVideoHandle(videoReader);
     TQLog::appendLog("8");
 
-    std::shared_ptr<FileHandle> audioHandle = FileHandle::forReadingAtPath(tmpAudioFilename);
-    if (!audioHandle) {
+    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingAtPath(tmpAudioFilename);
+    if (!audioReader) {
         TQLog::appendLog("Error creating audio read handle for %@", tmpAudioFilename);
         return 1;
     }
-    setAudioHandle(audioHandle);
+    setAudioHandle(audioReader);
     TQLog::appendLog("9");
 
     const std::string self = description();
