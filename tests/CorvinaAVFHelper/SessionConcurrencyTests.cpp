@@ -33,8 +33,8 @@ TEST(HelperSessionConcurrency, BothPumpsFeedTheirTracksAtOnce)
     EXPECT_EQ(controller.curVideoSampleIndex(), settings["offsetArray"].count());
     EXPECT_EQ(controller.numAudioSamplesAppended() * 4, expectedAudioBytes(settings, 4).size());
     EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
-    EXPECT_TRUE(streamBytes(movie, 'v') == expectedVideoBytes(settings));
-    EXPECT_TRUE(streamBytes(movie, 'a') == expectedAudioBytes(settings, 4));
+    EXPECT_TRUE(extractStreamBytes(movie, 'v') == expectedVideoBytes(settings));
+    EXPECT_TRUE(extractStreamBytes(movie, 'a') == expectedAudioBytes(settings, 4));
 }
 
 TEST(HelperSessionConcurrency, OneControllerRunsSessionsOneAfterAnother)
@@ -50,7 +50,7 @@ TEST(HelperSessionConcurrency, OneControllerRunsSessionsOneAfterAnother)
         // a fresh controller starts with 0, a reused one resets it here.
         controller.setCurAudioSampleSubIndex(0);
         EXPECT_EQ(controller.createQuickTimeMovie(settings), 0) << run;
-        EXPECT_TRUE(streamBytes(movie, 'a') == expectedAudioBytes(settings, 4)) << run;
+        EXPECT_TRUE(extractStreamBytes(movie, 'a') == expectedAudioBytes(settings, 4)) << run;
     }
 }
 

@@ -68,17 +68,3 @@ std::vector<uint8_t> expectedAudioBytes(const corvina::Value& settings, uint64_t
 
 }  // namespace corvina::test
 
-namespace corvina::test {
-
-// What ffprobe says of each stream of a file: key -> value (codec_tag_string, width, ...).
-std::vector<std::map<std::string, std::string>> probeStreams(const std::string& path);
-// The number of packets ffprobe counts in the first stream of a kind ('v' or 'a'); -1 on error.
-long long probePacketCount(const std::string& path, char kind);
-// The packets of the first stream of a kind, as stored, concatenated by ffmpeg.
-std::vector<uint8_t> streamBytes(const std::string& path, char kind);
-// ffmpeg decodes the whole file without a single error message.
-bool decodesCleanly(const std::string& path, std::string* errors = nullptr);
-// mediainfo reads the file and lists its tracks of the given kinds ("Video", "Audio").
-bool mediainfoSees(const std::string& path, const std::vector<std::string>& kinds);
-
-}  // namespace corvina::test
