@@ -141,8 +141,13 @@ std::string HelperHome::logPath() const
 
 std::vector<std::string> HelperHome::logEntries() const
 {
+    // A fresh home holds one run: its files from the oldest (.5) to the current one (.1).
+    std::string text;
+    const std::string current = logPath();
+    const std::string stem = current.substr(0, current.size() - std::string("1.log").size());
+    for (int n = 5; n >= 1; --n) text += readTextFile(stem + std::to_string(n) + ".log");
     std::vector<std::string> entries;
-    for (const auto& line : splitLines(readTextFile(logPath()))) {
+    for (const auto& line : splitLines(text)) {
         // "yyyy-MM-dd HH:mm:ss +0000 - text"
         if (line.size() >= 28 && line.compare(25, 3, " - ") == 0) {
             entries.push_back(line.substr(28));

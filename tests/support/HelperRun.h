@@ -49,7 +49,7 @@ public:
     std::map<std::string, std::string> environment() const;
     std::string replaySettingsPath() const;  // ~/Downloads/corvina.plist
     std::string logPath() const;             // ~/Library/Logs/Brantwell/CorvinaAVFHelper.1.log
-    // The log's entries with the date prefix removed.
+    // The log's entries with the date prefix removed, across the files the run rotated.
     std::vector<std::string> logEntries() const;
     bool writeSettings(const corvina::Value& settings) const;
     ProcessResult runHelper(const std::vector<std::string>& extraArgs = {}) const;
