@@ -17,7 +17,7 @@
 #include <string>
 
 #include "Dispatch/Dispatch.h"
-#include "Error.h"
+#include "Foundation/Error.h"
 #include "MediaTime/MediaTime.h"
 #include "SampleBuffer/SampleBuffer.h"
 

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "ByteBuffer.h"
+#include "Foundation/ByteBuffer.h"
 #include "FormatDescription.h"
 #include "MediaTime/MediaTime.h"
 

@@ -1,0 +1,163 @@
+#include "QuickTime/MovieFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "QuickTime/AtomWriter.h"
+
+namespace corvina::qt {
+
+namespace {
+
+Error posixError(int err, const std::string& what)
+{
+    return Error{"NSPOSIXErrorDomain", err, what + ": " + std::strerror(err)};
+}
+
+std::vector<uint8_t> fileHeaders()
+{
+    AtomWriter w;
+    {
+        ScopedAtom ftyp(w, fourCC("ftyp"));
+        w.fourcc(fourCC("qt  "));
+        w.u32(0x20050300);
+        w.fourcc(fourCC("qt  "));
+    }
+    {
+        ScopedAtom wide(w, fourCC("wide"));
+    }
+    w.u32(8);  // media data size, patched when the movie is finished
+    w.fourcc(fourCC("mdat"));
+    return w.take();
+}
+
+}  // namespace
+
+std::optional<MovieFile> MovieFile::create(const std::string& path, Error* error)
+{
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        if (error) *error = posixError(errno, "cannot create " + path);
+        return std::nullopt;
+    }
+    MovieFile file(fd);
+    std::vector<uint8_t> headers = fileHeaders();
+    Error failure;
+    if (!file.writeAll(headers.data(), headers.size(), &failure)) {
+        if (error) *error = failure;
+        return std::nullopt;
+    }
+    file.end_ = file.written_ = headers.size();
+    file.buffer_.reserve(kBufferSize);
+    return file;
+}
+
+MovieFile::MovieFile(MovieFile&& other) noexcept
+    : fd_(other.fd_), end_(other.end_), written_(other.written_), buffer_(std::move(other.buffer_))
+{
+    other.fd_ = -1;
+}
+
+MovieFile::~MovieFile() { close(); }
+
+void MovieFile::close()
+{
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+bool MovieFile::writeAll(const uint8_t* data, size_t size, Error* error)
+{
+    while (size) {
+        ssize_t n = ::write(fd_, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *error = posixError(errno, "cannot write the movie");
+            return false;
+        }
+        if (n == 0) {
+            *error = posixError(EIO, "cannot write the movie");
+            return false;
+        }
+        data += n;
+        size -= size_t(n);
+        written_ += uint64_t(n);
+    }
+    return true;
+}
+
+bool MovieFile::writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error)
+{
+    while (size) {
+        ssize_t n = ::pwrite(fd_, data, size, off_t(offset));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *error = posixError(errno, "cannot write the movie");
+            return false;
+        }
+        if (n == 0) {
+            *error = posixError(EIO, "cannot write the movie");
+            return false;
+        }
+        data += n;
+        size -= size_t(n);
+        offset += uint64_t(n);
+    }
+    return true;
+}
+
+bool MovieFile::flush(Error* error)
+{
+    if (buffer_.empty()) return true;
+    bool ok = writeAll(buffer_.data(), buffer_.size(), error);
+    buffer_.clear();
+    return ok;
+}
+
+bool MovieFile::append(std::span<const uint8_t> bytes, Error* error)
+{
+    if (fd_ < 0) {
+        *error = posixError(EBADF, "cannot write the movie");
+        return false;
+    }
+    end_ += bytes.size();
+    if (buffer_.size() + bytes.size() > kBufferSize && !flush(error)) return false;
+    if (bytes.size() >= kBufferSize) return writeAll(bytes.data(), bytes.size(), error);
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+    return true;
+}
+
+bool MovieFile::finish(std::span<const uint8_t> movieAtom, Error* error)
+{
+    if (fd_ < 0) {
+        *error = posixError(EBADF, "cannot write the movie");
+        return false;
+    }
+    if (!flush(error)) return false;
+    uint64_t mdatSize = end_ - (kWideAtomOffset + 8);
+    AtomWriter header;
+    uint64_t at;
+    if (mdatSize <= 0xFFFFFFFFull) {
+        header.u32(uint32_t(mdatSize));
+        at = kWideAtomOffset + 8;
+    } else {
+        // The 'wide' atom's 8 bytes become the start of a 16-byte 64-bit header.
+        header.u32(1);
+        header.fourcc(fourCC("mdat"));
+        header.u64(end_ - kWideAtomOffset);
+        at = kWideAtomOffset;
+    }
+    if (!writeAll(movieAtom.data(), movieAtom.size(), error)) return false;
+    end_ += movieAtom.size();
+    if (!writeAt(at, header.bytes().data(), header.size(), error)) return false;
+    if (::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) {
+        *error = posixError(errno, "cannot write the movie");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace corvina::qt

@@ -1,0 +1,48 @@
+// The movie file being written: the file type and media data headers at its start, chunk
+// data appended through a large buffer, the movie atom at the end, and the media data size
+// patched in last (64-bit when the data passed 4 GB, using the room of the 'wide' atom).
+// Not thread-safe: the writer serialises every call.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "Foundation/Error.h"
+
+namespace corvina::qt {
+
+class MovieFile {
+public:
+    static constexpr size_t kBufferSize = 4u << 20;
+    static constexpr uint64_t kWideAtomOffset = 20;  // after the 20-byte 'ftyp'
+    static constexpr uint64_t kMediaDataStart = 36;  // 'ftyp', 'wide', 'mdat' header
+
+    // Creates the file (never replacing one) and writes the headers.
+    static std::optional<MovieFile> create(const std::string& path, Error* error);
+    MovieFile(MovieFile&& other) noexcept;
+    MovieFile& operator=(MovieFile&&) = delete;
+    ~MovieFile();
+
+    // The offset the next appended bytes will have.
+    uint64_t end() const { return end_; }
+    bool append(std::span<const uint8_t> bytes, Error* error);
+    // Flushes, patches the media data size and appends the movie atom.
+    bool finish(std::span<const uint8_t> movieAtom, Error* error);
+    void close();
+
+private:
+    explicit MovieFile(int fd) : fd_(fd) {}
+    bool writeAll(const uint8_t* data, size_t size, Error* error);
+    bool writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error);
+    bool flush(Error* error);
+
+    int fd_ = -1;
+    uint64_t end_ = 0;      // logical end, buffered bytes included
+    uint64_t written_ = 0;  // bytes on disk
+    std::vector<uint8_t> buffer_;
+};
+
+}  // namespace corvina::qt

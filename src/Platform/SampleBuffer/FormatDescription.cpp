@@ -1,0 +1,64 @@
+#include "SampleBuffer/FormatDescription.h"
+
+#include <cstdio>
+
+namespace corvina {
+
+namespace {
+
+std::string fourCCText(FourCharCode code)
+{
+    std::string text(4, ' ');
+    for (int i = 0; i < 4; ++i) text[i] = char((code >> (24 - 8 * i)) & 0xFF);
+    return text;
+}
+
+}  // namespace
+
+OSStatus FormatDescription::createVideo(FourCharCode codecType, int32_t width, int32_t height,
+                                        std::shared_ptr<const FormatDescription>* out)
+{
+    if (!out || width < 0 || height < 0) return kFormatDescriptionInvalidParameter;
+    // make_shared cannot reach the private constructor.
+    std::shared_ptr<FormatDescription> made(new FormatDescription());  // NOLINT: private constructor
+    made->mediaType_ = MediaType::Video;
+    made->subType_ = codecType;
+    made->width_ = width;
+    made->height_ = height;
+    *out = std::move(made);
+    return kNoErr;
+}
+
+OSStatus FormatDescription::createAudio(const AudioStreamBasicDescription& asbd, const AudioChannelLayout* layout,
+                                        size_t layoutSize, std::shared_ptr<const FormatDescription>* out)
+{
+    if (!out) return kFormatDescriptionInvalidParameter;
+    if (!(asbd.mSampleRate > 0) || asbd.mChannelsPerFrame == 0) return kFormatDescriptionInvalidParameter;
+    if (layout && layoutSize < AudioChannelLayout::byteSize(layout->mChannelDescriptions.size()))
+        return kFormatDescriptionInvalidParameter;
+    std::shared_ptr<FormatDescription> made(new FormatDescription());  // NOLINT: private constructor
+    made->mediaType_ = MediaType::Audio;
+    made->subType_ = asbd.mFormatID;
+    made->asbd_ = asbd;
+    if (layout) made->layout_ = *layout;
+    *out = std::move(made);
+    return kNoErr;
+}
+
+std::string FormatDescription::description() const
+{
+    char text[256];
+    if (mediaType_ == MediaType::Video) {
+        std::snprintf(text, sizeof text, "<FormatDescription video '%s' %dx%d>", fourCCText(subType_).c_str(),
+                      int(width_), int(height_));
+    } else {
+        const auto& a = *asbd_;
+        std::snprintf(text, sizeof text,
+                      "<FormatDescription audio '%s' %.0f Hz, %u ch, %u bits, flags 0x%x, %u bytes/frame, layout 0x%x>",
+                      fourCCText(subType_).c_str(), a.mSampleRate, a.mChannelsPerFrame, a.mBitsPerChannel,
+                      a.mFormatFlags, a.mBytesPerFrame, layout_ ? layout_->mChannelLayoutTag : 0u);
+    }
+    return text;
+}
+
+}  // namespace corvina

@@ -1,0 +1,363 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "QuickTime/TrackTables.h"
+#include "WriterTestSupport.h"
+
+namespace corvina {
+namespace {
+
+using namespace testing_support;
+using test::checkMovieStructure;
+using test::MovieSummary;
+
+constexpr uint32_t kVide = fourCC("vide");
+constexpr uint32_t kSoun = fourCC("soun");
+
+struct Writer {
+    std::unique_ptr<AssetWriter> writer;
+    std::shared_ptr<AssetWriterInput> video = AssetWriterInput::create(MediaType::Video);
+    std::shared_ptr<AssetWriterInput> audio = AssetWriterInput::create(MediaType::Audio);
+
+    explicit Writer(const std::string& path)
+    {
+        Error error;
+        writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+        EXPECT_TRUE(writer) << error.localizedDescription;
+        if (!writer) return;
+        EXPECT_TRUE(writer->canAddInput(*video));
+        writer->addInput(video);
+        writer->addInput(audio);
+        EXPECT_TRUE(writer->startWriting());
+        writer->startSessionAtSourceTime(MediaTime::zero());
+    }
+};
+
+// Video frames of 1001/30000 s with sizes from a pattern; returns the bytes appended.
+std::vector<uint8_t> appendFrames(AssetWriterInput& input, const FormatDescriptionRef& f, int frames,
+                                  const std::vector<size_t>& sizePattern, uint32_t seed)
+{
+    std::vector<uint8_t> all;
+    for (int i = 0; i < frames; ++i) {
+        auto bytes = randomBytes(sizePattern[size_t(i) % sizePattern.size()], seed + uint32_t(i));
+        auto s = oneSample(f, bytes, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000));
+        EXPECT_TRUE(input.isReadyForMoreMediaData());
+        EXPECT_TRUE(input.appendSampleBuffer(*s)) << "frame " << i;
+        all.insert(all.end(), bytes.begin(), bytes.end());
+    }
+    return all;
+}
+
+TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
+{
+    struct Row {
+        FourCharCode codec;
+        int32_t width, height;
+        std::vector<size_t> sizes;
+        const char* compressor;
+    } rows[] = {
+        {fourCC("dvc "), 720, 480, {120000}, "DV NTSC"},
+        {fourCC("apcn"), 1920, 1080, {30000, 41000, 28000}, "ProRes 422"},
+        {fourCC("jpeg"), 720, 576, {9000, 9100}, "Motion JPEG"},
+        {fourCC("dvh6"), 1920, 1080, {576000}, "DVCPRO HD 1080i60"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(test::fourCCString(r.codec));
+        ScratchDir dir;
+        std::string path = dir.file("video.mov");
+        std::vector<uint8_t> bytes;
+        {
+            Writer w(path);
+            ASSERT_TRUE(w.writer);
+            bytes = appendFrames(*w.video, videoFormat(r.codec, r.width, r.height), 45, r.sizes, 7);
+            EXPECT_TRUE(w.writer->finishWriting());
+            EXPECT_EQ(w.writer->status(), AssetWriterStatus::Completed);
+        }
+        MovieSummary m;
+        auto problems = checkMovieStructure(path, &m);
+        EXPECT_TRUE(problems.empty()) << problemsText(problems);
+        ASSERT_EQ(m.tracks.size(), 1u);
+        const auto& t = m.tracks[0];
+        EXPECT_EQ(t.handler, kVide);
+        EXPECT_EQ(t.codec, r.codec);
+        EXPECT_EQ(t.timescale, 30000u);
+        EXPECT_EQ(t.mediaDuration, 45u * 1001);
+        EXPECT_EQ(t.tkhdDuration, (45u * 1001 * 600 + 29999) / 30000);
+        EXPECT_EQ(t.tkhdFlags, 0xFu);
+        EXPECT_EQ(t.width, uint32_t(r.width));
+        EXPECT_EQ(t.sampleWidth, r.width);
+        EXPECT_EQ(t.sampleHeight, r.height);
+        EXPECT_EQ(t.compressorName, r.compressor);
+        EXPECT_EQ(t.depth, 24);
+        EXPECT_EQ(t.constantSize != 0, r.sizes.size() == 1) << "stsz keeps one size only when all are equal";
+        EXPECT_EQ(m.movieTimescale, 600u);
+        EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), bytes);
+
+        auto streams = test::ffprobeStreams(path);
+        ASSERT_EQ(streams.size(), 1u);
+        EXPECT_EQ(streams[0]["codec_tag_string"], test::fourCCString(r.codec));
+        if (r.codec != fourCC("dvh6")) {  // the DV decoder reports the coded (subsampled) width of HD DV
+            EXPECT_EQ(streams[0]["width"], std::to_string(r.width));
+            EXPECT_EQ(streams[0]["height"], std::to_string(r.height));
+        }
+        EXPECT_EQ(streams[0]["time_base"], "1/30000");
+        EXPECT_EQ(streams[0]["nb_frames"], "45");
+        EXPECT_EQ(streams[0]["duration"], "1.501500");
+        EXPECT_EQ(test::ffprobePacketCount(path, 0), 45);
+        EXPECT_EQ(test::extractStreamBytes(path, 'v'), bytes);
+        std::string diagnostics;
+        EXPECT_TRUE(test::ffmpegDemuxesCleanly(path, &diagnostics)) << diagnostics;
+        EXPECT_TRUE(test::mediainfoAccepts(path, &diagnostics)) << diagnostics;
+    }
+}
+
+TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
+{
+    struct Row {
+        uint32_t rate;
+        Layout layout;
+        bool bigEndian;
+        int framesPerBuffer;  // 1: one frame a buffer; more: multi-sample buffers
+        const char* channelLayout;
+    } rows[] = {
+        {48000, Layout::Stereo, false, 1, "stereo"}, {44100, Layout::Stereo, true, 1, "stereo"},
+        {32000, Layout::Mono, false, 1, "mono"},     {48000, Layout::Mono, true, 480, "mono"},
+        {48000, Layout::LtRt, false, 1, nullptr},    {44100, Layout::LtRt, true, 441, nullptr},
+        {32000, Layout::Stereo, false, 320, "stereo"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::to_string(r.rate) + " layout " + std::to_string(int(r.layout)) + (r.bigEndian ? " BE" : " LE"));
+        ScratchDir dir;
+        std::string path = dir.file("audio.mov");
+        uint32_t channels = r.layout == Layout::Mono ? 1 : 2;
+        uint32_t bpf = 2 * channels;
+        size_t frames = size_t(r.rate) * 3 / 2;  // 1.5 s
+        auto pcm = pcmTone(frames, channels, r.bigEndian, r.rate);
+        auto format = audioFormat(r.rate, r.layout, r.bigEndian);
+        {
+            Writer w(path);
+            ASSERT_TRUE(w.writer);
+            for (size_t at = 0; at < frames; at += size_t(r.framesPerBuffer)) {
+                auto s = makeSample(format, &pcm[at * bpf], bpf * size_t(r.framesPerBuffer), r.framesPerBuffer,
+                                    {{MediaTime::make(1, int32_t(r.rate)), MediaTime::make(int64_t(at), int32_t(r.rate)),
+                                      MediaTime::invalid()}},
+                                    {bpf});
+                ASSERT_TRUE(w.audio->appendSampleBuffer(*s));
+            }
+            EXPECT_TRUE(w.writer->finishWriting());
+        }
+        MovieSummary m;
+        auto problems = checkMovieStructure(path, &m);
+        EXPECT_TRUE(problems.empty()) << problemsText(problems);
+        ASSERT_EQ(m.tracks.size(), 1u);
+        const auto& t = m.tracks[0];
+        EXPECT_EQ(t.handler, kSoun);
+        EXPECT_EQ(t.codec, kAudioFormatLinearPCM);
+        EXPECT_EQ(t.timescale, r.rate);
+        EXPECT_EQ(t.sampleCount, frames);
+        EXPECT_EQ(t.constantSize, bpf);
+        ASSERT_EQ(t.timeToSample.size(), 1u);
+        EXPECT_EQ(t.timeToSample[0], std::make_pair(uint32_t(frames), 1u));
+        EXPECT_EQ(t.soundVersion, 2);
+        EXPECT_EQ(t.sampleRate, double(r.rate));
+        EXPECT_EQ(t.channels, channels);
+        EXPECT_EQ(t.formatFlags, r.bigEndian ? 14u : 12u);
+        EXPECT_EQ(t.bytesPerFrame, bpf);
+        EXPECT_EQ(t.volume, 0x0100);
+        ASSERT_TRUE(t.hasChannelLayout);
+        if (r.layout == Layout::LtRt) {
+            EXPECT_EQ(t.layoutTag, 0u);
+            EXPECT_EQ(t.channelLabels, (std::vector<uint32_t>{42, 42}));
+        } else {
+            EXPECT_EQ(t.layoutTag, r.layout == Layout::Stereo ? kAudioChannelLayoutTag_Stereo : kAudioChannelLayoutTag_Mono);
+        }
+        // Chunks of about half a second.
+        for (uint32_t n : t.samplesPerChunk()) EXPECT_LE(n, r.rate / 2 + uint32_t(r.framesPerBuffer));
+        EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), pcm);
+
+        auto streams = test::ffprobeStreams(path);
+        ASSERT_EQ(streams.size(), 1u);
+        EXPECT_EQ(streams[0]["codec_name"], r.bigEndian ? "pcm_s16be" : "pcm_s16le");
+        EXPECT_EQ(streams[0]["sample_rate"], std::to_string(r.rate));
+        EXPECT_EQ(streams[0]["channels"], std::to_string(channels));
+        EXPECT_EQ(streams[0]["sample_fmt"], "s16");
+        EXPECT_EQ(streams[0]["duration"], "1.500000");
+        if (r.channelLayout) {
+            EXPECT_EQ(streams[0]["channel_layout"], r.channelLayout);
+        }
+        EXPECT_EQ(test::extractStreamBytes(path, 'a'), pcm);
+        std::string diagnostics;
+        EXPECT_TRUE(test::ffmpegDecodesCleanly(path, &diagnostics)) << diagnostics;
+        EXPECT_TRUE(test::mediainfoAccepts(path, &diagnostics)) << diagnostics;
+    }
+}
+
+TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
+{
+    ScratchDir dir;
+    std::string path = dir.file("multi.mov");
+    auto f = videoFormat(fourCC("apch"), 1280, 720);
+    auto bytes = randomBytes(9000, 3);
+    const MediaTime d = MediaTime::make(1001, 30000);
+    {
+        Writer w(path);
+        ASSERT_TRUE(w.writer);
+        // Three samples with their own sizes and one shared timing entry.
+        EXPECT_TRUE(w.video->appendSampleBuffer(
+            *makeSample(f, bytes.data(), 6000, 3, {{d, MediaTime::zero(), MediaTime::invalid()}}, {1000, 2000, 3000})));
+        // Three equal samples from one size entry.
+        EXPECT_TRUE(w.video->appendSampleBuffer(
+            *makeSample(f, bytes.data() + 6000, 3000, 3, {{d, MediaTime::make(3003, 30000), MediaTime::invalid()}}, {1000})));
+        // One size entry naming the whole block: one sample lasting two durations.
+        EXPECT_TRUE(w.video->appendSampleBuffer(
+            *makeSample(f, bytes.data(), 3001, 2, {{d, MediaTime::make(6006, 30000), MediaTime::invalid()}}, {3001})));
+        // Per-sample timing entries.
+        EXPECT_TRUE(w.video->appendSampleBuffer(*makeSample(
+            f, bytes.data(), 200, 2,
+            {{MediaTime::make(1001, 30000), MediaTime::make(8008, 30000), MediaTime::invalid()},
+             {MediaTime::make(2002, 30000), MediaTime::make(9009, 30000), MediaTime::invalid()}},
+            {100, 100})));
+        EXPECT_TRUE(w.writer->finishWriting());
+    }
+    MovieSummary m;
+    auto problems = checkMovieStructure(path, &m);
+    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    ASSERT_EQ(m.tracks.size(), 1u);
+    const auto& t = m.tracks[0];
+    EXPECT_EQ(t.sampleCount, 9u);
+    EXPECT_EQ(t.sampleSizes, (std::vector<uint32_t>{1000, 2000, 3000, 1000, 1000, 1000, 3001, 100, 100}));
+    using Run = std::pair<uint32_t, uint32_t>;
+    EXPECT_EQ(t.timeToSample, (std::vector<Run>{{6, 1001}, {1, 2002}, {1, 1001}, {1, 2002}}));
+    EXPECT_EQ(t.mediaDuration, 11u * 1001);
+    std::vector<uint8_t> expected(bytes.begin(), bytes.begin() + 9000);
+    expected.insert(expected.end(), bytes.begin(), bytes.begin() + 3001);
+    expected.insert(expected.end(), bytes.begin(), bytes.begin() + 200);
+    EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), expected);
+    EXPECT_EQ(test::ffprobePacketCount(path, 0), 9);
+}
+
+TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
+{
+    ScratchDir dir;
+    std::string path = dir.file("both.mov");
+    auto vf = videoFormat(fourCC("dv5n"), 720, 480);
+    auto af = audioFormat(48000, Layout::Stereo, false);
+    auto frame = randomBytes(24000, 9);  // 0.5 s of frames stays below the 1 MiB chunk limit
+    auto pcm = pcmTone(1601, 2, false, 48000);
+    const int frames = 150;  // 5 s
+    {
+        Writer w(path);
+        ASSERT_TRUE(w.writer);
+        int64_t audioFrames = 0;
+        for (int i = 0; i < frames; ++i) {
+            EXPECT_TRUE(w.video->appendSampleBuffer(
+                *oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))));
+            // Audio follows: 1601 or 1602 frames per video frame (48000 * 1001 / 30000 = 1601.6).
+            int64_t target = (int64_t(i) + 1) * 48048 / 30;
+            int64_t n = target - audioFrames;
+            EXPECT_TRUE(w.audio->appendSampleBuffer(*makeSample(
+                af, pcm.data(), size_t(n) * 4, n,
+                {{MediaTime::make(1, 48000), MediaTime::make(audioFrames, 48000), MediaTime::invalid()}}, {4})));
+            audioFrames = target;
+        }
+        EXPECT_TRUE(w.writer->finishWriting());
+    }
+    MovieSummary m;
+    auto problems = checkMovieStructure(path, &m);
+    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    ASSERT_EQ(m.tracks.size(), 2u);
+    EXPECT_EQ(m.tracks[0].trackID, 1u);
+    EXPECT_EQ(m.tracks[1].trackID, 2u);
+    EXPECT_EQ(m.nextTrackID, 3u);
+    // Merge the chunk offsets and check that the tracks take turns.
+    std::vector<std::pair<uint64_t, int>> chunks;
+    for (int k = 0; k < 2; ++k)
+        for (uint64_t o : m.tracks[size_t(k)].chunkOffsets) chunks.emplace_back(o, k);
+    std::sort(chunks.begin(), chunks.end());
+    ASSERT_GE(chunks.size(), 18u);
+    int longestRun = 1, run = 1;
+    for (size_t i = 1; i < chunks.size(); ++i) {
+        run = chunks[i].second == chunks[i - 1].second ? run + 1 : 1;
+        longestRun = std::max(longestRun, run);
+    }
+    EXPECT_LE(longestRun, 2) << "chunks should alternate between the tracks";
+    auto streams = test::ffprobeStreams(path);
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
+    EXPECT_EQ(streams[1]["duration"], "5.005000");
+    EXPECT_TRUE(test::ffmpegDemuxesCleanly(path));
+    EXPECT_TRUE(test::mediainfoAccepts(path));
+}
+
+TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
+{
+    ScratchDir dir;
+    Writer w(dir.file("refuse.mov"));
+    ASSERT_TRUE(w.writer);
+    auto audioSample = oneSample(audioFormat(48000, Layout::Mono, false), {1, 2}, MediaTime::zero(), MediaTime::make(1, 48000));
+    EXPECT_FALSE(w.video->appendSampleBuffer(*audioSample)) << "audio on a video track";
+    EXPECT_TRUE(w.audio->appendSampleBuffer(*audioSample));
+    w.audio->markAsFinished();
+    EXPECT_FALSE(w.audio->appendSampleBuffer(*audioSample)) << "after markAsFinished";
+    EXPECT_FALSE(w.audio->isReadyForMoreMediaData());
+    EXPECT_TRUE(w.writer->finishWriting());
+    EXPECT_FALSE(w.video->appendSampleBuffer(*oneSample(videoFormat(fourCC("dvc "), 720, 480), {1, 2, 3},
+                                                        MediaTime::zero(), MediaTime::make(1001, 30000))));
+    EXPECT_FALSE(AssetWriterInput::create(MediaType::Video, &w));  // output settings are not supported
+}
+
+TEST(AssetWriter, CreateFailsForExistingFileMissingFolderOrUnknownType)
+{
+    ScratchDir dir;
+    std::string existing = dir.file("existing.mov");
+    std::ofstream(existing) << "keep me";
+    struct Row {
+        std::string path;
+        std::string type;
+    } rows[] = {
+        {existing, kFileTypeQuickTimeMovie},
+        {dir.file("no/such/folder/movie.mov"), kFileTypeQuickTimeMovie},
+        {dir.file("other.mov"), "public.mpeg-4"},
+    };
+    for (const auto& r : rows) {
+        Error error;
+        EXPECT_FALSE(AssetWriter::create(r.path, r.type, &error)) << r.path;
+        EXPECT_FALSE(error.localizedDescription.empty());
+        EXPECT_NE(error.code, 0);
+    }
+    std::ifstream in(existing);
+    std::string content;
+    std::getline(in, content);
+    EXPECT_EQ(content, "keep me") << "an existing file is never touched";
+}
+
+TEST(TrackTables, AnHourOfStereoAudioCostsChunksNotSamples)
+{
+    qt::TrackTables tables;
+    uint64_t offset = 36;
+    for (int chunk = 0; chunk < 7200; ++chunk) {  // 0.5 s chunks of one-frame samples
+        for (int i = 0; i < 24; ++i) tables.addSamples(1000, 4, 1);
+        tables.addChunk(offset, 24000);
+        offset += 96000;
+    }
+    EXPECT_EQ(tables.sampleCount(), 172800000u);
+    EXPECT_EQ(tables.mediaDuration(), 172800000u);
+    EXPECT_TRUE(tables.sizesConstant());
+    EXPECT_EQ(tables.timeToSample().size(), 1u);
+    EXPECT_EQ(tables.sampleToChunk().size(), 1u);
+    EXPECT_LT(tables.heapBytes(), 200u * 1024);
+
+    qt::TrackTables video;
+    video.addSamples(2, 100, 1001);
+    video.addSamples(1, 120, 1001);
+    EXPECT_FALSE(video.sizesConstant());
+    EXPECT_EQ(video.sampleSizes(), (std::vector<uint32_t>{100, 100, 120}));
+    video.addChunk(uint64_t(5) << 30, 3);
+    EXPECT_TRUE(video.needs64BitOffsets());
+}
+
+}  // namespace
+}  // namespace corvina

@@ -1,0 +1,123 @@
+// Building blocks for movie-writer tests: a scratch folder, format descriptions of every
+// supported kind, and sample buffers made from synthetic bytes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "MovieCheck.h"
+#include "QuickTime/AssetWriter.h"
+
+namespace corvina::testing_support {
+
+class ScratchDir {
+public:
+    ScratchDir()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "writer-test-XXXXXX").string();
+        if (::mkdtemp(pattern.data())) path_ = pattern;
+    }
+    ~ScratchDir()
+    {
+        std::error_code ec;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+enum class Layout { Mono, Stereo, LtRt };
+
+inline FormatDescriptionRef videoFormat(FourCharCode codec, int32_t w, int32_t h)
+{
+    FormatDescriptionRef f;
+    EXPECT_EQ(FormatDescription::createVideo(codec, w, h, &f), kNoErr);
+    return f;
+}
+
+inline FormatDescriptionRef audioFormat(uint32_t rate, Layout layout, bool bigEndian)
+{
+    uint32_t channels = layout == Layout::Mono ? 1 : 2;
+    AudioStreamBasicDescription a{double(rate),
+                                  kAudioFormatLinearPCM,
+                                  bigEndian ? 14u : 12u,
+                                  2 * channels,
+                                  1,
+                                  2 * channels,
+                                  channels,
+                                  16,
+                                  0};
+    AudioChannelLayout l;
+    if (layout == Layout::Stereo) l.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
+    if (layout == Layout::Mono) l.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
+    if (layout == Layout::LtRt)
+        l.mChannelDescriptions = {AudioChannelDescription{kAudioChannelLabel_Mono, 0, {}},
+                                  AudioChannelDescription{kAudioChannelLabel_Mono, 0, {}}};
+    FormatDescriptionRef f;
+    EXPECT_EQ(FormatDescription::createAudio(a, &l, AudioChannelLayout::byteSize(l.mChannelDescriptions.size()), &f),
+              kNoErr);
+    return f;
+}
+
+inline std::vector<uint8_t> randomBytes(size_t n, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    std::vector<uint8_t> v(n);
+    for (auto& b : v) b = uint8_t(rng());
+    return v;
+}
+
+// Interleaved 16-bit PCM of a tone, in the format's byte order.
+inline std::vector<uint8_t> pcmTone(size_t frames, uint32_t channels, bool bigEndian, uint32_t rate, size_t startFrame = 0)
+{
+    std::vector<uint8_t> v(frames * channels * 2);
+    for (size_t i = 0; i < frames; ++i) {
+        for (uint32_t c = 0; c < channels; ++c) {
+            double t = double(startFrame + i) / rate;
+            auto s = int16_t(std::lround(12000 * std::sin(2 * M_PI * (440.0 + 220 * c) * t)));
+            uint8_t* p = &v[(i * channels + c) * 2];
+            uint16_t u = uint16_t(s);
+            p[bigEndian ? 0 : 1] = uint8_t(u >> 8);
+            p[bigEndian ? 1 : 0] = uint8_t(u & 0xFF);
+        }
+    }
+    return v;
+}
+
+inline std::unique_ptr<SampleBuffer> makeSample(const FormatDescriptionRef& format, const uint8_t* bytes, size_t length,
+                                                int64_t numSamples, std::vector<SampleTimingInfo> timing,
+                                                std::vector<size_t> sizes)
+{
+    std::unique_ptr<BlockBuffer> block;
+    EXPECT_EQ(BlockBuffer::createWithMemoryBlock(ByteBuffer(bytes, length), length, &block), kNoErr);
+    std::unique_ptr<SampleBuffer> s;
+    EXPECT_EQ(SampleBuffer::create(std::move(block), true, format, numSamples, timing, sizes, &s), kNoErr);
+    return s;
+}
+
+inline std::unique_ptr<SampleBuffer> oneSample(const FormatDescriptionRef& format, const std::vector<uint8_t>& bytes,
+                                               MediaTime pts, MediaTime duration)
+{
+    return makeSample(format, bytes.data(), bytes.size(), 1, {{duration, pts, MediaTime::invalid()}},
+                      {bytes.size()});
+}
+
+inline std::string problemsText(const std::vector<std::string>& problems)
+{
+    std::string s;
+    for (const auto& p : problems) s += p + "\n";
+    return s;
+}
+
+}  // namespace corvina::testing_support

@@ -1,0 +1,667 @@
+#include "MovieCheck.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <sstream>
+
+namespace corvina::test {
+
+namespace {
+
+constexpr uint32_t fcc(const char (&s)[5])
+{
+    return (uint32_t(uint8_t(s[0])) << 24) | (uint32_t(uint8_t(s[1])) << 16) | (uint32_t(uint8_t(s[2])) << 8) |
+           uint32_t(uint8_t(s[3]));
+}
+
+class Fd {
+public:
+    explicit Fd(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~Fd()
+    {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    bool ok() const { return fd_ >= 0; }
+    bool readAt(uint64_t offset, void* out, size_t size) const
+    {
+        auto* p = static_cast<uint8_t*>(out);
+        while (size) {
+            ssize_t n = ::pread(fd_, p, size, off_t(offset));
+            if (n <= 0) return false;
+            p += n;
+            size -= size_t(n);
+            offset += uint64_t(n);
+        }
+        return true;
+    }
+    uint64_t size() const
+    {
+        struct stat st {};
+        return ::fstat(fd_, &st) == 0 ? uint64_t(st.st_size) : 0;
+    }
+
+private:
+    int fd_;
+};
+
+// A bounded big-endian cursor over a byte range.
+struct Cursor {
+    const uint8_t* p;
+    size_t left;
+    bool bad = false;
+
+    bool need(size_t n)
+    {
+        if (left < n) bad = true;
+        return !bad;
+    }
+    uint64_t be(int n)
+    {
+        if (!need(size_t(n))) return 0;
+        uint64_t v = 0;
+        for (int i = 0; i < n; ++i) v = (v << 8) | p[i];
+        p += n;
+        left -= size_t(n);
+        return v;
+    }
+    uint8_t u8() { return uint8_t(be(1)); }
+    uint16_t u16() { return uint16_t(be(2)); }
+    uint32_t u32() { return uint32_t(be(4)); }
+    uint64_t u64() { return be(8); }
+    void skip(size_t n)
+    {
+        if (need(n)) {
+            p += n;
+            left -= n;
+        }
+    }
+};
+
+struct Atom {
+    uint32_t type;
+    const uint8_t* body;
+    size_t size;  // body size
+};
+
+// Splits a range into atoms; reports atoms that do not fit.
+std::vector<Atom> children(const uint8_t* p, size_t size, const std::string& where, std::vector<std::string>& problems)
+{
+    std::vector<Atom> out;
+    size_t at = 0;
+    while (at < size) {
+        if (size - at < 8) {
+            problems.push_back(where + ": " + std::to_string(size - at) + " stray bytes at the end");
+            break;
+        }
+        Cursor c{p + at, size - at};
+        uint64_t atomSize = c.u32();
+        uint32_t type = c.u32();
+        size_t header = 8;
+        if (atomSize == 1) {
+            atomSize = c.u64();
+            header = 16;
+        }
+        if (atomSize < header || atomSize > size - at) {
+            problems.push_back(where + ": atom '" + fourCCString(type) + "' of size " + std::to_string(atomSize) +
+                               " does not fit");
+            break;
+        }
+        out.push_back({type, p + at + header, size_t(atomSize) - header});
+        at += size_t(atomSize);
+    }
+    return out;
+}
+
+const Atom* find(const std::vector<Atom>& atoms, uint32_t type)
+{
+    for (const auto& a : atoms)
+        if (a.type == type) return &a;
+    return nullptr;
+}
+
+class TrackParser {
+public:
+    TrackParser(MovieTrack& t, std::vector<std::string>& problems, std::string where)
+        : t_(t), problems_(problems), where_(std::move(where))
+    {
+    }
+
+    void parseTrak(const Atom& trak)
+    {
+        auto kids = children(trak.body, trak.size, where_, problems_);
+        if (const Atom* a = require(kids, "tkhd")) parseTkhd(*a);
+        if (const Atom* edts = require(kids, "edts")) {
+            auto e = children(edts->body, edts->size, where_ + "/edts", problems_);
+            if (const Atom* elst = require(e, "elst")) parseElst(*elst);
+        }
+        const Atom* mdia = require(kids, "mdia");
+        if (!mdia) return;
+        auto m = children(mdia->body, mdia->size, where_ + "/mdia", problems_);
+        if (const Atom* a = require(m, "mdhd")) parseMdhd(*a);
+        if (const Atom* a = require(m, "hdlr")) {
+            Cursor c{a->body, a->size};
+            c.skip(4);
+            if (c.u32() != fcc("mhlr")) problem("media hdlr component type is not 'mhlr'");
+            t_.handler = c.u32();
+        }
+        const Atom* minf = require(m, "minf");
+        if (!minf) return;
+        auto mi = children(minf->body, minf->size, where_ + "/minf", problems_);
+        if (t_.handler == fcc("vide")) require(mi, "vmhd");
+        if (t_.handler == fcc("soun")) require(mi, "smhd");
+        if (const Atom* a = require(mi, "hdlr")) {
+            Cursor c{a->body, a->size};
+            c.skip(4);
+            if (c.u32() != fcc("dhlr") || c.u32() != fcc("alis")) problem("data hdlr is not 'dhlr'/'alis'");
+        }
+        if (const Atom* dinf = require(mi, "dinf")) {
+            auto d = children(dinf->body, dinf->size, where_ + "/dinf", problems_);
+            if (const Atom* dref = require(d, "dref")) {
+                Cursor c{dref->body, dref->size};
+                c.skip(4);
+                if (c.u32() != 1) problem("dref does not have one entry");
+                auto entries = children(c.p, c.left, where_ + "/dref", problems_);
+                if (entries.size() != 1 || entries[0].type != fcc("alis") || entries[0].size < 4 ||
+                    (Cursor{entries[0].body, 4}.u32() & 1) != 1)
+                    problem("dref entry is not a self-referencing 'alis'");
+            }
+        }
+        const Atom* stbl = require(mi, "stbl");
+        if (!stbl) return;
+        auto s = children(stbl->body, stbl->size, where_ + "/stbl", problems_);
+        if (const Atom* a = require(s, "stsd")) parseStsd(*a);
+        if (const Atom* a = require(s, "stts")) parseStts(*a);
+        if (const Atom* a = require(s, "stsc")) parseStsc(*a);
+        if (const Atom* a = require(s, "stsz")) parseStsz(*a);
+        const Atom* stco = find(s, fcc("stco"));
+        const Atom* co64 = find(s, fcc("co64"));
+        if (!stco && !co64) problem("no chunk offset table");
+        if (stco && co64) problem("both stco and co64");
+        if (stco || co64) parseChunkOffsets(stco ? *stco : *co64, co64 != nullptr);
+    }
+
+private:
+    void problem(const std::string& text) { problems_.push_back(where_ + ": " + text); }
+    const Atom* require(const std::vector<Atom>& atoms, const char (&type)[5])
+    {
+        const Atom* a = find(atoms, fcc(type));
+        if (!a) problem(std::string("missing '") + type + "'");
+        return a;
+    }
+    void checked(const Cursor& c, const char* what)
+    {
+        if (c.bad) problem(std::string(what) + " is truncated");
+    }
+
+    void parseTkhd(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        uint32_t vf = c.u32();
+        bool v1 = (vf >> 24) == 1;
+        t_.tkhdFlags = vf & 0xFFFFFF;
+        c.skip(v1 ? 16 : 8);
+        t_.trackID = c.u32();
+        c.skip(4);
+        t_.tkhdDuration = v1 ? c.u64() : c.u32();
+        c.skip(8 + 4);
+        t_.volume = c.u16();
+        c.skip(2 + 36);
+        t_.width = c.u32() >> 16;
+        t_.height = c.u32() >> 16;
+        checked(c, "tkhd");
+    }
+    void parseElst(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        bool v1 = (c.u32() >> 24) == 1;
+        if (c.u32() != 1) problem("elst does not have one entry");
+        t_.editDuration = v1 ? c.u64() : c.u32();
+        int64_t mediaTime = v1 ? int64_t(c.u64()) : int32_t(c.u32());
+        if (mediaTime != 0) problem("edit does not start at media time 0");
+        if (c.u32() != 0x00010000) problem("edit rate is not 1.0");
+        checked(c, "elst");
+    }
+    void parseMdhd(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        bool v1 = (c.u32() >> 24) == 1;
+        c.skip(v1 ? 16 : 8);
+        t_.timescale = c.u32();
+        t_.mediaDuration = v1 ? c.u64() : c.u32();
+        checked(c, "mdhd");
+    }
+    void parseStsd(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        c.skip(4);
+        if (c.u32() != 1) problem("stsd does not have one entry");
+        auto entries = children(c.p, c.left, where_ + "/stsd", problems_);
+        if (entries.empty()) return;
+        const Atom& e = entries[0];
+        t_.codec = e.type;
+        Cursor d{e.body, e.size};
+        d.skip(6);
+        if (d.u16() != 1) problem("sample description does not use data reference 1");
+        if (t_.handler == fcc("vide")) {
+            d.skip(2 + 2 + 4 + 4 + 4);
+            t_.sampleWidth = d.u16();
+            t_.sampleHeight = d.u16();
+            if (d.u32() != 0x00480000 || d.u32() != 0x00480000) problem("resolution is not 72 dpi");
+            d.skip(4);
+            if (d.u16() != 1) problem("frame count is not 1");
+            uint8_t n = d.u8();
+            if (n > 31) problem("compressor name too long");
+            if (d.need(31)) t_.compressorName.assign(reinterpret_cast<const char*>(d.p), n > 31 ? 31 : n);
+            d.skip(31);
+            t_.depth = d.u16();
+            if (int16_t(d.u16()) != -1) problem("colour table id is not -1");
+            if (d.left != 0) problem("video sample description has extensions");
+            checked(d, "video sample description");
+        } else if (t_.handler == fcc("soun")) {
+            t_.soundVersion = d.u16();
+            d.skip(2 + 4);
+            if (t_.soundVersion != 2) {
+                problem("sound description is not version 2");
+                return;
+            }
+            if (d.u16() != 3 || d.u16() != 16 || int16_t(d.u16()) != -2 || d.u16() != 0 || d.u32() != 65536)
+                problem("sound description constants are wrong");
+            if (d.u32() != 72) problem("sizeOfStructOnly is not 72");
+            uint64_t bits = d.u64();
+            std::memcpy(&t_.sampleRate, &bits, 8);
+            t_.channels = d.u32();
+            if (d.u32() != 0x7F000000) problem("always7F000000 is wrong");
+            t_.bitsPerChannel = d.u32();
+            t_.formatFlags = d.u32();
+            t_.bytesPerFrame = d.u32();
+            t_.framesPerPacket = d.u32();
+            checked(d, "sound description");
+            auto ext = children(d.p, d.left, where_ + "/soun", problems_);
+            if (const Atom* chan = find(ext, fcc("chan"))) {
+                Cursor ch{chan->body, chan->size};
+                ch.skip(4);
+                t_.hasChannelLayout = true;
+                t_.layoutTag = ch.u32();
+                t_.layoutBitmap = ch.u32();
+                uint32_t n = ch.u32();
+                for (uint32_t i = 0; i < n && !ch.bad; ++i) {
+                    t_.channelLabels.push_back(ch.u32());
+                    ch.skip(16);
+                }
+                if (ch.left != 0) problem("chan has stray bytes");
+                checked(ch, "chan");
+            }
+        }
+    }
+    void parseStts(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        c.skip(4);
+        uint32_t n = c.u32();
+        for (uint32_t i = 0; i < n && !c.bad; ++i) {
+            uint32_t count = c.u32();
+            uint32_t delta = c.u32();
+            t_.timeToSample.emplace_back(count, delta);
+        }
+        checked(c, "stts");
+    }
+    void parseStsc(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        c.skip(4);
+        uint32_t n = c.u32();
+        for (uint32_t i = 0; i < n && !c.bad; ++i) {
+            uint32_t first = c.u32();
+            uint32_t per = c.u32();
+            if (c.u32() != 1) problem("stsc names another sample description");
+            t_.sampleToChunk.emplace_back(first, per);
+        }
+        checked(c, "stsc");
+    }
+    void parseStsz(const Atom& a)
+    {
+        Cursor c{a.body, a.size};
+        c.skip(4);
+        t_.constantSize = c.u32();
+        t_.sampleCount = c.u32();
+        if (t_.constantSize == 0) {
+            if (!c.need(size_t(t_.sampleCount) * 4)) {
+                problem("stsz is truncated");
+                return;
+            }
+            t_.sampleSizes.reserve(t_.sampleCount);
+            for (uint64_t i = 0; i < t_.sampleCount; ++i) t_.sampleSizes.push_back(c.u32());
+        }
+        checked(c, "stsz");
+    }
+    void parseChunkOffsets(const Atom& a, bool wide)
+    {
+        t_.co64 = wide;
+        Cursor c{a.body, a.size};
+        c.skip(4);
+        uint32_t n = c.u32();
+        if (!c.need(size_t(n) * (wide ? 8 : 4))) {
+            problem("chunk offsets are truncated");
+            return;
+        }
+        t_.chunkOffsets.reserve(n);
+        for (uint32_t i = 0; i < n; ++i) t_.chunkOffsets.push_back(wide ? c.u64() : c.u32());
+    }
+
+    MovieTrack& t_;
+    std::vector<std::string>& problems_;
+    std::string where_;
+};
+
+uint64_t toMovieTime(uint64_t d, uint32_t ts, uint32_t movieScale)
+{
+    if (!ts) return 0;
+    return uint64_t(((unsigned __int128)d * movieScale + ts - 1) / ts);
+}
+
+void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::string>& problems)
+{
+    std::string where = "track " + std::to_string(t.trackID);
+    auto problem = [&](const std::string& s) { problems.push_back(where + ": " + s); };
+    uint64_t sttsCount = 0, sttsSum = 0;
+    for (auto [count, delta] : t.timeToSample) {
+        sttsCount += count;
+        sttsSum += uint64_t(count) * delta;
+        if (delta == 0) problem("zero sample duration");
+    }
+    if (sttsCount != t.sampleCount)
+        problem("stts counts " + std::to_string(sttsCount) + " samples, stsz " + std::to_string(t.sampleCount));
+    if (sttsSum != t.mediaDuration)
+        problem("stts adds up to " + std::to_string(sttsSum) + ", mdhd says " + std::to_string(t.mediaDuration));
+    uint64_t expected = toMovieTime(t.mediaDuration, t.timescale, m.movieTimescale);
+    if (t.tkhdDuration != expected) problem("tkhd duration " + std::to_string(t.tkhdDuration) + " != " + std::to_string(expected));
+    if (t.editDuration != expected) problem("elst duration " + std::to_string(t.editDuration) + " != " + std::to_string(expected));
+    if (t.tkhdDuration > m.movieDuration) problem("track is longer than the movie");
+    if (t.sampleToChunk.empty() && t.sampleCount) problem("empty stsc");
+    if (!t.sampleToChunk.empty() && t.sampleToChunk[0].first != 1) problem("stsc does not start at chunk 1");
+    for (size_t i = 1; i < t.sampleToChunk.size(); ++i)
+        if (t.sampleToChunk[i].first <= t.sampleToChunk[i - 1].first) problem("stsc runs out of order");
+    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first > t.chunkOffsets.size())
+        problem("stsc names chunks that do not exist");
+    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first <= t.chunkOffsets.size()) {
+        uint64_t stscCount = 0;
+        for (uint32_t n : t.samplesPerChunk()) stscCount += n;
+        if (stscCount != t.sampleCount)
+            problem("stsc covers " + std::to_string(stscCount) + " samples, stsz " + std::to_string(t.sampleCount));
+        else {
+            // Every chunk inside mdat.
+            auto per = t.samplesPerChunk();
+            uint64_t sample = 0;
+            for (size_t c = 0; c < per.size(); ++c) {
+                uint64_t bytes = 0;
+                for (uint32_t i = 0; i < per[c]; ++i) bytes += t.sampleSize(sample++);
+                if (t.chunkOffsets[c] < m.mdatDataStart || t.chunkOffsets[c] + bytes > m.mdatDataEnd)
+                    problem("chunk " + std::to_string(c + 1) + " lies outside mdat");
+            }
+        }
+    }
+    bool beyond4G = false;
+    for (uint64_t o : t.chunkOffsets) beyond4G |= o > 0xFFFFFFFFull;
+    if (beyond4G && !t.co64) problem("offsets beyond 4 GB without co64");
+    if (t.sampleCount && !t.constantSize && t.sampleSizes.size() != t.sampleCount) problem("stsz entries missing");
+}
+
+std::string shellQuote(const std::string& s)
+{
+    std::string out = "'";
+    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+// Runs a shell command; returns its exit status and what it wrote to stdout.
+int run(const std::string& command, std::string* out)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
+    if (!pipe) return -1;
+    char buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, pipe.get())) > 0)
+        if (out) out->append(buf, n);
+    int status = ::pclose(pipe.release());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+std::string fourCCString(uint32_t code)
+{
+    std::string s;
+    for (int i = 0; i < 4; ++i) s += char((code >> (24 - 8 * i)) & 0xFF);
+    return s;
+}
+
+const MovieTrack* MovieSummary::track(uint32_t handler) const
+{
+    for (const auto& t : tracks)
+        if (t.handler == handler) return &t;
+    return nullptr;
+}
+
+std::vector<uint32_t> MovieTrack::samplesPerChunk() const
+{
+    std::vector<uint32_t> out(chunkOffsets.size(), 0);
+    for (size_t r = 0; r < sampleToChunk.size(); ++r) {
+        size_t first = sampleToChunk[r].first;
+        size_t last = r + 1 < sampleToChunk.size() ? sampleToChunk[r + 1].first - 1 : chunkOffsets.size();
+        for (size_t c = first; c <= last && c >= 1 && c <= out.size(); ++c) out[c - 1] = sampleToChunk[r].second;
+    }
+    return out;
+}
+
+std::vector<uint64_t> MovieTrack::sampleOffsets() const
+{
+    std::vector<uint64_t> out;
+    out.reserve(sampleCount);
+    auto per = samplesPerChunk();
+    uint64_t sample = 0;
+    for (size_t c = 0; c < per.size(); ++c) {
+        uint64_t at = chunkOffsets[c];
+        for (uint32_t i = 0; i < per[c] && sample < sampleCount; ++i) {
+            out.push_back(at);
+            at += sampleSize(sample++);
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> checkMovieStructure(const std::string& path, MovieSummary* summaryOut)
+{
+    std::vector<std::string> problems;
+    MovieSummary m;
+    Fd fd(path);
+    if (!fd.ok()) return {"cannot open " + path};
+    uint64_t fileSize = fd.size();
+    std::vector<uint8_t> moov;
+    uint64_t at = 0;
+    while (at < fileSize) {
+        uint8_t h[16];
+        if (fileSize - at < 8 || !fd.readAt(at, h, 8)) {
+            problems.push_back("stray bytes at the end of the file");
+            break;
+        }
+        Cursor c{h, 8};
+        uint64_t size = c.u32();
+        uint32_t type = c.u32();
+        uint64_t header = 8;
+        if (size == 1) {
+            if (!fd.readAt(at + 8, h + 8, 8)) {
+                problems.push_back("truncated 64-bit atom header");
+                break;
+            }
+            Cursor c64{h + 8, 8};
+            size = c64.u64();
+            header = 16;
+        }
+        if (size < header || size > fileSize - at) {
+            problems.push_back("top-level atom '" + fourCCString(type) + "' of size " + std::to_string(size) +
+                               " does not fit the file");
+            break;
+        }
+        m.topLevel.push_back(type);
+        if (type == fcc("ftyp")) {
+            uint8_t f[12];
+            if (size >= 20 && fd.readAt(at + 8, f, 12)) {
+                Cursor fc{f, 12};
+                m.majorBrand = fc.u32();
+                m.minorVersion = fc.u32();
+                if (fc.u32() != fcc("qt  ")) problems.push_back("'qt  ' is not a compatible brand");
+            }
+        } else if (type == fcc("mdat")) {
+            m.mdatDataStart = at + header;
+            m.mdatDataEnd = at + size;
+            m.mdat64 = header == 16;
+        } else if (type == fcc("moov")) {
+            moov.resize(size_t(size - header));
+            if (!fd.readAt(at + header, moov.data(), moov.size())) problems.push_back("cannot read moov");
+        }
+        at += size;
+    }
+    if (m.topLevel.empty() || m.topLevel[0] != fcc("ftyp")) problems.push_back("the file does not start with ftyp");
+    if (m.majorBrand != fcc("qt  ")) problems.push_back("major brand is not 'qt  '");
+    if (moov.empty()) problems.push_back("no moov");
+    if (!m.mdatDataEnd) problems.push_back("no mdat");
+    if (m.mdatDataEnd && !m.mdat64 && m.mdatDataEnd - m.mdatDataStart > 0xFFFFFFFFull)
+        problems.push_back("mdat above 4 GB with a 32-bit size");
+
+    auto top = children(moov.data(), moov.size(), "moov", problems);
+    if (const Atom* mvhd = find(top, fcc("mvhd"))) {
+        Cursor c{mvhd->body, mvhd->size};
+        bool v1 = (c.u32() >> 24) == 1;
+        c.skip(v1 ? 16 : 8);
+        m.movieTimescale = c.u32();
+        m.movieDuration = v1 ? c.u64() : c.u32();
+        c.skip(4 + 2 + 10 + 36 + 24);
+        m.nextTrackID = c.u32();
+        if (c.bad) problems.push_back("mvhd is truncated");
+    } else if (!moov.empty()) {
+        problems.push_back("missing mvhd");
+    }
+    for (const auto& a : top) {
+        if (a.type != fcc("trak")) continue;
+        MovieTrack t;
+        TrackParser(t, problems, "trak " + std::to_string(m.tracks.size() + 1)).parseTrak(a);
+        m.tracks.push_back(std::move(t));
+    }
+    uint64_t longest = 0;
+    for (const auto& t : m.tracks) {
+        checkTrack(t, m, problems);
+        longest = std::max(longest, t.tkhdDuration);
+        if (t.trackID == 0 || t.trackID >= m.nextTrackID) problems.push_back("bad track id " + std::to_string(t.trackID));
+    }
+    if (!m.tracks.empty() && longest != m.movieDuration)
+        problems.push_back("movie duration " + std::to_string(m.movieDuration) + " is not the longest track's " +
+                           std::to_string(longest));
+    if (summaryOut) *summaryOut = std::move(m);
+    return problems;
+}
+
+std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& track, uint64_t first, uint64_t count)
+{
+    std::vector<uint8_t> out;
+    Fd fd(path);
+    if (!fd.ok()) return out;
+    auto per = track.samplesPerChunk();
+    uint64_t sample = 0;
+    for (size_t c = 0; c < per.size() && sample < first + count; ++c) {
+        uint64_t at = track.chunkOffsets[c];
+        for (uint32_t i = 0; i < per[c] && sample < first + count; ++i, ++sample) {
+            uint32_t size = track.sampleSize(sample);
+            if (sample >= first) {
+                size_t old = out.size();
+                out.resize(old + size);
+                if (!fd.readAt(at, out.data() + old, size)) return {};
+            }
+            at += size;
+        }
+    }
+    return out;
+}
+
+std::vector<KeyValues> ffprobeStreams(const std::string& path)
+{
+    std::string out;
+    run("ffprobe -v error -show_streams -of default " + shellQuote(path) + " 2>/dev/null", &out);
+    std::vector<KeyValues> streams;
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line == "[STREAM]") {
+            streams.emplace_back();
+        } else if (!streams.empty() && line != "[/STREAM]") {
+            auto eq = line.find('=');
+            if (eq != std::string::npos) streams.back()[line.substr(0, eq)] = line.substr(eq + 1);
+        }
+    }
+    return streams;
+}
+
+int64_t ffprobePacketCount(const std::string& path, int streamIndex)
+{
+    std::string out;
+    int rc = run("ffprobe -v error -count_packets -select_streams " + std::to_string(streamIndex) +
+                     " -show_entries stream=nb_read_packets -of default=nokey=1:noprint_wrappers=1 " +
+                     shellQuote(path) + " 2>/dev/null",
+                 &out);
+    if (rc != 0 || out.empty()) return -1;
+    return std::strtoll(out.c_str(), nullptr, 10);
+}
+
+std::vector<uint8_t> extractStreamBytes(const std::string& path, char streamType)
+{
+    std::string out;
+    std::string map = streamType == 'a' ? "0:a:0" : "0:v:0";
+    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map " + map + " -c copy -f data - 2>/dev/null", &out);
+    if (rc != 0) return {};
+    return std::vector<uint8_t>(out.begin(), out.end());
+}
+
+bool ffmpegDecodesCleanly(const std::string& path, std::string* diagnostics)
+{
+    std::string err;
+    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f null - 2>&1 >/dev/null", &err);
+    if (diagnostics) *diagnostics = err;
+    return rc == 0 && err.empty();
+}
+
+bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics)
+{
+    std::string err;
+    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0 -c copy -f null - 2>&1 >/dev/null", &err);
+    // Probing decodes a few frames; synthetic essence makes decoders complain. Only the
+    // demuxer's own messages (and lines of no context) count.
+    std::string kept;
+    std::istringstream lines(err);
+    std::string line;
+    while (std::getline(lines, line)) {
+        bool decoderLine = !line.empty() && line[0] == '[' && line.rfind("[mov,", 0) != 0;
+        bool repeat = line.find("Last message repeated") != std::string::npos;
+        if (!decoderLine && !repeat) kept += line + "\n";
+    }
+    if (diagnostics) *diagnostics = kept;
+    return rc == 0 && kept.empty();
+}
+
+bool mediainfoAccepts(const std::string& path, std::string* output)
+{
+    std::string out;
+    int rc = run("mediainfo " + shellQuote(path) + " 2>&1", &out);
+    if (output) *output = out;
+    return rc == 0 && out.find("General") != std::string::npos &&
+           (out.find("\nVideo") != std::string::npos || out.find("\nAudio") != std::string::npos);
+}
+
+}  // namespace corvina::test

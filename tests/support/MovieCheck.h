@@ -1,0 +1,84 @@
+// Reads back a QuickTime movie written by the writer: a structural check of atoms and
+// sample tables, a parsed summary for reading samples back, and wrappers around
+// independent tools (ffprobe, ffmpeg, mediainfo) that must accept every movie.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace corvina::test {
+
+struct MovieTrack {
+    uint32_t trackID = 0;
+    uint32_t handler = 0;  // 'vide' or 'soun'
+    uint32_t codec = 0;    // sample description format
+    uint32_t timescale = 0;
+    uint64_t mediaDuration = 0;  // mdhd
+    uint64_t tkhdDuration = 0;   // movie timescale
+    uint64_t editDuration = 0;   // elst, movie timescale
+    uint32_t tkhdFlags = 0;
+    uint16_t volume = 0;
+    uint32_t width = 0, height = 0;  // tkhd, integer part
+    // Video sample description.
+    uint16_t sampleWidth = 0, sampleHeight = 0;
+    std::string compressorName;
+    uint16_t depth = 0;
+    // Sound sample description (version 2).
+    uint16_t soundVersion = 0;
+    double sampleRate = 0;
+    uint32_t channels = 0, bitsPerChannel = 0, formatFlags = 0, bytesPerFrame = 0, framesPerPacket = 0;
+    bool hasChannelLayout = false;
+    uint32_t layoutTag = 0, layoutBitmap = 0;
+    std::vector<uint32_t> channelLabels;
+    // Tables.
+    std::vector<std::pair<uint32_t, uint32_t>> timeToSample;  // (count, delta)
+    std::vector<std::pair<uint32_t, uint32_t>> sampleToChunk; // (first chunk, samples per chunk)
+    uint32_t constantSize = 0;  // stsz sample size; 0 when sizes vary
+    std::vector<uint32_t> sampleSizes;  // per sample when sizes vary
+    uint64_t sampleCount = 0;          // stsz count
+    std::vector<uint64_t> chunkOffsets;
+    bool co64 = false;
+
+    uint32_t sampleSize(uint64_t i) const { return constantSize ? constantSize : sampleSizes[i]; }
+    // Samples in each chunk, from the sample-to-chunk runs.
+    std::vector<uint32_t> samplesPerChunk() const;
+    // File offset of every sample.
+    std::vector<uint64_t> sampleOffsets() const;
+};
+
+struct MovieSummary {
+    uint32_t majorBrand = 0;
+    uint32_t minorVersion = 0;
+    std::vector<uint32_t> topLevel;  // atom types, in file order
+    uint64_t mdatDataStart = 0, mdatDataEnd = 0;
+    bool mdat64 = false;
+    uint32_t movieTimescale = 0;
+    uint64_t movieDuration = 0;
+    uint32_t nextTrackID = 0;
+    std::vector<MovieTrack> tracks;
+
+    const MovieTrack* track(uint32_t handler) const;
+};
+
+// The problems found (empty: the movie is sound). Fills summary when given.
+std::vector<std::string> checkMovieStructure(const std::string& path, MovieSummary* summary = nullptr);
+
+// The bytes of samples [first, first + count) of a track, read from the file.
+std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& track, uint64_t first, uint64_t count);
+
+// Independent tools.
+using KeyValues = std::map<std::string, std::string>;
+std::vector<KeyValues> ffprobeStreams(const std::string& path);
+int64_t ffprobePacketCount(const std::string& path, int streamIndex);
+// The stored bytes of the first video ('v') or audio ('a') stream, as the demuxer reads them.
+std::vector<uint8_t> extractStreamBytes(const std::string& path, char streamType);
+bool ffmpegDecodesCleanly(const std::string& path, std::string* diagnostics = nullptr);
+// Demuxing only (streams copied): for movies whose essence is not real media.
+bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics = nullptr);
+bool mediainfoAccepts(const std::string& path, std::string* output = nullptr);
+
+std::string fourCCString(uint32_t code);
+
+}  // namespace corvina::test
