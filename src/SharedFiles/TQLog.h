@@ -10,7 +10,11 @@
 // Formats go through escapeTextForLogging first, so "50% done" is written as it stands.
 #pragma once
 
+#include <pthread.h>
+#include <sys/types.h>
+
 #include <atomic>
+#include <exception>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -21,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "Foundation/Date.h"
 #include "Foundation/Format.h"
 
 namespace corvina {
@@ -95,6 +100,8 @@ public:
     static void appendMessageAndPrint(std::string_view message);
 
     static std::string escapeTextForLogging(std::string_view text);
+    // False when escapeTextForLogging would return the text unchanged.
+    static bool needsEscaping(std::string_view text);
     // What appendLogAndPrint prints for a message: "%@" removed, "%" doubled, NULs removed.
     static std::string consoleCopy(std::string_view message);
 
@@ -122,20 +129,30 @@ public:
 private:
     enum class Mode { Wait, Fast, Print, DebugPrint };
 
+    struct Entry {
+        std::string text;
+        uint64_t length16;  // UTF-16 code units, as bytesInQueue counts
+    };
+
     TQLog();
-    ~TQLog() = default;
+    ~TQLog();
 
     template <class... A>
     static std::string formatEscaped(std::string_view fmt, const A&... args)
     {
+        if (!needsEscaping(fmt))
+            return corvina::format(fmt, args...);
         return corvina::format(escapeTextForLogging(fmt), args...);
     }
     static void appendFormatted(Mode mode, std::string text);
     static void waitIfShort(std::string_view formatted);
+    static bool isShort(std::string_view formatted);
+    void queueOwned(std::string text);
 
     void startWriterLocked();
     void writerLoop();
-    void writeBatch(std::vector<std::string>& batch);
+    void writeBatch(std::vector<Entry>& batch);
+    static void* writerMain(void* self);
     bool isWriterThread() const;
     void createNewLogImpl(std::optional<std::string> name);
     std::optional<std::string> currentLogPath() const;
@@ -149,18 +166,23 @@ private:
     mutable std::mutex queueMutex_;
     std::condition_variable queueCv_;  // writer waits for work
     std::condition_variable doneCv_;   // finishWriting waits for progress
-    std::vector<std::string> pending_;
+    std::vector<Entry> pending_;
     uint64_t pushedSeq_ = 0;   // entries queued so far
     uint64_t takenSeq_ = 0;    // entries taken by the writer
     uint64_t writtenSeq_ = 0;  // entries handled by the writer
     bool suspended_ = false;
+    bool writerIdle_ = false;   // the writer waits for work and must be woken
+    int flushWaiters_ = 0;      // threads in finishWriting
     bool stop_ = false;
     bool shutDown_ = false;
-    std::unique_ptr<std::thread> writer_;
+    pthread_t writerThread_{};
+    bool writerRunning_ = false;
+    pid_t writerPid_ = 0;
     std::atomic<std::thread::id> writerId_{};
     // Entries queued by the writer itself while it restarts the log (header, truncation
     // line): written before the rest of the batch at hand.
-    std::vector<std::string> writerLocal_;
+    std::vector<Entry> writerLocal_;
+    corvina::CachedDateFormatter dateFormatter_;  // writer only
 
     // The file, replaced by createNewLog and the writer's reopening.
     mutable std::mutex fileMutex_;

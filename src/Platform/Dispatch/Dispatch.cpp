@@ -128,7 +128,7 @@ private:
 
 class GlobalQueue final : public DispatchQueue {
 public:
-    GlobalQueue() : DispatchQueue("com.apple.root.default-qos")
+    GlobalQueue() : DispatchQueue("corvina.global-queue")
     {
         const unsigned hc = std::thread::hardware_concurrency();
         baseThreads_ = hc > 2 ? hc : 2;
@@ -196,7 +196,7 @@ private:
 
 class MainQueue final : public DispatchQueue {
 public:
-    MainQueue() : DispatchQueue("com.apple.main-thread") {}
+    MainQueue() : DispatchQueue("corvina.main-thread") {}
 
     void async(Block block) override
     {
@@ -475,10 +475,9 @@ DispatchSemaphore::~DispatchSemaphore() = default;
 
 void DispatchSemaphore::signal()
 {
-    {
-        std::lock_guard lock(state_->mutex);
-        ++state_->value;
-    }
+    // Notified under the lock: a waiter may destroy the semaphore as soon as it returns.
+    std::lock_guard lock(state_->mutex);
+    ++state_->value;
     state_->cv.notify_one();
 }
 

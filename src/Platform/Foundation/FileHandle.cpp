@@ -135,6 +135,7 @@ ByteBuffer FileHandle::readDataOfLength(uint64_t length)
 {
     if (fd_ < 0) raise("readDataOfLength:", EBADF);
     uint64_t wanted = length;
+    uint64_t firstBlock = 64u << 20;
     if (wanted > windowCapacity_) {
         // Never allocate beyond what the file still holds.
         struct stat st {};
@@ -142,10 +143,12 @@ ByteBuffer FileHandle::readDataOfLength(uint64_t length)
         const uint64_t size = static_cast<uint64_t>(st.st_size);
         const uint64_t left = size > offset_ ? size - offset_ : 0;
         // Files that grow or report no size (pipes, /proc) are read in bounded steps below.
-        if (S_ISREG(st.st_mode)) wanted = std::min(wanted, left);
+        // (/proc files report a size of 0 and still have contents.)
+        if (S_ISREG(st.st_mode) && st.st_size > 0) wanted = std::min(wanted, left);
+        else firstBlock = 64u << 10;
     }
     if (wanted > static_cast<uint64_t>(SIZE_MAX / 2)) raise("readDataOfLength:", ENOMEM);
-    ByteBuffer buffer(static_cast<size_t>(std::min<uint64_t>(wanted, 64u << 20)));
+    ByteBuffer buffer(static_cast<size_t>(std::min<uint64_t>(wanted, firstBlock)));
     size_t filled = 0;
     while (filled < wanted) {
         if (filled == buffer.size()) buffer.resize(static_cast<size_t>(std::min<uint64_t>(wanted, buffer.size() * 2 + 1)));

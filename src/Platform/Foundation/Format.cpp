@@ -311,6 +311,31 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
         }
         out.append(fmt.data() + i, pct - i);
         size_t p = pct + 1;
+        // Fast path for the plain conversions that fill most log lines.
+        if (p < size && nextArg < args.size()) {
+            const char c = fmt[p];
+            const FormatArg& arg = args[nextArg];
+            using K = FormatArg::Kind;
+            if ((c == 'd' || c == 'i') && arg.kind() == K::Signed) {
+                char buf[24];
+                out.append(buf, std::to_chars(buf, buf + sizeof buf, arg.asSigned()).ptr);
+                ++nextArg;
+                i = p + 1;
+                continue;
+            }
+            if (c == 'u' && arg.kind() == K::Unsigned) {
+                appendUnsignedDecimal(out, arg.asUnsigned());
+                ++nextArg;
+                i = p + 1;
+                continue;
+            }
+            if (c == '@' || (c == 's' && arg.kind() == K::String)) {
+                arg.appendDescription(out);
+                ++nextArg;
+                i = p + 1;
+                continue;
+            }
+        }
         Spec spec;
 
         // Positional argument: "%2$@".

@@ -503,10 +503,33 @@ std::optional<Value> fromNode(plist_t node, int depth)
     }
 }
 
+// True when XML text nests arrays or dictionaries deeper than we accept. libplist's XML
+// reader recurses once per level and would overflow the stack on hostile input.
+bool xmlNestsTooDeep(const char* text, size_t length)
+{
+    const std::string_view xml(text, length);
+    if (xml.substr(0, 6) == "bplist") return false;
+    int depth = 0;
+    size_t i = 0;
+    while ((i = xml.find('<', i)) != std::string_view::npos) {
+        ++i;
+        const bool closing = i < xml.size() && xml[i] == '/';
+        const size_t name = closing ? i + 1 : i;
+        const bool container = xml.compare(name, 5, "array") == 0 || xml.compare(name, 4, "dict") == 0;
+        if (!container) continue;
+        const size_t end = xml.find('>', name);
+        if (end == std::string_view::npos) break;
+        if (closing) --depth;
+        else if (xml[end - 1] != '/' && ++depth > kMaxDepth) return true;
+        i = end + 1;
+    }
+    return false;
+}
+
 void setError(Error* error, std::string text, int64_t code = 3840)
 {
     if (!error) return;
-    error->domain = "NSCocoaErrorDomain";
+    error->domain = "NSPropertyListErrorDomain";
     error->code = code;
     error->localizedDescription = std::move(text);
 }
@@ -521,6 +544,10 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
     }
     if (length > std::numeric_limits<uint32_t>::max()) {
         setError(error, "The data is too large for a property list.");
+        return std::nullopt;
+    }
+    if (xmlNestsTooDeep(static_cast<const char*>(bytes), length)) {
+        setError(error, "The data couldn't be read because it nests too deeply.");
         return std::nullopt;
     }
     plist_t root = nullptr;

@@ -109,6 +109,12 @@ TEST(FileHandle, LargeReadsAndEndOfFile)
     EXPECT_EQ(toVector(rest), file.slice(100 + (2 << 20), 4 << 20));
     EXPECT_TRUE(handle->readDataOfLength(10).empty());
     EXPECT_EQ(handle->seekToEndOfFile(), (3u << 20) + 5);
+
+    // Files that report no size still read to their end.
+    auto proc = FileHandle::forReadingAtPath("/proc/self/status");
+    ASSERT_TRUE(proc);
+    const auto status = proc->readDataOfLength(UINT64_MAX / 4);
+    EXPECT_NE(std::string(reinterpret_cast<const char*>(status.data()), status.size()).find("Pid:"), std::string::npos);
 }
 
 TEST(FileHandle, OpeningFailures)

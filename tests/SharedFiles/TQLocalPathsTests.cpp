@@ -1,0 +1,297 @@
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <filesystem>
+#include <map>
+
+#include "TQLocalPaths.h"
+#include "TQLogTestSupport.h"
+
+using tqtest::Checks;
+using tqtest::TempDir;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Sets environment variables for the life of the object and puts the old values back.
+class ScopedEnv {
+public:
+    void set(const char* name, const std::optional<std::string>& value)
+    {
+        if (!saved_.count(name)) {
+            const char* old = std::getenv(name);
+            saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+        }
+        if (value)
+            setenv(name, value->c_str(), 1);
+        else
+            unsetenv(name);
+    }
+    ~ScopedEnv()
+    {
+        for (const auto& [name, value] : saved_) {
+            if (value)
+                setenv(name.c_str(), value->c_str(), 1);
+            else
+                unsetenv(name.c_str());
+        }
+    }
+
+private:
+    std::map<std::string, std::optional<std::string>> saved_;
+};
+
+class TQLocalPathsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        env.set("HOME", home.path());
+        env.set("TQ_LOCAL_ROOT", home.path() + "/root");
+        env.set("TQ_CONSOLE_USER", std::string());
+        env.set("XDG_CONFIG_HOME", std::nullopt);
+        env.set("XDG_DATA_HOME", std::nullopt);
+        env.set("XDG_CACHE_HOME", std::nullopt);
+        env.set("TMPDIR", std::nullopt);
+    }
+    TempDir home;
+    ScopedEnv env;
+};
+
+std::string passwdHome(const char* user)
+{
+    struct passwd* pw = getpwnam(user);
+    return pw && pw->pw_dir ? pw->pw_dir : "";
+}
+
+}  // namespace
+
+TEST(TQLocalPathsSlashes, EnsureAndStrip)
+{
+    using P = TQLocalPaths;
+    const struct {
+        std::optional<std::string> in, ensured, stripped;
+    } rows[] = {
+        {std::nullopt, std::nullopt, std::nullopt},
+        {"", "", ""},
+        {"/", "/", "/"},
+        {"/a", "/a/", "/a"},
+        {"/a/", "/a/", "/a"},
+        {"/a//", "/a//", "/a/"},
+        {"a", "a/", "a"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(P::ensureTrailingSlash(row.in), row.ensured) << row.in.value_or("(none)");
+        EXPECT_EQ(P::stripTrailingSlash(row.in), row.stripped) << row.in.value_or("(none)");
+    }
+}
+
+TEST(TQLocalPathsMisc, RandomStringTempFileAndTimeMachine)
+{
+    for (size_t n : {0u, 1u, 8u, 64u}) {
+        std::string s = TQLocalPaths::randomString(n);
+        ASSERT_EQ(s.size(), n);
+        for (char ch : s)
+            EXPECT_TRUE((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) << s;
+    }
+    const struct {
+        const char* path;
+        bool backup;
+    } rows[] = {
+        {"/Volumes/Backup/Backups.backupdb/mac", true},
+        {"/Volumes/Backup/Backups.backupdb", true},
+        {"/Volumes/Backup/Backups.backupdb2/x", false},
+        {"/Backups.backupdb/mac", false},
+        {"/Volumes/Backup/x", false},
+        {"", false},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(TQLocalPaths::isPathOnTimeMachineVolume(row.path), row.backup) << row.path;
+}
+
+TEST_F(TQLocalPathsTest, TempFolderAndFile)
+{
+    EXPECT_EQ(TQLocalPaths::tempDirectory(), "/tmp/");
+    env.set("TMPDIR", home.path());
+    EXPECT_EQ(TQLocalPaths::tempDirectory(), home.path() + "/");
+    const std::string a = TQLocalPaths::tempFile(), b = TQLocalPaths::tempFile();
+    EXPECT_NE(a, b);
+    EXPECT_EQ(a.rfind(home.path() + "/", 0), 0u) << a;
+    EXPECT_EQ(a.find("//"), std::string::npos) << a;
+    EXPECT_FALSE(fs::exists(a));
+}
+
+TEST_F(TQLocalPathsTest, FolderMapping)
+{
+    if (getuid() == 0)
+        env.set("TQ_CONSOLE_USER", std::string());  // root with nobody at the console: root's own folders
+    const std::string h = home.path(), root = home.path() + "/root";
+    using P = TQLocalPaths;
+    const struct {
+        const char* what;
+        std::optional<std::string> actual, expected;
+    } rows[] = {
+        {"user library", P::libraryDirectory(true), h + "/Library"},
+        {"local library", P::libraryDirectory(false), root + "/Library"},
+        {"user prefs", P::prefsDirectory(true), h + "/Library/Preferences"},
+        {"local prefs", P::prefsDirectory(false), root + "/Library/Preferences"},
+        {"user logs", P::logDirectory(true), h + "/Library/Logs"},
+        {"user caches", P::cacheDirectory(true), h + "/Library/Caches"},
+        {"local caches", P::cacheDirectory(false), root + "/Library/Caches"},
+        {"user app support", P::appSupportDirectory(true), h + "/Library/Application Support"},
+        {"local app support", P::appSupportDirectory(false), root + "/Library/Application Support"},
+        {"user applications", P::applicationDirectory(true), h + "/Applications"},
+        {"local applications", P::applicationDirectory(false), root + "/Applications"},
+        {"user admin applications", P::adminApplicationDirectory(true), h + "/Applications/Utilities"},
+        {"local admin applications", P::adminApplicationDirectory(false), root + "/Applications/Utilities"},
+        {"user documents", P::documentDirectory(true), h + "/Documents"},
+        {"local documents", P::documentDirectory(false), std::nullopt},
+        {"desktop", P::desktopDirectory(), h + "/Desktop"},
+        {"movies", P::movieDirectory(), h + "/Videos"},
+        {"downloads", P::downloadsDirectory(), h + "/Downloads"},
+        {"system library", P::systemLibraryDirectory(), root + "/System/Library"},
+        {"documentation", P::localDocumentationDirectory(), root + "/Library/Documentation"},
+        {"home", P::userDirectory(), h},
+        {"trash", P::trashDirectory(), h + "/.local/share/Trash/files"},
+        {"cache", P::darwinCacheDirectory(), h + "/.cache"},
+        {"replay settings", P::replaySettingsPath(), h + "/Downloads/corvina.plist"},
+        {"any domain", P::pathForDirectory(P::Directory::Library, P::AllDomainsMask), h + "/Library"},
+        {"local or system", P::pathForDirectory(P::Directory::Library, P::LocalDomainMask | P::SystemDomainMask), root + "/Library"},
+        {"movies local", P::pathForDirectory(P::Directory::Movies, P::LocalDomainMask), std::nullopt},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(row.actual, row.expected) << row.what;
+}
+
+TEST_F(TQLocalPathsTest, XdgUserDirsAndDataHome)
+{
+    const std::string h = home.path();
+    tqtest::writeFile(h + "/.config/user-dirs.dirs",
+                      "# written by xdg-user-dirs-update\n"
+                      "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
+                      "XDG_DOWNLOAD_DIR=\"/srv/incoming/\"\n"
+                      "XDG_DOCUMENTS_DIR=\"$HOME/\"\n"
+                      "XDG_VIDEOS_DIR=\"$HOME/Filme\"\n"
+                      "XDG_VIDEOS_DIR_EXTRA=\"$HOME/wrong\"\n");
+    EXPECT_EQ(TQLocalPaths::desktopDirectory(), h + "/Schreibtisch");
+    EXPECT_EQ(TQLocalPaths::downloadsDirectory(), "/srv/incoming");
+    EXPECT_EQ(TQLocalPaths::documentDirectory(true), h + "/Documents");  // switched off: the default
+    EXPECT_EQ(TQLocalPaths::movieDirectory(), h + "/Filme");
+    EXPECT_EQ(TQLocalPaths::replaySettingsPath(), "/srv/incoming/corvina.plist");
+
+    env.set("XDG_CONFIG_HOME", h + "/elsewhere");
+    EXPECT_EQ(TQLocalPaths::desktopDirectory(), h + "/Desktop");
+    env.set("XDG_DATA_HOME", h + "/data");
+    EXPECT_EQ(TQLocalPaths::trashDirectory(), h + "/data/Trash/files");
+    env.set("XDG_CACHE_HOME", h + "/cache");
+    EXPECT_EQ(TQLocalPaths::darwinCacheDirectory(), h + "/cache");
+}
+
+TEST_F(TQLocalPathsTest, ProtectedFolders)
+{
+    env.set("TQ_LOCAL_ROOT", "/");
+    const std::string h = home.path();
+    const struct {
+        std::string path;
+        bool exact, loose;
+    } rows[] = {
+        {"/", true, true},
+        {"ab", false, false},
+        {"/a", false, false},
+        {"/Applications", true, true},
+        {"/Applications/", true, true},
+        {"/Applications/Tool.app", false, false},
+        {"/usr", true, true},
+        {"/usr/bin", false, true},
+        {"/usr/local/bin", false, false},
+        {"/usr/local", false, true},
+        {"/private/var/tmp", false, true},
+        {"/var/tmp", false, true},
+        {"/System", true, true},
+        {"/System/Library", true, true},
+        {"/System/Other", false, true},
+        {"/Users/Shared", true, true},
+        {"/Library/Documentation", true, true},
+        {h, true, true},
+        {h + "/", true, true},
+        {h + "/Library/Preferences", true, true},
+        {h + "/Documents", true, true},
+        {h + "/Videos", false, false},
+        {h + "/Downloads", false, false},
+        {h + "/Library/preferences", false, false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(TQLocalPaths::isPathSystemDirectory(row.path, true), row.exact) << row.path;
+        EXPECT_EQ(TQLocalPaths::isPathSystemDirectory(row.path, false), row.loose) << row.path;
+        EXPECT_EQ(TQLocalPaths::isPathSystemDirectory(row.path), row.loose) << row.path;
+    }
+}
+
+// As root, the user domain belongs to the console user.
+TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
+{
+    if (getuid() != 0)
+        GTEST_SKIP() << "needs root";
+    const std::string nobodyHome = passwdHome("nobody");
+    ASSERT_FALSE(nobodyHome.empty());
+    env.set("TQ_CONSOLE_USER", std::string("nobody"));
+    EXPECT_EQ(TQLocalPaths::currentConsoleUser(), "nobody");
+    EXPECT_EQ(TQLocalPaths::username(), "nobody");
+    EXPECT_EQ(TQLocalPaths::userDirectory(), nobodyHome);
+    EXPECT_EQ(TQLocalPaths::libraryDirectory(true), nobodyHome + "/Library");
+    EXPECT_EQ(TQLocalPaths::prefsDirectory(true), nobodyHome + "/Library/Preferences");
+    EXPECT_EQ(TQLocalPaths::trashDirectory(), nobodyHome + "/.local/share/Trash/files");
+    EXPECT_EQ(TQLocalPaths::replaySettingsPath(), nobodyHome + "/Downloads/corvina.plist");
+    EXPECT_EQ(TQLocalPaths::libraryDirectory(false), home.path() + "/root/Library");
+    EXPECT_TRUE(TQLocalPaths::isPathSystemDirectory(nobodyHome + "/Library", true));
+    // The process's own cache folder is not the console user's.
+    EXPECT_EQ(TQLocalPaths::darwinCacheDirectory(), home.path() + "/.cache");
+
+    env.set("TQ_CONSOLE_USER", std::string("no-such-user-here"));
+    EXPECT_EQ(TQLocalPaths::userDirectory(), std::nullopt);
+    EXPECT_EQ(TQLocalPaths::libraryDirectory(true), std::nullopt);
+    EXPECT_EQ(TQLocalPaths::prefsDirectory(true), std::nullopt);
+
+    env.set("TQ_CONSOLE_USER", std::string());
+    EXPECT_EQ(TQLocalPaths::currentConsoleUser(), std::nullopt);
+    EXPECT_EQ(TQLocalPaths::userDirectory(), home.path());
+    EXPECT_EQ(TQLocalPaths::username(), "root");
+}
+
+// An unprivileged process ignores the console user; one whose real and effective ids
+// differ ignores the test variables altogether.
+TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
+{
+    if (getuid() != 0)
+        GTEST_SKIP() << "needs root to change user";
+    TempDir dir;
+    chmod(dir.path().c_str(), 0777);
+    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        setenv("TQ_CONSOLE_USER", "root", 1);
+        if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
+            c.expect(false, "could not drop privileges");
+            return;
+        }
+        c.expect(TQLocalPaths::userDirectory() == dir.path(), "own home");
+        c.expect(TQLocalPaths::libraryDirectory(true) == dir.path() + "/Library", "own library");
+        c.expect(TQLocalPaths::libraryDirectory(false) == dir.path() + "/Library", "TQ_LOCAL_ROOT honoured");
+        c.expect(TQLocalPaths::currentConsoleUser() == std::optional<std::string>("root"), "console user read");
+    });
+    EXPECT_TRUE(r.exitedCleanly()) << r.status;
+    EXPECT_EQ(r.failures, "");
+
+    auto r2 = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        setenv("TQ_CONSOLE_USER", "nobody", 1);
+        // Real user 65534, effective root: the test variables do not count.
+        if (setresuid(65534, 0, 0) != 0) {
+            c.expect(false, "could not change the real user");
+            return;
+        }
+        c.expect(TQLocalPaths::localRoot() == "/", "TQ_LOCAL_ROOT ignored");
+        c.expect(TQLocalPaths::libraryDirectory(false) == "/Library", "machine library");
+        c.expect(TQLocalPaths::libraryDirectory(true) == dir.path() + "/Library", "not root: own home");
+    });
+    EXPECT_TRUE(r2.exitedCleanly()) << r2.status;
+    EXPECT_EQ(r2.failures, "");
+}
