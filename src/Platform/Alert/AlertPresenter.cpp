@@ -1,0 +1,392 @@
+#include "Alert/AlertPresenter.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "Foundation/Exception.h"
+#include "Foundation/SystemLog.h"
+#include "Process/Process.h"
+
+namespace corvina {
+
+namespace {
+
+// A worker thread owned by a session: joined when the session goes, unless the session goes
+// from inside that very thread (its completion released the last reference).
+class OwnedThread {
+public:
+    OwnedThread() = default;
+    explicit OwnedThread(std::thread t) : thread_(std::move(t)) {}
+    ~OwnedThread()
+    {
+        if (!thread_.joinable()) return;
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            thread_.detach();
+        } else {
+            thread_.join();
+        }
+    }
+    OwnedThread(OwnedThread&&) = default;
+    OwnedThread& operator=(OwnedThread&&) = delete;
+
+private:
+    std::thread thread_;
+};
+
+// --- Nobody to ask -------------------------------------------------------------------------
+
+class NoSession final : public AlertSession {
+public:
+    void dismiss() override {}
+};
+
+class HeadlessPresenter final : public AlertPresenter {
+public:
+    std::string name() const override { return "headless"; }
+    std::shared_ptr<AlertSession> present(const AlertContent& content, Completion completion) override
+    {
+        if (content.informativeText.empty()) {
+            systemLog("Alert: %@", content.messageText);
+        } else {
+            systemLog("Alert: %@ - %@", content.messageText, content.informativeText);
+        }
+        if (completion) completion(kAlertDefaultReturn);
+        return std::make_shared<NoSession>();
+    }
+};
+
+// --- Terminal prompt -----------------------------------------------------------------------
+
+class Pipe {
+public:
+    Pipe()
+    {
+        if (::pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
+    }
+    ~Pipe()
+    {
+        for (int fd : fds_) {
+            if (fd >= 0) ::close(fd);
+        }
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    int readEnd() const { return fds_[0]; }
+    int writeEnd() const { return fds_[1]; }
+
+private:
+    int fds_[2];
+};
+
+void writeText(int fd, const std::string& text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        done += static_cast<size_t>(n);
+    }
+}
+
+class TerminalSession final : public AlertSession {
+public:
+    TerminalSession(AlertContent content, int in, int out, AlertPresenter::Completion completion)
+        : content_(std::move(content)), in_(in), out_(out), completion_(std::move(completion))
+    {
+    }
+    ~TerminalSession() override
+    {
+        dismiss();
+        worker_.reset();  // joins before the members it uses go
+    }
+
+    void start()
+    {
+        worker_ = std::make_unique<OwnedThread>(std::thread([this] { run(); }));
+    }
+
+    void dismiss() override
+    {
+        dismissed_ = true;
+        const char byte = 0;
+        if (cancel_.writeEnd() >= 0) [[maybe_unused]] auto n = ::write(cancel_.writeEnd(), &byte, 1);
+    }
+
+private:
+    void run()
+    {
+        writeText(out_, terminalPrompt(content_));
+        std::string line;
+        int64_t code = kAlertDefaultReturn;
+        for (;;) {
+            pollfd fds[2] = {{in_, POLLIN, 0}, {cancel_.readEnd(), POLLIN, 0}};
+            const int ready = ::poll(fds, cancel_.readEnd() >= 0 ? 2 : 1, -1);
+            if (ready < 0) {
+                if (errno == EINTR) continue;
+                break;  // cannot read: the default button
+            }
+            if (dismissed_) return;
+            char c = 0;
+            const ssize_t n = ::read(in_, &c, 1);
+            if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+            if (n <= 0) break;  // end of input: the default button
+            if (c != '\n') {
+                if (line.size() < 4096) line += c;
+                continue;
+            }
+            if (auto answer = terminalAnswer(content_, line)) {
+                code = *answer;
+                break;
+            }
+            line.clear();
+            writeText(out_, "Please answer with one of the numbers shown.\n");
+        }
+        finish(code);
+    }
+
+    // The completion may release the last reference to this session, so it is called from a
+    // local and nothing of the session is touched afterwards.
+    void finish(int64_t code)
+    {
+        if (dismissed_) return;
+        auto completion = std::move(completion_);
+        if (completion) completion(code);
+    }
+
+    AlertContent content_;
+    int in_;
+    int out_;
+    AlertPresenter::Completion completion_;
+    Pipe cancel_;
+    std::atomic<bool> dismissed_{false};
+    std::unique_ptr<OwnedThread> worker_;
+};
+
+class TerminalPresenter final : public AlertPresenter {
+public:
+    TerminalPresenter(int in, int out) : in_(in), out_(out) {}
+    std::string name() const override { return "terminal"; }
+    std::shared_ptr<AlertSession> present(const AlertContent& content, Completion completion) override
+    {
+        auto session = std::make_shared<TerminalSession>(content, in_, out_, std::move(completion));
+        session->start();
+        return session;
+    }
+
+private:
+    int in_;
+    int out_;
+};
+
+// --- Desktop dialog ------------------------------------------------------------------------
+
+class DialogSession final : public AlertSession {
+public:
+    DialogSession(AlertContent content, std::shared_ptr<Process> process, AlertPresenter::Completion completion)
+        : content_(std::move(content)), process_(std::move(process)), completion_(std::move(completion))
+    {
+    }
+    ~DialogSession() override
+    {
+        dismiss();
+        worker_.reset();
+    }
+    void start()
+    {
+        worker_ = std::make_unique<OwnedThread>(std::thread([this] { run(); }));
+    }
+    void dismiss() override
+    {
+        dismissed_ = true;
+        process_->terminate();
+    }
+
+private:
+    void run()
+    {
+        Process::Bytes output;
+        process_->readToEnd(&output, nullptr);
+        process_->waitUntilExit();
+        if (dismissed_) return;
+        std::string printed(output.begin(), output.end());
+        while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r')) printed.pop_back();
+        int64_t code = kAlertDefaultReturn;
+        const int status = process_->terminationStatus();
+        if (status == 1) {
+            if (content_.otherButton && printed == *content_.otherButton) {
+                code = kAlertOtherReturn;
+            } else if (content_.alternateButton) {
+                code = kAlertAlternateReturn;
+            }
+        }
+        auto completion = std::move(completion_);
+        if (completion) completion(code);
+    }
+
+    AlertContent content_;
+    std::shared_ptr<Process> process_;
+    AlertPresenter::Completion completion_;
+    std::atomic<bool> dismissed_{false};
+    std::unique_ptr<OwnedThread> worker_;
+};
+
+class DialogPresenter final : public AlertPresenter {
+public:
+    explicit DialogPresenter(std::string zenity) : zenity_(std::move(zenity)) {}
+    std::string name() const override { return "dialog"; }
+    std::shared_ptr<AlertSession> present(const AlertContent& content, Completion completion) override
+    {
+        auto process = std::make_shared<Process>();
+        process->setLaunchPath(zenity_);
+        process->setArguments(dialogArguments(content));
+        process->setStandardOutput(Process::Stream::Pipe);
+        process->setStandardError(Process::Stream::Null);
+        try {
+            process->launch();
+        } catch (const PlatformException&) {
+            // The dialog cannot be shown: nobody can be asked.
+            return makeHeadlessAlertPresenter()->present(content, std::move(completion));
+        }
+        auto session = std::make_shared<DialogSession>(content, std::move(process), std::move(completion));
+        session->start();
+        return session;
+    }
+
+private:
+    std::string zenity_;
+};
+
+std::optional<std::string> findProgram(const std::string& name)
+{
+    const char* path = std::getenv("PATH");
+    const std::string all = path ? path : "/usr/local/bin:/usr/bin:/bin";
+    size_t start = 0;
+    for (;;) {
+        const size_t end = all.find(':', start);
+        const std::string dir = all.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (!dir.empty() && isExecutablePath(dir + "/" + name)) return dir + "/" + name;
+        if (end == std::string::npos) return std::nullopt;
+        start = end + 1;
+    }
+}
+
+std::mutex& overrideMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
+std::shared_ptr<AlertPresenter>& overridePresenter()
+{
+    static std::shared_ptr<AlertPresenter> presenter;
+    return presenter;
+}
+
+}  // namespace
+
+std::shared_ptr<AlertPresenter> makeHeadlessAlertPresenter()
+{
+    return std::make_shared<HeadlessPresenter>();
+}
+
+std::shared_ptr<AlertPresenter> makeTerminalAlertPresenter(int inputFd, int outputFd)
+{
+    return std::make_shared<TerminalPresenter>(inputFd, outputFd);
+}
+
+std::shared_ptr<AlertPresenter> makeDialogAlertPresenter(std::string zenityPath)
+{
+    return std::make_shared<DialogPresenter>(std::move(zenityPath));
+}
+
+AlertEnvironment AlertEnvironment::current()
+{
+    AlertEnvironment env;
+    const char* x = std::getenv("DISPLAY");
+    const char* w = std::getenv("WAYLAND_DISPLAY");
+    env.displayAvailable = (x && *x) || (w && *w);
+    env.zenityPath = findProgram("zenity");
+    env.inputIsTerminal = ::isatty(STDIN_FILENO) == 1;
+    env.outputIsTerminal = ::isatty(STDOUT_FILENO) == 1;
+    return env;
+}
+
+AlertPresenterKind choosePresenterKind(const AlertEnvironment& env)
+{
+    if (env.displayAvailable && env.zenityPath) return AlertPresenterKind::Dialog;
+    if (env.inputIsTerminal && env.outputIsTerminal) return AlertPresenterKind::Terminal;
+    return AlertPresenterKind::Headless;
+}
+
+std::shared_ptr<AlertPresenter> currentAlertPresenter()
+{
+    {
+        std::lock_guard lock(overrideMutex());
+        if (overridePresenter()) return overridePresenter();
+    }
+    const AlertEnvironment env = AlertEnvironment::current();
+    switch (choosePresenterKind(env)) {
+        case AlertPresenterKind::Dialog:
+            return makeDialogAlertPresenter(*env.zenityPath);
+        case AlertPresenterKind::Terminal:
+            return makeTerminalAlertPresenter(STDIN_FILENO, STDOUT_FILENO);
+        case AlertPresenterKind::Headless:
+            break;
+    }
+    return makeHeadlessAlertPresenter();
+}
+
+void setAlertPresenterOverride(std::shared_ptr<AlertPresenter> presenter)
+{
+    std::lock_guard lock(overrideMutex());
+    overridePresenter() = std::move(presenter);
+}
+
+std::vector<std::string> dialogArguments(const AlertContent& content)
+{
+    std::string text = content.messageText;
+    if (!content.informativeText.empty()) text += (text.empty() ? "" : "\n\n") + content.informativeText;
+    std::vector<std::string> args;
+    const bool question = content.alternateButton.has_value();
+    args.push_back(question ? "--question" : "--info");
+    args.push_back("--no-markup");
+    args.push_back("--title=" + content.messageText);
+    args.push_back("--text=" + text);
+    args.push_back("--ok-label=" + content.defaultButtonTitle());
+    if (question) args.push_back("--cancel-label=" + *content.alternateButton);
+    if (content.otherButton) args.push_back("--extra-button=" + *content.otherButton);
+    return args;
+}
+
+std::string terminalPrompt(const AlertContent& content)
+{
+    std::string text = "\n" + content.messageText + "\n";
+    if (!content.informativeText.empty()) text += content.informativeText + "\n";
+    text += "  1) " + content.defaultButtonTitle();
+    if (content.alternateButton) text += "   2) " + *content.alternateButton;
+    if (content.otherButton) text += "   3) " + *content.otherButton;
+    text += "\nChoice [1]: ";
+    return text;
+}
+
+std::optional<int64_t> terminalAnswer(const AlertContent& content, const std::string& line)
+{
+    std::string answer;
+    for (char c : line) {
+        if (c != ' ' && c != '\t' && c != '\r') answer += c;
+    }
+    if (answer.empty() || answer == "1") return kAlertDefaultReturn;
+    if (answer == "2" && content.alternateButton) return kAlertAlternateReturn;
+    if (answer == "3" && content.otherButton) return kAlertOtherReturn;
+    return std::nullopt;
+}
+
+}  // namespace corvina

@@ -1,0 +1,307 @@
+#include "Process/Process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "Foundation/Exception.h"
+#include "Foundation/Format.h"
+
+extern char** environ;
+
+namespace corvina {
+
+namespace {
+
+constexpr std::array<const char*, 10> kPackageExtensions = {
+    "app", "bundle", "framework", "plugin", "kext", "pkg", "mpkg", "prefPane", "xpc", "appex"};
+
+std::string extensionOf(const std::string& path)
+{
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    const auto slash = p.find_last_of('/');
+    const std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+    const auto dot = name.find_last_of('.');
+    if (dot == std::string::npos || dot == 0) return {};
+    return name.substr(dot + 1);
+}
+
+void closeFd(int& fd)
+{
+    if (fd >= 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+// Both ends close-on-exec, so that tools started concurrently by other threads never
+// inherit them (an inherited write end would keep our reader from seeing end of file).
+void makePipe(int fds[2])
+{
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        throw PlatformException(kInvalidArgumentException,
+                                format("unable to create a pipe: %@", std::strerror(errno)));
+    }
+}
+
+struct FileActions {
+    posix_spawn_file_actions_t actions;
+    FileActions() { posix_spawn_file_actions_init(&actions); }
+    ~FileActions() { posix_spawn_file_actions_destroy(&actions); }
+};
+
+struct SpawnAttributes {
+    posix_spawnattr_t attr;
+    SpawnAttributes() { posix_spawnattr_init(&attr); }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attr); }
+};
+
+void writeAll(int fd, const std::string& data)
+{
+    size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return;  // the tool closed its input; nothing more to give it
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+bool isPackagePath(const std::string& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+    const std::string ext = extensionOf(path);
+    return std::find(kPackageExtensions.begin(), kPackageExtensions.end(), ext) != kPackageExtensions.end();
+}
+
+bool isExecutablePath(const std::string& path)
+{
+    if (path.empty()) return false;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) return false;  // folders, packages included, are not tools
+    return ::access(path.c_str(), X_OK) == 0;
+}
+
+Process::~Process()
+{
+    closePipes();
+    std::lock_guard lock(mutex_);
+    if (pid_ <= 0 || reaped_) return;
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) return;
+    // Still running and nobody waits for it any more: reap it in the background so that it
+    // does not stay a zombie for the life of the process.
+    const pid_t pid = pid_;
+    std::thread([pid] {
+        int s = 0;
+        while (::waitpid(pid, &s, 0) < 0 && errno == EINTR) {
+        }
+    }).detach();
+}
+
+void Process::launch()
+{
+    if (pid_ > 0) throw PlatformException(kInvalidArgumentException, "task already launched");
+    if (launchPath_.empty()) throw PlatformException(kInvalidArgumentException, "launch path not set");
+
+    int inPipe[2] = {-1, -1};
+    int outPipe[2] = {-1, -1};
+    int errPipe[2] = {-1, -1};
+    auto closeAll = [&] {
+        for (int* p : {inPipe, outPipe, errPipe}) {
+            closeFd(p[0]);
+            closeFd(p[1]);
+        }
+    };
+    try {
+        makePipe(inPipe);
+        if (stdout_ == Stream::Pipe) makePipe(outPipe);
+        if (stderr_ == Stream::Pipe) makePipe(errPipe);
+    } catch (...) {
+        closeAll();
+        throw;
+    }
+
+    FileActions fa;
+    posix_spawn_file_actions_adddup2(&fa.actions, inPipe[0], STDIN_FILENO);
+    if (stdout_ == Stream::Pipe) {
+        posix_spawn_file_actions_adddup2(&fa.actions, outPipe[1], STDOUT_FILENO);
+    } else if (stdout_ == Stream::Null) {
+        posix_spawn_file_actions_addopen(&fa.actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    }
+    if (stderr_ == Stream::Pipe) {
+        posix_spawn_file_actions_adddup2(&fa.actions, errPipe[1], STDERR_FILENO);
+    } else if (stderr_ == Stream::Null) {
+        posix_spawn_file_actions_addopen(&fa.actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    }
+
+    // The tool starts with default signal handling and nothing blocked, whatever the caller
+    // (a test runner, a sanitizer) has set up.
+    SpawnAttributes sa;
+    sigset_t none;
+    sigemptyset(&none);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&sa.attr, &none);
+    posix_spawnattr_setsigdefault(&sa.attr, &all);
+    posix_spawnattr_setflags(&sa.attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    std::vector<char*> argv;
+    argv.push_back(launchPath_.data());
+    for (auto& a : arguments_) argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    std::vector<std::string> envStrings;
+    std::vector<char*> envp;
+    if (environment_) {
+        for (const auto& [k, v] : *environment_) envStrings.push_back(k + "=" + v);
+        for (auto& s : envStrings) envp.push_back(s.data());
+        envp.push_back(nullptr);
+    }
+
+    pid_t pid = -1;
+    const int rc = ::posix_spawn(&pid, launchPath_.c_str(), &fa.actions, &sa.attr, argv.data(),
+                                 environment_ ? envp.data() : environ);
+    if (rc != 0) {
+        closeAll();
+        throw PlatformException(kInvalidArgumentException,
+                                format("launch path not accessible: %@", std::strerror(rc)));
+    }
+    {
+        std::lock_guard lock(mutex_);
+        pid_ = pid;
+    }
+    closeFd(inPipe[0]);
+    closeFd(outPipe[1]);
+    closeFd(errPipe[1]);
+    if (!stdinData_.empty()) {
+        // Ignore SIGPIPE for this write only if the tool is gone: MSG_NOSIGNAL needs a socket,
+        // so block the signal on this thread while writing.
+        sigset_t pipeSet, old;
+        sigemptyset(&pipeSet);
+        sigaddset(&pipeSet, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
+        writeAll(inPipe[1], stdinData_);
+        struct timespec zero {};
+        sigtimedwait(&pipeSet, nullptr, &zero);  // discard a SIGPIPE raised by the write
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    }
+    closeFd(inPipe[1]);
+    outFd_ = outPipe[0];
+    errFd_ = errPipe[0];
+}
+
+void Process::readToEnd(Bytes* output, Bytes* error)
+{
+    std::array<uint8_t, 65536> chunk;
+    while (outFd_ >= 0 || errFd_ >= 0) {
+        pollfd fds[2];
+        nfds_t n = 0;
+        if (outFd_ >= 0) fds[n++] = {outFd_, POLLIN, 0};
+        if (errFd_ >= 0) fds[n++] = {errFd_, POLLIN, 0};
+        const int ready = ::poll(fds, n, -1);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        for (nfds_t i = 0; i < n; ++i) {
+            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) continue;
+            const bool isOut = fds[i].fd == outFd_;
+            int& fd = isOut ? outFd_ : errFd_;
+            Bytes* sink = isOut ? output : error;
+            const ssize_t got = ::read(fd, chunk.data(), chunk.size());
+            if (got > 0) {
+                if (sink) sink->insert(sink->end(), chunk.data(), chunk.data() + got);
+            } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+                closeFd(fd);
+            }
+        }
+    }
+    closePipes();
+}
+
+void Process::closePipes()
+{
+    closeFd(outFd_);
+    closeFd(errFd_);
+}
+
+void Process::reapLocked(int status)
+{
+    reaped_ = true;
+    if (WIFEXITED(status)) {
+        status_ = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        status_ = 128 + WTERMSIG(status);
+    }
+}
+
+void Process::waitUntilExit()
+{
+    {
+        std::lock_guard lock(mutex_);
+        if (pid_ <= 0 || reaped_) return;
+    }
+    // Wait without reaping, so that terminate() on another thread can still tell a live
+    // process from a reaped one (and never signals a recycled process id).
+    siginfo_t info {};
+    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    std::lock_guard lock(mutex_);
+    if (reaped_) return;
+    int status = 0;
+    pid_t r;
+    while ((r = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
+    }
+    if (r == pid_) {
+        reapLocked(status);
+    } else {
+        reaped_ = true;  // reaped elsewhere; nothing more to learn
+    }
+}
+
+bool Process::isRunning()
+{
+    std::lock_guard lock(mutex_);
+    if (pid_ <= 0 || reaped_) return false;
+    int status = 0;
+    const pid_t r = ::waitpid(pid_, &status, WNOHANG);
+    if (r == 0) return true;
+    if (r == pid_) {
+        reapLocked(status);
+    } else {
+        reaped_ = true;
+    }
+    return false;
+}
+
+void Process::terminate()
+{
+    std::lock_guard lock(mutex_);
+    if (pid_ > 0 && !reaped_) ::kill(pid_, SIGTERM);
+}
+
+int Process::terminationStatus()
+{
+    std::lock_guard lock(mutex_);
+    return status_;
+}
+
+}  // namespace corvina

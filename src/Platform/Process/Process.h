@@ -1,0 +1,87 @@
+// An external process started directly (no shell) with posix_spawn: launch path, arguments,
+// an optional environment that replaces the caller's, standard input a pipe (empty, or fed
+// with given bytes), standard output and error each a pipe, the null device or inherited.
+//
+// Captured streams are drained together (poll), so a tool that fills one pipe while the
+// other is still open never stalls the reader. terminate() may be called from any thread
+// while another thread reads or waits; it never signals a process that was already reaped.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvina {
+
+// Folders with these extensions are packages (bundles), never executables.
+bool isPackagePath(const std::string& path);
+// Exists, is a regular file the caller may execute, and is not a package folder.
+bool isExecutablePath(const std::string& path);
+
+class Process {
+public:
+    enum class Stream { Inherit, Pipe, Null };
+    using Environment = std::map<std::string, std::string>;
+    using Bytes = std::vector<uint8_t>;
+
+    Process() = default;
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    void setLaunchPath(std::string path) { launchPath_ = std::move(path); }
+    const std::string& launchPath() const { return launchPath_; }
+    void setArguments(std::vector<std::string> args) { arguments_ = std::move(args); }
+    const std::vector<std::string>& arguments() const { return arguments_; }
+    // None: the tool inherits the caller's environment.
+    void setEnvironment(std::optional<Environment> env) { environment_ = std::move(env); }
+    void setStandardOutput(Stream s) { stdout_ = s; }
+    void setStandardError(Stream s) { stderr_ = s; }
+    // Bytes written to the tool's standard input right after launch; then it is closed.
+    void setStandardInputData(std::string data) { stdinData_ = std::move(data); }
+
+    // Throws PlatformException (invalid argument) when the process cannot be started or
+    // was launched already.
+    void launch();
+
+    // Collects the captured streams until each reaches end of file. Streams that are not
+    // captured leave their buffer untouched. Closes the read ends.
+    void readToEnd(Bytes* output, Bytes* error);
+    // Closes the read ends without reading.
+    void closePipes();
+
+    void waitUntilExit();
+    bool isRunning();
+    // Sends SIGTERM while the process has not been reaped.
+    void terminate();
+    // Exit status, or 128 + signal number for a process ended by a signal; 0 before exit.
+    int terminationStatus();
+    pid_t processIdentifier() const { return pid_; }
+
+    // For "%@": the launch path.
+    std::string description() const { return launchPath_; }
+
+private:
+    void reapLocked(int status);
+
+    std::string launchPath_;
+    std::vector<std::string> arguments_;
+    std::optional<Environment> environment_;
+    Stream stdout_ = Stream::Pipe;
+    Stream stderr_ = Stream::Pipe;
+    std::string stdinData_;
+
+    pid_t pid_ = -1;
+    int outFd_ = -1;
+    int errFd_ = -1;
+    std::mutex mutex_;
+    bool reaped_ = false;
+    int status_ = 0;
+};
+
+}  // namespace corvina

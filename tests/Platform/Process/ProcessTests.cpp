@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Foundation/Exception.h"
+#include "Process/Process.h"
+
+namespace fs = std::filesystem;
+using corvina::Process;
+
+namespace {
+
+class TempFolder {
+public:
+    TempFolder()
+    {
+        std::string pattern = (fs::temp_directory_path() / "corvina-process-XXXXXX").string();
+        path_ = ::mkdtemp(pattern.data());
+    }
+    ~TempFolder()
+    {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    fs::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    fs::path path_;
+};
+
+void writeFile(const fs::path& path, const std::string& text, fs::perms perms)
+{
+    std::ofstream(path) << text;
+    fs::permissions(path, perms);
+}
+
+std::string text(const Process::Bytes& bytes)
+{
+    return std::string(bytes.begin(), bytes.end());
+}
+
+struct ShellRun {
+    Process::Bytes out;
+    Process::Bytes err;
+    int status = -1;
+};
+
+ShellRun runShell(const std::string& script, Process::Stream out = Process::Stream::Pipe,
+             Process::Stream err = Process::Stream::Pipe)
+{
+    Process p;
+    p.setLaunchPath("/bin/sh");
+    p.setArguments({"-c", script});
+    p.setStandardOutput(out);
+    p.setStandardError(err);
+    p.launch();
+    ShellRun r;
+    p.readToEnd(&r.out, &r.err);
+    p.waitUntilExit();
+    r.status = p.terminationStatus();
+    return r;
+}
+
+}  // namespace
+
+TEST(ProcessExecutableCheck, AcceptsOnlyRunnableRegularFiles)
+{
+    TempFolder tmp;
+    writeFile(tmp / "tool", "#!/bin/sh\n", fs::perms::owner_all);
+    writeFile(tmp / "plain", "data", fs::perms::owner_read | fs::perms::owner_write);
+    fs::create_directory(tmp / "folder");
+
+    EXPECT_TRUE(corvina::isExecutablePath("/bin/sh"));
+    EXPECT_TRUE(corvina::isExecutablePath((tmp / "tool").string()));
+    EXPECT_FALSE(corvina::isExecutablePath((tmp / "missing").string()));
+    EXPECT_FALSE(corvina::isExecutablePath((tmp / "folder").string()));
+    EXPECT_FALSE(corvina::isExecutablePath(""));
+    if (::geteuid() != 0) {
+        EXPECT_FALSE(corvina::isExecutablePath((tmp / "plain").string()));
+    }
+}
+
+TEST(ProcessExecutableCheck, RecognisesPackageFoldersByExtension)
+{
+    TempFolder tmp;
+    for (const char* name : {"Viewer.app", "Codec.bundle", "Kit.framework", "Installer.pkg", "Pane.prefPane",
+                             "Service.xpc", "Ext.appex", "Driver.kext", "Multi.mpkg", "Filter.plugin"}) {
+        fs::create_directory(tmp / name);
+        EXPECT_TRUE(corvina::isPackagePath((tmp / name).string())) << name;
+        EXPECT_TRUE(corvina::isPackagePath((tmp / name).string() + "/")) << name;
+        EXPECT_FALSE(corvina::isExecutablePath((tmp / name).string())) << name;
+    }
+    // The extension alone does not make a package: a tool file named like one is a tool,
+    // and a folder with another extension is just a folder.
+    writeFile(tmp / "tool.app", "#!/bin/sh\n", fs::perms::owner_all);
+    fs::create_directory(tmp / "Notes.txt");
+    fs::create_directory(tmp / "Case.APP");
+    EXPECT_FALSE(corvina::isPackagePath((tmp / "tool.app").string()));
+    EXPECT_TRUE(corvina::isExecutablePath((tmp / "tool.app").string()));
+    EXPECT_FALSE(corvina::isPackagePath((tmp / "Notes.txt").string()));
+    EXPECT_FALSE(corvina::isPackagePath((tmp / "Case.APP").string()));
+    EXPECT_FALSE(corvina::isPackagePath((tmp / "missing.app").string()));
+}
+
+TEST(ProcessStreams, CapturesOutputAndErrorSeparately)
+{
+    const ShellRun r = runShell("printf out; printf err >&2; exit 3");
+    EXPECT_EQ(text(r.out), "out");
+    EXPECT_EQ(text(r.err), "err");
+    EXPECT_EQ(r.status, 3);
+}
+
+TEST(ProcessStreams, DrainsBothStreamsWhileEitherFills)
+{
+    // The tool fills standard error before it writes anything to standard output: a reader
+    // that waited on output alone would never see either end.
+    const ShellRun r = runShell("head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' x");
+    ASSERT_EQ(r.out.size(), 1048576u);
+    EXPECT_EQ(r.err.size(), 1048576u);
+    EXPECT_EQ(r.out.front(), 'x');
+    EXPECT_EQ(r.out.back(), 'x');
+}
+
+TEST(ProcessStreams, NullDeviceDiscardsAndInputIsEmpty)
+{
+    // cat reads the empty input and ends at once; nothing reaches a discarded stream.
+    ShellRun r = runShell("cat; echo gone; echo lost >&2", Process::Stream::Null, Process::Stream::Null);
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_TRUE(r.err.empty());
+    EXPECT_EQ(r.status, 0);
+
+    r = runShell("cat");
+    EXPECT_TRUE(r.out.empty());
+}
+
+TEST(ProcessStreams, FeedsGivenInputThenEndOfFile)
+{
+    Process p;
+    p.setLaunchPath("/bin/cat");
+    p.setStandardInputData("secret\n");
+    p.launch();
+    Process::Bytes out;
+    p.readToEnd(&out, nullptr);
+    p.waitUntilExit();
+    EXPECT_EQ(text(out), "secret\n");
+}
+
+TEST(ProcessEnvironment, GivenEnvironmentReplacesTheCallersWhole)
+{
+    ::setenv("CORVINA_PROCESS_TEST_MARK", "inherited", 1);
+    Process p;
+    p.setLaunchPath("/usr/bin/env");
+    p.setEnvironment(Process::Environment{{"ONLY", "this one"}});
+    p.launch();
+    Process::Bytes out;
+    p.readToEnd(&out, nullptr);
+    EXPECT_EQ(text(out), "ONLY=this one\n");
+
+    Process inherit;
+    inherit.setLaunchPath("/usr/bin/env");
+    inherit.launch();
+    Process::Bytes all;
+    inherit.readToEnd(&all, nullptr);
+    EXPECT_NE(text(all).find("CORVINA_PROCESS_TEST_MARK=inherited"), std::string::npos);
+    ::unsetenv("CORVINA_PROCESS_TEST_MARK");
+}
+
+TEST(ProcessLifecycle, LaunchFailuresArePlatformExceptions)
+{
+    TempFolder tmp;
+    writeFile(tmp / "plain", "data", fs::perms::owner_read);
+    for (const std::string& path : {(tmp / "missing").string(), (tmp / "plain").string(), std::string()}) {
+        Process p;
+        p.setLaunchPath(path);  // even root cannot execute a file without any execute bit
+        EXPECT_THROW(p.launch(), corvina::PlatformException) << path;
+        EXPECT_FALSE(p.isRunning());
+        p.waitUntilExit();  // nothing to wait for
+        p.terminate();      // nothing to signal
+    }
+    Process twice;
+    twice.setLaunchPath("/bin/true");
+    twice.launch();
+    EXPECT_THROW(twice.launch(), corvina::PlatformException);
+    twice.waitUntilExit();
+}
+
+TEST(ProcessLifecycle, StatusReflectsExitAndSignals)
+{
+    EXPECT_EQ(runShell("exit 0").status, 0);
+    EXPECT_EQ(runShell("exit 255").status, 255);
+    EXPECT_EQ(runShell("kill -TERM $$").status, 128 + SIGTERM);
+}
+
+TEST(ProcessLifecycle, TerminateEndsARunningTool)
+{
+    Process p;
+    p.setLaunchPath("/bin/sleep");
+    p.setArguments({"10"});
+    p.launch();
+    EXPECT_TRUE(p.isRunning());
+    p.terminate();
+    Process::Bytes out;
+    p.readToEnd(&out, nullptr);
+    p.waitUntilExit();
+    EXPECT_FALSE(p.isRunning());
+    EXPECT_EQ(p.terminationStatus(), 128 + SIGTERM);
+    p.terminate();  // already reaped: must not signal anything
+    EXPECT_EQ(p.description(), "/bin/sleep");
+}
+
+TEST(ProcessConcurrency, TerminateFromAnotherThreadEndsABlockedReader)
+{
+    Process p;
+    p.setLaunchPath("/bin/sh");
+    p.setArguments({"-c", "exec sleep 30"});
+    p.launch();
+    std::thread killer([&] {
+        while (!p.isRunning()) std::this_thread::yield();
+        p.terminate();
+    });
+    Process::Bytes out;
+    p.readToEnd(&out, nullptr);
+    p.waitUntilExit();
+    killer.join();
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(p.terminationStatus(), 128 + SIGTERM);
+}
+
+TEST(ProcessConcurrency, ParallelRunsKeepTheirOwnStreams)
+{
+    // Pipes are close-on-exec: a tool started on one thread never holds another run's pipe
+    // open, so every reader sees its own end of file.
+    constexpr int kThreads = 4;
+    constexpr int kRuns = 10;
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &mismatches] {
+            for (int i = 0; i < kRuns; ++i) {
+                const std::string word = "run-" + std::to_string(t) + "-" + std::to_string(i);
+                const ShellRun r = runShell("printf " + word + "; printf " + word + " >&2");
+                if (text(r.out) != word || text(r.err) != word || r.status != 0) ++mismatches;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}

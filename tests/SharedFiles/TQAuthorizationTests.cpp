@@ -1,0 +1,138 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Foundation/SystemLog.h"
+#include "ServicesTestSupport.h"
+#include "TQAuthorization.h"
+#include "TQLocalPaths.h"
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using servicestest::Scratch;
+
+namespace {
+
+struct ToolCall {
+    std::string tool;
+    std::vector<std::string> parameters;
+    bool async;
+};
+
+// Records the tools the controller would run instead of running them, so that no test can
+// remove anything it should not.
+class RecordedTools {
+public:
+    explicit RecordedTools(int32_t status = 0)
+    {
+        TQAuthorization::setExecHookForTesting([this, status](const std::string& tool,
+                                                              const std::vector<std::string>& parameters, bool async) {
+            std::lock_guard lock(mutex_);
+            calls_.push_back({tool, parameters, async});
+            return status;
+        });
+    }
+    ~RecordedTools() { TQAuthorization::setExecHookForTesting(nullptr); }
+    std::vector<ToolCall> calls()
+    {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<ToolCall> calls_;
+};
+
+}  // namespace
+
+TEST(TQAuthorizationShared, OneControllerWhateverTheLaterCallsAsk)
+{
+    TQAuthorization& first = TQAuthorization::sharedController(true);
+    EXPECT_EQ(&first, &TQAuthorization::sharedController(false));
+    EXPECT_EQ(&first, &TQAuthorization::sharedController());
+}
+
+TEST(TQAuthorizationRemove, ProtectedFoldersAreRefusedWithoutRunningATool)
+{
+    RecordedTools tools;
+    corvina::ScopedSystemLogCapture capture;
+    auto& auth = TQAuthorization::sharedController();
+    EXPECT_FALSE(auth.authRemoveFile("/"));
+    EXPECT_THAT(capture.messages(), Contains("Unable to delete path / because it is a system directory."));
+    const auto applications = TQLocalPaths::applicationDirectory(false);
+    ASSERT_TRUE(applications.has_value());
+    EXPECT_FALSE(auth.authRemoveFile(*applications));
+    EXPECT_FALSE(auth.authRemoveFile("/usr"));
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST(TQAuthorizationRemove, OrdinaryPathRunsRmWithoutWaiting)
+{
+    Scratch scratch;
+    const std::string inside = scratch / "movie.mov";
+    RecordedTools tools;
+    EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
+    const auto calls = tools.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].tool, "/bin/rm");
+    EXPECT_THAT(calls[0].parameters, ElementsAre("-Rdf", inside));
+    EXPECT_TRUE(calls[0].async);
+
+    RecordedTools failing(1);
+    EXPECT_FALSE(TQAuthorization::sharedController().authRemoveFile(inside)) << "a failed start is a failure";
+}
+
+TEST(TQAuthorizationExec, MissingToolIsReportedWithoutAskingForRights)
+{
+    RecordedTools tools;
+    corvina::ScopedSystemLogCapture capture;
+    EXPECT_EQ(TQAuthorization::sharedController().authExecTask("/nonexistent/tool", {"x"}), -2);
+    EXPECT_THAT(capture.messages(), Contains("Unable to execute task: path /nonexistent/tool doesn't exist"));
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST(TQAuthorizationExec, RootRunsToolsDirectly)
+{
+    if (::getuid() != 0) GTEST_SKIP() << "needs root";
+    auto& auth = TQAuthorization::sharedController();
+    EXPECT_TRUE(auth.isAuthorized());
+    EXPECT_TRUE(auth.canAuthorize());
+    EXPECT_TRUE(auth.authStart());
+    EXPECT_TRUE(auth.authStartWithUser("anyone", "anything"));
+    Scratch scratch;
+    servicestest::writeFile(scratch / "tree/a/b/file", "x");
+    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", scratch / "tree"}, false), 0);
+    EXPECT_FALSE(std::filesystem::exists(scratch / "tree")) << "waited for the tool";
+}
+
+TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
+{
+    // A process that is not root, with a controller that may not ask: every privileged
+    // operation fails at once, with nothing run.
+    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    const std::string target = servicestest::childHome() + "/keep.txt";
+    servicestest::writeFile(target, "data");
+    if (::getuid() == 0) {
+        ASSERT_EQ(::chown(servicestest::childHome().c_str(), 65534, 65534), 0);
+        ASSERT_EQ(::setgid(65534), 0);
+        ASSERT_EQ(::setuid(65534), 0);
+    }
+    auto& auth = TQAuthorization::sharedController(false);
+    corvina::ScopedSystemLogCapture capture;
+    EXPECT_FALSE(auth.hasGUI());
+    EXPECT_FALSE(auth.isAuthorized());
+    EXPECT_FALSE(auth.canAuthorize());
+    EXPECT_FALSE(auth.authStart());
+    EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
+    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
+    EXPECT_FALSE(auth.authRemoveFile(target));
+    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
+    EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
+    EXPECT_TRUE(std::filesystem::exists(target));
+}

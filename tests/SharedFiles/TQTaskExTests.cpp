@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <string>
+
+#include "ServicesTestSupport.h"
+#include "TQLog.h"
+#include "TQTaskEx.h"
+
+using servicestest::Scratch;
+
+namespace {
+
+std::string asText(const std::optional<TQTaskEx::Data>& data)
+{
+    return data ? std::string(data->begin(), data->end()) : std::string("<none>");
+}
+
+}  // namespace
+
+TEST(TQTaskExData, ReturnsOutputElseErrorElseAnEmptyBuffer)
+{
+    EXPECT_EQ(asText(TQTaskEx::dataFromTask("/bin/sh", {"-c", "printf out; printf err >&2"})), "out");
+    EXPECT_EQ(asText(TQTaskEx::dataFromTask("/bin/sh", {"-c", "printf 'only error' >&2; exit 2"})), "only error");
+    const auto nothing = TQTaskEx::dataFromTask("/bin/true", {});
+    ASSERT_TRUE(nothing.has_value()) << "a silent tool gives an empty buffer, not none";
+    EXPECT_TRUE(nothing->empty());
+    // Error not captured: it goes to the null device and cannot stand in for the output.
+    const auto discarded = TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo lost >&2"}, nullptr, std::nullopt, true, false);
+    ASSERT_TRUE(discarded.has_value());
+    EXPECT_TRUE(discarded->empty());
+}
+
+TEST(TQTaskExData, LargeOutputOnBothStreamsCompletes)
+{
+    const auto data = TQTaskEx::dataFromTask(
+        "/bin/sh", {"-c", "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o"});
+    ASSERT_TRUE(data.has_value());
+    ASSERT_EQ(data->size(), 1048576u);
+    EXPECT_EQ(data->front(), 'o');
+}
+
+TEST(TQTaskExData, EnvironmentReplacesTheCallersAndTaskIsHandedOut)
+{
+    TQTaskEx::Task task;
+    const auto data = TQTaskEx::dataFromTask("/usr/bin/env", {}, &task, TQTaskEx::Environment{{"LANG", "C"}});
+    EXPECT_EQ(asText(data), "LANG=C\n");
+    ASSERT_NE(task, nullptr);
+    EXPECT_EQ(task->launchPath(), "/usr/bin/env");
+}
+
+TEST(TQTaskExData, ToolsThatCannotRunGiveNone)
+{
+    Scratch scratch;
+    std::filesystem::create_directories(scratch / "Player.app");
+    servicestest::writeFile(scratch / "notes.txt", "text");
+    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "missing", {}).has_value());
+    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "Player.app", {}).has_value());
+    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "notes.txt", {}).has_value());
+    EXPECT_FALSE(TQTaskEx::dataFromTask("", {}).has_value());
+}
+
+TEST(TQTaskExString, DecodesOrGivesEmptyForToolsThatCannotRun)
+{
+    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/echo", {"hello"}), "hello\n");
+    EXPECT_EQ(TQTaskEx::stringFromTask("/nonexistent/tool", {}), "");
+    // Bytes outside ASCII do not decode in the default encoding, but do as UTF-8.
+    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}), std::nullopt);
+    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}, TQTaskEx::Encoding::UTF8),
+              "caf\xC3\xA9");
+    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"\\377"}, TQTaskEx::Encoding::UTF8), std::nullopt);
+}
+
+TEST(TQTaskExRun, SucceedsWhateverTheExitStatus)
+{
+    EXPECT_TRUE(TQTaskEx::runTask("/bin/false"));
+    EXPECT_TRUE(TQTaskEx::runTask("/bin/sh", {"-c", "exit 1"}));
+    EXPECT_FALSE(TQTaskEx::runTask("/nonexistent/tool"));
+    // A relative path is not checked first; its launch fails and is reported as false.
+    EXPECT_FALSE(TQTaskEx::runTask("no-such-tool-here"));
+}
+
+TEST(TQTaskExRun, RunTaskAndReturnHandsOverARunningTask)
+{
+    auto task = TQTaskEx::runTaskAndReturn("/bin/sleep", {"5"});
+    ASSERT_NE(task, nullptr);
+    EXPECT_TRUE(task->isRunning());
+    task->terminate();
+    task->waitUntilExit();
+    EXPECT_EQ(task->terminationStatus(), 128 + SIGTERM);
+    EXPECT_EQ(TQTaskEx::runTaskAndReturn("/nonexistent/tool"), nullptr);
+    EXPECT_EQ(TQTaskEx::runTaskAndReturn(""), nullptr);
+}
+
+TEST(TQTaskExStatus, ReturnsTheExitStatusOrMinusOne)
+{
+    Scratch scratch;
+    std::filesystem::create_directories(scratch / "Editor.app");
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}), 7);
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/true"), 0);
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(scratch / "Editor.app"), -1);
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(scratch / "missing"), -1);
+}
+
+TEST(TQTaskExLog, FailuresAreLoggedInTheirOwnWords)
+{
+    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    const std::string bundle = servicestest::childHome() + "/Tools/Editor.app";
+    std::filesystem::create_directories(bundle);
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(bundle), -1);
+    EXPECT_FALSE(TQTaskEx::runTask("relative-tool"));
+    TQLog::finishWriting();
+    const auto log = servicestest::logEntries(servicestest::childLogPath());
+    EXPECT_EQ(servicestest::countOf(log, "Error: " + bundle + " is not executable"), 1);
+    bool exceptionLine = false;
+    for (const auto& l : log) exceptionLine |= l.rfind("Exception running task relative-tool: ", 0) == 0;
+    EXPECT_TRUE(exceptionLine);
+}
+
+TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
+{
+    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+    // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
+    // blocked reading the tool's output when the time-out ends it.
+    const auto data =
+        TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
+    EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
+    TQLog::finishWriting();
+    const auto log = servicestest::logEntries(servicestest::childLogPath());
+    EXPECT_EQ(servicestest::countOf(log, "Task /bin/sh timed out. Terminating..."), 1);
+}
+
+TEST(TQTaskExTimeoutConcurrency, StatusFormReportsTheTerminatedTool)
+{
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sleep", {"10"}, std::chrono::seconds(1)), 128 + SIGTERM);
+}
+
+TEST(TQTaskExTimeoutConcurrency, EarlierRunsTimerNeverReachesALaterRun)
+{
+    TQTaskEx runner;
+    runner.runTaskWithTimeout("/bin/true", {}, std::chrono::seconds(1));
+    EXPECT_EQ(runner.theTask(), nullptr);
+    // This run outlasts the first run's time-out; only its own (longer) one applies.
+    EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sh", {"-c", "sleep 1.5; exit 4"}, std::chrono::seconds(30)),
+              4);
+    EXPECT_EQ(runner.theTask(), nullptr);
+    runner.timeout();  // nothing in progress: nothing happens
+}
