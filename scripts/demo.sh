@@ -28,8 +28,9 @@ log=$(ls "$HOME"/Library/Logs/Brantwell/CorvinaAVFHelper.1.log "$TQ_LOCAL_ROOT"/
 if [ -n "$log" ]; then
   echo "--- first lines of the log ($log):"
   head -n 12 "$log"
-  echo "--- session lines:"
-  grep -v -E 'Requesting next|number of audio samples' "$log" | tail -n 30
+  echo "--- session lines (every file of this run, oldest first, without the per-sample lines):"
+  for n in 5 4 3 2 1; do f="${log%.1.log}.$n.log"; [ -f "$f" ] && cat "$f"; done |
+    grep -v -E 'Requesting next|number of audio samples|Log started|Version:|Path:|System:|Running in|Log truncated' | tail -n 40
 fi
 [ "$status" -eq 0 ] || exit "$status"
 
