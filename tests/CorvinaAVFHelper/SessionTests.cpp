@@ -174,7 +174,9 @@ TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
         EXPECT_EQ(audio.at("sample_rate"), std::to_string(row.rate));
         EXPECT_EQ(audio.at("channels"), std::to_string(row.channels));
         EXPECT_EQ(audio.at("sample_fmt"), "s16");
-        if (*row.layout) EXPECT_EQ(audio.at("channel_layout"), row.layout);
+        if (*row.layout) {
+            EXPECT_EQ(audio.at("channel_layout"), row.layout);
+        }
         const auto expected = expectedAudioBytes(doc, static_cast<uint64_t>(row.bytesPerFrame));
         EXPECT_EQ(audio.at("time_base"), "1/" + std::to_string(row.rate));
         EXPECT_EQ(audio.at("duration_ts"), std::to_string(expected.size() / static_cast<size_t>(row.bytesPerFrame)));
