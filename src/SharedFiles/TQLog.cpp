@@ -1,5 +1,7 @@
 #include "TQLog.h"
 
+#include <memory>
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -619,6 +621,10 @@ void TQLog::atforkChild()
     log.writerId_.store(std::thread::id());
     // The batch the parent's writer holds is the parent's to write.
     log.writtenSeq_ = log.takenSeq_;
+    // The parent's writer may have been waiting on these: their state names a thread the
+    // child does not have, and signalling them could block for ever. Start them afresh.
+    std::construct_at(&log.queueCv_);
+    std::construct_at(&log.doneCv_);
     uint64_t queued16 = 0;
     for (const Entry& entry : log.pending_)
         queued16 += entry.length16;
