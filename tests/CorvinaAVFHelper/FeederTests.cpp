@@ -1,0 +1,228 @@
+// The sample feeders against small data files whose bytes are known.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <numeric>
+
+#include "AppController.h"
+#include "HelperRun.h"
+
+using namespace corvina;
+using corvina::test::TempDir;
+
+namespace {
+
+Value entry(uint64_t offset, uint64_t length, std::optional<int64_t> frameCount = std::nullopt)
+{
+    Value::DictionaryType d{{"offset", offset}, {"length", length}};
+    if (frameCount) d["frameCount"] = *frameCount;
+    return Value(std::move(d));
+}
+
+// A data file whose byte at position p is p mod 251, so every range is recognisable.
+std::string makeDataFile(const TempDir& dir, const std::string& name, size_t size)
+{
+    std::vector<char> bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i % 251);
+    const std::string path = dir / name;
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(size));
+    return path;
+}
+
+std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
+{
+    const BlockBuffer* block = sample.dataBuffer();
+    return {block->data(), block->data() + block->dataLength()};
+}
+
+std::vector<uint8_t> expected(uint64_t offset, size_t length)
+{
+    std::vector<uint8_t> out(length);
+    for (size_t i = 0; i < length; ++i) out[i] = static_cast<uint8_t>((offset + i) % 251);
+    return out;
+}
+
+FormatDescriptionRef videoFormat()
+{
+    FormatDescriptionRef format;
+    FormatDescription::createVideo(fourCC("dvc "), 720, 480, &format);
+    return format;
+}
+
+class VideoFeeder : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        controller.setVideoHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "video.raw", 10000)));
+    }
+    TempDir dir;
+    AppController controller;
+    FormatDescriptionRef format = videoFormat();
+};
+
+TEST_F(VideoFeeder, NtscTimingIsExactAndTheTableEndsTheTrack)
+{
+    controller.setVideoOffsets(Value(Value::ArrayType{entry(100, 40), entry(200, 50), entry(9000, 60)}));
+    const int64_t expectedOffsets[] = {100, 200, 9000};
+    const size_t expectedLengths[] = {40, 50, 60};
+    for (int i = 0; i < 3; ++i) {
+        auto sample = controller.copyNextVideoSampleBuffer(format, 29.97f);
+        ASSERT_NE(sample, nullptr) << i;
+        EXPECT_EQ(sample->numSamples(), 1);
+        EXPECT_EQ(sample->presentationTimeStamp(), MediaTime::make(1001 * i, 30000));
+        EXPECT_EQ(sample->duration(), MediaTime::make(1001, 30000));
+        EXPECT_EQ(sample->presentationTimeStamp().timescale, 30000);
+        EXPECT_EQ(sample->sampleSize(0), expectedLengths[i]);
+        EXPECT_EQ(bytesOf(*sample), expected(expectedOffsets[i], expectedLengths[i]));
+    }
+    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 29.97f), nullptr);
+    EXPECT_EQ(controller.curVideoSampleIndex(), 3u);
+    EXPECT_EQ(controller.numVideoSamplesAppended(), 3u);
+}
+
+TEST_F(VideoFeeder, RatesGiveTheirTimescales)
+{
+    struct Case {
+        float fps;
+        int32_t timescale;
+        int64_t duration;
+    } cases[] = {{25, 25000, 1000}, {30, 30000, 1000}, {24, 24000, 1000},
+                 {23.976f, 24000, 1001}, {59.94f, 60000, 1001}, {29.97f, 30000, 1001}};
+    for (const auto& c : cases) {
+        AppController local;
+        local.setVideoHandle(FileHandle::forReadingAtPath(dir / "video.raw"));
+        local.setVideoOffsets(Value(Value::ArrayType{entry(0, 10)}));
+        auto sample = local.copyNextVideoSampleBuffer(format, c.fps);
+        ASSERT_NE(sample, nullptr) << c.fps;
+        EXPECT_EQ(sample->duration().value, c.duration) << c.fps;
+        EXPECT_EQ(sample->duration().timescale, c.timescale) << c.fps;
+    }
+}
+
+TEST_F(VideoFeeder, EntryPastTheEndOfTheFileEndsTheTrackAndKeepsTheIndex)
+{
+    controller.setVideoOffsets(Value(Value::ArrayType{entry(0, 10), entry(10000, 10), entry(20, 10)}));
+    ASSERT_NE(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
+    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
+    EXPECT_EQ(controller.curVideoSampleIndex(), 1u);
+    EXPECT_EQ(controller.numVideoSamplesAppended(), 1u);
+}
+
+TEST_F(VideoFeeder, AbsurdLengthsAndMissingTablesNeverCrash)
+{
+    controller.setVideoOffsets(Value(Value::ArrayType{entry(9990, UINT64_MAX)}));
+    // Only 10 bytes are there: the sample cannot carry its declared size.
+    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
+    controller.setVideoOffsets(Value());
+    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
+    controller.setVideoOffsets(Value(Value::ArrayType{Value("not a dictionary")}));
+    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
+}
+
+TEST_F(VideoFeeder, FrameCountsBelowOneCountAsOneAndMultiFrameEntriesSplit)
+{
+    controller.setVideoOffsets(Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3),
+                                                      entry(50, 10, 3), entry(60, 10)}));
+    auto first = controller.copyNextVideoSampleBuffer(format, 25);
+    auto second = controller.copyNextVideoSampleBuffer(format, 25);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(first->numSamples(), 1);
+    EXPECT_EQ(controller.numVideoSamplesAppended(), 2u);
+
+    // 30 bytes in 3 frames: three samples of 10 bytes, one frame each, timed after the
+    // frames handed out before.
+    auto split = controller.copyNextVideoSampleBuffer(format, 25);
+    ASSERT_NE(split, nullptr);
+    EXPECT_EQ(split->numSamples(), 3);
+    EXPECT_EQ(split->sampleSize(0), 10u);
+    EXPECT_EQ(split->presentationTimeStamp(), MediaTime::make(2000, 25000));
+    EXPECT_EQ(split->duration(), MediaTime::make(1000, 25000));
+    EXPECT_EQ(controller.numVideoSamplesAppended(), 5u);
+
+    // 10 bytes do not divide into 3 frames: one sample lasting three frames.
+    auto whole = controller.copyNextVideoSampleBuffer(format, 25);
+    ASSERT_NE(whole, nullptr);
+    EXPECT_EQ(whole->numSamples(), 1);
+    EXPECT_EQ(whole->duration(), MediaTime::make(3000, 25000));
+    EXPECT_EQ(whole->presentationTimeStamp(), MediaTime::make(5000, 25000));
+
+    auto after = controller.copyNextVideoSampleBuffer(format, 25);
+    ASSERT_NE(after, nullptr);
+    EXPECT_EQ(after->presentationTimeStamp(), MediaTime::make(8000, 25000));
+}
+
+class AudioFeeder : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        controller.setAudioHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "audio.raw", 4096)));
+        format = controller.audioFormatDescriptionForChannels(2, true, 16, 48000, false);
+    }
+    std::vector<std::unique_ptr<SampleBuffer>> drain(uint64_t bytesPerFrame = 4)
+    {
+        std::vector<std::unique_ptr<SampleBuffer>> out;
+        while (auto sample = controller.copyNextAudioSampleBuffer(format, 48000, bytesPerFrame)) {
+            out.push_back(std::move(sample));
+            if (out.size() > 10000) break;
+        }
+        return out;
+    }
+    TempDir dir;
+    AppController controller;
+    FormatDescriptionRef format;
+};
+
+TEST_F(AudioFeeder, RunsFollowEachOtherWithoutGaps)
+{
+    controller.setAudioOffsets(Value(Value::ArrayType{entry(100, 8), entry(1000, 4)}));
+    const auto samples = drain();
+    ASSERT_EQ(samples.size(), 3u);
+    const uint64_t offsets[] = {100, 104, 1000};
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->presentationTimeStamp(), MediaTime::make(static_cast<int64_t>(i), 48000));
+        EXPECT_EQ(samples[i]->duration(), MediaTime::make(1, 48000));
+        EXPECT_EQ(samples[i]->sampleSize(0), 4u);
+        EXPECT_EQ(bytesOf(*samples[i]), expected(offsets[i], 4));
+    }
+    EXPECT_EQ(controller.numAudioSamplesAppended(), 3u);
+}
+
+TEST_F(AudioFeeder, PartFramesAreNeverReadAndEmptyRunsArePassedOver)
+{
+    // 6 bytes hold one frame; 3 bytes none; the next run's frame comes in the same call.
+    controller.setAudioOffsets(Value(Value::ArrayType{entry(0, 6), entry(50, 3), entry(0, 0), entry(200, 4)}));
+    const auto samples = drain();
+    ASSERT_EQ(samples.size(), 2u);
+    EXPECT_EQ(bytesOf(*samples[0]), expected(0, 4));
+    EXPECT_EQ(bytesOf(*samples[1]), expected(200, 4));
+    EXPECT_EQ(samples[1]->presentationTimeStamp(), MediaTime::make(1, 48000));
+}
+
+TEST_F(AudioFeeder, EndsAtTheEndOfTheFileAndOnEmptyTables)
+{
+    controller.setAudioOffsets(Value(Value::ArrayType{entry(4090, 16)}));
+    const auto samples = drain();
+    // 4090..4093 is whole; 4094 starts a frame with only 2 bytes left: the track ends there.
+    ASSERT_EQ(samples.size(), 1u);
+    EXPECT_EQ(controller.curAudioSampleSubIndex(), 1u);
+
+    AppController empty;
+    empty.setAudioHandle(FileHandle::forReadingAtPath(dir / "audio.raw"));
+    empty.setAudioOffsets(Value(Value::ArrayType{}));
+    EXPECT_EQ(empty.copyNextAudioSampleBuffer(format, 48000, 4), nullptr);
+    empty.setAudioOffsets(Value(Value::ArrayType{entry(UINT64_MAX - 2, 8)}));
+    EXPECT_EQ(empty.copyNextAudioSampleBuffer(format, 48000, 4), nullptr);
+}
+
+TEST_F(AudioFeeder, TheFortyEightThousandthFrameLandsJustBeforeOneSecond)
+{
+    controller.setAudioHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "long.raw", 48001 * 2)));
+    controller.setAudioOffsets(Value(Value::ArrayType{entry(0, 48001 * 2)}));
+    std::unique_ptr<SampleBuffer> last;
+    for (int i = 0; i < 48001; ++i) last = controller.copyNextAudioSampleBuffer(format, 48000, 2);
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(last->presentationTimeStamp(), MediaTime::make(48000, 48000));
+    EXPECT_EQ(last->presentationTimeStamp().getSeconds(), 1.0);
+}
+
+}  // namespace

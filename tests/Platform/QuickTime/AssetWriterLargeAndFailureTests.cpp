@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "Dispatch/Dispatch.h"
+#include "WriterTestSupport.h"
+
+namespace corvina {
+namespace {
+
+using namespace testing_support;
+using test::checkMovieStructure;
+using test::MovieSummary;
+
+// A small tmpfs mounted for the lifetime of the object; unmounted lazily at the end.
+class SmallDisk {
+public:
+    SmallDisk(const std::string& where, const char* size) : path_(where)
+    {
+        ::mkdir(path_.c_str(), 0755);
+        std::string options = std::string("size=") + size;
+        mounted_ = ::mount("tmpfs", path_.c_str(), "tmpfs", 0, options.c_str()) == 0;
+        if (!mounted_) why_ = std::strerror(errno);
+    }
+    ~SmallDisk()
+    {
+        if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+    bool mounted() const { return mounted_; }
+    const std::string& why() const { return why_; }
+
+private:
+    std::string path_;
+    bool mounted_ = false;
+    std::string why_;
+};
+
+TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
+{
+    ScratchDir dir;
+    SmallDisk disk(dir.file("disk"), "1m");
+    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
+    std::string path = dir.file("disk/full.mov");
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer) << error.description();
+    auto video = AssetWriterInput::create(MediaType::Video);
+    writer->addInput(video);
+    ASSERT_TRUE(writer->startWriting());
+    auto f = videoFormat(fourCC("dvcp"), 720, 576);
+    auto frame = randomBytes(144000, 5);
+    int accepted = 0;
+    for (int i = 0; i < 200; ++i) {
+        if (!video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(i, 25), MediaTime::make(1, 25)))) break;
+        ++accepted;
+    }
+    EXPECT_LT(accepted, 200) << "a 1 MB disk cannot take 28 MB";
+    EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
+    auto e = writer->error();
+    ASSERT_TRUE(e.has_value());
+    EXPECT_EQ(e->code, ENOSPC);
+    EXPECT_NE(e->localizedDescription.find(std::strerror(ENOSPC)), std::string::npos) << e->localizedDescription;
+    EXPECT_FALSE(video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(500, 25), MediaTime::make(1, 25))));
+    // Pumps must be able to run to their end: a failed writer's inputs stay ready.
+    EXPECT_TRUE(video->isReadyForMoreMediaData());
+    EXPECT_FALSE(writer->finishWriting());
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0) << "the partial movie stays";
+    EXPECT_GT(st.st_size, 500 * 1024);
+}
+
+// The pull model after a failure: both pumps still reach their ends and leave the group.
+TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
+{
+    ScratchDir dir;
+    SmallDisk disk(dir.file("disk"), "1m");
+    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
+    Error error;
+    auto writer = AssetWriter::create(dir.file("disk/pumps.mov"), kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    auto audio = AssetWriterInput::create(MediaType::Audio);
+    writer->addInput(video);
+    writer->addInput(audio);
+    ASSERT_TRUE(writer->startWriting());
+    auto vf = videoFormat(fourCC("dvc "), 720, 480);
+    auto af = audioFormat(48000, Layout::Mono, false);
+    auto frame = randomBytes(120000, 2);
+    auto pcm = pcmTone(1601, 1, false, 48000);
+    DispatchGroup group;
+    std::atomic<int> refused{0};
+    auto pump = [&](std::shared_ptr<AssetWriterInput> input, std::shared_ptr<DispatchQueue> queue, bool isVideo) {
+        group.enter();
+        auto count = std::make_shared<int>(0);
+        auto done = std::make_shared<bool>(false);
+        input->requestMediaDataWhenReadyOnQueue(queue, [&, input, count, done, isVideo] {
+            while (input->isReadyForMoreMediaData()) {
+                if (*count == 300) {  // 10 s: far more than the disk holds
+                    if (!*done) {
+                        *done = true;
+                        input->markAsFinished();
+                        group.leave();
+                    }
+                    return;
+                }
+                int i = (*count)++;
+                auto s = isVideo ? oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))
+                                 : makeSample(af, pcm.data(), pcm.size(), 1601,
+                                              {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000),
+                                                MediaTime::invalid()}},
+                                              {2});
+                if (!input->appendSampleBuffer(*s)) ++refused;
+            }
+        });
+    };
+    pump(video, DispatchQueue::createSerial("video"), true);
+    pump(audio, DispatchQueue::createSerial("audio"), false);
+    ASSERT_TRUE(group.wait(std::chrono::minutes(2))) << "a pump waited forever after the failure";
+    EXPECT_GT(refused.load(), 0);
+    EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
+    EXPECT_FALSE(writer->finishWriting());
+}
+
+TEST(AssetWriter, CancelRemovesThePartialMovie)
+{
+    ScratchDir dir;
+    std::string path = dir.file("cancelled.mov");
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    writer->addInput(video);
+    ASSERT_TRUE(writer->startWriting());
+    EXPECT_TRUE(video->appendSampleBuffer(
+        *oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1), MediaTime::zero(), MediaTime::make(1001, 30000))));
+    writer->cancelWriting();
+    EXPECT_EQ(writer->status(), AssetWriterStatus::Cancelled);
+    EXPECT_FALSE(writer->finishWriting());
+    struct stat st {};
+    EXPECT_NE(::stat(path.c_str(), &st), 0);
+}
+
+TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
+{
+#ifdef CORVINA_SANITIZED
+    GTEST_SKIP() << "writes 4.6 GB: not in sanitizer builds";
+#else
+    ScratchDir dir;
+    struct statvfs fs {};
+    if (::statvfs(dir.path().c_str(), &fs) != 0 || uint64_t(fs.f_bavail) * fs.f_frsize < (10ull << 30))
+        GTEST_SKIP() << "needs 10 GB free in " << dir.path();
+    std::string path = dir.file("large.mov");
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    ASSERT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    auto audio = AssetWriterInput::create(MediaType::Audio);
+    writer->addInput(video);
+    writer->addInput(audio);
+    ASSERT_TRUE(writer->startWriting());
+    auto vf = videoFormat(fourCC("ap4x"), 3840, 2160);
+    auto af = audioFormat(48000, Layout::Stereo, false);
+    const size_t frameSize = 8u << 20;
+    const int frames = 560;  // 4.7 GB
+    auto frame = randomBytes(frameSize, 17);
+    auto pcm = pcmTone(1602, 2, false, 48000);
+    int64_t audioFrames = 0;
+    for (int i = 0; i < frames; ++i) {
+        // Stamp the frame number so that every sample differs.
+        std::memcpy(frame.data(), &i, sizeof i);
+        ASSERT_TRUE(video->appendSampleBuffer(
+            *oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))))
+            << "frame " << i;
+        int64_t target = (int64_t(i) + 1) * 48048 / 30;
+        int64_t n = target - audioFrames;
+        ASSERT_TRUE(audio->appendSampleBuffer(*makeSample(
+            af, pcm.data(), size_t(n) * 4, n,
+            {{MediaTime::make(1, 48000), MediaTime::make(audioFrames, 48000), MediaTime::invalid()}}, {4})));
+        audioFrames = target;
+    }
+    ASSERT_TRUE(writer->finishWriting());
+
+    MovieSummary m;
+    auto problems = checkMovieStructure(path, &m);
+    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    EXPECT_TRUE(m.mdat64);
+    EXPECT_EQ(m.mdatDataStart, 36u);
+    ASSERT_EQ(m.tracks.size(), 2u);
+    const auto& v = *m.track(fourCC("vide"));
+    const auto& a = *m.track(fourCC("soun"));
+    EXPECT_TRUE(v.co64);
+    EXPECT_TRUE(a.co64);
+    EXPECT_EQ(v.sampleCount, uint64_t(frames));
+    EXPECT_EQ(a.sampleCount, uint64_t(audioFrames));
+    EXPECT_GT(v.chunkOffsets.back(), 0xFFFFFFFFull);
+    // The last frames and the last audio read back as written.
+    for (int i : {frames - 2, frames - 1}) {
+        std::memcpy(frame.data(), &i, sizeof i);
+        EXPECT_EQ(test::readSamples(path, v, uint64_t(i), 1), frame) << "frame " << i;
+    }
+    auto lastAudio = test::readSamples(path, a, uint64_t(audioFrames) - 3, 3);
+    int64_t n = audioFrames - (int64_t(frames) - 1) * 48048 / 30;
+    std::vector<uint8_t> expected(pcm.begin() + (n - 3) * 4, pcm.begin() + n * 4);
+    EXPECT_EQ(lastAudio, expected);
+    EXPECT_EQ(test::ffprobePacketCount(path, 0), frames);
+    auto streams = test::ffprobeStreams(path);
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
+#endif
+}
+
+}  // namespace
+}  // namespace corvina

@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+
+#include "WriterTestSupport.h"
+
+namespace corvina {
+namespace {
+
+using namespace testing_support;
+
+std::vector<uint8_t> readFile(const std::string& path)
+{
+    std::vector<uint8_t> bytes;
+    int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return bytes;
+    uint8_t buf[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+    ::close(fd);
+    return bytes;
+}
+
+void writeFile(const std::string& path, const std::vector<uint8_t>& bytes)
+{
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    ::close(fd);
+}
+
+size_t findType(const std::vector<uint8_t>& bytes, const char* type)
+{
+    for (size_t i = 4; i + 4 <= bytes.size(); ++i)
+        if (std::memcmp(&bytes[i], type, 4) == 0) return i - 4;
+    return std::string::npos;
+}
+
+void put32(std::vector<uint8_t>& b, size_t at, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i) b[at + size_t(i)] = uint8_t(v >> (24 - 8 * i));
+}
+
+std::string smallMovie(const ScratchDir& dir)
+{
+    std::string path = dir.file("small.mov");
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    EXPECT_TRUE(writer);
+    auto video = AssetWriterInput::create(MediaType::Video);
+    writer->addInput(video);
+    writer->startWriting();
+    auto f = videoFormat(fourCC("dvc "), 720, 480);
+    for (int i = 0; i < 10; ++i)
+        video->appendSampleBuffer(*oneSample(f, randomBytes(1000 + size_t(i), uint32_t(i)),
+                                             MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000)));
+    EXPECT_TRUE(writer->finishWriting());
+    return path;
+}
+
+TEST(MovieFile, HeadersAreTheReservedLayout)
+{
+    ScratchDir dir;
+    auto bytes = readFile(smallMovie(dir));
+    ASSERT_GT(bytes.size(), 36u);
+    const uint8_t expected[28] = {0, 0, 0, 20, 'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
+                                  0x03, 0x00, 'q', 't', ' ', ' ', 0, 0, 0, 8, 'w', 'i', 'd', 'e'};
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 28), std::vector<uint8_t>(expected, expected + 28));
+    EXPECT_EQ(std::memcmp(&bytes[32], "mdat", 4), 0);
+    uint32_t mdatSize = uint32_t(bytes[28]) << 24 | uint32_t(bytes[29]) << 16 | uint32_t(bytes[30]) << 8 | bytes[31];
+    EXPECT_EQ(mdatSize, 8u + 10 * 1000 + 45);
+    EXPECT_EQ(std::memcmp(&bytes[28 + mdatSize + 4], "moov", 4), 0) << "moov follows mdat";
+}
+
+// The checker must notice broken movies, or its silence proves nothing.
+TEST(MovieCheck, ReportsCorruptedMovies)
+{
+    ScratchDir dir;
+    std::string path = smallMovie(dir);
+    const auto good = readFile(path);
+    ASSERT_TRUE(test::checkMovieStructure(path).empty());
+    struct Row {
+        const char* name;
+        std::function<void(std::vector<uint8_t>&)> damage;
+    } rows[] = {
+        {"truncated file", [](auto& b) { b.resize(b.size() - 10); }},
+        {"stsz count off by one", [](auto& b) { put32(b, findType(b, "stsz") + 16, 11); }},
+        {"stts sum differs from mdhd", [](auto& b) { put32(b, findType(b, "stts") + 20, 1000); }},
+        {"chunk outside mdat", [](auto& b) { put32(b, findType(b, "stco") + 16, uint32_t(b.size())); }},
+        {"tkhd duration wrong", [](auto& b) { put32(b, findType(b, "tkhd") + 28, 7); }},
+        {"mdat size too large", [](auto& b) { put32(b, 28, 0x7FFFFFFF); }},
+    };
+    for (const auto& r : rows) {
+        auto bytes = good;
+        r.damage(bytes);
+        std::string broken = dir.file("broken.mov");
+        writeFile(broken, bytes);
+        EXPECT_FALSE(test::checkMovieStructure(broken).empty()) << r.name;
+    }
+}
+
+}  // namespace
+}  // namespace corvina
