@@ -1,5 +1,7 @@
 #include "TQLog.h"
 
+#include <memory>
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -626,6 +628,10 @@ void TQLog::atforkChild()
     log.writerId_.store(std::thread::id());
     // The batch the parent's writer holds is the parent's to write.
     log.writtenSeq_ = log.takenSeq_;
+    // The parent's writer may have been waiting on these: their state names a thread the
+    // child does not have, and signalling them could block for ever. Start them afresh.
+    std::construct_at(&log.queueCv_);
+    std::construct_at(&log.doneCv_);
     log.bytesInQueue_.store(log.pending_.total16());
     log.nameMutex_.unlock();
     log.queueMutex_.unlock();
