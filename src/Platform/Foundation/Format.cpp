@@ -119,7 +119,7 @@ void FormatArg::appendDescription(std::string& out) const
 
 namespace {
 
-struct Spec {
+struct Directive {
     bool left = false;
     bool plus = false;
     bool space = false;
@@ -131,18 +131,18 @@ struct Spec {
     char conv = 0;
 };
 
-// Appends body (already formatted) with the spec's width, padding on the left with spaces
+// Appends body (already formatted) with the directive's width, padding on the left with spaces
 // or (zeroPad) with zeros after the sign/prefix of length prefixLen.
-void appendPadded(std::string& out, std::string_view body, const Spec& spec, bool zeroPad = false,
+void appendPadded(std::string& out, std::string_view body, const Directive& directive, bool zeroPad = false,
                   size_t prefixLen = 0)
 {
-    const size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+    const size_t width = directive.width > 0 ? static_cast<size_t>(directive.width) : 0;
     if (body.size() >= width) {
         out += body;
         return;
     }
     const size_t pad = width - body.size();
-    if (spec.left) {
+    if (directive.left) {
         out += body;
         out.append(pad, ' ');
     } else if (zeroPad) {
@@ -156,11 +156,11 @@ void appendPadded(std::string& out, std::string_view body, const Spec& spec, boo
 }
 
 // Integer conversions d i u x X o with sign, precision (minimum digits), '#' and padding.
-void appendInteger(std::string& out, const FormatArg& arg, const Spec& spec)
+void appendInteger(std::string& out, const FormatArg& arg, const Directive& directive)
 {
     bool negative = false;
     uint64_t magnitude = 0;
-    const bool isSigned = spec.conv == 'd' || spec.conv == 'i';
+    const bool isSigned = directive.conv == 'd' || directive.conv == 'i';
     using K = FormatArg::Kind;
     if (isSigned) {
         const int64_t v = arg.asSigned();
@@ -170,7 +170,7 @@ void appendInteger(std::string& out, const FormatArg& arg, const Spec& spec)
         // A negative value under an unsigned conversion shows its two's complement bits, of
         // an int unless a long length was given and the value does not fit an int.
         const int64_t v = arg.asSigned();
-        if (!spec.wide && v >= std::numeric_limits<int32_t>::min())
+        if (!directive.wide && v >= std::numeric_limits<int32_t>::min())
             magnitude = static_cast<uint32_t>(static_cast<int32_t>(v));
         else
             magnitude = static_cast<uint64_t>(v);
@@ -178,12 +178,12 @@ void appendInteger(std::string& out, const FormatArg& arg, const Spec& spec)
         magnitude = arg.asUnsigned();
     }
 
-    const int base = (spec.conv == 'x' || spec.conv == 'X') ? 16 : spec.conv == 'o' ? 8 : 10;
+    const int base = (directive.conv == 'x' || directive.conv == 'X') ? 16 : directive.conv == 'o' ? 8 : 10;
     char digits[32];
     char* end = digits;
-    if (!(spec.precision == 0 && magnitude == 0)) {
+    if (!(directive.precision == 0 && magnitude == 0)) {
         end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
-        if (spec.conv == 'X')
+        if (directive.conv == 'X')
             for (char* c = digits; c != end; ++c)
                 if (*c >= 'a' && *c <= 'f') *c = static_cast<char>(*c - 'a' + 'A');
     }
@@ -193,39 +193,39 @@ void appendInteger(std::string& out, const FormatArg& arg, const Spec& spec)
     size_t n = 0;
     if (isSigned) {
         if (negative) body[n++] = '-';
-        else if (spec.plus) body[n++] = '+';
-        else if (spec.space) body[n++] = ' ';
+        else if (directive.plus) body[n++] = '+';
+        else if (directive.space) body[n++] = ' ';
     }
-    if (spec.alt && base == 16 && magnitude != 0) {
+    if (directive.alt && base == 16 && magnitude != 0) {
         body[n++] = '0';
-        body[n++] = spec.conv;
+        body[n++] = directive.conv;
     }
     const size_t prefixLen = n;
     size_t zeros = 0;
-    if (spec.precision > 0 && static_cast<size_t>(spec.precision) > ndigits)
-        zeros = std::min<size_t>(static_cast<size_t>(spec.precision) - ndigits, 48);
-    if (spec.alt && base == 8 && zeros == 0 && (ndigits == 0 || digits[0] != '0')) zeros = 1;
+    if (directive.precision > 0 && static_cast<size_t>(directive.precision) > ndigits)
+        zeros = std::min<size_t>(static_cast<size_t>(directive.precision) - ndigits, 48);
+    if (directive.alt && base == 8 && zeros == 0 && (ndigits == 0 || digits[0] != '0')) zeros = 1;
     std::memset(body + n, '0', zeros);
     n += zeros;
     std::memcpy(body + n, digits, ndigits);
     n += ndigits;
-    const bool zeroPad = spec.zero && !spec.left && spec.precision < 0;
-    appendPadded(out, std::string_view(body, n), spec, zeroPad, prefixLen);
+    const bool zeroPad = directive.zero && !directive.left && directive.precision < 0;
+    appendPadded(out, std::string_view(body, n), directive, zeroPad, prefixLen);
 }
 
-void appendFloating(std::string& out, double v, const Spec& spec)
+void appendFloating(std::string& out, double v, const Directive& directive)
 {
-    const char conv = spec.conv;
+    const char conv = directive.conv;
     const bool upper = conv == 'F' || conv == 'E' || conv == 'G' || conv == 'A';
     char buf[512];
     size_t n = 0;
-    if ((conv == 'f' || conv == 'F' || conv == 'e' || conv == 'E') && !spec.alt && std::isfinite(v) &&
-        spec.precision <= 100) {
+    if ((conv == 'f' || conv == 'F' || conv == 'e' || conv == 'E') && !directive.alt && std::isfinite(v) &&
+        directive.precision <= 100) {
         // Fast path without the C library's formatter.
-        const int precision = spec.precision < 0 ? 6 : spec.precision;
+        const int precision = directive.precision < 0 ? 6 : directive.precision;
         if (std::signbit(v)) buf[n++] = '-';
-        else if (spec.plus) buf[n++] = '+';
-        else if (spec.space) buf[n++] = ' ';
+        else if (directive.plus) buf[n++] = '+';
+        else if (directive.space) buf[n++] = ' ';
         const auto fmt = (conv == 'f' || conv == 'F') ? std::chars_format::fixed : std::chars_format::scientific;
         auto r = std::to_chars(buf + n, buf + sizeof buf, std::fabs(v), fmt, precision);
         if (r.ec != std::errc()) return;
@@ -234,7 +234,7 @@ void appendFloating(std::string& out, double v, const Spec& spec)
                 if (*c == 'e') *c = 'E';
         const size_t prefixLen = n;
         n = static_cast<size_t>(r.ptr - buf);
-        appendPadded(out, std::string_view(buf, n), spec, spec.zero && !spec.left, prefixLen);
+        appendPadded(out, std::string_view(buf, n), directive, directive.zero && !directive.left, prefixLen);
         return;
     }
     // Everything else (g, a, '#', inf/nan) through snprintf with a rebuilt conversion; the
@@ -242,39 +242,39 @@ void appendFloating(std::string& out, double v, const Spec& spec)
     char fmt[16];
     size_t f = 0;
     fmt[f++] = '%';
-    if (spec.plus) fmt[f++] = '+';
-    if (spec.space) fmt[f++] = ' ';
-    if (spec.alt) fmt[f++] = '#';
+    if (directive.plus) fmt[f++] = '+';
+    if (directive.space) fmt[f++] = ' ';
+    if (directive.alt) fmt[f++] = '#';
     fmt[f++] = '.';
     fmt[f++] = '*';
     fmt[f++] = conv;
     fmt[f] = 0;
-    const int precision = spec.precision < 0 ? (conv == 'a' || conv == 'A' ? -1 : 6) : std::min(spec.precision, 300);
+    const int precision = directive.precision < 0 ? (conv == 'a' || conv == 'A' ? -1 : 6) : std::min(directive.precision, 300);
     int len = std::snprintf(buf, sizeof buf, fmt, precision, v);
     if (len < 0) return;
     n = std::min(static_cast<size_t>(len), sizeof buf - 1);
     size_t prefixLen = (n > 0 && (buf[0] == '-' || buf[0] == '+' || buf[0] == ' ')) ? 1 : 0;
     if ((conv == 'a' || conv == 'A') && n >= prefixLen + 2) prefixLen += 2;
-    const bool zeroPad = spec.zero && !spec.left && std::isfinite(v);
-    appendPadded(out, std::string_view(buf, n), spec, zeroPad, prefixLen);
+    const bool zeroPad = directive.zero && !directive.left && std::isfinite(v);
+    appendPadded(out, std::string_view(buf, n), directive, zeroPad, prefixLen);
 }
 
-void appendText(std::string& out, const FormatArg& arg, const Spec& spec)
+void appendText(std::string& out, const FormatArg& arg, const Directive& directive)
 {
-    if (arg.kind() == FormatArg::Kind::String && spec.width <= 0 && spec.precision < 0) {
+    if (arg.kind() == FormatArg::Kind::String && directive.width <= 0 && directive.precision < 0) {
         out += arg.stringView();
         return;
     }
-    if (spec.width <= 0 && spec.precision < 0) {
+    if (directive.width <= 0 && directive.precision < 0) {
         arg.appendDescription(out);
         return;
     }
     std::string text;
     arg.appendDescription(text);
     std::string_view body = text;
-    if (spec.precision >= 0 && body.size() > static_cast<size_t>(spec.precision))
-        body = body.substr(0, static_cast<size_t>(spec.precision));
-    appendPadded(out, body, spec);
+    if (directive.precision >= 0 && body.size() > static_cast<size_t>(directive.precision))
+        body = body.substr(0, static_cast<size_t>(directive.precision));
+    appendPadded(out, body, directive);
 }
 
 bool parseNumber(std::string_view fmt, size_t& i, int& value)
@@ -336,7 +336,7 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
                 continue;
             }
         }
-        Spec spec;
+        Directive directive;
 
         // Positional argument: "%2$@".
         std::optional<size_t> position;
@@ -350,11 +350,11 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
         }
         for (; p < size; ++p) {
             const char c = fmt[p];
-            if (c == '-') spec.left = true;
-            else if (c == '+') spec.plus = true;
-            else if (c == ' ') spec.space = true;
-            else if (c == '#') spec.alt = true;
-            else if (c == '0') spec.zero = true;
+            if (c == '-') directive.left = true;
+            else if (c == '+') directive.plus = true;
+            else if (c == ' ') directive.space = true;
+            else if (c == '#') directive.alt = true;
+            else if (c == '0') directive.zero = true;
             else if (c == '\'') continue;
             else break;
         }
@@ -363,26 +363,26 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
             ++p;
             int64_t w = take(nextArg++, present).asSigned();
             if (w < 0) {
-                spec.left = true;
+                directive.left = true;
                 w = -w;
             }
-            spec.width = static_cast<int>(std::min<int64_t>(w, 100000));
+            directive.width = static_cast<int>(std::min<int64_t>(w, 100000));
         } else {
-            parseNumber(fmt, p, spec.width);
+            parseNumber(fmt, p, directive.width);
         }
         if (p < size && fmt[p] == '.') {
             ++p;
             if (p < size && fmt[p] == '*') {
                 ++p;
                 const int64_t pr = take(nextArg++, present).asSigned();
-                spec.precision = pr < 0 ? -1 : static_cast<int>(std::min<int64_t>(pr, 100000));
-            } else if (!parseNumber(fmt, p, spec.precision)) {
-                spec.precision = 0;
+                directive.precision = pr < 0 ? -1 : static_cast<int>(std::min<int64_t>(pr, 100000));
+            } else if (!parseNumber(fmt, p, directive.precision)) {
+                directive.precision = 0;
             }
         }
         while (p < size) {
             const char c = fmt[p];
-            if (c == 'l' || c == 'q' || c == 'j' || c == 'z' || c == 't') spec.wide = true;
+            if (c == 'l' || c == 'q' || c == 'j' || c == 'z' || c == 't') directive.wide = true;
             else if (c != 'h' && c != 'L') break;
             ++p;
         }
@@ -391,13 +391,13 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
             out.append(fmt.data() + pct, size - pct);
             break;
         }
-        spec.conv = fmt[p];
+        directive.conv = fmt[p];
         i = p + 1;
-        if (spec.conv == '%') {
+        if (directive.conv == '%') {
             out += '%';
             continue;
         }
-        switch (spec.conv) {
+        switch (directive.conv) {
         case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'D': case 'U': case 'O':
         case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
         case 'c': case 'C': case 's': case 'S': case '@': case 'p':
@@ -411,42 +411,42 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
         if (!present) continue;
         using K = FormatArg::Kind;
         const K kind = arg.kind();
-        if (spec.conv == 'D' || spec.conv == 'U' || spec.conv == 'O') {
-            spec.conv = static_cast<char>(spec.conv - 'A' + 'a');
-            spec.wide = true;
+        if (directive.conv == 'D' || directive.conv == 'U' || directive.conv == 'O') {
+            directive.conv = static_cast<char>(directive.conv - 'A' + 'a');
+            directive.wide = true;
         }
-        switch (spec.conv) {
+        switch (directive.conv) {
         case 'd': case 'i':
         case 'u': case 'x': case 'X': case 'o':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
-                appendInteger(out, arg, spec);
+                appendInteger(out, arg, directive);
             break;
         case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
-                appendFloating(out, arg.asDouble(), spec);
+                appendFloating(out, arg.asDouble(), directive);
             break;
         case 'c': case 'C':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Char || kind == K::Double) {
                 const char ch = static_cast<char>(arg.asUnsigned() & 0xff);
-                appendPadded(out, std::string_view(&ch, 1), spec);
+                appendPadded(out, std::string_view(&ch, 1), directive);
             } else if (kind == K::String && !arg.stringView().empty()) {
-                appendPadded(out, arg.stringView().substr(0, 1), spec);
+                appendPadded(out, arg.stringView().substr(0, 1), directive);
             }
             break;
         case 's': case 'S': case '@':
-            appendText(out, arg, spec);
+            appendText(out, arg, directive);
             break;
         case 'p':
             if (kind == K::Pointer || kind == K::Object || kind == K::String) {
                 std::string text;
                 appendPointer(text, kind == K::String ? static_cast<const void*>(arg.stringView().data()) : arg.pointer());
-                appendPadded(out, text, spec);
+                appendPadded(out, text, directive);
             } else if (kind == K::None) {
-                appendPadded(out, "0x0", spec);
+                appendPadded(out, "0x0", directive);
             } else {
                 std::string text;
                 appendPointer(text, reinterpret_cast<const void*>(static_cast<uintptr_t>(arg.asUnsigned())));
-                appendPadded(out, text, spec);
+                appendPadded(out, text, directive);
             }
             break;
         }

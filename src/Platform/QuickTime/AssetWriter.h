@@ -27,7 +27,7 @@ class AssetWriter;
 
 enum class AssetWriterStatus { Unknown, Writing, Completed, Failed, Cancelled };
 
-inline constexpr const char* kFileTypeQuickTimeMovie = "com.apple.quicktime-movie";
+inline constexpr const char* kFileTypeQuickTimeMovie = "quicktime-movie";
 
 class AssetWriterInput : public std::enable_shared_from_this<AssetWriterInput> {
 public:
