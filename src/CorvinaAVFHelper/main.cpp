@@ -43,5 +43,8 @@ int main(int argc, char** argv)
         AppController controller;
         status = controller.createQuickTimeMovie(*settings);
     }
+    // The log's shutdown at exit drops what is still queued when the writer is far behind (the
+    // feeders queue thousands of lines); wait so that the session's closing lines are in the file.
+    TQLog::finishWriting();
     return static_cast<int>(static_cast<uint32_t>(status & 0xFFFFFFFF));
 }
