@@ -63,7 +63,8 @@ std::unique_ptr<SampleBuffer> AppController::copyNextVideoSampleBuffer(const For
 
     // An entry of n frames whose length divides by n holds n equal samples, one frame each;
     // otherwise it is one sample that lasts n frames.
-    const uint64_t sampleSizeValue = entry["length"].unsignedIntegerValue();
+    // The sample size is the entry's length (its unsigned-integer reading is the same value).
+    const uint64_t sampleSizeValue = length;
     const bool split = frameCount > 1 && sampleSizeValue % static_cast<uint64_t>(frameCount) == 0;
     const int64_t numSamples = split ? frameCount : 1;
     const size_t sampleSize = static_cast<size_t>(split ? sampleSizeValue / static_cast<uint64_t>(frameCount) : sampleSizeValue);

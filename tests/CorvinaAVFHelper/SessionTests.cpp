@@ -46,6 +46,27 @@ Value withKey(const Value& settings, const std::string& key, Value value)
     return Value(std::move(d));
 }
 
+// One generated job assembled in a home of its own, for the tests that walk a format table.
+struct AssembledJob {
+    HelperHome home;
+    TempDir dir;
+    Value doc;
+    std::string movie;
+    ProcessResult run;
+
+    // False when the tool could not make the job or the document could not be written.
+    bool assemble(const std::vector<std::string>& options)
+    {
+        auto made = makeSampleJob(dir.path(), options);
+        if (!made) return false;
+        movie = dir / "movie.mov";
+        doc = withKey(*made, "destFilename", movie);
+        if (!home.writeSettings(doc)) return false;
+        run = home.runHelper();
+        return true;
+    }
+};
+
 class HelperSession : public ::testing::Test {
 protected:
     // A generated job assembled through the replay path; returns the movie path.
@@ -92,16 +113,12 @@ TEST_F(HelperSession, EveryVideoFormatMakesAMovieThatToolsAccept)
 {
     for (const auto& row : kVideoRows) {
         SCOPED_TRACE(row.formatType);
-        HelperHome rowHome;
-        TempDir rowJob;
-        auto made = makeSampleJob(rowJob.path(), {"--video", std::to_string(row.formatType), "--audio", "2",
-                                                  "--seconds", "0.3", "--width", "320", "--height", "240"});
-        ASSERT_TRUE(made);
-        const std::string path = rowJob / "movie.mov";
-        const Value doc = withKey(*made, "destFilename", path);
-        ASSERT_TRUE(rowHome.writeSettings(doc));
-        const ProcessResult run = rowHome.runHelper();
-        ASSERT_EQ(run.status, 0) << run.err;
+        AssembledJob job;
+        ASSERT_TRUE(job.assemble({"--video", std::to_string(row.formatType), "--audio", "2", "--seconds", "0.3",
+                                  "--width", "320", "--height", "240"}));
+        ASSERT_EQ(job.run.status, 0) << job.run.err;
+        const std::string& path = job.movie;
+        const Value& doc = job.doc;
 
         MovieSummary summary;
         EXPECT_EQ(checkMovieStructure(path, &summary), std::vector<std::string>{});
@@ -154,16 +171,11 @@ TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
 {
     for (const auto& row : kAudioRows) {
         SCOPED_TRACE(row.audioFormat);
-        HelperHome rowHome;
-        TempDir rowJob;
-        auto made = makeSampleJob(rowJob.path(),
-                                  {"--video", "0", "--audio", std::to_string(row.audioFormat), "--seconds", "0.25"});
-        ASSERT_TRUE(made);
-        const std::string path = rowJob / "movie.mov";
-        const Value doc = withKey(*made, "destFilename", path);
-        ASSERT_TRUE(rowHome.writeSettings(doc));
-        const ProcessResult run = rowHome.runHelper();
-        ASSERT_EQ(run.status, 0) << run.err;
+        AssembledJob job;
+        ASSERT_TRUE(job.assemble({"--video", "0", "--audio", std::to_string(row.audioFormat), "--seconds", "0.25"}));
+        ASSERT_EQ(job.run.status, 0) << job.run.err;
+        const std::string& path = job.movie;
+        const Value& doc = job.doc;
 
         EXPECT_EQ(checkMovieStructure(path), std::vector<std::string>{});
         const auto streams = ffprobeStreams(path);
