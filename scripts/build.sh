@@ -6,5 +6,11 @@ kind=${1:-plain}
 dir="$here/build/$kind"
 san=""
 [ "$kind" = plain ] || san="$kind"
-cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" >/dev/null
+# ccache, when it is installed, shares compiled objects between checkouts of the tree.
+launcher=()
+if command -v ccache >/dev/null; then
+  export CCACHE_BASEDIR="$here"
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" "${launcher[@]}" >/dev/null
 cmake --build "$dir" -j"$(nproc)"
