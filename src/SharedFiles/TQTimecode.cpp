@@ -205,10 +205,26 @@ uint64_t TQTimecode::addDroppedFrames(uint64_t frames, double fps)
 
 uint64_t TQTimecode::subtractDroppedFrames(uint64_t frames, double fps)
 {
-    // The nominal number is read as if it were a real count to estimate the drops it
-    // contains; the drops within that estimate are given back.
+    // The smallest real count whose number (drops inserted) reaches `frames`: for every number
+    // that exists this is its own count, and a number that drop-frame numbering skips reads as
+    // the next frame that exists. Reading the number as if it were a real count estimates the
+    // drops it holds to within a minute's drops; a short walk makes it exact, since numbering
+    // grows with the count.
     const uint64_t drops = addDroppedFrames(frames, fps) - frames;
-    return addDroppedFrames(drops, fps) + frames - 2 * drops;
+    uint64_t n = addDroppedFrames(drops, fps) + frames - 2 * drops;
+    if (n > frames) n = frames;
+    constexpr int kMaxSteps = 256;
+    int steps = 0;
+    while (n > 0 && addDroppedFrames(n - 1, fps) >= frames && ++steps < kMaxSteps) --n;
+    while (addDroppedFrames(n, fps) < frames && n < frames && ++steps < kMaxSteps) ++n;
+    if (steps < kMaxSteps) return n;
+    // Far beyond any timecode (double precision no longer tells neighbours apart): bisect.
+    uint64_t low = 0, high = frames;
+    while (low < high) {
+        const uint64_t mid = low + (high - low) / 2;
+        if (addDroppedFrames(mid, fps) < frames) low = mid + 1; else high = mid;
+    }
+    return low;
 }
 
 // --- Frame counts and timecodes ---------------------------------------------------------

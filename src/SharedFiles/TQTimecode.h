@@ -66,7 +66,8 @@ public:
     // Real frame count -> frame number with the drop-frame numbers inserted. `fps` is the
     // true rate (29.97...). Below 7.5 fps nothing is dropped.
     static uint64_t addDroppedFrames(uint64_t frames, double fps);
-    // Frame number with drops -> real frame count (the inverse of addDroppedFrames).
+    // Frame number with drops -> real frame count: the exact inverse of addDroppedFrames. A
+    // number that the numbering skips gives the count of the next number that exists.
     static uint64_t subtractDroppedFrames(uint64_t frames, double fps);
 
     // --- Timecode strings from other sources ----------------------------------------------

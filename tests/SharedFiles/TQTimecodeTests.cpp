@@ -122,55 +122,31 @@ int64_t roundTrip(int64_t count, int64_t timebase)
     return TQTimecode::frameCountFromTimecode(tc, timebase, true, true, 0);
 }
 
-// subtractDroppedFrames estimates the drops in a nominal number by reading that number as
-// a real count, which overshoots near the end of a minute: the reverse conversion is not an
-// exact inverse. In the first ten-minute block the timecodes in the last d x m frames of
-// minute m (m = 1 to 8; d = 2 at 29.97, 4 at 59.94) read back d frames short; everything
-// else comes back exactly.
-TEST(TQTimecodeTest, DropFrameRoundTripsEveryFrameOfFirstTenMinutes)
+// Every frame of a day at 29.97 and 59.94 reads back to its own count, and every label
+// that drop-frame numbering skips reads as the next frame that exists.
+TEST(TQTimecodeTest, DropFrameRoundTripsEveryFrameOfTwentyFourHours)
 {
     for (int64_t timebase : {30, 60}) {
-        const int64_t dropped = timebase / 15;
-        const int64_t perTenMinutes = timebase == 30 ? 17982 : 35964;
-        int64_t shortReads = 0;
-        for (int64_t count = 0; count < perTenMinutes; ++count) {
-            const std::string tc = TQTimecode::timecodeFromFrameCount(count, timebase, true, true, 0);
-            const int64_t minute = std::stoll(tc.substr(3, 2));
-            const int64_t second = std::stoll(tc.substr(6, 2));
-            const int64_t frame = std::stoll(tc.substr(9, 2));
-            const bool overshoots =
-                minute >= 1 && minute <= 8 && second == 59 && frame >= timebase - dropped * minute;
-            ASSERT_EQ(roundTrip(count, timebase), overshoots ? count - dropped : count)
-                << "count " << count << " at timebase " << timebase << " (" << tc << ")";
-            shortReads += overshoots;
+        const double fps = timebase * 0.999000999000999;
+        const uint64_t dropped = timebase / 15;
+        const uint64_t perDay = (timebase == 30 ? 17982 : 35964) * 6 * 24;
+        uint64_t previous = 0;
+        for (uint64_t count = 0; count < perDay; ++count) {
+            const uint64_t nominal = TQTimecode::addDroppedFrames(count, fps);
+            ASSERT_EQ(TQTimecode::subtractDroppedFrames(nominal, fps), count) << "count " << count;
+            for (uint64_t skipped = previous + 1; skipped < nominal; ++skipped)
+                ASSERT_EQ(TQTimecode::subtractDroppedFrames(skipped, fps), count) << "label " << skipped;
+            ASSERT_LE(nominal - previous, count ? dropped + 1 : 0);
+            previous = nominal;
         }
-        EXPECT_EQ(shortReads, dropped * 36);
+        // Through the strings too, sampled (the arithmetic above is the exhaustive part).
+        for (int64_t count = 0; count < int64_t(perDay); count += 7)
+            ASSERT_EQ(roundTrip(count, timebase), count) << "count " << count;
     }
-}
-
-// Over a whole day the estimate drifts (nominal numbers run 18 or 36 ahead of real counts
-// per ten minutes), so more timecodes read back wrong, but never by more than one minute's
-// drops, in either direction.
-TEST(TQTimecodeTest, DropFrameRoundTripsSampledOverTwentyFourHours)
-{
-    for (int64_t timebase : {30, 60}) {
-        const int64_t dropped = timebase / 15;
-        const int64_t perTenMinutes = timebase == 30 ? 17982 : 35964;
-        const int64_t perDay = perTenMinutes * 6 * 24;
-        int64_t exact = 0, samples = 0;
-        for (int64_t count = 0; count < perDay; count += 97) {
-            const int64_t error = roundTrip(count, timebase) - count;
-            ASSERT_TRUE(error == 0 || error == dropped || error == -dropped)
-                << "count " << count << " at timebase " << timebase << " error " << error;
-            exact += error == 0;
-            ++samples;
-        }
-        // Most timecodes still come back exactly.
-        EXPECT_GT(exact * 2, samples);
-        // The first frame of each ten-minute block always does.
-        for (int64_t block = 0; block < 6 * 24; ++block)
-            EXPECT_EQ(roundTrip(block * perTenMinutes, timebase), block * perTenMinutes);
-    }
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;00", 30, true, true, 0), 1800);
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;01", 30, true, true, 0), 1800);
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;03", 60, true, true, 0), 3600);
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:10:00;00", 30, true, true, 0), 17982);
 }
 
 TEST(TQTimecodeTest, DropFrameNumbersAreSkippedOnlyAtMinuteStarts)
@@ -252,10 +228,10 @@ TEST(TQTimecodeTest, Arithmetic)
         EXPECT_EQ(TQTimecode::timecode(tc, 0, 30, true, true), tc);
     for (const char* tc : {"00:00:00;00", "00:01:00;04", "00:09:59;59", "01:00:00;00"})
         EXPECT_EQ(TQTimecode::timecode(tc, 0, 60, true, true), tc);
-    // Not every drop-frame timecode survives an increment of 0: the reverse conversion
-    // reads these back 2 frames short (see the round-trip tests).
-    EXPECT_EQ(TQTimecode::timecode("00:01:59;28", 0, 30, true, true), "00:01:59;26");
-    EXPECT_EQ(TQTimecode::timecode("12:34:56;07", 0, 30, true, true), "12:34:56;05");
+    for (const char* tc : {"00:01:59;28", "12:34:56;07", "23:59:59;29"})
+        EXPECT_EQ(TQTimecode::timecode(tc, 0, 30, true, true), tc);
+    // A skipped label moves on to the frame that exists.
+    EXPECT_EQ(TQTimecode::timecode("00:02:00;00", 0, 30, true, true), "00:02:00;02");
 
     // subtractTimecode(a, fromTimecode b): b - a, none when negative
     EXPECT_EQ(TQTimecode::subtractTimecode("00:00:01:00", "00:00:00:10", 30, false, false), std::nullopt);
