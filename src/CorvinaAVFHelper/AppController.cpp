@@ -54,11 +54,6 @@ std::string AppController::description() const
     return format("<AppController: %p>", static_cast<const void*>(this));
 }
 
-Value AppController::settingsForMovieFile(const std::string& /*path*/)
-{
-    return Value(Value::DictionaryType{});
-}
-
 int64_t AppController::createQuickTimeMovie(const Value& settings)
 {
     // The document goes back to the replay path first, so the last movie can be assembled

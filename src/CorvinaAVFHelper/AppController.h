@@ -51,7 +51,10 @@ public:
     // on the main thread.
     int64_t createQuickTimeMovie(const corvina::Value& settings);
 
-    // The -settings mode: what the helper knows about a movie file. Empty for now.
+    // The -settings mode: formatType, frameRate, fWidth, fHeight and audioFormat of a settings
+    // document that would assemble essence like the movie at `path`. A none value (and a
+    // message on standard error and in the log) when the movie cannot be read or its video is
+    // not a format the helper writes.
     corvina::Value settingsForMovieFile(const std::string& path);
 
     // Format tables. Null when the code is not in the table.

@@ -25,8 +25,14 @@ int main(int argc, char** argv)
     if (settingsMode) {
         AppController controller;
         const corvina::Value result = controller.settingsForMovieFile(lastArgument);
-        std::fputs(result.description().c_str(), stdout);
+        if (!result.asDictionary()) {
+            TQLog::finishWriting();
+            return 1;
+        }
+        // An XML property list: the skeleton of a settings document for this kind of movie.
+        std::fputs(result.toXMLPropertyList().c_str(), stdout);
         std::fflush(stdout);
+        TQLog::finishWriting();
         return 0;
     }
 

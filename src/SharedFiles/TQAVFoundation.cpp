@@ -1,11 +1,333 @@
 #include "TQAVFoundation.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "AssetReader/AssetReader.h"
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
+#include "TQTimecode.h"
+
+using namespace corvina;
+
+namespace {
+
+constexpr double kDefaultRate = 29.97;
+
+std::string lowerCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](char c) { return char(std::tolower(uint8_t(c))); });
+    return text;
+}
+
+std::string pathExtension(const std::string& path)
+{
+    const size_t slash = path.find_last_of('/');
+    const size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
+    return path.substr(dot + 1);
+}
+
+TQAVFoundation::Track firstTrack(const TQAVFoundation::Asset& asset, MediaType type)
+{
+    if (!asset) return nullptr;
+    const auto tracks = asset->tracksWithMediaType(type);
+    return tracks.empty() ? nullptr : tracks.front();
+}
+
+}  // namespace
+
+// --- Readability and timing ----------------------------------------------------------------
+
+bool TQAVFoundation::isReadable(const Asset& asset)
+{
+    if (!asset || !asset->isReadable()) return false;
+    const std::string scheme = asset->urlScheme();
+    // The extension of the URL's path: for a file URL the local path, else what follows the
+    // authority, without query or fragment.
+    std::string path = asset->path();
+    if (path.empty()) {
+        path = asset->url();
+        if (const size_t q = path.find_first_of("?#"); q != std::string::npos) path.resize(q);
+    }
+    const std::string extension = lowerCase(pathExtension(path));
+    if (extension == "m3u" || extension == "m3u8") return false;
+    if (scheme == "http" || scheme == "https") return false;
+    return scheme != "ftp";
+}
+
+double TQAVFoundation::fpsForAsset(const Asset& asset)
+{
+    double rate = kDefaultRate;
+    if (const Track video = firstTrack(asset, MediaType::Video)) rate = double(video->nominalFrameRate());
+    if (const Track timecode = firstTrack(asset, MediaType::Timecode)) {
+        const double r = fpsFromTimecodeForAsset(asset, timecode);
+        if (r > 0.0) rate = r;
+    }
+    return rate;
+}
+
+double TQAVFoundation::fpsFromTimecodeForAsset(const Asset& asset, const Track& timecodeTrack)
+{
+    if (!isReadable(asset) || !timecodeTrack) return 0.0;
+    for (const auto& format : timecodeTrack->formatDescriptions()) {
+        if (format->mediaType() != MediaType::Timecode || format->mediaSubType() != fourCC("tmcd")) continue;
+        const MediaTime d = format->frameDuration();
+        if (d.timescale > 0 && d.value > 0) return double(d.timescale) / double(d.value);
+    }
+    return 0.0;
+}
+
+bool TQAVFoundation::isDropFrame(const Asset& asset)
+{
+    const Track timecode = firstTrack(asset, MediaType::Timecode);
+    if (!timecode) return false;
+    for (const auto& format : timecode->formatDescriptions())
+        if (format->mediaSubType() == fourCC("tmcd") && (format->timeCodeFlags() & kTimeCodeFlag_DropFrame))
+            return true;
+    return false;
+}
+
+uint64_t TQAVFoundation::framesAtTime(MediaTime time, double fps)
+{
+    const double seconds = time.getSeconds();
+    if (std::isnan(seconds)) return 0;
+    const double frames = std::round(seconds * fps);
+    if (!(frames > 0)) return 0;
+    return frames >= 18446744073709551615.0 ? UINT64_MAX : uint64_t(frames);
+}
+
+uint64_t TQAVFoundation::frameDurationForAsset(const Asset& asset)
+{
+    if (!asset) return 0;
+    return framesAtTime(asset->duration(), fpsForAsset(asset));
+}
+
+MediaTime TQAVFoundation::frameLengthForFPS(double fps)
+{
+    const double scale = fps * 1000.0;
+    const int32_t timescale = std::isfinite(scale) && std::fabs(scale) < 2147483648.0 ? int32_t(scale) : 0;
+    return MediaTime::make(1000, timescale);
+}
+
+MediaTime TQAVFoundation::frameLengthForAsset(const Asset& asset)
+{
+    return frameLengthForFPS(fpsForAsset(asset));
+}
+
+MediaTime TQAVFoundation::timeFromFrameCount(uint64_t frameCount, double fps)
+{
+    return frameLengthForFPS(fps) * int32_t(uint32_t(frameCount));
+}
+
+// --- Timecode -------------------------------------------------------------------------------
+
+std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& asset,
+                                                                 const std::optional<std::string>& defaultStart)
+{
+    if (const Track timecode = firstTrack(asset, MediaType::Timecode))
+        return timecodeStartForAsset(asset, timecode, defaultStart);
+    return defaultStart;
+}
+
+std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& asset, const Track& timecodeTrack,
+                                                                 const std::optional<std::string>& defaultStart)
+{
+    if (!isReadable(asset) || !timecodeTrack) return defaultStart;
+    const double rate = fpsForAsset(asset);
+    const bool dropFrame = isDropFrame(asset);
+    const bool ntsc = double(float(std::round(rate))) != rate;
+
+    auto reader = AssetReader::create(asset, nullptr);
+    if (!reader) return defaultStart;
+    auto output = AssetReaderTrackOutput::create(timecodeTrack);
+    reader->addOutput(output);
+    reader->startReading();
+    while (reader->status() == AssetReaderStatus::Reading) {
+        const auto sample = output->copyNextSampleBuffer();
+        if (!sample) continue;
+        const BlockBuffer* data = sample->dataBuffer();
+        const auto& format = sample->formatDescription();
+        if (!data || data->dataLength() < 4 || !format) continue;
+        const uint8_t* p = data->data();
+        const uint32_t frameNumber = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+        reader->cancelReading();
+        return TQTimecode::timecodeFromFrameCount(frameNumber, int64_t(format->frameQuanta()), ntsc, dropFrame, 0);
+    }
+    reader->cancelReading();
+    return defaultStart;
+}
+
+std::string TQAVFoundation::timecodeForAsset(const Asset& asset, MediaTime atTime,
+                                             const std::optional<std::string>& fromStartPoint, bool dropFrame)
+{
+    const double rate = fpsForAsset(asset);
+    const auto timebase = int64_t(std::round(rate));
+    const bool ntsc = std::floor(rate) != std::ceil(rate);
+    const int64_t startFrames =
+        fromStartPoint ? TQTimecode::frameCountFromTimecode(*fromStartPoint, timebase, ntsc, dropFrame, 0) : 0;
+    if (atTime.value < 0) atTime.value = 0;
+    const double seconds = atTime.getSeconds();
+    const double rounded = std::isnan(seconds) ? 0.0 : std::round(seconds * rate);
+    const int64_t frames = rounded >= 9.2e18 ? INT64_MAX : int64_t(rounded);
+    return TQTimecode::timecodeFromFrameCount(frames, timebase, ntsc, dropFrame, startFrames);
+}
+
+std::string TQAVFoundation::timecodeForAsset(const Asset& asset, MediaTime atTime,
+                                             const std::optional<std::string>& fromStartPoint)
+{
+    return timecodeForAsset(asset, atTime, fromStartPoint, isDropFrame(asset));
+}
+
+std::string TQAVFoundation::timecodeAtTime(MediaTime time, const Asset& asset,
+                                           const std::optional<std::string>& defaultStart)
+{
+    return timecodeForAsset(asset, time, timecodeStartForAsset(asset, defaultStart));
+}
+
+std::string TQAVFoundation::timecodeAtTime(MediaTime time, const Asset& asset)
+{
+    return timecodeAtTime(time, asset, std::nullopt);
+}
+
+SMPTETime timecodeForFrameNumber32UsingFormatDescription(uint32_t frameNumber, const FormatDescription& description)
+{
+    SMPTETime time;
+    if (description.mediaSubType() != fourCC("tmcd")) return time;
+    const uint32_t swapped = (frameNumber & 0xFF) << 24 | ((frameNumber >> 8) & 0xFF) << 16 |
+                             ((frameNumber >> 16) & 0xFF) << 8 | frameNumber >> 24;
+    const auto value = int32_t(swapped);
+    int32_t n = value == INT32_MIN ? INT32_MAX : std::abs(value);
+    const int32_t q = int16_t(description.frameQuanta());
+    const uint32_t flags = description.timeCodeFlags();
+    if (q <= 0) return time;
+    if (flags & kTimeCodeFlag_DropFrame) {
+        const int32_t t = q * 600 - 18;
+        int32_t added = 0;
+        if (t > 0) {
+            added = 18 * (n / t);
+            const int32_t r = n % t;
+            if (r >= q * 60 && q * 60 - 2 > 0) added += 2 + 2 * ((r - q * 60) / (q * 60 - 2));
+        }
+        n += added;
+    }
+    int32_t hours = (n / q) / 3600;
+    time.mFrames = int16_t(n % q);
+    time.mSeconds = int16_t((n / q) % 60);
+    time.mMinutes = int16_t(((n / q) / 60) % 60);
+    if (flags & kTimeCodeFlag_24HourMax) {
+        hours %= 24;
+        if (value < 0 && !(flags & kTimeCodeFlag_NegTimesOK)) hours = 23 - hours;
+    }
+    time.mHours = int16_t(hours);
+    time.mFlags = kSMPTETimeValid;
+    return time;
+}
+
+// --- Codecs ---------------------------------------------------------------------------------
+
+uint32_t TQAVFoundation::fourCCForTrack(const Track& track)
+{
+    if (!track || track->formatDescriptions().empty()) return 0;
+    return track->formatDescriptions().front()->mediaSubType();
+}
 
 std::string TQAVFoundation::fourCCString(uint32_t code)
 {
-    const std::string text = corvina::format("%c%c%c%c", char((code >> 24) & 0xFF), char((code >> 16) & 0xFF),
-                                             char((code >> 8) & 0xFF), char(code & 0xFF));
-    return std::string(corvina::trimWhitespace(text));
+    const std::string raw = corvina::format("%c%c%c%c", char((code >> 24) & 0xFF), char((code >> 16) & 0xFF),
+                                            char((code >> 8) & 0xFF), char(code & 0xFF));
+    std::string_view text(raw);
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    std::string printed;
+    for (char c : text) {
+        const auto byte = uint8_t(c);
+        if (byte >= 0x20 && byte < 0x7F && byte != '\\') printed += c;
+        else printed += corvina::format("\\x%02X", unsigned(byte));
+    }
+    return printed;
+}
+
+std::string TQAVFoundation::codecNameForTrack(const Track& track)
+{
+    if (!track) return "Unsupported track type";
+    const auto& formats = track->formatDescriptions();
+    if (track->mediaType() == MediaType::Video) {
+        if (formats.empty()) return "Unknown codec";
+        const std::string name = formats.front()->extension(kFormatDescriptionExtension_FormatName).value_or("");
+        if (name == "'avc1'") return "H.264 (avc1)";
+        if (name == "ap4x") return "ProRes 4444 XQ";
+        if (name == "hvc1") return "H.265 / HEVC";
+        return name;
+    }
+    if (track->mediaType() == MediaType::Audio) {
+        if (formats.empty()) return "Unknown codec";
+        const AudioStreamBasicDescription* asbd = formats.front()->streamBasicDescription();
+        const std::string code = fourCCString(asbd ? asbd->mFormatID : 0);
+        if (code == "lpcm") return "Linear PCM";
+        if (code == "aac") return "AAC";
+        return code;
+    }
+    return "Unsupported track type";
+}
+
+// --- Waveform -------------------------------------------------------------------------------
+
+std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Asset& asset, float* normalizeMax)
+{
+    const Track audio = firstTrack(asset, MediaType::Audio);
+    if (!isReadable(asset) || !audio) return std::nullopt;
+    auto reader = AssetReader::create(asset, nullptr);
+    if (!reader) return std::nullopt;
+    AudioOutputSettings settings;  // 16-bit signed little-endian interleaved, the track's rate
+    auto output = AssetReaderTrackOutput::createAudio(audio, settings);
+    if (!output) return std::nullopt;
+    reader->addOutput(output);
+
+    double sampleRate = 0;
+    uint32_t channels = 1;
+    for (const auto& format : audio->formatDescriptions()) {
+        if (const AudioStreamBasicDescription* asbd = format->streamBasicDescription()) {
+            sampleRate = std::trunc(asbd->mSampleRate);
+            channels = asbd->mChannelsPerFrame ? asbd->mChannelsPerFrame : 1;
+        }
+    }
+    const auto bucket = int64_t(std::ceil(double(float(uint32_t(sampleRate))) / 50.0));
+
+    reader->startReading();
+    std::vector<float> levels;
+    float maximum = -90.0f;
+    int64_t sum = 0, count = 0;
+    std::vector<uint8_t> scratch;
+    while (reader->status() == AssetReaderStatus::Reading) {
+        const auto sample = output->copyNextSampleBuffer();
+        if (!sample || !sample->dataBuffer()) continue;
+        const BlockBuffer& data = *sample->dataBuffer();
+        scratch.assign(data.data(), data.data() + data.dataLength());
+        const auto frames = int32_t(scratch.size() / (2 * size_t(channels)));
+        for (int32_t i = 0; i < frames; ++i) {
+            int16_t v;
+            std::memcpy(&v, scratch.data() + size_t(i) * 2 * channels, 2);
+            sum = int64_t(std::trunc(float(sum) + float(v)));
+            if (count < bucket) {
+                ++count;
+                continue;
+            }
+            ++count;
+            const float level = float(std::abs(int32_t(float(sum / count))));
+            levels.push_back(level);
+            maximum = std::max(maximum, level);
+            sum = count = 0;
+        }
+    }
+    if (reader->status() != AssetReaderStatus::Completed) return std::nullopt;
+    if (normalizeMax) *normalizeMax = maximum;
+    return levels;
+}
+
+std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Asset& asset)
+{
+    return waveformDataForAsset(asset, nullptr);
 }

@@ -45,10 +45,42 @@ OSStatus FormatDescription::createAudio(const AudioStreamBasicDescription& asbd,
     return kNoErr;
 }
 
+OSStatus FormatDescription::createTimecode(FourCharCode subType, MediaTime frameDuration, uint32_t frameQuanta,
+                                           uint32_t flags, std::shared_ptr<const FormatDescription>* out)
+{
+    if (!out) return kFormatDescriptionInvalidParameter;
+    std::shared_ptr<FormatDescription> made(new FormatDescription());  // NOLINT: private constructor
+    made->mediaType_ = MediaType::Timecode;
+    made->subType_ = subType;
+    made->frameDuration_ = frameDuration;
+    made->frameQuanta_ = frameQuanta;
+    made->tcFlags_ = flags;
+    *out = std::move(made);
+    return kNoErr;
+}
+
+std::shared_ptr<const FormatDescription> FormatDescription::withExtensions(const FormatDescription& base,
+                                                                          const FormatDescriptionExtensions& extensions)
+{
+    std::shared_ptr<FormatDescription> made(new FormatDescription(base));  // NOLINT: private constructor
+    for (const auto& [key, value] : extensions) made->extensions_[key] = value;
+    return made;
+}
+
+std::optional<std::string> FormatDescription::extension(const std::string& key) const
+{
+    const auto found = extensions_.find(key);
+    if (found == extensions_.end()) return std::nullopt;
+    return found->second;
+}
+
 std::string FormatDescription::description() const
 {
     char text[256];
-    if (mediaType_ == MediaType::Video) {
+    if (mediaType_ == MediaType::Timecode) {
+        std::snprintf(text, sizeof text, "<FormatDescription timecode '%s' %s, %u frames, flags 0x%x>",
+                      fourCCText(subType_).c_str(), frameDuration_.description().c_str(), frameQuanta_, tcFlags_);
+    } else if (mediaType_ != MediaType::Audio || !asbd_) {
         std::snprintf(text, sizeof text, "<FormatDescription video '%s' %dx%d>", fourCCText(subType_).c_str(),
                       int(width_), int(height_));
     } else {

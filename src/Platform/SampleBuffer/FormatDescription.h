@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "MediaTime/MediaTime.h"
 
 namespace corvina {
 
@@ -31,7 +34,19 @@ enum class MediaType : FourCharCode {
     Video = fourCC("vide"),
     Audio = fourCC("soun"),
     Timecode = fourCC("tmcd"),
+    Text = fourCC("text"),
+    Subtitle = fourCC("sbtl"),
+    Metadata = fourCC("meta"),
 };
+
+// Timecode description flags.
+inline constexpr uint32_t kTimeCodeFlag_DropFrame = 1;
+inline constexpr uint32_t kTimeCodeFlag_24HourMax = 2;
+inline constexpr uint32_t kTimeCodeFlag_NegTimesOK = 4;
+
+// The extension that carries a codec's display name.
+inline constexpr const char* kFormatDescriptionExtension_FormatName = "FormatName";
+using FormatDescriptionExtensions = std::map<std::string, std::string>;
 
 inline constexpr FourCharCode kAudioFormatLinearPCM = fourCC("lpcm");
 inline constexpr uint32_t kLinearPCMFormatFlagIsFloat = 1u << 0;
@@ -85,12 +100,25 @@ public:
     static OSStatus createAudio(const AudioStreamBasicDescription& asbd, const AudioChannelLayout* layout,
                                 size_t layoutSize, std::shared_ptr<const FormatDescription>* out);
 
+    // Timecode: 'tmcd' samples of one 32-bit frame number each, counted at frameQuanta
+    // frames per second of `frameDuration` each.
+    static OSStatus createTimecode(FourCharCode subType, MediaTime frameDuration, uint32_t frameQuanta,
+                                   uint32_t flags, std::shared_ptr<const FormatDescription>* out);
+    // The same description with string extensions added (or replaced).
+    static std::shared_ptr<const FormatDescription> withExtensions(const FormatDescription& base,
+                                                                   const FormatDescriptionExtensions& extensions);
+
     MediaType mediaType() const { return mediaType_; }
     FourCharCode mediaSubType() const { return subType_; }
     int32_t width() const { return width_; }
     int32_t height() const { return height_; }
     const AudioStreamBasicDescription* streamBasicDescription() const { return asbd_ ? &*asbd_ : nullptr; }
     const AudioChannelLayout* channelLayout() const { return layout_ ? &*layout_ : nullptr; }
+    std::optional<std::string> extension(const std::string& key) const;
+    const FormatDescriptionExtensions& extensions() const { return extensions_; }
+    uint32_t timeCodeFlags() const { return tcFlags_; }
+    MediaTime frameDuration() const { return frameDuration_; }
+    uint32_t frameQuanta() const { return frameQuanta_; }
     std::string description() const;
 
 private:
@@ -101,6 +129,10 @@ private:
     int32_t height_ = 0;
     std::optional<AudioStreamBasicDescription> asbd_;
     std::optional<AudioChannelLayout> layout_;
+    FormatDescriptionExtensions extensions_;
+    uint32_t tcFlags_ = 0;
+    MediaTime frameDuration_ = MediaTime::invalid();
+    uint32_t frameQuanta_ = 0;
 };
 
 using FormatDescriptionRef = std::shared_ptr<const FormatDescription>;
