@@ -98,7 +98,7 @@ TEST(TQAVFoundationTest, FrameTimesAndTimecodeRecords)
         {df.get(), be(107892), 1, 0, 0, 0, 1},
         {df.get(), be(1800), 0, 1, 0, 2, 1},
         {ndf24.get(), be(25 * 3600 * 25 + 3), 1, 0, 0, 3, 1},  // 25 hours wrap to 1
-        {ndf24.get(), be(uint32_t(-25)), 22, 0, 1, 0, 1},       // negative: 23 - hours
+        {ndf24.get(), be(uint32_t(-25)), 23, 0, 1, 0, 1},       // negative: 23 - hours
         {video.get(), be(107892), 0, 0, 0, 0, 0},
     };
     for (const Case& c : cases) {

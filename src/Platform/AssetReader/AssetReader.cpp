@@ -119,6 +119,13 @@ struct AssetReaderTrackOutput::Impl {
     void takeAudio(const AVFrame* decoded);
     bool takeVideo(AVFrame* decoded);
     bool drainEncoder();
+    // One frame of the video stream in its time base (at least 1).
+    int64_t frameDuration() const
+    {
+        AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
+        if (rate.num <= 0 || rate.den <= 0) return 1;
+        return std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), stream->time_base));
+    }
 };
 
 void AssetReaderTrackOutput::Impl::wrap(std::vector<uint8_t> bytes, int64_t numSamples,
@@ -309,6 +316,7 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
 bool AssetReaderTrackOutput::Impl::drainEncoder()
 {
     while (avcodec_receive_packet(encoder.get(), packet.get()) == 0) {
+        if (packet->duration <= 0) packet->duration = frameDuration();
         const int32_t scale = av::timescaleFor(stream->time_base);
         SampleTimingInfo timing{av::mediaTime(packet->duration, stream->time_base, scale),
                                 av::mediaTime(packet->pts, stream->time_base, scale), MediaTime::invalid()};
@@ -362,6 +370,7 @@ bool AssetReaderTrackOutput::Impl::pump()
     }
 
     if (kind == OutputKind::AsStored) {
+        if (packet->duration <= 0 && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) packet->duration = frameDuration();
         if (rangeStart != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts + std::max<int64_t>(packet->duration, 1) <= rangeStart)
             return true;
         const int32_t scale = av::timescaleFor(stream->time_base);
