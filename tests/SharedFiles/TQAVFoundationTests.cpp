@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 
 #include "HelperRun.h"
+#include "MovieCheck.h"
 #include "TQAVFoundation.h"
 #include "TestMovies.h"
 
@@ -181,4 +183,29 @@ TEST(TQAVFoundationTest, WaveformLevels)
         movie("silent.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg"}})), &maximum));
     EXPECT_FALSE(TQAVFoundation::waveformDataForAsset(Asset::assetWithPath("/nonexistent/a.mov"), &maximum));
     EXPECT_EQ(maximum, 7);
+}
+
+TEST(TQAVFoundationTest, WaveformPictureTool)
+{
+    const std::string tool = std::string(CORVINA_BINARY_DIR) + "/tools/waveform_png/waveform_png";
+    TempDir dir;
+    const std::string withAudio = makeTestMovie(
+        "picture.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.5"), lavfi(constantAudio({3000}, 48000, 0.5)),
+                             {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:59:59:24"}}));
+    ProcessResult run = runProgram({tool, withAudio, dir / "w.png", "--width", "300", "--height", "100"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const auto png = readBinaryFile(dir / "w.png");
+    ASSERT_GT(png.size(), 8u);
+    EXPECT_EQ(std::vector<uint8_t>(png.begin(), png.begin() + 8),
+              std::vector<uint8_t>({0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}));
+    const auto streams = ffprobeStreams(dir / "w.png");
+    ASSERT_EQ(streams.size(), 1u);
+    EXPECT_EQ(streams[0].at("width"), "300");
+    EXPECT_EQ(streams[0].at("height"), "124");  // the picture and the timecode row
+
+    run = runProgram({tool, makeTestMovie("silent.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg"}})),
+                      dir / "none.png"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_FALSE(std::filesystem::exists(dir / "none.png"));
+    EXPECT_EQ(runProgram({tool, withAudio}).status, 2);
 }
