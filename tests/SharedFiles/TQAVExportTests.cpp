@@ -17,13 +17,6 @@ using namespace corvina::test;
 
 namespace {
 
-std::vector<std::string> join(std::vector<std::vector<std::string>> parts)
-{
-    std::vector<std::string> all;
-    for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-
 // Records the callbacks and the threads they came on.
 struct Recorder : TQAVExportDelegate {
     std::vector<float> progress;

@@ -14,13 +14,6 @@ using namespace corvina::test;
 
 namespace {
 
-std::vector<std::string> join(std::vector<std::vector<std::string>> parts)
-{
-    std::vector<std::string> all;
-    for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-
 AssetRef movie(const std::string& name, const std::vector<std::string>& arguments)
 {
     const std::string path = makeTestMovie(name, arguments);

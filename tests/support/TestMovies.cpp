@@ -37,6 +37,13 @@ std::string makeTestMovie(const std::string& name, const std::vector<std::string
     return madePath;
 }
 
+std::vector<std::string> join(std::vector<std::vector<std::string>> parts)
+{
+    std::vector<std::string> all;
+    for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
 std::vector<std::string> lavfi(const std::string& spec)
 {
     return {"-f", "lavfi", "-i", spec};

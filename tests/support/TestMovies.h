@@ -11,6 +11,9 @@ namespace corvina::test {
 // shared folder, or "" when ffmpeg failed. The same name is made only once.
 std::string makeTestMovie(const std::string& name, const std::vector<std::string>& ffmpegArguments);
 
+// The argument lists one after the other.
+std::vector<std::string> join(std::vector<std::vector<std::string>> parts);
+
 // A lavfi source argument list: "-f lavfi -i SPEC".
 std::vector<std::string> lavfi(const std::string& spec);
 

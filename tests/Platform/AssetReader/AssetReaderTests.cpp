@@ -14,15 +14,8 @@ using namespace corvina::test;
 
 namespace {
 
-std::vector<std::string> join(std::vector<std::vector<std::string>> parts)
-{
-    std::vector<std::string> all;
-    for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-
-// Every sample of an output, in order; the reader's final status.
-std::vector<std::unique_ptr<SampleBuffer>> drain(AssetReader& reader, AssetReaderTrackOutput& output)
+// Every sample of an output, in order.
+std::vector<std::unique_ptr<SampleBuffer>> drain(AssetReaderTrackOutput& output)
 {
     std::vector<std::unique_ptr<SampleBuffer>> samples;
     while (auto s = output.copyNextSampleBuffer()) samples.push_back(std::move(s));
@@ -118,7 +111,7 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
         auto output = AssetReaderTrackOutput::create(timecode[0]);
         reader->addOutput(output);
         ASSERT_TRUE(reader->startReading());
-        const auto samples = drain(*reader, *output);
+        const auto samples = drain(*output);
         ASSERT_FALSE(samples.empty());
         const uint8_t* p = samples[0]->dataBuffer()->data();
         EXPECT_EQ(uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3], c.frameNumber);
@@ -151,7 +144,7 @@ TEST(AssetReaderTest, LinearPCMOutputsConvertRateChannelsSizeAndOrder)
         ASSERT_TRUE(output);
         reader->addOutput(output);
         ASSERT_TRUE(reader->startReading());
-        const auto samples = drain(*reader, *output);
+        const auto samples = drain(*output);
         EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
         ASSERT_FALSE(samples.empty());
         uint64_t frames = 0;
@@ -184,12 +177,12 @@ TEST(AssetReaderTest, TimeRangeAndStatuses)
     reader->addOutput(audio);
     EXPECT_FALSE(reader->canAddOutput(*video));  // once only
     ASSERT_TRUE(reader->startReading());
-    const auto frames = drain(*reader, *video);
+    const auto frames = drain(*video);
     ASSERT_EQ(frames.size(), 4u);
     EXPECT_EQ(frames[0]->presentationTimeStamp().getSeconds(), 0.16);
     EXPECT_EQ(reader->status(), AssetReaderStatus::Reading);  // audio is still open
     uint64_t audioFrames = 0;
-    for (const auto& s : drain(*reader, *audio)) audioFrames += uint64_t(s->numSamples());
+    for (const auto& s : drain(*audio)) audioFrames += uint64_t(s->numSamples());
     EXPECT_EQ(audioFrames, 7680u);  // 0.16 s at 48 kHz
     EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
 
@@ -240,7 +233,7 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
         auto output = AssetReaderTrackOutput::create(asset->tracks()[0]);
         reader->addOutput(output);
         reader->startReading();
-        const auto samples = drain(*reader, *output);
+        const auto samples = drain(*output);
         EXPECT_LT(samples.size(), 10u);
         EXPECT_NE(reader->status(), AssetReaderStatus::Reading);
     }
