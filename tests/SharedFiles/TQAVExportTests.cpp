@@ -2,9 +2,11 @@
 // ranges, re-encoding, progress, cancellation and failures, with callbacks on the main queue.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 
 #include "Dispatch/Dispatch.h"
 #include "HelperRun.h"
@@ -17,8 +19,9 @@ using namespace corvina::test;
 
 namespace {
 
-// Records the callbacks and the threads they came on.
+// Records the callbacks and the threads they came on. Progress comes from both pumps' queues.
 struct Recorder : TQAVExportDelegate {
+    std::mutex mutex;
     std::vector<float> progress;
     std::atomic<bool> ended{false};
     bool finished = false, failed = false, endedOnMainThread = false;
@@ -27,7 +30,10 @@ struct Recorder : TQAVExportDelegate {
 
     void avExportProgress(TQAVExport& exporter, float p) override
     {
-        progress.push_back(p);
+        {
+            std::lock_guard lock(mutex);
+            progress.push_back(p);
+        }
         if (onProgress) onProgress(exporter);
     }
     void avExportFinished(TQAVExport&) override { end(true, std::nullopt); }
@@ -105,11 +111,11 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         EXPECT_EQ(extractStreamBytes(output, 'v'), extractStreamBytes(input, 'v'));  // passed through unchanged
         std::string diagnostics;
         EXPECT_TRUE(ffmpegDecodesCleanly(output, &diagnostics)) << diagnostics;
-        // Progress rises in whole percentages, never repeats, and ends at the whole export.
+        // Two pumps report: at most once a percentage (give or take a race between them), up
+        // to nearly the whole export.
         ASSERT_FALSE(recorder.progress.empty());
-        for (size_t i = 1; i < recorder.progress.size(); ++i)
-            EXPECT_GT(std::lround(recorder.progress[i] * 100), std::lround(recorder.progress[i - 1] * 100));
-        EXPECT_GE(recorder.progress.back(), 0.9f);
+        EXPECT_LE(recorder.progress.size(), 101u);
+        EXPECT_GE(*std::max_element(recorder.progress.begin(), recorder.progress.end()), 0.9f);
     }
 }
 
@@ -136,9 +142,11 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     EXPECT_EQ(streams[0].at("codec_tag_string"), "dvcp");
     EXPECT_EQ(ffprobePacketCount(output, 0), 5);
     EXPECT_TRUE(ffmpegDecodesCleanly(output));
-    // One track: the mean of the two stays at or below half (the last of 5 frames starts
-    // at 4/5 of the range).
+    // One track: whole percentages that only rise, and the mean of the two stays at or below
+    // half (the last of 5 frames starts at 4/5 of the range).
     ASSERT_FALSE(recorder.progress.empty());
+    for (size_t i = 1; i < recorder.progress.size(); ++i)
+        EXPECT_GT(std::lround(recorder.progress[i] * 100), std::lround(recorder.progress[i - 1] * 100));
     EXPECT_FLOAT_EQ(recorder.progress.back(), 0.4f);
 
     // Frames that the encoder cannot take as they are fail the export with a reason.
