@@ -68,23 +68,20 @@ Value entryNumber(Bytes& in)
     }
 }
 
+// Top-level atoms that tile the file, 'ftyp' first and a 'moov' among them.
 bool looksLikeAMovie(const std::string& bytes)
 {
-    bool ftyp = false, moov = false;
+    bool moov = false;
     for (size_t at = 0; at + 8 <= bytes.size();) {
         uint64_t size = 0;
         for (int i = 0; i < 4; ++i) size = size << 8 | static_cast<uint8_t>(bytes[at + i]);
-        const std::string type = bytes.substr(at + 4, 4);
-        if (size == 1 && at + 16 <= bytes.size()) {
-            size = 0;
-            for (int i = 8; i < 16; ++i) size = size << 8 | static_cast<uint8_t>(bytes[at + i]);
-        }
-        if (size < 8 || size > bytes.size() - at) return false;
-        ftyp |= at == 0 && type == "ftyp";
-        moov |= type == "moov";
+        if (size == 1 && at + 16 <= bytes.size())
+            for (int i = 8, first = 1; i < 16; ++i, first = 0) size = (first ? 0 : size << 8) | static_cast<uint8_t>(bytes[at + i]);
+        if (size < 8 || size > bytes.size() - at || (at == 0 && bytes.compare(4, 4, "ftyp") != 0)) return false;
+        moov |= bytes.compare(at + 4, 4, "moov") == 0;
         at += size;
     }
-    return ftyp && moov;
+    return moov;
 }
 
 }  // namespace
