@@ -2,9 +2,6 @@
 // numbers (formats, frame rate, frame size, offset entries, destination) and the essence.
 // Whatever it holds, the session returns 0 or 1, the inputs and every other file stay as they
 // were, nothing half-written is left, and status 0 means a movie with its atoms in place.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include "AppController.h"
 #include "Foundation/Value.h"
@@ -23,31 +19,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class Bytes {
-public:
-    Bytes(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+// The input read front to back; past its end every byte reads as 0.
+struct Bytes {
+    const uint8_t* data;
+    size_t size, at = 0;
     uint64_t take(unsigned n)
     {
         uint64_t v = 0;
-        for (unsigned i = 0; i < n; ++i) v = v << 8 | (at_ < size_ ? data_[at_++] : 0);
+        for (unsigned i = 0; i < n; ++i) v = v << 8 | (at < size ? data[at++] : 0);
         return v;
     }
     template <class T>
-    T pick(std::initializer_list<T> values)
-    {
-        return values.begin()[take(1) % values.size()];
-    }
-    std::string rest()
-    {
-        std::string out(reinterpret_cast<const char*>(data_) + std::min(at_, size_), size_ - std::min(at_, size_));
-        at_ = size_;
-        return out;
-    }
-
-private:
-    const uint8_t* data_;
-    size_t size_;
-    size_t at_ = 0;
+    T pick(std::initializer_list<T> values) { return values.begin()[take(1) % values.size()]; }
 };
 
 std::string root;
@@ -66,22 +49,6 @@ Value entryNumber(Bytes& in)
     case 1: return Value(-static_cast<int64_t>(in.take(1)));
     default: return Value(static_cast<int64_t>(in.take(2)));
     }
-}
-
-// Top-level atoms that tile the file, 'ftyp' first and a 'moov' among them.
-bool looksLikeAMovie(const std::string& bytes)
-{
-    bool moov = false;
-    for (size_t at = 0; at + 8 <= bytes.size();) {
-        uint64_t size = 0;
-        for (int i = 0; i < 4; ++i) size = size << 8 | static_cast<uint8_t>(bytes[at + i]);
-        if (size == 1 && at + 16 <= bytes.size())
-            for (int i = 8, first = 1; i < 16; ++i, first = 0) size = (first ? 0 : size << 8) | static_cast<uint8_t>(bytes[at + i]);
-        if (size < 8 || size > bytes.size() - at || (at == 0 && bytes.compare(4, 4, "ftyp") != 0)) return false;
-        moov |= bytes.compare(at + 4, 4, "moov") == 0;
-        at += size;
-    }
-    return moov;
 }
 
 }  // namespace
@@ -104,7 +71,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (root.empty()) LLVMFuzzerInitialize(nullptr, nullptr);
-    Bytes in(data, size);
+    Bytes in{data, size};
     const std::string job = root + "/job";
     fs::remove_all(job);
     fs::create_directories(job + "/folder");
@@ -135,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string dest = in.pick<std::string>({job + "/new.mov", job + "/old.mov", job + "/folder", videoPath,
                                                    job + "/missing/new.mov", root + "/Downloads/corvina.plist"});
     doc["destFilename"] = dest;
-    const std::string essence = in.rest();
+    const std::string essence(reinterpret_cast<const char*>(data) + std::min(in.at, size), size - std::min(in.at, size));
     { std::ofstream(videoPath, std::ios::binary) << essence.substr(0, essence.size() / 2); }
     { std::ofstream(audioPath, std::ios::binary) << essence.substr(essence.size() / 2); }
 
@@ -153,6 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const std::string name = entry.path().filename().string();
         if (name.find(".incomplete-") != std::string::npos || name.ends_with(".lock")) std::abort();
     }
-    if (status == 0 && !looksLikeAMovie(readAll(dest))) std::abort();
+    const std::string movie = status == 0 ? readAll(dest) : std::string();
+    if (status == 0 && (movie.size() < 8 || movie.compare(4, 4, "ftyp") != 0 || movie.find("moov") == std::string::npos)) std::abort();
     return 0;
 }
