@@ -108,12 +108,22 @@ void TQLog::queueText(std::string_view text) { queue_->pushText(text); }
 
 void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
 {
-    if (fmt.find('%') == std::string_view::npos)
+    if (fmt.find('%') == std::string_view::npos) {
         queue_->pushText(fmt);  // nothing to format
-    else if (!needsEscaping(fmt))
+    } else if (queue_->isBehind()) {
+        // The writer is behind and the caller would soon wait for room anyway: formatting
+        // here spreads the work over the callers' threads.
+        Scratch scratch;
+        if (!needsEscaping(fmt))
+            corvina::appendFormatv(scratch.text(), fmt, args);
+        else
+            corvina::appendFormatv(scratch.text(), escapeTextForLogging(fmt), args);
+        queue_->pushText(scratch.text());
+    } else if (!needsEscaping(fmt)) {
         queue_->pushFormat(fmt, args);
-    else
+    } else {
         queue_->pushFormat(escapeTextForLogging(fmt), args);
+    }
 }
 
 void TQLog::appendFormatted(Mode mode, std::string_view text)

@@ -110,8 +110,10 @@ void TQLogTexts::trim(size_t keepBytes)
     if (bytes_.capacity() > keepBytes) {
         bytes_.clear();
         bytes_.shrink_to_fit();
-        ends_.clear();
-        ends_.shrink_to_fit();
+    }
+    if (slots_.capacity() * sizeof(Slot) > keepBytes) {
+        slots_.clear();
+        slots_.shrink_to_fit();
     }
 }
 
@@ -351,7 +353,7 @@ size_t TQLogFile::firstKeptText(const TQLogTexts& texts, uint64_t written, size_
     size_t starts[kKeptFiles] = {};  // first text of the last files begun, by restart count
     uint64_t position = written;
     for (size_t i = 0; i < texts.size(); ++i) {
-        position += prefixSize + texts[i].size() + 1;
+        position += prefixSize + texts.sizeAt(i) + 1;
         if (position >= kSizeLimit) {
             ++restarts;
             starts[restarts % kKeptFiles] = i + 1;

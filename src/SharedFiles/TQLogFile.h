@@ -18,13 +18,16 @@ namespace corvina {
 class FileHandle;
 }
 
-// Texts waiting to be written, already trimmed and never empty, back to back in one buffer.
+// Texts waiting to be written, already trimmed and never empty: views of texts held
+// elsewhere (they must outlive the list) or texts formatted into the list's own buffer.
 class TQLogTexts {
 public:
+    void pushView(std::string_view text) { slots_.push_back({text.data(), text.size(), 0}); }
     void push(std::string_view text)
     {
+        const size_t start = bytes_.size();
         bytes_.append(text);
-        ends_.push_back(bytes_.size());
+        commit(start);
     }
     // Room for one more text written straight into the buffer: append to buffer(), then
     // commit(start) with the size buffer() had before (an empty result is dropped).
@@ -32,26 +35,32 @@ public:
     void commit(size_t start)
     {
         if (bytes_.size() > start)
-            ends_.push_back(bytes_.size());
+            slots_.push_back({nullptr, bytes_.size() - start, start});
     }
-    size_t size() const { return ends_.size(); }
-    bool empty() const { return ends_.empty(); }
+    size_t size() const { return slots_.size(); }
+    bool empty() const { return slots_.empty(); }
+    size_t sizeAt(size_t i) const { return slots_[i].size; }
     std::string_view operator[](size_t i) const
     {
-        const size_t begin = i == 0 ? 0 : ends_[i - 1];
-        return std::string_view(bytes_).substr(begin, ends_[i] - begin);
+        const Slot& slot = slots_[i];
+        return std::string_view(slot.data ? slot.data : bytes_.data() + slot.offset, slot.size);
     }
     void clear()
     {
         bytes_.clear();
-        ends_.clear();
+        slots_.clear();
     }
     // Gives back memory once a burst has passed.
     void trim(size_t keepBytes);
 
 private:
+    struct Slot {
+        const char* data;  // none: at offset in bytes_
+        size_t size;
+        size_t offset;
+    };
     std::string bytes_;
-    std::vector<size_t> ends_;
+    std::vector<Slot> slots_;
 };
 
 class TQLogFile {

@@ -29,6 +29,7 @@ constexpr size_t kInlineArgs = 16;
 
 constexpr size_t kCoalesceEntries = 64;  // batches this large suggest a steady stream
 constexpr auto kCoalescePause = std::chrono::milliseconds(2);
+constexpr size_t kReserved = TQLogQueue::kCapacity + (64 << 10);
 constexpr size_t kKeptCapacity = 2 * TQLogQueue::kCapacity;  // buffer kept between batches
 
 template <class T>
@@ -216,6 +217,8 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
         wake = pending_.empty() && writerIdle_;
         pending_.append(entry);
         ++pushedSeq_;
+        if (pending_.size() >= kCapacity / 2 && !behind_.load(std::memory_order_relaxed))
+            behind_.store(true, std::memory_order_relaxed);
     }
     if (wake)
         queueCv_.notify_one();
@@ -243,9 +246,13 @@ void* TQLogQueue::writerMain(void* self)
 void TQLogQueue::writerLoop()
 {
     writerId_.store(std::this_thread::get_id());
+    // Both buffers are made large enough for a full queue at once: growing them entry by
+    // entry would copy what they hold over and over.
     std::string batch;
+    batch.reserve(kReserved);
     TQLogTexts texts;
     std::unique_lock<std::mutex> lock(mutex_);
+    pending_.reserve(kReserved);
     for (;;) {
         writerIdle_ = true;
         queueCv_.wait(lock, [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
@@ -253,6 +260,7 @@ void TQLogQueue::writerLoop()
         if (pending_.empty())
             break;
         batch.swap(pending_);
+        behind_.store(false, std::memory_order_relaxed);
         const uint64_t last = pushedSeq_;
         const size_t entries = static_cast<size_t>(last - takenSeq_);
         takenSeq_ = last;
@@ -297,7 +305,7 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
         const uint8_t kind = get<uint8_t>(at);
         if (kind == kTextEntry) {
             handled16 += get<uint64_t>(at);
-            texts.push(std::string_view(at, static_cast<size_t>(entry + size - at)));
+            texts.pushView(std::string_view(at, static_cast<size_t>(entry + size - at)));
             at = entry + size;
             continue;
         }
@@ -417,6 +425,7 @@ void TQLogQueue::shutdown(size_t keepAtMost)
             // Too much left: what the writer has not taken is never written.
             bytesInQueue_.fetch_sub(totalLength16(pending_));
             pending_.clear();
+            behind_.store(false);
             pushedSeq_ = takenSeq_;
         }
     }
@@ -450,6 +459,7 @@ void TQLogQueue::resetInChild()
     writerIdle_ = false;
     writerId_.store(std::thread::id());
     pending_.clear();
+    behind_.store(false);
     pushedSeq_ = takenSeq_ = writtenSeq_ = 0;
     flushWaiters_ = roomWaiters_ = 0;
     bytesInQueue_.store(0);
