@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
   python3 sudo
+  xvfb zenity xdotool tmux
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,7 @@
-// The helper's entry point: open the log, read the settings document from the replay path and
+// The helper's entry point: run the crash check, open the log, read the settings document from the replay path and
 // run one movie writing session; its status is the exit status.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -8,12 +9,17 @@
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/Value.h"
+#include "TQBugReporter.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
 int main(int argc, char** argv)
 {
     corvina::markMainThread();
+    // The crash check comes before any other work; every normal exit (a return from main or
+    // exit()) records that this run ended well.
+    TQBugReporter::startBugReporter();
+    std::atexit([] { TQBugReporter::stopBugReporter(); });
     TQLog::createNewLog(std::string("CorvinaAVFHelper"));
 
     const std::vector<std::string> arguments(argv, argv + argc);
