@@ -99,8 +99,10 @@ std::string waitForFile(const std::string& path, std::chrono::seconds limit)
 void reportResult(int64_t code)
 {
     const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
-    std::ofstream(servicestest::childHome() + "/result")
-        << code << " " << (quiet.isNone() ? "unset" : quiet.boolValue() ? "checked" : "unchecked") << "\n";
+    const std::string result = servicestest::childHome() + "/result";
+    std::ofstream(result + ".tmp") << code << " "
+                                   << (quiet.isNone() ? "unset" : quiet.boolValue() ? "checked" : "unchecked") << "\n";
+    fs::rename(result + ".tmp", result);
 }
 
 }  // namespace
@@ -185,7 +187,8 @@ TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
     const std::string command = "cd '" + home.path() + "' && env -u DISPLAY -u WAYLAND_DISPLAY HOME='" + home.path() +
                                 "' TQ_LOCAL_ROOT='" + home.path() + "' TQ_CONSOLE_USER= '" + selfPath() +
                                 "' --gtest_also_run_disabled_tests --gtest_filter=TQAlertChild.DISABLED_AsksOnTheTerminal"
-                                " > /dev/null; echo $? > status";
+                                ";"
+                                " echo $? > status";
     ASSERT_EQ(runTool({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status, 0);
     auto screen = [&] { return runTool({"/usr/bin/tmux", "-S", socket, "capture-pane", "-p"}).output; };
     auto waitForScreen = [&](const std::string& wanted) {
@@ -289,17 +292,40 @@ TEST(TQAlertPresenters, DialogAnsweredThroughXdotool)
         child.setStandardOutput(corvina::Process::Stream::Null);
         child.setStandardError(corvina::Process::Stream::Null);
         child.launch();
-        const auto found = runTool({"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--name",
-                                    "Replace the movie"},
+        const auto found = runTool({"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible",
+                                    "--name", "Replace the movie"},
                                    xenv);
         ASSERT_EQ(found.status, 0) << "no dialog appeared";
         const std::string window = found.output.substr(0, found.output.find('\n'));
-        runTool({"/usr/bin/timeout", "10", "/usr/bin/xdotool", "windowfocus", "--sync", window}, xenv);
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the dialog takes the focus
-        for (const auto& key : c.keys) runTool({"/usr/bin/xdotool", "key", key}, xenv);
-        const std::string result = waitForFile(home / "result", std::chrono::seconds(30));
+        // A dialog that is not ready for keys yet loses them: focus and press again until it
+        // answers (a busy machine may take a while to draw it).
+        std::string result;
+        for (int attempt = 0; attempt < 10 && result.empty(); ++attempt) {
+            runTool({"/usr/bin/timeout", "10", "/usr/bin/xdotool", "windowfocus", "--sync", window}, xenv);
+            for (const auto& key : c.keys) runTool({"/usr/bin/xdotool", "key", key}, xenv);
+            result = waitForFile(home / "result", std::chrono::seconds(3));
+        }
         if (result.empty()) child.terminate();
         child.waitUntilExit();
         EXPECT_EQ(result, std::string(c.expected) + "\n");
     }
+}
+
+TEST(TQAlertPresenters, CheckBoxInDialogAndPromptFollowsTheStoredState)
+{
+    corvina::AlertContent content;
+    content.messageText = "m";
+    content.alternateButton = "Keep";
+    EXPECT_THAT(corvina::dialogArguments(content), Contains("--question"));
+    content.suppressionBinding = "quiet";
+    content.suppressionChecked = true;
+    const auto args = corvina::dialogArguments(content);
+    EXPECT_THAT(args, Contains("--checklist"));
+    ASSERT_GE(args.size(), 2u);
+    EXPECT_EQ(args[args.size() - 2], "TRUE");
+    EXPECT_EQ(args.back(), corvina::kSuppressionCheckBoxTitle);
+    EXPECT_NE(corvina::terminalPrompt(content, true).find("s) [x] "), std::string::npos);
+    EXPECT_TRUE(corvina::isSuppressionToggle(content, " S\r"));
+    content.suppressionBinding.reset();
+    EXPECT_FALSE(corvina::isSuppressionToggle(content, "s")) << "no box, no toggle";
 }
