@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <unistd.h>
 
 #include "Foundation/Value.h"
 #include "HelperRun.h"
@@ -38,6 +39,12 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     const std::string report = home.path() + "/Library/Logs/DiagnosticReports/CorvinaAVFHelper_2026-11-23-120000_box.crash";
     fs::create_directories(fs::path(report).parent_path());
     std::ofstream(report) << "Signal: 11 (SIGSEGV)\n";
+
+    // The crashed run's log: the check runs before the new log is opened, so its line goes to
+    // the end of that file (which the new log then rotates to .2).
+    const std::string logs = home.path() + (::getuid() == 0 ? "/root" : "") + "/Library/Logs/Brantwell";
+    fs::create_directories(logs);
+    std::ofstream(logs + "/CorvinaAVFHelper.1.log") << "2026-11-23 11:00:00 +0000 - Log started\n";
 
     auto env = home.environment();
     const auto run = runProgram({bin + "/CorvinaAVFHelper"}, env);
