@@ -11,8 +11,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Process/Process.h"
@@ -116,6 +120,45 @@ inline Result runTestOnTerminal(const std::string& test, const std::string& home
     ::close(master);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+// Runs a tool to its end: its status and everything it printed.
+inline Result runTool(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {})
+{
+    corvina::Process p;
+    p.setLaunchPath(argv[0]);
+    p.setArguments(std::vector<std::string>(argv.begin() + 1, argv.end()));
+    if (!env.empty()) p.setEnvironment(env);
+    corvina::Process::Bytes out, err;
+    try {
+        p.launch();
+        p.readToEnd(&out, &err);
+        p.waitUntilExit();
+    } catch (...) {
+        return {};
+    }
+    return {p.terminationStatus(), std::string(out.begin(), out.end()) + std::string(err.begin(), err.end())};
+}
+
+// The file's text once it exists, or empty after the limit.
+inline std::string waitForFile(const std::string& path, std::chrono::seconds limit = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!std::filesystem::exists(path) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A stand-in program that records its first argument in handed-over.txt beside itself.
+inline void writeRecorder(const std::string& path)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
 }
 
 }  // namespace childtest

@@ -1,6 +1,3 @@
-// The alerts as people meet them: the selector check, the suppression check box stored in the
-// user defaults, and the real presenters (a zenity dialog under Xvfb answered with xdotool,
-// the terminal prompt under tmux answered with send-keys, nobody at all).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -58,40 +55,12 @@ public:
 };
 class OtherDelegate : public TQAlertDelegate {};
 
-struct ToolRun {
-    int status = -1;
-    std::string output;
-};
-
-ToolRun runTool(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {})
-{
-    corvina::Process p;
-    p.setLaunchPath(argv[0]);
-    p.setArguments(std::vector<std::string>(argv.begin() + 1, argv.end()));
-    if (!env.empty()) p.setEnvironment(env);
-    try {
-        p.launch();
-    } catch (const corvina::PlatformException&) {
-        return {};
-    }
-    corvina::Process::Bytes out, err;
-    p.readToEnd(&out, &err);
-    p.waitUntilExit();
-    return {p.terminationStatus(), std::string(out.begin(), out.end()) + std::string(err.begin(), err.end())};
-}
+using childtest::runTool;
+using childtest::waitForFile;
 
 std::string selfPath()
 {
     return fs::read_symlink("/proc/self/exe").string();
-}
-
-std::string waitForFile(const std::string& path, std::chrono::seconds limit)
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!fs::exists(path) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return servicestest::readFile(path);
 }
 
 // The child's answer: its return code and its stored check box, written where the parent

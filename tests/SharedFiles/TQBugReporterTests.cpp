@@ -53,19 +53,6 @@ void setModified(const std::string& path, std::chrono::system_clock::time_point 
     fs::last_write_time(path, std::chrono::file_clock::from_sys(when));
 }
 
-// A stand-in bug reporter that records the report it was given.
-void writeStandIn(const std::string& path)
-{
-    servicestest::writeFile(path, "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n");
-    fs::permissions(path, fs::perms::owner_all);
-}
-
-std::string waitForFile(const std::string& path)
-{
-    for (int i = 0; i < 200 && !fs::exists(path); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return servicestest::readFile(path);
-}
-
 }  // namespace
 
 TEST(CrashReportName, ProgramLocalTimeAndHost)
@@ -163,13 +150,13 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         }
 
         // The next launch: the crash is logged and the report goes to the stand-in.
-        writeStandIn(home / "bin/Bug Reporter");
+        childtest::writeRecorder(home / "bin/Bug Reporter");
         const auto next = childtest::runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
                                              {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
         EXPECT_EQ(next.status, 0) << next.output;
         const auto log = servicestest::logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
         EXPECT_EQ(servicestest::countOf(log, "Application crashed on last launch"), 1);
-        EXPECT_EQ(waitForFile(home / "bin/handed-over.txt"), report + "\n");
+        EXPECT_EQ(childtest::waitForFile(home / "bin/handed-over.txt"), report + "\n");
     }
 }
 
@@ -185,7 +172,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
     const auto hourAgo = now - std::chrono::hours(1);
     TQLog::createNewLog(std::string(kProgram));
     TQLog::sharedController().setNoPrinting(true);
-    writeStandIn(home + "/bin/Bug Reporter");
+    childtest::writeRecorder(home + "/bin/Bug Reporter");
     auto writeRecord = [&](std::optional<corvina::Date> launch, std::optional<corvina::Date> exit) {
         Value::DictionaryType dict{{"other", Value("kept")}};
         if (launch) dict.emplace("launch", Value::date(*launch));
@@ -219,7 +206,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         plantReport(reports, "sharedfilestests_2026-01-01-000000_h.crash", now);
         const auto newest = plantReport(reports, "SHAREDFILESTESTS_2026-03-01-000000_h.crash", now);
         EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), newest);
-        EXPECT_EQ(waitForFile(home + "/bin/handed-over.txt"), newest + "\n");
+        EXPECT_EQ(childtest::waitForFile(home + "/bin/handed-over.txt"), newest + "\n");
     } else if (scenario == "folder-order") {
         // The user's CrashReporter folder comes before the machine-wide DiagnosticReports.
         writeRecord(hourAgo, std::nullopt);

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Collects the chunks of one background run.
+// Collects the chunks of one background run, with what came along with each.
 class Chunks {
 public:
     TQTaskEx::ChunkHandler handler()
@@ -27,52 +27,33 @@ public:
         return [this](const TQTaskEx::Data& chunk, TQTaskEx& task, const std::any& object) {
             std::lock_guard lock(mutex_);
             chunks_.emplace_back(chunk.begin(), chunk.end());
-            tasks_.push_back(&task);
-            objects_.push_back(object.has_value() ? std::any_cast<std::string>(object) : std::string("<none>"));
-            onReaderThread_ = onReaderThread_ && std::this_thread::get_id() != caller_;
+            objects_.push_back(object.has_value() ? std::any_cast<std::string>(object) : "<none>");
+            allFrom_ = chunks_.size() == 1 || allFrom_ == &task ? &task : nullptr;
+            onReader_ = onReader_ && std::this_thread::get_id() != caller_;
             cv_.notify_all();
         };
     }
-    // Waits until the end chunk arrived (true) or the limit passed (false).
-    bool waitForEnd(std::chrono::seconds limit = std::chrono::seconds(30))
+    // Until the end chunk (or, with first, any chunk) arrived; false after 30 s.
+    bool wait(bool first = false)
     {
         std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, limit, [this] { return !chunks_.empty() && chunks_.back().empty(); });
-    }
-    bool waitForFirst()
-    {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, std::chrono::seconds(30), [this] { return !chunks_.empty(); });
+        return cv_.wait_for(lock, std::chrono::seconds(30),
+                            [&] { return !chunks_.empty() && (first || chunks_.back().empty()); });
     }
     std::vector<std::string> chunks()
     {
         std::lock_guard lock(mutex_);
         return chunks_;
     }
-    std::vector<std::string> objects()
-    {
-        std::lock_guard lock(mutex_);
-        return objects_;
-    }
-    std::vector<TQTaskEx*> tasks()
-    {
-        std::lock_guard lock(mutex_);
-        return tasks_;
-    }
-    bool onReaderThread()
-    {
-        std::lock_guard lock(mutex_);
-        return onReaderThread_;
-    }
+    std::vector<std::string> objects_;
+    TQTaskEx* allFrom_ = nullptr;  // the instance every chunk named, null if they differ
+    bool onReader_ = true;
 
 private:
     std::mutex mutex_;
     std::condition_variable cv_;
     std::vector<std::string> chunks_;
-    std::vector<TQTaskEx*> tasks_;
-    std::vector<std::string> objects_;
     std::thread::id caller_ = std::this_thread::get_id();
-    bool onReaderThread_ = true;
 };
 
 size_t openDescriptors()
@@ -108,14 +89,14 @@ TEST(TQTaskExAsyncConcurrency, ChunksInOrderThenOneEmptyChunk)
     Chunks chunks;
     task.asyncDataFromTask("/bin/sh", {"-c", "echo one; sleep 0.2; echo two; sleep 0.2; echo three"}, chunks.handler(),
                            std::string("client object"));
-    ASSERT_TRUE(chunks.waitForEnd());
+    ASSERT_TRUE(chunks.wait());
     const auto got = chunks.chunks();
     ASSERT_GE(got.size(), 4u);
     EXPECT_EQ(joined(got), "one\ntwo\nthree\n");
     for (size_t i = 0; i + 1 < got.size(); ++i) EXPECT_FALSE(got[i].empty()) << "only the last chunk is empty";
-    for (const auto& o : chunks.objects()) EXPECT_EQ(o, "client object");
-    for (auto* t : chunks.tasks()) EXPECT_EQ(t, &task);
-    EXPECT_TRUE(chunks.onReaderThread());
+    for (const auto& o : chunks.objects_) EXPECT_EQ(o, "client object");
+    EXPECT_EQ(chunks.allFrom_, &task);
+    EXPECT_TRUE(chunks.onReader_);
     // After the end the run is over and nothing of the client is kept.
     for (int i = 0; i < 100 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(task.theTask(), nullptr);
@@ -128,9 +109,9 @@ TEST(TQTaskExAsyncConcurrency, SilentToolGivesOnlyTheEndAndNoObjectMeansNone)
     TQTaskEx task;
     Chunks chunks;
     task.asyncDataFromTask("/bin/true", {}, chunks.handler());
-    ASSERT_TRUE(chunks.waitForEnd());
+    ASSERT_TRUE(chunks.wait());
     EXPECT_EQ(chunks.chunks(), std::vector<std::string>{""});
-    EXPECT_EQ(chunks.objects(), std::vector<std::string>{"<none>"});
+    EXPECT_EQ(chunks.objects_, std::vector<std::string>{"<none>"});
 }
 
 TEST(TQTaskExAsyncConcurrency, FloodOnBothStreamsArrivesWhole)
@@ -142,7 +123,7 @@ TEST(TQTaskExAsyncConcurrency, FloodOnBothStreamsArrivesWhole)
                            {"-c", "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o; "
                                   "head -c 1048576 /dev/zero >&2"},
                            chunks.handler(), {}, TQTaskEx::Environment{{"PATH", "/usr/bin:/bin"}});
-    ASSERT_TRUE(chunks.waitForEnd());
+    ASSERT_TRUE(chunks.wait());
     const std::string all = joined(chunks.chunks());
     EXPECT_EQ(all.size(), 1048576u);
     EXPECT_EQ(all.find_first_not_of('o'), std::string::npos);
@@ -154,7 +135,7 @@ TEST(TQTaskExAsyncConcurrency, TerminationMidStreamStopsEverything)
         TQTaskEx task;
         Chunks chunks;
         task.asyncDataFromTask("/usr/bin/yes", {"flood"}, chunks.handler());
-        ASSERT_TRUE(chunks.waitForFirst());
+        ASSERT_TRUE(chunks.wait(true));
         pid_t pid = -1;
         if (const auto running = task.theTask()) pid = running->processIdentifier();
         ASSERT_GT(pid, 0);
@@ -191,7 +172,7 @@ TEST(TQTaskExAsyncConcurrency, NoDescriptorIsLeftBehind)
         TQTaskEx task;
         Chunks chunks;
         task.asyncDataFromTask("/bin/echo", {"x"}, chunks.handler());
-        ASSERT_TRUE(chunks.waitForEnd());
+        ASSERT_TRUE(chunks.wait());
         TQTaskEx stopped;
         Chunks none;
         stopped.asyncDataFromTask("/bin/sleep", {"30"}, none.handler());
@@ -208,7 +189,7 @@ TEST(TQTaskExAsyncConcurrency, HandlerCanEndItsOwnRunAndStartAnother)
     task.asyncDataFromTask("/usr/bin/yes", {}, [&](const TQTaskEx::Data&, TQTaskEx& self, const std::any&) {
         if (firstCalls++ == 0) self.asyncDataFromTask("/bin/echo", {"second"}, second.handler());
     });
-    ASSERT_TRUE(second.waitForEnd());
+    ASSERT_TRUE(second.wait());
     EXPECT_EQ(joined(second.chunks()), "second\n");
     EXPECT_EQ(firstCalls, 1) << "the first run ended when the second began";
 }
