@@ -9,7 +9,9 @@ packages=(
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
+  clang libclang-rt-14-dev
   python3 sudo
+  xvfb zenity xdotool tmux
 )
 missing=()
 for p in "${packages[@]}"; do
