@@ -16,6 +16,7 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
+#include "Process/Process.h"
 
 namespace corvina {
 
@@ -42,12 +43,6 @@ bool startsWithFolder(const std::string& path, const std::string& folder)
 {
     return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
                               path[folder.size()] == '/');
-}
-
-std::string lowercase(std::string s)
-{
-    for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
 }
 
 // Percent-encodes a path for a trash record: everything but unreserved characters and "/".
@@ -158,12 +153,7 @@ std::vector<std::string> mountedLocalVolumePaths()
 
 bool isFilePackageAtPath(const std::string& path)
 {
-    static const std::array<const char*, 10> extensions = {"app",    "bundle", "framework", "plugin", "kext",
-                                                            "pkg",    "mpkg",   "prefpane",  "xpc",    "appex"};
-    const std::string ext = lowercase(pathExtension(path));
-    if (std::find(extensions.begin(), extensions.end(), ext) == extensions.end()) return false;
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return isPackagePath(path);
 }
 
 namespace trash {

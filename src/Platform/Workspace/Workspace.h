@@ -27,8 +27,7 @@ std::vector<MountEntry> mountTable();
 bool isLocalVolume(const MountEntry& entry);
 std::vector<std::string> mountedLocalVolumePaths();
 
-// A folder (links followed) whose extension is app, bundle, framework, plugin, kext, pkg,
-// mpkg, prefPane, xpc or appex, in any letter case.
+// A folder (links followed) with a bundle extension (the process layer's package list).
 bool isFilePackageAtPath(const std::string& path);
 
 // The freedesktop.org trash. filesDir is a trash's files/ folder; its records live in the
