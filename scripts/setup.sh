@@ -9,7 +9,7 @@ packages=(
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
-  python3 sudo
+  python3 sudo attr
 )
 missing=()
 for p in "${packages[@]}"; do
