@@ -1,36 +1,32 @@
-// Helpers for the file-service tests: file systems mounted for one test, tools that read
-// what the code wrote, and a child that runs as an unprivileged user.
+// Helpers for the file-service tests: a file system mounted for one test, tools that read
+// what the code wrote, privileged tools recorded instead of run, an unprivileged child.
 #pragma once
 
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Process/Process.h"
 #include "ServicesTestSupport.h"
+#include "TQAuthorization.h"
 
 namespace filestest {
 
-// A tmpfs or ramfs mounted on a fresh folder for the life of the object; mounted() is false
-// where the test may not mount.
+// A tmpfs or ramfs on a fresh folder while the object lives; mounted() is false where the
+// test may not mount.
 class ScopedMount {
 public:
-    explicit ScopedMount(const std::string& where, const char* type = "tmpfs", const char* options = "size=4m")
-        : path_(where)
+    explicit ScopedMount(std::string where, const char* type = "tmpfs", const char* options = "size=4m")
+        : path_(std::move(where))
     {
-        std::filesystem::create_directories(where);
-        mounted_ = ::mount(type, where.c_str(), type, 0, options) == 0;
+        std::filesystem::create_directories(path_);
+        mounted_ = ::mount(type, path_.c_str(), type, 0, options) == 0;
     }
-    ~ScopedMount()
-    {
-        if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
-    }
-    ScopedMount(const ScopedMount&) = delete;
-    ScopedMount& operator=(const ScopedMount&) = delete;
+    ~ScopedMount() { mounted_ && ::umount2(path_.c_str(), MNT_DETACH); }
     bool mounted() const { return mounted_; }
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
@@ -39,7 +35,6 @@ private:
     std::string path_;
     bool mounted_ = false;
 };
-
 #define MOUNT_OR_SKIP(m) \
     if (!(m).mounted()) GTEST_SKIP() << "cannot mount here"
 
@@ -51,15 +46,10 @@ inline std::string toolOutput(const std::string& tool, const std::vector<std::st
     p.setArguments(args);
     p.setStandardError(corvina::Process::Stream::Null);
     p.setStandardOutput(corvina::Process::Stream::Pipe);
-    try {
-        p.launch();
-    } catch (...) {
-        return {};
-    }
+    p.launch();
     corvina::Process::Bytes out;
     p.readToEnd(&out, nullptr);
-    p.waitUntilExit();
-    return std::string(out.begin(), out.end());
+    return p.waitUntilExit(), std::string(out.begin(), out.end());
 }
 
 // The attribute's raw bytes as getfattr reads them; empty when it is absent.
@@ -67,6 +57,31 @@ inline std::string getfattr(const std::string& path, const std::string& name)
 {
     return toolOutput("/usr/bin/getfattr", {"--only-values", "-n", name, path});
 }
+
+// Privileged tools recorded (tool, then arguments) instead of run; each answers `status`.
+class Tools {
+public:
+    using Call = std::vector<std::string>;
+    explicit Tools(int32_t status = 0)
+    {
+        TQAuthorization::setExecHookForTesting([this, status](const std::string& tool, Call args, bool) {
+            args.insert(args.begin(), tool);
+            std::lock_guard lock(mutex_);
+            calls_.push_back(std::move(args));
+            return status;
+        });
+    }
+    ~Tools() { TQAuthorization::setExecHookForTesting(nullptr); }
+    std::vector<Call> calls()
+    {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<Call> calls_;
+};
 
 // Drops this (child) process to the user nobody, handing it the child's home first.
 inline void becomeNobody()
