@@ -169,7 +169,15 @@ void TQFileManager::unlockFile(const std::string& path)
     // the flag) is never opened, so an unreadable item is no failure.
     const FlagState s = flagState(path);
     int err = s.err;
-    if (!err && s.known && s.immutable) err = changeImmutable(path, s, false);
+    if (!err && s.known && s.immutable) {
+        err = changeImmutable(path, s, false);
+    } else if (!err && !s.known) {
+        // A file system that does not report the flag may still keep it (some stacked file
+        // systems): ask it. An item without the flag, or one this user may not open, is no
+        // unlock failure; an operation that then fails reports that itself.
+        err = changeImmutable(path, s, false);
+        if (err == EOPNOTSUPP || err == EACCES) err = 0;
+    }
     if (err) TQLog::fastAppendLog("Unable to unlock file %@: %@", path, errorDescription(err));
 }
 
