@@ -30,12 +30,11 @@ TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
     EXPECT_FALSE(auth().authMoveFile("", "/tmp/x") || auth().authMoveFile("/tmp/x", ""));
     EXPECT_FALSE(auth().authCopyFile("", "/tmp/x") || auth().authCopyFile("/tmp/x", ""));
     EXPECT_FALSE(auth().authMoveFile("/nonexistent/a", "/tmp/x") || auth().authCopyFile("/nonexistent/a", "/tmp/x"));
+    const std::string refusal = " because it is a system directory.";
     EXPECT_THAT(capture.messages(),
-                ElementsAre("Unable to trash path / because it is a system directory.",
-                            "Unable to trash path " + apps + "/ because it is a system directory.",
-                            "Unable to trash folder contents of path /usr because it is a system directory.",
-                            "Unable to move contents of path /bin because it is a system directory.",
-                            "Unable to move path /System because it is a system directory.",
+                ElementsAre("Unable to trash path /" + refusal, "Unable to trash path " + apps + "/" + refusal,
+                            "Unable to trash folder contents of path /usr" + refusal,
+                            "Unable to move contents of path /bin" + refusal, "Unable to move path /System" + refusal,
                             "Error in authMoveFile: old path is null", "Error in authMoveFile: new path is null",
                             "Error in authCopyFile: old path is null", "Error in authCopyFile: new path is null"));
     EXPECT_TRUE(tools.calls().empty());

@@ -124,8 +124,4 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(0), std::nullopt);
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(8), std::nullopt);
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(6), (TQFileManager::Color{0.0083, 0.54, 1.0, 1.0}));
-    EXPECT_EQ(TQFileManager::finderColorForColorIndex(1), (TQFileManager::Color{0.0, 0.0, 0.72, 1.0}));
-    const auto ref = TQFileManager::stringToFSRef(file);
-    EXPECT_TRUE(SendFinderSyncEvent(&ref) != 0 && SendFinderSyncEvent(nullptr) != 0);
-    EXPECT_FALSE(TQFileManager::registerApplicationWithLaunchServices("/Applications/Tool.app"));
 }
