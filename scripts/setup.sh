@@ -10,7 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
   clang libclang-rt-14-dev
-  python3 sudo
+  python3 sudo attr
   xvfb zenity xdotool tmux
 )
 missing=()
