@@ -3,7 +3,7 @@
 # Safe to run again: it only calls apt-get when something is missing.
 set -euo pipefail
 packages=(
-  build-essential cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkg-config clang-format
   libplist-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
   libssl-dev libarchive-dev

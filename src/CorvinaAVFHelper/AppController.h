@@ -60,8 +60,6 @@ public:
     // A linear PCM description with its channel layout; null (and a log line) on failure.
     corvina::FormatDescriptionRef audioFormatDescriptionForChannels(uint64_t channels, bool stereo, uint64_t bitDepth,
                                                                     uint64_t sampleRate, bool bigEndian);
-    // The code's four bytes, most significant first, each byte one character (Latin-1).
-    static std::string codecTypeFrom4CC(uint32_t code);
 
     // Sample feeders: the next sample buffer of each track, or null at the end of the track
     // (or when a sample cannot be read or wrapped). Only the track's own pump calls them.

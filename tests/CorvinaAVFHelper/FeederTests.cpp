@@ -1,7 +1,6 @@
 // The sample feeders against small data files whose bytes are known.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <numeric>
 
 #include "AppController.h"
@@ -22,11 +21,10 @@ Value entry(uint64_t offset, uint64_t length, std::optional<int64_t> frameCount 
 // A data file whose byte at position p is p mod 251, so every range is recognisable.
 std::string makeDataFile(const TempDir& dir, const std::string& name, size_t size)
 {
-    std::vector<char> bytes(size);
+    std::string bytes(size, '\0');
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i % 251);
-    const std::string path = dir / name;
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(size));
-    return path;
+    test::writeFile(dir / name, bytes);
+    return dir / name;
 }
 
 std::vector<uint8_t> bytesOf(const SampleBuffer& sample)

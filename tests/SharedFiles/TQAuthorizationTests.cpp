@@ -2,19 +2,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "Foundation/SystemLog.h"
-#include "ServicesTestSupport.h"
+#include "TestSupport.h"
 #include "TQAuthorization.h"
 #include "TQLocalPaths.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -74,7 +75,7 @@ TEST(TQAuthorizationRemove, ProtectedFoldersAreRefusedWithoutRunningATool)
 
 TEST(TQAuthorizationRemove, OrdinaryPathRunsRmWithoutWaiting)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string inside = scratch / "movie.mov";
     RecordedTools tools;
     EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
@@ -105,8 +106,8 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectly)
     EXPECT_TRUE(auth.canAuthorize());
     EXPECT_TRUE(auth.authStart());
     EXPECT_TRUE(auth.authStartWithUser("anyone", "anything"));
-    Scratch scratch;
-    servicestest::writeFile(scratch / "tree/a/b/file", "x");
+    TempDir scratch;
+    writeFile(scratch / "tree/a/b/file", "x");
     EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", scratch / "tree"}, false), 0);
     EXPECT_FALSE(std::filesystem::exists(scratch / "tree")) << "waited for the tool";
 }
@@ -115,24 +116,27 @@ TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
 {
     // A process that is not root, with a controller that may not ask: every privileged
     // operation fails at once, with nothing run.
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string target = servicestest::childHome() + "/keep.txt";
-    servicestest::writeFile(target, "data");
-    if (::getuid() == 0) {
-        ASSERT_EQ(::chown(servicestest::childHome().c_str(), 65534, 65534), 0);
-        ASSERT_EQ(::setgid(65534), 0);
-        ASSERT_EQ(::setuid(65534), 0);
-    }
-    auto& auth = TQAuthorization::sharedController(false);
-    corvina::ScopedSystemLogCapture capture;
-    EXPECT_FALSE(auth.hasGUI());
-    EXPECT_FALSE(auth.isAuthorized());
-    EXPECT_FALSE(auth.canAuthorize());
-    EXPECT_FALSE(auth.authStart());
-    EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
-    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
-    EXPECT_FALSE(auth.authRemoveFile(target));
-    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
-    EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
-    EXPECT_TRUE(std::filesystem::exists(target));
+    TempDir home;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        const std::string target = home.path() + "/keep.txt";
+        writeFile(target, "data");
+        if (::getuid() == 0) {
+            ASSERT_EQ(::chown(home.path().c_str(), 65534, 65534), 0);
+            ASSERT_EQ(::setgid(65534), 0);
+            ASSERT_EQ(::setuid(65534), 0);
+        }
+        auto& auth = TQAuthorization::sharedController(false);
+        corvina::ScopedSystemLogCapture capture;
+        EXPECT_FALSE(auth.hasGUI());
+        EXPECT_FALSE(auth.isAuthorized());
+        EXPECT_FALSE(auth.canAuthorize());
+        EXPECT_FALSE(auth.authStart());
+        EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
+        EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
+        EXPECT_FALSE(auth.authRemoveFile(target));
+        EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
+        EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
+        EXPECT_TRUE(std::filesystem::exists(target));
+    });
+    EXPECT_TRUE(child.passed()) << child.failures;
 }

@@ -6,10 +6,9 @@
 #include <thread>
 
 #include "TQLog.h"
-#include "TQLogTestSupport.h"
+#include "TestSupport.h"
 
-using tqtest::Checks;
-using tqtest::TempDir;
+using namespace corvina::test;
 namespace fs = std::filesystem;
 
 // Several threads log across three restarts: every line lands exactly once, each thread's
@@ -18,7 +17,7 @@ namespace fs = std::filesystem;
 TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         constexpr int kThreads = 4;
         constexpr int kLines = 6000;  // about 1.7 MB in all: three restarts
@@ -45,15 +44,15 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
             const std::string path = folder + "/Tool." + std::to_string(n) + ".log";
             if (!fs::exists(path))
                 continue;
-            const std::string text = tqtest::readFile(path);
-            auto ls = tqtest::lines(text);
+            const std::string text = readFile(path);
+            auto ls = splitLines(text);
             if (n > 1) {
                 const size_t lastEntry = ls.empty() ? 0 : ls.back().size() + 1;
                 c.expect(text.size() >= 500000 && text.size() - lastEntry < 500000,
                          "file ." + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
             }
             for (const auto& l : ls) {
-                const std::string e = tqtest::entryText(l);
+                const std::string e = entryText(l);
                 int t = -1, i = -1;
                 if (std::sscanf(e.c_str(), "thread %d line %d", &t, &i) == 2 && t >= 0 && t < kThreads) {
                     if (i != next[t])
@@ -76,7 +75,7 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
 TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         std::vector<std::thread> threads;
         std::atomic<int> ok{0};
@@ -92,10 +91,10 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
         for (auto& th : threads)
             th.join();
         c.expect(ok == 4, "all threads done");
-        auto ls = tqtest::lines(tqtest::readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
+        auto ls = splitLines(readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
         int flushed = 0;
         for (const auto& l : ls)
-            flushed += tqtest::entryText(l).rfind("flush ", 0) == 0;
+            flushed += entryText(l).rfind("flush ", 0) == 0;
         c.expect(flushed == 800, "all lines written: " + std::to_string(flushed));
     });
     EXPECT_TRUE(r.exitedCleanly()) << r.status;
