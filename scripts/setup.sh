@@ -11,6 +11,7 @@ packages=(
   ffmpeg mediainfo
   clang libclang-rt-14-dev
   python3 sudo
+  xvfb zenity xdotool tmux
 )
 missing=()
 for p in "${packages[@]}"; do
