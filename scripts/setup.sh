@@ -9,6 +9,7 @@ packages=(
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
+  zip unzip
   python3 sudo
 )
 missing=()
