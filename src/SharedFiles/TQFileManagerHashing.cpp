@@ -105,8 +105,9 @@ std::optional<std::string> hashFile(const std::string& path, TQDigestAlgorithm a
     }
     ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     TQDigestState state(algorithm);
-    tqfiles::AlignedBuffer buffer(tqfiles::kHashBlockSize);
-    if (!buffer) {
+    tqfiles::AlignedBuffer buffers[2] = {tqfiles::AlignedBuffer(tqfiles::kHashBlockSize),
+                                         tqfiles::AlignedBuffer(tqfiles::kHashBlockSize)};
+    if (!buffers[0] || !buffers[1]) {
         TQLog::appendLogAndPrint("Error reading file %@ - out of memory", path);
         return std::nullopt;
     }
@@ -115,14 +116,25 @@ std::optional<std::string> hashFile(const std::string& path, TQDigestAlgorithm a
     const auto cancelled = std::make_shared<std::atomic<bool>>(false);
     const bool asks = delegate && delegate->checksumShouldContinue;
     uint64_t hashed = 0;
+    // The next block is read on the worker while this thread hashes the current one.
+    tqfiles::BackgroundWorker reader;
+    int current = 0;
+    ssize_t ahead = tqfiles::readFull(file.get(), buffers[current].data(), tqfiles::kHashBlockSize);
     for (;;) {
-        const ssize_t n = tqfiles::readFull(file.get(), buffer.data(), buffer.size());
+        const ssize_t n = ahead;
         if (n == 0) return state.text();
         if (n < 0) {
             TQLog::appendLogAndPrint("Error reading file %@ - aborting...", path);
             return std::nullopt;
         }
-        state.update(buffer.data(), static_cast<size_t>(n));
+        // A short block is the end of the file.
+        ahead = 0;
+        if (static_cast<size_t>(n) == tqfiles::kHashBlockSize) {
+            reader.start([&, next = buffers[1 - current].data()] {
+                ahead = tqfiles::readFull(file.get(), next, tqfiles::kHashBlockSize);
+            });
+        }
+        state.update(buffers[current].data(), static_cast<size_t>(n));
         const uint64_t before = hashed;
         hashed += static_cast<uint64_t>(n);
         if (asks && hashed / kHashQuestionInterval != before / kHashQuestionInterval) {
@@ -130,7 +142,9 @@ std::optional<std::string> hashFile(const std::string& path, TQDigestAlgorithm a
                 if (!delegate->checksumShouldContinue(path)) cancelled->store(true);
             });
         }
+        reader.wait();
         if (cancelled->load()) return std::nullopt;
+        current = 1 - current;
     }
 }
 

@@ -7,8 +7,12 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <condition_variable>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <optional>
 #include <string>
 
@@ -120,6 +124,64 @@ inline size_t pwriteFull(int fd, const uint8_t* buffer, size_t size, uint64_t po
     }
     return done;
 }
+
+// A thread that runs one job at a time for its owner, who waits for each before the next:
+// reading the next block while the owner works on the current one.
+class BackgroundWorker {
+public:
+    BackgroundWorker() : thread_([this] { loop(); }) {}
+    ~BackgroundWorker()
+    {
+        wait();
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+    BackgroundWorker(const BackgroundWorker&) = delete;
+    BackgroundWorker& operator=(const BackgroundWorker&) = delete;
+
+    void start(std::function<void()> job)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            job_ = std::move(job);
+            pending_ = true;
+        }
+        wake_.notify_all();
+    }
+    void wait()
+    {
+        std::unique_lock lock(mutex_);
+        done_.wait(lock, [&] { return !pending_; });
+    }
+
+private:
+    void loop()
+    {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [&] { return stopping_ || pending_; });
+            if (!pending_) return;
+            auto job = std::move(job_);
+            lock.unlock();
+            job();
+            lock.lock();
+            pending_ = false;
+            done_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    std::function<void()> job_;
+    bool pending_ = false;
+    bool stopping_ = false;
+    std::thread thread_;
+};
 
 // Something is at the path (a dangling link counts as nothing, as the platform's test does).
 inline bool exists(const std::string& path)
