@@ -200,7 +200,11 @@ struct ArchiveReader {
 
 class ZipPacker {
 public:
-    explicit ZipPacker(archive* a) : a_(a), buffer_(tqfiles::kCopyBlockSize) {}
+    // output: the archive being written, which is left out should it lie inside the folder.
+    ZipPacker(archive* a, const std::string& output) : a_(a), buffer_(tqfiles::kCopyBlockSize)
+    {
+        ::stat(output.c_str(), &output_);
+    }
 
     // Adds the item under the name, folders with everything in them (in name order).
     bool add(const std::string& path, const std::string& name)
@@ -232,6 +236,7 @@ public:
             return writeHeader(st, name, target);
         }
         if (!S_ISREG(st.st_mode)) return true;  // devices, pipes and sockets have no place in a zip
+        if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
         tqfiles::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (!file || !writeHeader(st, name, {})) return false;
         ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -258,6 +263,7 @@ private:
 
     archive* a_;
     tqfiles::AlignedBuffer buffer_;
+    struct stat output_ {};
 };
 
 // A relative entry name without ".." components.
@@ -291,7 +297,7 @@ bool TQFileManager::compressFile(const std::string& path, const std::string& arc
             struct stat st {};
             const bool folder = ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
             const std::string name = corvina::lastPathComponent(path);
-            ok = ZipPacker(writer.a).add(path, folder && !includeParent ? std::string() : name);
+            ok = ZipPacker(writer.a, partial).add(path, folder && !includeParent ? std::string() : name);
         }
         const bool closed = writer.a && archive_write_close(writer.a) == ARCHIVE_OK;
         if (ok && !closed) ok = false;

@@ -96,6 +96,10 @@ TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
     // A single file is stored under its own name; the default keeps the parent.
     ASSERT_TRUE(TQFileManager::compressFile(tree + "/audio/take.pcm", home + "/one.zip"));
     EXPECT_EQ(unzipNames(home + "/one.zip"), std::vector<std::string>{"take.pcm"});
+    // An archive written into the folder it packs leaves itself out.
+    ASSERT_TRUE(TQFileManager::compressFile(tree + "/audio", tree + "/audio/self.zip", false));
+    EXPECT_EQ(unzipNames(tree + "/audio/self.zip"),
+              (std::vector<std::string>{"deeper/", "deeper/notes.txt", "take.pcm"}));
 }
 
 TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
