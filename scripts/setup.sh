@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
   zip unzip
+  clang libclang-rt-14-dev
   python3 sudo
 )
 missing=()

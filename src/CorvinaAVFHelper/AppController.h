@@ -10,15 +10,22 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
 #include "Foundation/Value.h"
+#include "RunSummary.h"
 #include "SampleBuffer/SampleBuffer.h"
+
+namespace corvina {
+class AssetWriter;
+}
 
 // One row of the video format table.
 struct VideoFormatInfo {
@@ -50,6 +57,16 @@ public:
     // Runs one movie writing session; 0 on success, 1 on failure. Called once per controller,
     // on the main thread.
     int64_t createQuickTimeMovie(const corvina::Value& settings);
+
+    // Where the settings document came from, for the run's summary and so that the movie is
+    // never written over it.
+    void setSettingsDocumentPath(std::string path) { settingsDocumentPath_ = std::move(path); }
+    // Stops a running session from any thread: the writing is cancelled, nothing is put in
+    // place and the session returns 1. The reason is logged once.
+    void requestStop(const std::string& reason);
+    bool stopRequested() const { return stopRequested_.load(); }
+    // The story of the last session (also written to the log when it ends).
+    RunSummary summary() const;
 
     // The -settings mode: what the helper knows about a movie file. Empty for now.
     corvina::Value settingsForMovieFile(const std::string& path);
@@ -103,6 +120,10 @@ public:
 private:
     struct Session;
     int64_t runGuardedSession(const corvina::Value& settings, Session& session);
+    // Logs an error line that ends the run and keeps the first one for the summary.
+    int64_t fail(const std::string& line);
+    void noteTrackError(bool video, const std::string& what);
+    void publishWriter(corvina::AssetWriter* writer);
 
     std::atomic<std::shared_ptr<corvina::FileHandle>> videoHandle_;
     std::atomic<std::shared_ptr<corvina::FileHandle>> audioHandle_;
@@ -116,4 +137,10 @@ private:
     std::atomic<bool> videoFinished_{false};
     std::atomic<bool> audioFinished_{false};
     std::atomic<bool> finishedWithError_{false};
+
+    std::string settingsDocumentPath_;
+    std::atomic<bool> stopRequested_{false};
+    mutable std::mutex mutex_;  // guards summary_ and liveWriter_
+    RunSummary summary_;
+    corvina::AssetWriter* liveWriter_ = nullptr;
 };
