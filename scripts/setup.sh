@@ -9,8 +9,9 @@ packages=(
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
+  zip unzip
   clang libclang-rt-14-dev
-  python3 sudo
+  python3 sudo attr
   xvfb zenity xdotool tmux
 )
 missing=()
