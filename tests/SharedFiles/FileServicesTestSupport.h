@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ServicesTestSupport.h"
+#include "ChildTest.h"
 
 namespace filestest {
 
@@ -30,7 +30,7 @@ inline std::string patternBytes(size_t size, uint64_t seed = 1)
 
 inline std::string makeFile(const std::string& path, size_t size, uint64_t seed = 1)
 {
-    servicestest::writeFile(path, patternBytes(size, seed));
+    corvina::test::writeFile(path, patternBytes(size, seed));
     return path;
 }
 

@@ -18,7 +18,7 @@
 namespace fs = std::filesystem;
 using filestest::quoted;
 using filestest::shell;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -41,7 +41,7 @@ std::map<std::string, std::string> treeContents(const std::string& root)
         const std::string rel = fs::relative(e.path(), root).string();
         if (e.is_symlink()) out[rel] = "-> " + fs::read_symlink(e.path()).string();
         else if (e.is_directory()) out[rel] = "/";
-        else out[rel] = servicestest::readFile(e.path());
+        else out[rel] = readFile(e.path());
     }
     return out;
 }
@@ -65,8 +65,8 @@ void backdate(const std::string& path, int secondsAgo)
 
 TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string home = servicestest::childHome();
+    if (!inChild()) return expectChildPasses();
+    const std::string home = childHome();
     const std::string tree = home + "/Footage";
     makeTree(tree);
     const auto original = treeContents(tree);
@@ -104,23 +104,23 @@ TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
 
 TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string home = servicestest::childHome();
+    if (!inChild()) return expectChildPasses();
+    const std::string home = childHome();
     const std::string trash = home + "/.local/share/Trash";
     filestest::makeFile(home + "/a/one.txt", 10);
-    servicestest::writeFile(home + "/pack.zip", "an older archive");
-    servicestest::writeFile(home + "/out/keep.txt", "older output");
+    writeFile(home + "/pack.zip", "an older archive");
+    writeFile(home + "/out/keep.txt", "older output");
 
     ASSERT_TRUE(TQFileManager::compressFile(home + "/a", home + "/pack.zip"));
     EXPECT_EQ(unzipNames(home + "/pack.zip"), (std::vector<std::string>{"a/", "a/one.txt"}));
-    EXPECT_EQ(servicestest::readFile(trash + "/files/pack.zip"), "an older archive");
-    EXPECT_NE(servicestest::readFile(trash + "/info/pack.zip.trashinfo").find("Path=" + home + "/pack.zip"),
+    EXPECT_EQ(readFile(trash + "/files/pack.zip"), "an older archive");
+    EXPECT_NE(readFile(trash + "/info/pack.zip.trashinfo").find("Path=" + home + "/pack.zip"),
               std::string::npos);
 
     ASSERT_TRUE(TQFileManager::decompressFile(home + "/pack.zip", home + "/out"));
     EXPECT_TRUE(fs::exists(home + "/out/a/one.txt"));
     EXPECT_FALSE(fs::exists(home + "/out/keep.txt"));
-    EXPECT_EQ(servicestest::readFile(trash + "/files/out/keep.txt"), "older output");
+    EXPECT_EQ(readFile(trash + "/files/out/keep.txt"), "older output");
 
     // A second archive of the same name goes beside the first, under a dated name.
     ASSERT_TRUE(TQFileManager::compressFile(home + "/a", home + "/pack.zip"));
@@ -132,14 +132,14 @@ TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
 
 TEST(TQFileManagerArchive, HostileOrBrokenArchivesStayInsideTheFolder)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string zip = scratch / "evil.zip";
     shell("cd " + quoted(scratch.path()) +
           " && python3 -c \"import zipfile; z=zipfile.ZipFile('evil.zip','w'); "
           "z.writestr('../escaped.txt','x'); z.writestr('/abs-escaped.txt','x'); z.writestr('fine.txt','ok'); z.close()\"");
     ASSERT_TRUE(fs::exists(zip));
     EXPECT_TRUE(TQFileManager::decompressFile(zip, scratch / "out"));
-    EXPECT_EQ(servicestest::readFile(scratch / "out/fine.txt"), "ok");
+    EXPECT_EQ(readFile(scratch / "out/fine.txt"), "ok");
     EXPECT_FALSE(fs::exists(scratch / "escaped.txt"));
     EXPECT_FALSE(fs::exists("/abs-escaped.txt"));
 
@@ -152,17 +152,17 @@ TEST(TQFileManagerArchive, HostileOrBrokenArchivesStayInsideTheFolder)
 
 TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    if (!inChild()) return expectChildPasses();
     TQLog::createNewLog("Services");
-    const std::string home = servicestest::childHome();
+    const std::string home = childHome();
     const std::string file = home + "/growing.mov";
     const std::string old = home + "/old.mov";
     const std::string lock = home + "/old.lock";
-    servicestest::writeFile(old, "x");
+    writeFile(old, "x");
     backdate(old, 10);
 
     TQFileManager::waitForFileWrites(old);  // old, no lock file: at once, silently
-    servicestest::writeFile(lock, "");
+    writeFile(lock, "");
     TQFileManager::waitForFileWrites(old, lock);  // the lock file only starts the wait
     TQFileManager::waitForFileWrites(home + "/missing.mov", lock);
 
@@ -177,7 +177,7 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
     TQFileManager::waitForFileWrites(file);
     int status = 0;
     EXPECT_EQ(::waitpid(pid, &status, WNOHANG), pid) << "the writer had finished";
-    EXPECT_EQ(servicestest::readFile(file), "1\n2\n3\n4\n5\n6\n");
+    EXPECT_EQ(readFile(file), "1\n2\n3\n4\n5\n6\n");
     struct stat st {};
     ::stat(file.c_str(), &st);
     EXPECT_GT(std::chrono::duration_cast<std::chrono::seconds>(corvina::Clock::now().time_since_epoch()).count() -
@@ -185,7 +185,7 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
               4);
 
     TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
+    const auto log = logEntries(childLogPath());
     const std::vector<std::string> expected = {
         "File " + old + " is currently being written to. Waiting...", "File " + old + " finished writing.",
         "File " + home + "/missing.mov is currently being written to. Waiting...",
@@ -199,9 +199,9 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
 
 TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string file = scratch / "take.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(file));
     EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(scratch / "missing"));
     {
@@ -231,18 +231,18 @@ TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
 
 TEST(TQFileManagerWait, CreationIsWaitedForUntilTheTimeOut)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string file = scratch / "later.mov";
     TQFileManager::waitForFileCreation(file, std::chrono::seconds(0));  // returns after one look
     EXPECT_FALSE(fs::exists(file));
 
     std::thread maker([&] {
         ::usleep(200000);
-        servicestest::writeFile(file, "");  // an empty file does not count yet
+        writeFile(file, "");  // an empty file does not count yet
         ::usleep(200000);
-        servicestest::writeFile(file, "frames");
+        writeFile(file, "frames");
     });
     TQFileManager::waitForFileCreation(file, std::chrono::seconds(60));
-    EXPECT_EQ(servicestest::readFile(file), "frames");
+    EXPECT_EQ(readFile(file), "frames");
     maker.join();
 }

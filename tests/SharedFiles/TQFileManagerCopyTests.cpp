@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -15,7 +16,7 @@
 
 namespace fs = std::filesystem;
 using filestest::makeFile;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -96,9 +97,9 @@ std::vector<std::string> strings(const corvina::Value& array)
 
 TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string source = makeFile(scratch / "take.mov", 100000);
-    const std::string original = servicestest::readFile(source);
+    const std::string original = readFile(source);
     fs::create_directories(scratch / "folder");
     struct Row {
         std::string source;
@@ -124,14 +125,14 @@ TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
             << row.message;
         EXPECT_EQ(log.messages(), std::vector<std::string>{row.message});
     }
-    EXPECT_EQ(servicestest::readFile(source), original);
+    EXPECT_EQ(readFile(source), original);
     // A folder opens but cannot be read.
     EXPECT_FALSE(TQFileManager::copyFileWithProgress(scratch / "folder", scratch / "out2.mov", nullptr));
 }
 
 TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDate)
 {
-    Scratch scratch;
+    TempDir scratch;
     const size_t size = 3 * MiB + 17;
     const std::string source = makeFile(scratch / "take.mov", size);
     ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1000000000)), source));
@@ -143,7 +144,7 @@ TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDa
         ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, destinations, static_cast<TQVerificationType>(type),
                                                         rec.delegate(), corvina::Value("job"), corvina::Value(7)));
         for (const auto& d : destinations) {
-            EXPECT_TRUE(servicestest::readFile(d) == servicestest::readFile(source)) << d;
+            EXPECT_TRUE(readFile(d) == readFile(source)) << d;
             EXPECT_EQ(filestest::mtimeSeconds(d), 1000000000);
         }
         EXPECT_EQ(rec.progress, std::vector<uint64_t>{size}) << "only the final report below 20 MiB";
@@ -169,9 +170,9 @@ TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDa
 
 TEST(TQFileManagerCopy, EmptySourceReportsZeroAndVerifies)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string source = makeFile(scratch / "empty.mov", 0);
-    servicestest::writeFile(scratch / "old.mov", "previous contents");
+    writeFile(scratch / "old.mov", "previous contents");
     Recorder rec;
     ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "old.mov", scratch / "new.mov"},
                                                     TQVerificationType::MD5, rec.delegate()));
@@ -185,7 +186,7 @@ TEST(TQFileManagerCopy, EmptySourceReportsZeroAndVerifies)
 
 TEST(TQFileManagerCopy, ThirtyMebibytesReportOnceOnTheQueueThenTheFinalCount)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string source = makeFile(scratch / "take.mov", 30 * MiB);
     Recorder rec;
     ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, scratch / "copy.mov", rec.delegate()));
@@ -200,7 +201,7 @@ TEST(TQFileManagerCopy, ThirtyMebibytesReportOnceOnTheQueueThenTheFinalCount)
 
 TEST(TQFileManagerCopy, MismatchOnOneDestinationIsReportedAndTheCopyStillSucceeds)
 {
-    Scratch scratch;
+    TempDir scratch;
     HookReset reset;
     const std::string source = makeFile(scratch / "take.mov", 2 * MiB + 5);
     const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov", scratch / "3.mov"};
@@ -225,7 +226,7 @@ TEST(TQFileManagerCopy, MismatchOnOneDestinationIsReportedAndTheCopyStillSucceed
 
 TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
 {
-    Scratch scratch;
+    TempDir scratch;
     HookReset reset;
     const size_t size = 48 * MiB;
     const std::string source = makeFile(scratch / "take.mov", size);
@@ -244,9 +245,9 @@ TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
     const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov"};
     EXPECT_FALSE(
         TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::MD5, rec.delegate()));
-    const std::string whole = servicestest::readFile(source);
+    const std::string whole = readFile(source);
     for (const auto& d : destinations) {
-        const std::string part = servicestest::readFile(d);
+        const std::string part = readFile(d);
         EXPECT_GE(part.size(), 20 * MiB);
         EXPECT_LT(part.size(), size);
         EXPECT_TRUE(whole.compare(0, part.size(), part) == 0) << d << " holds a prefix of the source";
@@ -259,7 +260,7 @@ TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
 
 TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string small = scratch / "small";
     fs::create_directories(small);
     if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount a tmpfs here";
@@ -274,15 +275,15 @@ TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
     EXPECT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"},
                                                     TQVerificationType::SHA1, rec.delegate()));
     EXPECT_EQ(rec.failedFiles, std::vector<std::string>{small + "/full.mov"});
-    EXPECT_TRUE(servicestest::readFile(scratch / "ok.mov") == servicestest::readFile(source));
+    EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source));
     EXPECT_LT(filestest::fileSize(small + "/full.mov"), filestest::fileSize(source));
     const auto messages = log.messages();
-    EXPECT_GE(servicestest::countOf(messages, "Error writing file " + small + "/full.mov: 28"), 1);
+    EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
 }
 
 TEST(TQFileManagerCopy, UnreadableSourceFailsForAnOrdinaryUser)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string source = makeFile(scratch / "locked.mov", 1000);
     ::chmod(scratch.path().c_str(), 0755);
     ::chmod(source.c_str(), 0000);

@@ -8,7 +8,7 @@
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -35,7 +35,7 @@ std::shared_ptr<TQHashDelegate> countingDelegate(std::atomic<int>& asked, bool a
 
 TEST(TQFileManagerHash, FilesAgreeWithCoreutilsAroundEveryBlockBoundary)
 {
-    Scratch scratch;
+    TempDir scratch;
     // Digest blocks (64 and 128 bytes), the 64 KiB and 1 MiB read blocks, either side of each.
     const size_t sizes[] = {0,      1,      55,      56,      63,          64,          65,         111,
                             112,    127,    128,     129,     65535,       65536,       65537,      1048575,
@@ -48,7 +48,7 @@ TEST(TQFileManagerHash, FilesAgreeWithCoreutilsAroundEveryBlockBoundary)
         EXPECT_EQ(TQFileManager::sha512HashForFile(path).value_or(""), filestest::toolDigest("sha512sum", path));
 
         // The same bytes fed from memory in uneven pieces.
-        const std::string bytes = servicestest::readFile(path);
+        const std::string bytes = readFile(path);
         TQDigestState sha256(TQDigestAlgorithm::SHA256);
         for (size_t at = 0, piece = 1; at < bytes.size(); at += piece, piece = piece * 3 + 1)
             sha256.update(std::string_view(bytes).substr(at, piece));
@@ -81,7 +81,7 @@ TEST(TQFileManagerHash, StatesFinishWithoutChangingAndRefuseOtherAlgorithms)
 
 TEST(TQFileManagerHash, DelegateIsAskedAfterEveryFiftyMebibytes)
 {
-    Scratch scratch;
+    TempDir scratch;
     const struct {
         off_t size;
         int questions;
@@ -101,7 +101,7 @@ TEST(TQFileManagerHash, DelegateIsAskedAfterEveryFiftyMebibytes)
 
 TEST(TQFileManagerHash, NoFromTheDelegateCancelsAndMissingFilesFail)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string path = sparseFile(scratch / "zeros", off_t(4) << 30);
     std::atomic<int> asked{0};
     EXPECT_FALSE(TQFileManager::sha1HashForFile(path, countingDelegate(asked, false)).has_value());

@@ -9,7 +9,7 @@
 #include "TQFileManager.h"
 
 namespace fs = std::filesystem;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -23,11 +23,11 @@ std::vector<std::string> sorted(std::vector<std::string> v)
 
 TEST(TQFileManagerWildcards, PatternsAgainstARealTree)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string& s = scratch.path();
     for (const char* f : {"Volumes/A/Media", "Volumes/B/other", "Volumes/.hidden/Media", "clips/x.mov", "clips/y.mov",
                           "clips/A.MOV", "clips/sub/z.mov", "clips/?.mov", "clips/ab.mov"})
-        servicestest::writeFile(scratch / f, "x");
+        writeFile(scratch / f, "x");
     fs::create_directories(scratch / "Volumes/C/Media");
     const std::string clips = scratch / "clips";
     const std::string relative = s.substr(1);  // taken from the root when no base is given
@@ -96,20 +96,20 @@ TEST(TQFileManagerNames, SizesForPeople)
 
 TEST(TQFileManagerNames, EmptyFilesNeverReplaceAnything)
 {
-    Scratch scratch;
+    TempDir scratch;
     EXPECT_TRUE(TQFileManager::createEmptyFile(scratch / "new.mov"));
     EXPECT_EQ(filestest::fileSize(scratch / "new.mov"), 0);
-    servicestest::writeFile(scratch / "footage.mov", "precious");
+    writeFile(scratch / "footage.mov", "precious");
     EXPECT_FALSE(TQFileManager::createEmptyFile(scratch / "footage.mov"));
-    EXPECT_EQ(servicestest::readFile(scratch / "footage.mov"), "precious");
+    EXPECT_EQ(readFile(scratch / "footage.mov"), "precious");
     EXPECT_FALSE(TQFileManager::createEmptyFile(scratch / "no/folder/new.mov"));
 }
 
 TEST(TQFileManagerNames, TouchAndModificationDates)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string file = scratch / "take.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     const corvina::Date old(std::chrono::seconds(1234567890));
     ASSERT_TRUE(TQFileManager::setModificationDate(old, file));
     EXPECT_EQ(filestest::mtimeSeconds(file), 1234567890);
