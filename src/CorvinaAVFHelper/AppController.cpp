@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <system_error>
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Exception.h"
@@ -23,13 +24,6 @@ constexpr const char* kSessionMethod = "-[AppController createQuickTimeMovie:]";
 constexpr const char* kUnknownFormatText =
     "This movie is an unknown video format. Please report this error to Brantwell.";
 
-// What a pump needs besides the controller.
-struct TrackFeed {
-    std::shared_ptr<AssetWriterInput> input;
-    std::shared_ptr<DispatchGroup> group;
-    FormatDescriptionRef format;
-};
-
 }  // namespace
 
 struct AppController::Session {
@@ -40,6 +34,9 @@ struct AppController::Session {
     std::shared_ptr<DispatchQueue> videoQueue;
     std::shared_ptr<DispatchQueue> audioQueue;
     std::shared_ptr<DispatchGroup> group;
+    FormatDescriptionRef videoDescription;
+    FormatDescriptionRef audioDescription;
+    bool hasAudio = false;
     std::atomic<bool> completed{false};
     DispatchSemaphore completion{0};
     bool started = false;
@@ -64,30 +61,52 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
     // The document goes back to the replay path first, so the last movie can be assembled
     // again by starting the helper without arguments.
     if (const auto replayPath = TQLocalPaths::replaySettingsPath()) settings.writeToFile(*replayPath, true);
+    return runSession(MovieJob::fromSettings(settings));
+}
 
-    setVideoHandle(nullptr);
-    setAudioHandle(nullptr);
-    setCurVideoSampleIndex(0);
-    setNumVideoSamplesAppended(0);
-    setCurAudioSampleIndex(0);
-    setNumAudioSamplesAppended(0);
-    setVideoFinished(false);
-    setAudioFinished(false);
+int64_t AppController::createQuickTimeMovie(MovieJob job)
+{
+    // The job's own document goes to the replay path, unless it was read from there.
+    const auto replayPath = TQLocalPaths::replaySettingsPath();
+    if (replayPath && !job.documentPath.empty()) {
+        std::error_code ec;
+        if (!std::filesystem::equivalent(job.documentPath, *replayPath, ec)) {
+            const std::string beside = *replayPath + ".copying";
+            std::filesystem::copy_file(job.documentPath, beside, std::filesystem::copy_options::overwrite_existing, ec);
+            if (!ec) std::filesystem::rename(beside, *replayPath, ec);
+            if (ec) std::filesystem::remove(beside, ec);
+        }
+    }
+    return runSession(job);
+}
+
+void AppController::resetForSession(const MovieJob& job)
+{
+    videoHandle_.reset();
+    audioHandle_.reset();
+    videoEntries_ = job.videoEntries;
+    audioEntries_ = job.audioEntries;
+    videoFeeder_.reset();
+    audioFeeder_.reset();
+    videoFinished_ = false;
+    audioFinished_ = false;
     finishedWithError_.store(false);
+}
 
-    setVideoOffsets(settings["offsetArray"]);
-    setAudioOffsets(settings["audioOffsetArray"]);
-    TQFileManager::removeFile(settings["destFilename"].stringValue());
+int64_t AppController::runSession(const MovieJob& job)
+{
+    resetForSession(job);
+    TQFileManager::removeFile(job.destFilename);
 
     Session session;
     int64_t status = 1;
     try {
-        status = runGuardedSession(settings, session);
+        status = runGuardedSession(job, session);
         if (status != 0 && session.writer && !session.started) {
             // Nothing was written: leave no empty movie behind.
             session.writer->cancelWriting();
             std::error_code ignored;
-            std::filesystem::remove(settings["destFilename"].stringValue(), ignored);
+            std::filesystem::remove(job.destFilename, ignored);
         }
     } catch (const PlatformException& exception) {
         TQException::logException(exception, kSessionMethod);
@@ -100,32 +119,22 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
     return status;
 }
 
-int64_t AppController::runGuardedSession(const Value& settings, Session& session)
+int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
 {
-    const std::string tmpFilename = settings["tmpFilename"].stringValue();
-    const std::string tmpAudioFilename = settings["tmpAudioFilename"].stringValue();
-    const int64_t formatType = settings["formatType"].integerValue();
-    const float frameRate = settings["frameRate"].floatValue();
-    const std::string destFilename = settings["destFilename"].stringValue();
-    const int64_t audioFormat = settings["audioFormat"].integerValue();
-
     TQLog::appendLog("Preparing QuickTime movie...");
 
     // Audio first: the format line, the description and what the feeder needs.
-    const AudioFormatInfo* audio = audioFormatForCode(audioFormat);
-    FormatDescriptionRef audioDescription;
+    const AudioFormatInfo* audio = audioFormatForCode(job.audioFormat);
     if (audio) {
         TQLog::appendLog(audio->logLine);
-        audioDescription =
+        session.audioDescription =
             audioFormatDescriptionForChannels(audio->channels, audio->stereo, 16, audio->sampleRate, audio->bigEndian);
+        session.hasAudio = true;
     } else {
         TQLog::appendLog("No audio");
     }
 
-    const int16_t fWidth = settings.objectForKey("fWidth") ? settings["fWidth"].shortValue() : int16_t(0);
-    const int16_t fHeight = settings.objectForKey("fHeight") ? settings["fHeight"].shortValue() : int16_t(0);
-
-    const VideoFormatInfo* video = videoFormatForType(formatType);
+    const VideoFormatInfo* video = videoFormatForType(job.formatType);
     if (!video) {
         TQLog::appendLog(format("Unknown video format. %s", kUnknownFormatText));
         TQAlert::alertSheetWithMessageText("Unknown video format", kUnknownFormatText, nullptr);
@@ -135,8 +144,8 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     int32_t width = video->width;
     int32_t height = video->height;
     if (width == 0) {
-        width = fWidth;
-        height = fHeight;
+        width = job.fWidth;
+        height = job.fHeight;
         TQLog::appendLog(format("Video format is %s %%ix%%i", video->name), static_cast<int>(width),
                          static_cast<int>(height));
     } else {
@@ -145,58 +154,14 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     TQLog::appendLog("Video format: %@", TQAVFoundation::fourCCString(video->codecType));
     TQLog::appendLog("1");
 
-    if (!(frameRate > 0.0f)) {
+    const FrameTiming timing = job.frameTiming();
+    if (!timing.usable()) {
         TQLog::appendLog("Error: frame rate %0.3f is not usable. A movie needs a frame rate above 0.",
-                         static_cast<double>(frameRate));
+                         static_cast<double>(job.frameRate));
         return 1;
     }
 
-    Error writerError;
-    session.writer = AssetWriter::create(destFilename, kFileTypeQuickTimeMovie, &writerError);
-    TQLog::appendLog("2");
-    if (!session.writer) {
-        TQLog::appendLog("Error creating AssetWriter: %@", writerError);
-        return 1;
-    }
-    TQLog::appendLog("3");
-
-    session.videoInput = AssetWriterInput::create(MediaType::Video, nullptr);
-    session.videoInput->setExpectsMediaDataInRealTime(true);
-    TQLog::appendLog("4");
-    if (!session.writer->canAddInput(*session.videoInput)) {
-        TQLog::appendLog("Error: unable to add writer input");
-        return 1;
-    }
-    TQLog::appendLog("added video input");
-    session.writer->addInput(session.videoInput);
-    TQLog::appendLog("5");
-
-    session.audioInput = AssetWriterInput::create(MediaType::Audio, nullptr);
-    session.audioInput->setExpectsMediaDataInRealTime(true);
-    TQLog::appendLog("6");
-    if (!session.writer->canAddInput(*session.audioInput)) {
-        TQLog::appendLog("Error: unable to add audio writer input");
-        return 1;
-    }
-    TQLog::appendLog("added audio input");
-    session.writer->addInput(session.audioInput);
-    TQLog::appendLog("7");
-
-    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingAtPath(tmpFilename);
-    if (!videoReader) {
-        TQLog::appendLog("Error creating video read handle for %@", tmpFilename);
-        return 1;
-    }
-    setVideoHandle(videoReader);
-    TQLog::appendLog("8");
-
-    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingAtPath(tmpAudioFilename);
-    if (!audioReader) {
-        TQLog::appendLog("Error creating audio read handle for %@", tmpAudioFilename);
-        return 1;
-    }
-    setAudioHandle(audioReader);
-    TQLog::appendLog("9");
+    if (!openWriter(job, session) || !openReaders(job, session)) return 1;
 
     const std::string self = description();
     session.serializationQueue = DispatchQueue::createSerial(format("%@ serialization queue", self));
@@ -204,13 +169,14 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     session.audioQueue = DispatchQueue::createSerial(format("%@ rw audio serialization queue", self));
     TQLog::appendLog("10");
 
-    FormatDescriptionRef videoDescription;
-    if (FormatDescription::createVideo(video->codecType, width, height, &videoDescription) != kNoErr ||
-        !videoDescription) {
+    if (FormatDescription::createVideo(video->codecType, width, height, &session.videoDescription) != kNoErr ||
+        !session.videoDescription) {
         TQLog::appendLog("Error: failed to create video format description.");
         return 1;
     }
     TQLog::appendLog("11");
+    videoFeeder().setFormat(session.videoDescription, timing);
+    if (session.hasAudio) audioFeeder().setFormat(session.audioDescription, audio->sampleRate, audio->feederBytesPerFrame);
 
     session.group = std::make_shared<DispatchGroup>();
     if (!session.writer->startWriting()) {
@@ -222,78 +188,143 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     session.started = true;
     TQLog::appendLog("12");
 
-    // The pumps: while the input is ready, append what the feeder hands out; the first null
-    // finishes the track and leaves the group, once.
+    startPump(session);
+    return waitForCompletion(session);
+}
+
+bool AppController::openWriter(const MovieJob& job, Session& session)
+{
+    Error writerError;
+    session.writer = AssetWriter::create(job.destFilename, kFileTypeQuickTimeMovie, &writerError);
+    TQLog::appendLog("2");
+    if (!session.writer) {
+        TQLog::appendLog("Error creating AssetWriter: %@", writerError);
+        return false;
+    }
+    TQLog::appendLog("3");
+
+    session.videoInput = AssetWriterInput::create(MediaType::Video, nullptr);
+    session.videoInput->setExpectsMediaDataInRealTime(true);
+    TQLog::appendLog("4");
+    if (!session.writer->canAddInput(*session.videoInput)) {
+        TQLog::appendLog("Error: unable to add writer input");
+        return false;
+    }
+    TQLog::appendLog("added video input");
+    session.writer->addInput(session.videoInput);
+    TQLog::appendLog("5");
+
+    session.audioInput = AssetWriterInput::create(MediaType::Audio, nullptr);
+    session.audioInput->setExpectsMediaDataInRealTime(true);
+    TQLog::appendLog("6");
+    if (!session.writer->canAddInput(*session.audioInput)) {
+        TQLog::appendLog("Error: unable to add audio writer input");
+        return false;
+    }
+    TQLog::appendLog("added audio input");
+    session.writer->addInput(session.audioInput);
+    TQLog::appendLog("7");
+    return true;
+}
+
+bool AppController::openReaders(const MovieJob& job, Session&)
+{
+    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingAtPath(job.tmpFilename);
+    if (!videoReader) {
+        TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
+        return false;
+    }
+    setVideoHandle(videoReader);
+    videoFeeder_ = std::make_unique<VideoTrackFeeder>(videoHandle_, videoEntries_);
+    TQLog::appendLog("8");
+
+    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingAtPath(job.tmpAudioFilename);
+    if (!audioReader) {
+        TQLog::appendLog("Error creating audio read handle for %@", job.tmpAudioFilename);
+        return false;
+    }
+    setAudioHandle(audioReader);
+    audioFeeder_ = std::make_unique<AudioTrackFeeder>(audioHandle_, audioEntries_);
+    TQLog::appendLog("9");
+    return true;
+}
+
+void AppController::startPump(Session& session)
+{
+    // One pump feeds both tracks on the video queue: the track whose media ends earlier gets
+    // the next sample (video on a tie), so the tracks stay within a frame of each other, the
+    // writer never has to hold either back, and the chunks land in the same order every run.
     session.group->enter();
-    {
-        TrackFeed feed{session.videoInput, session.group, videoDescription};
-        session.videoInput->requestMediaDataWhenReadyOnQueue(session.videoQueue, [this, feed, frameRate] {
-            while (feed.input->isReadyForMoreMediaData()) {
-                std::unique_ptr<SampleBuffer> sample;
+    if (session.hasAudio) session.group->enter();
+    TQLog::appendLog("13");
+
+    auto group = session.group;
+    auto videoInput = session.videoInput;
+    auto audioInput = session.audioInput;
+    const bool hasAudio = session.hasAudio;
+    session.videoQueue->async([this, group, videoInput, audioInput, hasAudio] {
+        VideoTrackFeeder& video = *videoFeeder_;
+        AudioTrackFeeder& audio = *audioFeeder_;
+        const FrameTiming timing = video.timing();
+        const auto audioRate = static_cast<unsigned __int128>(audio.sampleRate());
+        bool videoOpen = true;
+        bool audioOpen = hasAudio;
+        const auto finish = [&group](AssetWriterInput& input, bool& open, bool& finished) {
+            open = false;
+            finished = true;
+            input.markAsFinished();
+            group->leave();
+        };
+        while (videoOpen || audioOpen) {
+            // video end <= audio end: frames * duration / timescale <= audioFrames / rate
+            const bool takeVideo =
+                videoOpen && (!audioOpen || static_cast<unsigned __int128>(video.framesHandedOut()) *
+                                                    static_cast<uint64_t>(timing.frameDuration) * audioRate <=
+                                                static_cast<unsigned __int128>(audio.framesHandedOut()) *
+                                                    static_cast<uint64_t>(timing.timescale));
+            if (takeVideo) {
+                const SampleBuffer* sample = nullptr;
                 try {
-                    sample = copyNextVideoSampleBuffer(feed.format, frameRate);
-                    if (sample && !feed.input->appendSampleBuffer(*sample)) {
+                    sample = video.next();
+                    if (sample && !videoInput->appendSampleBuffer(*sample)) {
                         TQLog::appendLog("Error appending video sample. The video track ends here.");
-                        sample.reset();
+                        sample = nullptr;
                     }
                 } catch (const PlatformException& exception) {
                     TQException::logException(exception, "-[AppController copyNextVideoSampleBuffer:fps:]");
-                    sample.reset();
+                    sample = nullptr;
                 }
-                if (!sample) {
-                    if (!videoFinished_.exchange(true)) {
-                        feed.input->markAsFinished();
-                        feed.group->leave();
+                if (!sample) finish(*videoInput, videoOpen, videoFinished_);
+            } else {
+                const SampleBuffer* sample = nullptr;
+                try {
+                    sample = audio.next();
+                    if (sample && !audioInput->appendSampleBuffer(*sample)) {
+                        TQLog::appendLog("Error appending audio sample. The audio track ends here.");
+                        sample = nullptr;
                     }
-                    return;
+                } catch (const PlatformException& exception) {
+                    TQException::logException(exception,
+                                              "-[AppController copyNextAudioSampleBuffer:sampleRate:bytesPerFrame:]");
+                    sample = nullptr;
                 }
+                if (!sample) finish(*audioInput, audioOpen, audioFinished_);
             }
-        });
-    }
-    TQLog::appendLog("13");
-
-    if (audio) {
-        session.group->enter();
-        TrackFeed feed{session.audioInput, session.group, audioDescription};
-        const uint64_t sampleRate = audio->sampleRate;
-        const uint64_t bytesPerFrame = audio->feederBytesPerFrame;
-        session.audioInput->requestMediaDataWhenReadyOnQueue(
-            session.audioQueue, [this, feed, sampleRate, bytesPerFrame] {
-                while (feed.input->isReadyForMoreMediaData()) {
-                    std::unique_ptr<SampleBuffer> sample;
-                    try {
-                        sample = copyNextAudioSampleBuffer(feed.format, sampleRate, bytesPerFrame);
-                        if (sample && !feed.input->appendSampleBuffer(*sample)) {
-                            TQLog::appendLog("Error appending audio sample. The audio track ends here.");
-                            sample.reset();
-                        }
-                    } catch (const PlatformException& exception) {
-                        TQException::logException(
-                            exception, "-[AppController copyNextAudioSampleBuffer:sampleRate:bytesPerFrame:]");
-                        sample.reset();
-                    }
-                    if (!sample) {
-                        if (!audioFinished_.exchange(true)) {
-                            feed.input->markAsFinished();
-                            feed.group->leave();
-                        }
-                        return;
-                    }
-                }
-            });
-    }
+        }
+    });
     TQLog::appendLog("14");
+}
 
+int64_t AppController::waitForCompletion(Session& session)
+{
     // The completion step: close the handles and finish the file once both tracks are done.
     AssetWriter* writer = session.writer.get();
     std::atomic<bool>* completed = &session.completed;
     DispatchSemaphore* completion = &session.completion;
     session.group->notify(*session.serializationQueue, [this, writer, completed, completion] {
         try {
-            if (auto handle = videoHandle()) handle->closeFile();
-            if (auto handle = audioHandle()) handle->closeFile();
-            setVideoHandle(nullptr);
-            setAudioHandle(nullptr);
+            if (videoHandle_) videoHandle_->closeFile();
+            if (audioHandle_) audioHandle_->closeFile();
             const bool success = writer->finishWriting();
             std::optional<Error> error;
             if (!success) error = writer->error();

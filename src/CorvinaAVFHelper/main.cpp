@@ -30,10 +30,11 @@ int main(int argc, char** argv)
         return 0;
     }
 
+    // The document is read straight into a typed job: its property-list tree never outlives
+    // the reading.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
-    const auto settings =
-        replayPath ? corvina::Value::fromPropertyListFile(*replayPath) : std::optional<corvina::Value>();
-    if (!settings || !settings->asDictionary()) {
+    auto job = replayPath ? MovieJob::readDocument(*replayPath) : std::optional<MovieJob>();
+    if (!job) {
         corvina::systemLog("Unable to open settings dictionary");
         return 1;
     }
@@ -41,7 +42,7 @@ int main(int argc, char** argv)
     int64_t status = 1;
     {
         AppController controller;
-        status = controller.createQuickTimeMovie(*settings);
+        status = controller.createQuickTimeMovie(std::move(*job));
     }
     // The log's shutdown at exit drops what is still queued when the writer is far behind (the
     // feeders queue thousands of lines); wait so that the session's closing lines are in the file.
