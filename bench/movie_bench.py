@@ -12,6 +12,7 @@ Sections (medians of --runs runs; ratios are taken within this run only):
           after the document has been read, so its time is the reading time.
 
 Usage: bench/movie_bench.py [--seconds 60] [--runs 3] [--build build/plain] [--only remux,scale,read]
+                            [--tool path/to/make_sample_job]
 """
 import argparse
 import os
@@ -177,10 +178,11 @@ def main():
     ap.add_argument("--runs", type=int, default=3)
     ap.add_argument("--build", default=os.path.join(os.path.dirname(__file__), "..", "build", "plain"))
     ap.add_argument("--only", default="remux,scale,read")
+    ap.add_argument("--tool", help="make_sample_job to use (default: the one of --build)")
     args = ap.parse_args()
     build = os.path.abspath(args.build)
     helper = os.path.join(build, "CorvinaAVFHelper")
-    tool = os.path.join(build, "tools", "make_sample_job", "make_sample_job")
+    tool = args.tool or os.path.join(build, "tools", "make_sample_job", "make_sample_job")
     sections = set(args.only.split(","))
     work = tempfile.mkdtemp(prefix="corvina-bench-")
     try:
