@@ -26,10 +26,16 @@ import tempfile
 import time
 
 
+CPU = []  # CPU seconds (user + system) of each run, in the order of the runs
+
+
 def run(cmd, env=None, ok=(0,)):
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
     start = time.perf_counter()
     proc = subprocess.run(cmd, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     elapsed = time.perf_counter() - start
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    CPU.append(after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime)
     if proc.returncode not in ok:
         sys.exit(f"failed ({proc.returncode}): {' '.join(cmd)}\n{proc.stderr.decode(errors='replace')[-2000:]}")
     return elapsed
@@ -141,16 +147,21 @@ def scale_section(args, helper, tool, work):
         homes[key].set_document(doc)
     size = os.path.getsize(os.path.join(homes["frames"].path, "Downloads", "corvina.plist")) / 2**20
     times = {k: [] for k in homes}
+    cpu = {k: [] for k in homes}
     run([helper], homes["runs"].env)
     for _ in range(args.runs):
         for key, home in homes.items():
             times[key].append(run([helper], home.env))
+            cpu[key].append(CPU[-1])
     peaks = {k: peak_rss_mib([helper], h.env) for k, h in homes.items()}
     med = {k: statistics.median(v) for k, v in times.items()}
-    print(f"scale: 10 s of DV + 48k stereo, logging off, median of {args.runs} runs")
-    print(f"  {len(settings['audioOffsetArray']):7d} audio runs      {med['runs']:7.3f} s  peak {peaks['runs']:6.1f} MiB")
-    print(f"  {len(split['audioOffsetArray']):7d} one-frame runs  {med['frames']:7.3f} s  peak {peaks['frames']:6.1f} MiB"
-          f"  ({size:.0f} MB document)  ratio {med['frames'] / med['runs']:.2f}x")
+    mcpu = {k: statistics.median(v) for k, v in cpu.items()}
+    print(f"scale: 10 s of DV + 48k stereo, logging off, median of {args.runs} runs (wall, CPU)")
+    print(f"  {len(settings['audioOffsetArray']):7d} audio runs      {med['runs']:7.3f} s {mcpu['runs']:7.3f} s"
+          f"  peak {peaks['runs']:6.1f} MiB")
+    print(f"  {len(split['audioOffsetArray']):7d} one-frame runs  {med['frames']:7.3f} s {mcpu['frames']:7.3f} s"
+          f"  peak {peaks['frames']:6.1f} MiB  ({size:.0f} MB document)"
+          f"  ratio {med['frames'] / med['runs']:.2f}x wall, {mcpu['frames'] / mcpu['runs']:.2f}x CPU")
 
 
 def read_section(args, helper, work):
@@ -166,10 +177,13 @@ def read_section(args, helper, work):
     home = Home(jobdir, "home", False)
     home.set_document(doc)
     size = os.path.getsize(os.path.join(home.path, "Downloads", "corvina.plist")) / 2**20
-    times = [run([helper], home.env, ok=(0, 1)) for _ in range(args.runs)]
+    times, cpu = [], []
+    for _ in range(args.runs):
+        times.append(run([helper], home.env, ok=(0, 1)))
+        cpu.append(CPU[-1])
     peak = peak_rss_mib([helper], home.env, ok=(0, 1))
     print(f"read: {count} entries ({size:.0f} MB document), median of {args.runs} runs")
-    print(f"  {statistics.median(times):7.3f} s  peak {peak:6.1f} MiB")
+    print(f"  {statistics.median(times):7.3f} s wall {statistics.median(cpu):7.3f} s CPU  peak {peak:6.1f} MiB")
 
 
 def main():
