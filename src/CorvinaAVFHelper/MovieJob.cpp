@@ -213,6 +213,25 @@ private:
         return s;
     }
 
+    static bool parseInteger(std::string_view digits, Value& out)
+    {
+        if (digits.empty()) return false;
+        const char* last = digits.data() + digits.size();
+        if (digits[0] == '-') {
+            int64_t v = 0;
+            auto [ptr, ec] = std::from_chars(digits.data(), last, v);
+            if (ec != std::errc() || ptr != last) return false;
+            out = Value(v);
+        } else {
+            uint64_t v = 0;
+            const char* first = digits.data() + (digits[0] == '+' ? 1 : 0);
+            auto [ptr, ec] = std::from_chars(first, last, v);
+            if (ec != std::errc() || ptr != last || first == ptr) return false;
+            out = Value(v);
+        }
+        return true;
+    }
+
     // A scalar element whose opening tag has been read. False for anything that is not a
     // string, integer, real or boolean.
     bool readScalar(const Tag& tag, Value& out)
@@ -236,22 +255,16 @@ private:
             return true;
         }
         if (tag.name == "integer") {
-            if (tag.empty || !readText(tag.name, text_)) return false;
-            const std::string_view digits = trimmed(text_);
-            if (digits.empty()) return false;
-            if (digits[0] == '-') {
-                int64_t v = 0;
-                auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
-                if (ec != std::errc() || ptr != digits.data() + digits.size()) return false;
-                out = Value(v);
-            } else {
-                uint64_t v = 0;
-                const char* first = digits.data() + (digits[0] == '+' ? 1 : 0);
-                auto [ptr, ec] = std::from_chars(first, digits.data() + digits.size(), v);
-                if (ec != std::errc() || ptr != digits.data() + digits.size() || first == ptr) return false;
-                out = Value(v);
+            if (tag.empty) return false;
+            // Digits without entities are read in place, the common case of an entry table.
+            const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+            if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
+                const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
+                p_ = lt;
+                Tag close;
+                return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
             }
-            return true;
+            return readText(tag.name, text_) && parseInteger(trimmed(text_), out);
         }
         if (tag.name == "real") {
             if (tag.empty || !readText(tag.name, text_)) return false;
@@ -322,6 +335,13 @@ private:
         if (tag.empty) {
             key.clear();
             return true;
+        }
+        const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+        if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
+            key.assign(p_, size_t(lt - p_));
+            p_ = lt;
+            Tag close;
+            return readTag(close) && close.closing && close.name == "key";
         }
         return readText("key", key);
     }
