@@ -1,16 +1,24 @@
 #!/usr/bin/env bash
-# Configures and builds one tree. Usage: scripts/build.sh [plain|address|thread]
+# Configures and builds one tree. Usage: scripts/build.sh [plain|address|thread|fuzz]
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 kind=${1:-plain}
 dir="$here/build/$kind"
 san=""
-[ "$kind" = plain ] || san="$kind"
+extra=()
+targets=()
+case "$kind" in
+  plain) ;;
+  # The fuzz targets alone, built by clang with libFuzzer.
+  fuzz) extra=(-DCORVINA_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++)
+        targets=(--target PlistFuzzer SessionFuzzer) ;;
+  *) san="$kind" ;;
+esac
 # ccache, when it is installed, shares compiled objects between checkouts of the tree.
 launcher=()
 if command -v ccache >/dev/null; then
   export CCACHE_BASEDIR="$here"
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
-cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" "${launcher[@]}" >/dev/null
-cmake --build "$dir" -j"$(nproc)"
+cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" "${extra[@]}" "${launcher[@]}" >/dev/null
+cmake --build "$dir" -j"$(nproc)" "${targets[@]}"

@@ -9,6 +9,7 @@ packages=(
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
+  clang libclang-rt-14-dev
   python3 sudo
 )
 missing=()

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test. Usage: scripts/test.sh [plain|address|thread]
+# Sets up, builds and runs every test. Usage: scripts/test.sh [plain|address|thread|fuzz]
 #   plain    all tests (the default)
 #   address  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 #   thread   the concurrency tests (log queue, dispatch, movie pumps) under ThreadSanitizer
+#   fuzz     each fuzz target under libFuzzer for a few seconds on its checked-in corpus
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 kind=${1:-plain}
@@ -14,5 +15,6 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 case "$kind" in
   thread) ctest --output-on-failure -j2 -R 'Concurrency' ;;
+  fuzz)   ctest --output-on-failure -L fuzz ;;
   *)      ctest --output-on-failure -j2 ;;
 esac

@@ -1,18 +1,23 @@
 // The movie writing session.
 #include "AppController.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
+#include "JobChecks.h"
+#include "MovieDestination.h"
 #include "QuickTime/AssetWriter.h"
 #include "TQAVFoundation.h"
 #include "TQAlert.h"
 #include "TQException.h"
-#include "TQFileManager.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
@@ -27,6 +32,7 @@ constexpr const char* kUnknownFormatText =
 }  // namespace
 
 struct AppController::Session {
+    std::unique_ptr<MovieDestination> destination;
     std::unique_ptr<AssetWriter> writer;
     std::shared_ptr<AssetWriterInput> videoInput;
     std::shared_ptr<AssetWriterInput> audioInput;
@@ -42,6 +48,36 @@ struct AppController::Session {
     bool started = false;
 };
 
+namespace {
+
+constexpr int64_t kFirstProResFormat = 30;
+constexpr int64_t kLastProResFormat = 35;
+
+uint64_t regularFileSize(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) ? static_cast<uint64_t>(info.st_size) : 0;
+}
+
+// The first bytes of the first video entry, for formats that carry their frame size there.
+std::vector<uint8_t> firstFrameStart(const std::string& path, const MediaEntryTable& entries, size_t count)
+{
+    if (entries.empty()) return {};
+    const uint64_t length = std::min<uint64_t>(entries.front().length, count);
+    Error ignored;
+    auto handle = FileHandle::forReadingRegularFileAtPath(path, &ignored, 0);
+    if (!handle) return {};
+    try {
+        handle->seekToFileOffset(entries.front().offset);
+        ByteBuffer bytes = handle->readDataOfLength(length);
+        return std::vector<uint8_t>(bytes.data(), bytes.data() + bytes.size());
+    } catch (const PlatformException&) {
+        return {};
+    }
+}
+
+}  // namespace
+
 AppController::AppController() = default;
 
 AppController::~AppController() = default;
@@ -56,17 +92,60 @@ Value AppController::settingsForMovieFile(const std::string& /*path*/)
     return Value(Value::DictionaryType{});
 }
 
+RunSummary AppController::summary() const
+{
+    std::lock_guard lock(mutex_);
+    return summary_;
+}
+
+int64_t AppController::fail(const std::string& line)
+{
+    TQLog::appendLog("%@", line);
+    std::lock_guard lock(mutex_);
+    summary_.noteError(line);
+    return 1;
+}
+
+void AppController::noteTrackError(bool video, const std::string& what)
+{
+    std::lock_guard lock(mutex_);
+    std::string& slot = video ? summary_.video.firstError : summary_.audio.firstError;
+    if (slot.empty()) slot = what;
+}
+
+void AppController::publishWriter(AssetWriter* writer)
+{
+    std::lock_guard lock(mutex_);
+    liveWriter_ = writer;
+    if (writer && stopRequested_.load()) writer->cancelWriting();
+}
+
+void AppController::requestStop(const std::string& reason)
+{
+    if (stopRequested_.exchange(true)) return;
+    TQLog::appendLog("%@", reason);
+    std::lock_guard lock(mutex_);
+    summary_.noteError(reason);
+    if (liveWriter_) liveWriter_->cancelWriting();
+}
+
 int64_t AppController::createQuickTimeMovie(const Value& settings)
 {
     // The document goes back to the replay path first, so the last movie can be assembled
-    // again by starting the helper without arguments.
-    if (const auto replayPath = TQLocalPaths::replaySettingsPath()) settings.writeToFile(*replayPath, true);
-    return runSession(MovieJob::fromSettings(settings));
+    // again by starting the helper without arguments. A document that is already there is
+    // left exactly as it is.
+    const auto replayPath = TQLocalPaths::replaySettingsPath();
+    if (replayPath) {
+        const auto present = Value::fromPropertyListFile(*replayPath);
+        if (!present || !(*present == settings)) settings.writeToFile(*replayPath, true);
+    }
+    return runSession(MovieJob::fromSettings(settings), replayPath);
 }
 
 int64_t AppController::createQuickTimeMovie(MovieJob job)
 {
-    // The job's own document goes to the replay path, unless it was read from there.
+    // The job's own document goes to the replay path (beside, then renamed), unless it was
+    // read from there.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
     if (replayPath && !job.documentPath.empty()) {
         std::error_code ec;
@@ -77,7 +156,8 @@ int64_t AppController::createQuickTimeMovie(MovieJob job)
             if (ec) std::filesystem::remove(beside, ec);
         }
     }
-    return runSession(job);
+    if (settingsDocumentPath_.empty() && !job.documentPath.empty()) settingsDocumentPath_ = job.documentPath;
+    return runSession(job, replayPath);
 }
 
 void AppController::resetForSession(const MovieJob& job)
@@ -93,34 +173,63 @@ void AppController::resetForSession(const MovieJob& job)
     finishedWithError_.store(false);
 }
 
-int64_t AppController::runSession(const MovieJob& job)
+int64_t AppController::runSession(const MovieJob& job, const std::optional<std::string>& replayPath)
 {
+    const auto startedAt = std::chrono::steady_clock::now();
     resetForSession(job);
-    TQFileManager::removeFile(job.destFilename);
+    {
+        std::lock_guard lock(mutex_);
+        summary_ = RunSummary{};
+        summary_.settingsDocument = settingsDocumentPath_.empty() ? replayPath.value_or("") : settingsDocumentPath_;
+    }
 
     Session session;
     int64_t status = 1;
-    try {
-        status = runGuardedSession(job, session);
-        if (status != 0 && session.writer && !session.started) {
-            // Nothing was written: leave no empty movie behind.
+    const auto closeSession = [&] {
+        // Nothing unplayable stays: an unfinished movie goes with its temporary file.
+        publishWriter(nullptr);
+        if (session.writer && !(session.destination && session.destination->committed()))
             session.writer->cancelWriting();
-            std::error_code ignored;
-            std::filesystem::remove(job.destFilename, ignored);
-        }
+        if (session.destination) session.destination->discard();
+        TQLog::appendLog("Removing temp data files...");
+    };
+    try {
+        if (!stopRequested_.load()) status = runGuardedSession(job, session);
     } catch (const PlatformException& exception) {
         TQException::logException(exception, kSessionMethod);
+        fail(format("Exception in %s: %@", kSessionMethod, exception.reason()));
         status = 1;
     } catch (...) {
-        TQLog::appendLog("Removing temp data files...");
+        closeSession();
         throw;
     }
-    TQLog::appendLog("Removing temp data files...");
+    if (stopRequested_.load()) status = 1;
+    closeSession();
+
+    RunSummary story = summary();
+    story.video.entriesRead = curVideoSampleIndex();
+    story.video.framesWritten = numVideoSamplesAppended();
+    story.audio.entriesRead = curAudioSampleIndex();
+    story.audio.framesWritten = numAudioSamplesAppended();
+    if (session.destination && session.destination->committed()) {
+        story.moviePath = session.destination->path();
+        story.movieBytes = regularFileSize(story.moviePath);
+    }
+    story.status = status;
+    story.elapsedSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+    {
+        std::lock_guard lock(mutex_);
+        summary_ = story;
+    }
+    TQLog::appendLog("%@", story.text());
     return status;
 }
 
 int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
 {
+    const std::string& tmpFilename = job.tmpFilename;
+    const std::string& destFilename = job.destFilename;
+
     TQLog::appendLog("Preparing QuickTime movie...");
 
     // Audio first: the format line, the description and what the feeder needs.
@@ -139,29 +248,112 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
         TQLog::appendLog(format("Unknown video format. %s", kUnknownFormatText));
         TQAlert::alertSheetWithMessageText("Unknown video format", kUnknownFormatText, nullptr);
         // Without a codec type nothing sensible can be written: the session ends here.
-        return 1;
+        return fail(format("Error: unknown video format %lld.", job.formatType));
     }
-    int32_t width = video->width;
-    int32_t height = video->height;
-    if (width == 0) {
-        width = job.fWidth;
-        height = job.fHeight;
-        TQLog::appendLog(format("Video format is %s %%ix%%i", video->name), static_cast<int>(width),
-                         static_cast<int>(height));
+    jobcheck::FrameSize size{video->width, video->height};
+    if (size.width == 0) {
+        size = {job.fWidth, job.fHeight};
+        TQLog::appendLog(format("Video format is %s %%ix%%i", video->name), static_cast<int>(size.width),
+                         static_cast<int>(size.height));
     } else {
         TQLog::appendLog(format("Video format is %s", video->name));
     }
     TQLog::appendLog("Video format: %@", TQAVFoundation::fourCCString(video->codecType));
     TQLog::appendLog("1");
 
-    const FrameTiming timing = job.frameTiming();
-    if (!timing.usable()) {
-        TQLog::appendLog("Error: frame rate %0.3f is not usable. A movie needs a frame rate above 0.",
-                         static_cast<double>(job.frameRate));
-        return 1;
+    // The job is checked as a whole before anything is touched. The check's own copies of the
+    // tables are gone before the first sample.
+    const MediaEntryTable& videoEntries = *job.videoEntries;
+    const MediaEntryTable& audioEntries = *job.audioEntries;
+    const size_t videoCount = videoEntries.size();
+    const size_t audioCount = audio ? audioEntries.size() : 0;
+    uint64_t videoFrames = 0;
+    uint64_t audioFrames = 0;
+    uint64_t videoHeld = 0;
+    uint64_t audioHeld = 0;
+    {
+        std::vector<int64_t> frameCounts(videoCount);
+        std::vector<jobcheck::ByteRange> videoRanges(videoCount);
+        for (size_t i = 0; i < videoCount; ++i) {
+            const MediaEntry& entry = videoEntries[i];
+            frameCounts[i] = entry.frameCount;
+            videoRanges[i] = {entry.offset, entry.length};
+            videoFrames =
+                jobcheck::addSaturating(videoFrames, frameCounts[i] < 1 ? 1 : static_cast<uint64_t>(frameCounts[i]));
+        }
+        std::vector<uint64_t> audioLengths(audioCount);
+        std::vector<jobcheck::ByteRange> audioRanges(audioCount);
+        for (size_t i = 0; i < audioCount; ++i) {
+            const MediaEntry& entry = audioEntries[i];
+            audioLengths[i] = entry.length;
+            audioRanges[i] = {entry.offset, entry.length};
+            audioFrames = jobcheck::addSaturating(audioFrames, audioLengths[i] / audio->feederBytesPerFrame);
+        }
+        {
+            std::lock_guard lock(mutex_);
+            summary_.video = {format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
+                                     static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType)),
+                              0, videoCount, 0, videoFrames, {}};
+            if (audio) summary_.audio = {std::string(audio->logLine).substr(16), 0, audioCount, 0, audioFrames, {}};
+        }
+
+        if (auto problem = jobcheck::frameRateProblem(job.frameRate)) return fail(*problem);
+        if (!size.usable()) {
+            const bool proRes = job.formatType >= kFirstProResFormat && job.formatType <= kLastProResFormat;
+            const auto fromHeader = proRes && videoCount > 0
+                                        ? jobcheck::frameSizeFromProResFrame(
+                                              firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes))
+                                        : std::nullopt;
+            if (!fromHeader)
+                return fail(format("Error: the frame size of this %s movie is unknown: the document gives none "
+                                   "(fWidth, fHeight) and the first frame of %@ does not tell it.",
+                                   video->name, tmpFilename));
+            size = *fromHeader;
+            TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
+                             static_cast<int>(size.height));
+            std::lock_guard lock(mutex_);
+            summary_.video.format = format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
+                                           static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType));
+        }
+        if (auto problem = jobcheck::videoCountsProblem(frameCounts)) return fail(*problem);
+        if (audio)
+            if (auto problem = jobcheck::audioCountsProblem(audioLengths, audio->feederBytesPerFrame))
+                return fail(*problem);
+        if (videoCount == 0 && audioFrames == 0)
+            return fail("Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
+                        "the movie would have no track.");
+        videoHeld = jobcheck::bytesHeld(videoRanges, regularFileSize(tmpFilename));
+        if (audio)
+            audioHeld = jobcheck::bytesHeld(audioRanges, regularFileSize(job.tmpAudioFilename), audio->feederBytesPerFrame);
     }
 
-    if (!openWriter(job, session) || !openReaders(job, session)) return 1;
+    const std::string settingsPath = summary().settingsDocument;
+    const MovieDestination::Input inputs[] = {{"video data file", tmpFilename},
+                                              {"audio data file", job.tmpAudioFilename},
+                                              {"settings document", settingsPath}};
+    if (auto problem = MovieDestination::problem(destFilename, inputs)) return fail(*problem);
+
+    if (stopRequested_.load()) return 1;
+    // Holding the destination's lock: stale temporary files go, then the room is measured.
+    session.destination = std::make_unique<MovieDestination>(destFilename);
+    std::string lockProblem;
+    if (!session.destination->acquire(&lockProblem)) {
+        session.destination.reset();
+        return fail(lockProblem);
+    }
+    if (session.destination->staleFilesRemoved() > 0)
+        TQLog::appendLog("Removed %i temporary file(s) that an interrupted run left for %@",
+                         session.destination->staleFilesRemoved(), destFilename);
+    const uint64_t needed = jobcheck::addSaturating(jobcheck::addSaturating(videoHeld, audioHeld),
+                                                    jobcheck::movieHeaderAllowance(videoCount, audioCount));
+    const auto available = MovieDestination::freeBytes(MovieDestination::folderOf(destFilename));
+    if (available && *available < needed)
+        return fail(format("Error: not enough free space for %@: the movie needs %llu bytes, the volume has %llu "
+                           "bytes free.",
+                           destFilename, needed, *available));
+
+    if (const int64_t status = openWriter(job, session)) return status;
+    if (const int64_t status = openReaders(job, session)) return status;
 
     const std::string self = description();
     session.serializationQueue = DispatchQueue::createSerial(format("%@ serialization queue", self));
@@ -169,20 +361,18 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     session.audioQueue = DispatchQueue::createSerial(format("%@ rw audio serialization queue", self));
     TQLog::appendLog("10");
 
-    if (FormatDescription::createVideo(video->codecType, width, height, &session.videoDescription) != kNoErr ||
-        !session.videoDescription) {
-        TQLog::appendLog("Error: failed to create video format description.");
-        return 1;
-    }
+    if (FormatDescription::createVideo(video->codecType, size.width, size.height, &session.videoDescription) !=
+            kNoErr ||
+        !session.videoDescription)
+        return fail("Error: failed to create video format description.");
     TQLog::appendLog("11");
-    videoFeeder().setFormat(session.videoDescription, timing);
-    if (session.hasAudio) audioFeeder().setFormat(session.audioDescription, audio->sampleRate, audio->feederBytesPerFrame);
+    videoFeeder().setFormat(session.videoDescription, job.frameTiming());
+    if (audio) audioFeeder().setFormat(session.audioDescription, audio->sampleRate, audio->feederBytesPerFrame);
 
     session.group = std::make_shared<DispatchGroup>();
     if (!session.writer->startWriting()) {
         TQLog::appendLog("12");
-        TQLog::appendLog("Error starting AssetWriter: %@", session.writer->error().value_or(Error{}));
-        return 1;
+        return fail(format("Error starting AssetWriter: %@", session.writer->error().value_or(Error{})));
     }
     session.writer->startSessionAtSourceTime(MediaTime::zero());
     session.started = true;
@@ -192,24 +382,19 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     return waitForCompletion(session);
 }
 
-bool AppController::openWriter(const MovieJob& job, Session& session)
+int64_t AppController::openWriter(const MovieJob&, Session& session)
 {
     Error writerError;
-    session.writer = AssetWriter::create(job.destFilename, kFileTypeQuickTimeMovie, &writerError);
+    session.writer = AssetWriter::create(session.destination->temporaryPath(), kFileTypeQuickTimeMovie, &writerError);
     TQLog::appendLog("2");
-    if (!session.writer) {
-        TQLog::appendLog("Error creating AssetWriter: %@", writerError);
-        return false;
-    }
+    if (!session.writer) return fail(format("Error creating AssetWriter: %@", writerError));
+    publishWriter(session.writer.get());
     TQLog::appendLog("3");
 
     session.videoInput = AssetWriterInput::create(MediaType::Video, nullptr);
     session.videoInput->setExpectsMediaDataInRealTime(true);
     TQLog::appendLog("4");
-    if (!session.writer->canAddInput(*session.videoInput)) {
-        TQLog::appendLog("Error: unable to add writer input");
-        return false;
-    }
+    if (!session.writer->canAddInput(*session.videoInput)) return fail("Error: unable to add writer input");
     TQLog::appendLog("added video input");
     session.writer->addInput(session.videoInput);
     TQLog::appendLog("5");
@@ -217,36 +402,36 @@ bool AppController::openWriter(const MovieJob& job, Session& session)
     session.audioInput = AssetWriterInput::create(MediaType::Audio, nullptr);
     session.audioInput->setExpectsMediaDataInRealTime(true);
     TQLog::appendLog("6");
-    if (!session.writer->canAddInput(*session.audioInput)) {
-        TQLog::appendLog("Error: unable to add audio writer input");
-        return false;
-    }
+    if (!session.writer->canAddInput(*session.audioInput)) return fail("Error: unable to add audio writer input");
     TQLog::appendLog("added audio input");
     session.writer->addInput(session.audioInput);
     TQLog::appendLog("7");
-    return true;
+    return 0;
 }
 
-bool AppController::openReaders(const MovieJob& job, Session&)
+int64_t AppController::openReaders(const MovieJob& job, Session&)
 {
-    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingAtPath(job.tmpFilename);
+    Error openError;
+    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
     if (!videoReader) {
         TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
-        return false;
+        return fail(format("Error: cannot read the video data file %@: %@", job.tmpFilename,
+                           openError.localizedDescription));
     }
     setVideoHandle(videoReader);
     videoFeeder_ = std::make_unique<VideoTrackFeeder>(videoHandle_, videoEntries_);
     TQLog::appendLog("8");
 
-    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingAtPath(job.tmpAudioFilename);
+    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingRegularFileAtPath(job.tmpAudioFilename, &openError);
     if (!audioReader) {
         TQLog::appendLog("Error creating audio read handle for %@", job.tmpAudioFilename);
-        return false;
+        return fail(format("Error: cannot read the audio data file %@: %@", job.tmpAudioFilename,
+                           openError.localizedDescription));
     }
     setAudioHandle(audioReader);
     audioFeeder_ = std::make_unique<AudioTrackFeeder>(audioHandle_, audioEntries_);
     TQLog::appendLog("9");
-    return true;
+    return 0;
 }
 
 void AppController::startPump(Session& session)
@@ -254,6 +439,8 @@ void AppController::startPump(Session& session)
     // One pump feeds both tracks on the video queue: the track whose media ends earlier gets
     // the next sample (video on a tie), so the tracks stay within a frame of each other, the
     // writer never has to hold either back, and the chunks land in the same order every run.
+    // A stopped run ends both tracks at once; why a track ended before its last entry is kept
+    // for the summary.
     session.group->enter();
     if (session.hasAudio) session.group->enter();
     TQLog::appendLog("13");
@@ -261,17 +448,27 @@ void AppController::startPump(Session& session)
     auto group = session.group;
     auto videoInput = session.videoInput;
     auto audioInput = session.audioInput;
+    AssetWriter* writer = session.writer.get();
     const bool hasAudio = session.hasAudio;
-    session.videoQueue->async([this, group, videoInput, audioInput, hasAudio] {
+    session.videoQueue->async([this, group, videoInput, audioInput, writer, hasAudio] {
         VideoTrackFeeder& video = *videoFeeder_;
         AudioTrackFeeder& audio = *audioFeeder_;
         const FrameTiming timing = video.timing();
         const auto audioRate = static_cast<unsigned __int128>(audio.sampleRate());
         bool videoOpen = true;
         bool audioOpen = hasAudio;
-        const auto finish = [&group](AssetWriterInput& input, bool& open, bool& finished) {
+        const auto finish = [this, &group, writer](bool isVideo, AssetWriterInput& input, bool& open, bool& finished) {
             open = false;
             finished = true;
+            if (!stopRequested_.load()) {
+                const uint64_t index = isVideo ? videoFeeder_->entryIndex() : audioFeeder_->entryIndex();
+                const uint64_t count = isVideo ? videoEntries_->size() : audioEntries_->size();
+                if (const auto error = writer->error())
+                    noteTrackError(isVideo,
+                                   format("the writer failed at entry %llu: %@", index, error->localizedDescription));
+                else if (index < count)
+                    noteTrackError(isVideo, format("entry %llu of %llu could not be read from the data file", index, count));
+            }
             input.markAsFinished();
             group->leave();
         };
@@ -285,30 +482,34 @@ void AppController::startPump(Session& session)
             if (takeVideo) {
                 const SampleBuffer* sample = nullptr;
                 try {
-                    sample = video.next();
+                    if (!stopRequested_.load()) sample = video.next();
                     if (sample && !videoInput->appendSampleBuffer(*sample)) {
-                        TQLog::appendLog("Error appending video sample. The video track ends here.");
+                        if (!stopRequested_.load())
+                            TQLog::appendLog("Error appending video sample. The video track ends here.");
                         sample = nullptr;
                     }
                 } catch (const PlatformException& exception) {
                     TQException::logException(exception, "-[AppController copyNextVideoSampleBuffer:fps:]");
+                    noteTrackError(true, exception.reason());
                     sample = nullptr;
                 }
-                if (!sample) finish(*videoInput, videoOpen, videoFinished_);
+                if (!sample) finish(true, *videoInput, videoOpen, videoFinished_);
             } else {
                 const SampleBuffer* sample = nullptr;
                 try {
-                    sample = audio.next();
+                    if (!stopRequested_.load()) sample = audio.next();
                     if (sample && !audioInput->appendSampleBuffer(*sample)) {
-                        TQLog::appendLog("Error appending audio sample. The audio track ends here.");
+                        if (!stopRequested_.load())
+                            TQLog::appendLog("Error appending audio sample. The audio track ends here.");
                         sample = nullptr;
                     }
                 } catch (const PlatformException& exception) {
                     TQException::logException(exception,
                                               "-[AppController copyNextAudioSampleBuffer:sampleRate:bytesPerFrame:]");
+                    noteTrackError(false, exception.reason());
                     sample = nullptr;
                 }
-                if (!sample) finish(*audioInput, audioOpen, audioFinished_);
+                if (!sample) finish(false, *audioInput, audioOpen, audioFinished_);
             }
         }
     });
@@ -325,10 +526,14 @@ int64_t AppController::waitForCompletion(Session& session)
         try {
             if (videoHandle_) videoHandle_->closeFile();
             if (audioHandle_) audioHandle_->closeFile();
-            const bool success = writer->finishWriting();
-            std::optional<Error> error;
-            if (!success) error = writer->error();
-            readingAndWritingDidFinishSuccessfully(success, error);
+            if (stopRequested_.load()) {
+                finishedWithError_.store(true);
+            } else {
+                const bool success = writer->finishWriting();
+                std::optional<Error> error;
+                if (!success) error = writer->error();
+                readingAndWritingDidFinishSuccessfully(success, error);
+            }
         } catch (const PlatformException& exception) {
             TQException::logException(exception, kSessionMethod);
             finishedWithError_.store(true);
@@ -347,7 +552,13 @@ int64_t AppController::waitForCompletion(Session& session)
     } else {
         completion->wait();
     }
-    return finishedWithError_.load() ? 1 : 0;
+    if (stopRequested_.load() || finishedWithError_.load()) return 1;
+    // A movie without a single sample plays nothing: it is not put in place.
+    if (numVideoSamplesAppended() == 0 && numAudioSamplesAppended() == 0)
+        return fail("Error: no sample could be read from the data files; no movie was written.");
+    std::string commitProblem;
+    if (!session.destination->commit(&commitProblem)) return fail(commitProblem);
+    return 0;
 }
 
 void AppController::readingAndWritingDidFinishSuccessfully(bool success, const std::optional<Error>& error)
@@ -357,9 +568,6 @@ void AppController::readingAndWritingDidFinishSuccessfully(bool success, const s
         return;
     }
     finishedWithError_.store(true);
-    if (error) {
-        TQLog::appendLog("Error finishing movie: %@", *error);
-    } else {
-        TQLog::appendLog("Error finishing movie: the writer gave no reason.");
-    }
+    fail(error ? format("Error finishing movie: %@", *error)
+               : std::string("Error finishing movie: the writer gave no reason."));
 }

@@ -10,9 +10,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -20,8 +22,13 @@
 #include "Foundation/FileHandle.h"
 #include "Foundation/Value.h"
 #include "MovieJob.h"
+#include "RunSummary.h"
 #include "SampleBuffer/SampleBuffer.h"
 #include "TrackFeeder.h"
+
+namespace corvina {
+class AssetWriter;
+}
 
 // One row of the video format table.
 struct VideoFormatInfo {
@@ -55,6 +62,16 @@ public:
     // reads it into a job; the job form copies the document it was read from there.
     int64_t createQuickTimeMovie(const corvina::Value& settings);
     int64_t createQuickTimeMovie(MovieJob job);
+
+    // Where the settings document came from, for the run's summary and so that the movie is
+    // never written over it.
+    void setSettingsDocumentPath(std::string path) { settingsDocumentPath_ = std::move(path); }
+    // Stops a running session from any thread: the writing is cancelled, nothing is put in
+    // place and the session returns 1. The reason is logged once.
+    void requestStop(const std::string& reason);
+    bool stopRequested() const { return stopRequested_.load(); }
+    // The story of the last session (also written to the log when it ends).
+    RunSummary summary() const;
 
     // The -settings mode: what the helper knows about a movie file. Empty for now.
     corvina::Value settingsForMovieFile(const std::string& path);
@@ -115,12 +132,17 @@ public:
 private:
     struct Session;
     void resetForSession(const MovieJob& job);
-    int64_t runSession(const MovieJob& job);
+    int64_t runSession(const MovieJob& job, const std::optional<std::string>& replayPath);
     int64_t runGuardedSession(const MovieJob& job, Session& session);
-    bool openWriter(const MovieJob& job, Session& session);
-    bool openReaders(const MovieJob& job, Session& session);
+    // Each gives 0, or the failure status with its line logged.
+    int64_t openWriter(const MovieJob& job, Session& session);
+    int64_t openReaders(const MovieJob& job, Session& session);
     void startPump(Session& session);
     int64_t waitForCompletion(Session& session);
+    // Logs an error line that ends the run and keeps the first one for the summary.
+    int64_t fail(const std::string& line);
+    void noteTrackError(bool video, const std::string& what);
+    void publishWriter(corvina::AssetWriter* writer);
 
     std::shared_ptr<corvina::FileHandle> videoHandle_;
     std::shared_ptr<corvina::FileHandle> audioHandle_;
@@ -131,4 +153,10 @@ private:
     bool videoFinished_ = false;
     bool audioFinished_ = false;
     std::atomic<bool> finishedWithError_{false};
+
+    std::string settingsDocumentPath_;
+    std::atomic<bool> stopRequested_{false};
+    mutable std::mutex mutex_;  // guards summary_ and liveWriter_
+    RunSummary summary_;
+    corvina::AssetWriter* liveWriter_ = nullptr;
 };

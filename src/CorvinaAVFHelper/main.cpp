@@ -1,49 +1,123 @@
 // The helper's entry point: open the log, read the settings document from the replay path and
 // run one movie writing session; its status is the exit status.
+#include <chrono>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "AppController.h"
 #include "Dispatch/Dispatch.h"
+#include "Foundation/Format.h"
+#include "Foundation/ProcessInfo.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/Value.h"
+#include "StopSignals.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
+namespace {
+
+constexpr const char* kUsage =
+    "Usage: CorvinaAVFHelper [--help | --version | -settings MOVIE]\n"
+    "\n"
+    "Without arguments the helper assembles the movie that the settings document\n"
+    "~/Downloads/corvina.plist describes (raw video and audio data files, their byte ranges,\n"
+    "the source formats, the frame rate and the destination) into a QuickTime movie, without\n"
+    "re-encoding anything. The movie is written beside its destination and put in place only\n"
+    "when it is complete; an existing folder or an input file is never written over.\n"
+    "Progress and a summary of each run go to ~/Library/Logs/Brantwell/CorvinaAVFHelper.1.log.\n"
+    "\n"
+    "  -settings MOVIE  print what the helper knows about MOVIE and exit\n"
+    "  --help           print this text and exit\n"
+    "  --version        print the version and exit\n"
+    "\n"
+    "Exit status: 0 when a playable movie was written, 1 otherwise.\n";
+
+// Why a settings document could not be read, in a few words.
+std::string settingsProblem(const std::optional<corvina::Value>& settings, const corvina::Error& error)
+{
+    if (!settings) return error.localizedDescription.empty() ? "unreadable" : error.localizedDescription;
+    const char* kinds[] = {"nothing", "a string", "an integer", "a real number", "a boolean",
+                           "a date", "data", "an array", "a dictionary"};
+    return corvina::format("its root is %s, not a dictionary", kinds[static_cast<int>(settings->type())]);
+}
+
+}  // namespace
+
 int main(int argc, char** argv)
 {
-    corvina::markMainThread();
-    TQLog::createNewLog(std::string("CorvinaAVFHelper"));
-
     const std::vector<std::string> arguments(argv, argv + argc);
     bool settingsMode = false;
     for (const auto& argument : arguments)
         if (argument == "-settings") settingsMode = true;
+    // A person asking for help or the version gets it and nothing else happens.
+    if (!settingsMode) {
+        for (size_t i = 1; i < arguments.size(); ++i) {
+            const std::string& argument = arguments[i];
+            if (argument == "--help" || argument == "-h") {
+                std::fputs(kUsage, stdout);
+                return 0;
+            }
+            if (argument == "--version") {
+                std::printf("CorvinaAVFHelper %s\n", corvina::processinfo::version().value_or("unknown").c_str());
+                return 0;
+            }
+            std::fprintf(stderr, "CorvinaAVFHelper: unknown argument %s\n\n%s", argument.c_str(), kUsage);
+            return 1;
+        }
+    }
+
+    corvina::markMainThread();
+    // A stop signal cancels the session; the session then removes its temporary file and
+    // returns 1. Should it not end in time, the signal thread ends the process itself.
+    const auto controller = std::make_shared<AppController>();
+    if (!settingsMode)
+        stopsignals::install(
+            [controller](int number) {
+                controller->requestStop(
+                    corvina::format("Stopped by %s: the movie is not finished and its temporary file is removed.",
+                                    stopsignals::signalName(number)));
+            },
+            std::chrono::milliseconds(800));
+    TQLog::createNewLog(std::string("CorvinaAVFHelper"));
     const std::string lastArgument = arguments.empty() ? std::string() : arguments.back();
 
     if (settingsMode) {
-        AppController controller;
-        const corvina::Value result = controller.settingsForMovieFile(lastArgument);
+        const corvina::Value result = controller->settingsForMovieFile(lastArgument);
         std::fputs(result.description().c_str(), stdout);
         std::fflush(stdout);
         return 0;
     }
 
+    const auto startedAt = std::chrono::steady_clock::now();
     // The document is read straight into a typed job: its property-list tree never outlives
     // the reading.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
     auto job = replayPath ? MovieJob::readDocument(*replayPath) : std::optional<MovieJob>();
     if (!job) {
+        const std::string path = replayPath.value_or("(no Downloads folder)");
+        std::string cause = "there is no Downloads folder";
+        if (replayPath) {
+            // Read once more as a tree, only to say what is wrong with it.
+            corvina::Error readError;
+            const auto settings = corvina::Value::fromPropertyListFile(*replayPath, &readError);
+            cause = settingsProblem(settings, readError);
+        }
         corvina::systemLog("Unable to open settings dictionary");
+        corvina::systemLog(corvina::format("Cannot read the settings document %@: %@", path, cause));
+        RunSummary story;
+        story.settingsDocument = path;
+        story.noteError(corvina::format("Unable to open settings dictionary %@: %@", path, cause));
+        story.elapsedSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+        TQLog::appendLog("%@", story.text());
+        TQLog::finishWriting();
         return 1;
     }
 
-    int64_t status = 1;
-    {
-        AppController controller;
-        status = controller.createQuickTimeMovie(std::move(*job));
-    }
+    controller->setSettingsDocumentPath(*replayPath);
+    int64_t status = controller->createQuickTimeMovie(std::move(*job));
+    if (stopsignals::stopRequested()) status = 1;
     // The log's shutdown at exit drops what is still queued when the writer is far behind (the
     // feeders queue thousands of lines); wait so that the session's closing lines are in the file.
     TQLog::finishWriting();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Error.h"
 #include "Exception.h"
 #include "Format.h"
 
@@ -15,18 +16,32 @@ namespace corvina {
 
 namespace {
 
-int openFile(const std::string& path, int flags)
+// Opening never blocks (a FIFO without a writer would hold open() forever); reads on what
+// was opened block as usual. With regularOnly, anything but a regular file is refused.
+int openFile(const std::string& path, int flags, bool regularOnly = false, Error* error = nullptr)
 {
     int fd;
     do {
-        fd = ::open(path.c_str(), flags | O_CLOEXEC);
+        fd = ::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return -1;
+    if (fd < 0) {
+        if (error) *error = Error::fromErrno(errno);
+        return -1;
+    }
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    const bool statted = ::fstat(fd, &st) == 0;
+    if (!statted || S_ISDIR(st.st_mode) || (regularOnly && !S_ISREG(st.st_mode))) {
+        if (error) {
+            if (!statted) *error = Error::fromErrno(errno);
+            else if (S_ISDIR(st.st_mode)) *error = Error::fromErrno(EISDIR);
+            else *error = Error{"NSPOSIXErrorDomain", EINVAL,
+                                S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                                     : "It is a device or a socket, not a regular file."};
+        }
         ::close(fd);
         return -1;
     }
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     return fd;
 }
 
@@ -42,6 +57,14 @@ FileHandle::~FileHandle()
 std::unique_ptr<FileHandle> FileHandle::forReadingAtPath(const std::string& path, size_t readAheadBytes)
 {
     const int fd = openFile(path, O_RDONLY);
+    if (fd < 0) return nullptr;
+    return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
+}
+
+std::unique_ptr<FileHandle> FileHandle::forReadingRegularFileAtPath(const std::string& path, Error* error,
+                                                                    size_t readAheadBytes)
+{
+    const int fd = openFile(path, O_RDONLY, true, error);
     if (fd < 0) return nullptr;
     return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
 }

@@ -294,7 +294,7 @@ bool parseNumber(std::string_view fmt, size_t& i, int& value)
 
 void appendFormatv(std::string& out, std::string_view fmt, std::span<const FormatArg> args)
 {
-    static const FormatArg missing;
+    static const FormatArg missing{};
     size_t nextArg = 0;
     auto take = [&](size_t index, bool& present) -> const FormatArg& {
         present = index < args.size();

@@ -26,6 +26,11 @@ namespace {
 constexpr int64_t kPlistEpoch = 978307200;
 // Property lists nested deeper than this are refused rather than recursed into.
 constexpr int kMaxDepth = 512;
+// A binary list may refer to one object from many places; the reader copies each use, so the
+// number of values it would make is bounded too.
+constexpr uint64_t kMaxExpandedObjects = 16u << 20;
+// Property-list files above this size are refused before they are read.
+constexpr uint64_t kMaxFileBytes = 512u << 20;
 
 const Value& noneValue()
 {
@@ -258,7 +263,11 @@ double Value::doubleValue() const
 
 float Value::floatValue() const
 {
-    return static_cast<float>(doubleValue());
+    // Beyond float's range the conversion is undefined; the platform gives infinity.
+    const double d = doubleValue();
+    if (d > std::numeric_limits<float>::max()) return std::numeric_limits<float>::infinity();
+    if (d < -std::numeric_limits<float>::max()) return -std::numeric_limits<float>::infinity();
+    return static_cast<float>(d);
 }
 
 uint64_t Value::unsignedLongLongValue() const
@@ -526,6 +535,170 @@ bool xmlNestsTooDeep(const char* text, size_t length)
     return false;
 }
 
+// ---- binary lists: structure checked before libplist recurses through it ---------------------
+
+uint64_t readBigEndian(const uint8_t* p, unsigned size)
+{
+    uint64_t v = 0;
+    for (unsigned i = 0; i < size; ++i) v = v << 8 | p[i];
+    return v;
+}
+
+enum class BinaryCheck { Fine, Malformed, TooDeep };
+
+// Walks the object graph of a binary list without recursion: every container's nesting depth
+// and expanded size once (memoised), a reference cycle counts as too deep.
+BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
+{
+    constexpr size_t kHeader = 8, kTrailer = 32;
+    if (length < kHeader + kTrailer) return BinaryCheck::Malformed;
+    const uint8_t* trailer = data + length - kTrailer;
+    const unsigned offsetSize = trailer[6], refSize = trailer[7];
+    const uint64_t count = readBigEndian(trailer + 8, 8);
+    const uint64_t top = readBigEndian(trailer + 16, 8);
+    const uint64_t tableOffset = readBigEndian(trailer + 24, 8);
+    const auto validSize = [](unsigned n) { return n == 1 || n == 2 || n == 4 || n == 8; };
+    if (!validSize(offsetSize) || !validSize(refSize) || count == 0 || top >= count) return BinaryCheck::Malformed;
+    const uint64_t body = length - kTrailer;
+    if (tableOffset < kHeader || tableOffset > body || count > (body - tableOffset) / offsetSize)
+        return BinaryCheck::Malformed;
+
+    // Children of object i: their references, or none for a value that holds none.
+    struct Refs {
+        uint64_t first = 0;  // byte position of the first reference
+        uint64_t count = 0;
+    };
+    const auto refsOf = [&](uint64_t object, Refs* refs) -> bool {
+        const uint64_t at = readBigEndian(data + tableOffset + object * offsetSize, offsetSize);
+        if (at < kHeader || at >= tableOffset) return false;
+        const uint8_t marker = data[at];
+        const unsigned type = marker >> 4;
+        *refs = {};
+        if (type != 0xA && type != 0xC && type != 0xD) return true;
+        uint64_t n = marker & 0x0F;
+        uint64_t pos = at + 1;
+        if (n == 0x0F) {
+            if (pos >= tableOffset || (data[pos] >> 4) != 0x1) return false;
+            const unsigned size = 1u << (data[pos] & 0x0F);
+            if (size > 8 || pos + 1 + size > tableOffset) return false;
+            n = readBigEndian(data + pos + 1, size);
+            pos += 1 + size;
+        }
+        const uint64_t refs2 = type == 0xD ? 2 : 1;
+        if (n > (tableOffset - pos) / refSize / refs2) return false;
+        *refs = {pos, n * refs2};
+        return true;
+    };
+
+    std::vector<uint8_t> state(count, 0);  // 0 unseen, 1 on the path, 2 done
+    std::vector<uint16_t> depth(count, 0);
+    std::vector<uint64_t> expanded(count, 0);
+    struct Frame {
+        uint64_t object;
+        Refs refs;
+        uint64_t next;
+    };
+    std::vector<Frame> path;
+    const auto enter = [&](uint64_t object) -> BinaryCheck {
+        Frame frame{object, {}, 0};
+        if (!refsOf(object, &frame.refs)) return BinaryCheck::Malformed;
+        if (path.size() >= static_cast<size_t>(kMaxDepth)) return BinaryCheck::TooDeep;
+        state[object] = 1;
+        path.push_back(frame);
+        return BinaryCheck::Fine;
+    };
+    if (auto r = enter(top); r != BinaryCheck::Fine) return r;
+    while (!path.empty()) {
+        Frame& frame = path.back();
+        if (frame.next < frame.refs.count) {
+            const uint64_t child = readBigEndian(data + frame.refs.first + frame.next * refSize, refSize);
+            ++frame.next;
+            if (child >= count) return BinaryCheck::Malformed;
+            if (state[child] == 1) return BinaryCheck::TooDeep;  // a cycle
+            if (state[child] == 0)
+                if (auto r = enter(child); r != BinaryCheck::Fine) return r;
+            continue;
+        }
+        uint16_t deepest = 0;
+        uint64_t size = 1;
+        for (uint64_t i = 0; i < frame.refs.count; ++i) {
+            const uint64_t child = readBigEndian(data + frame.refs.first + i * refSize, refSize);
+            deepest = std::max(deepest, depth[child]);
+            size = expanded[child] > kMaxExpandedObjects - size ? kMaxExpandedObjects + 1 : size + expanded[child];
+            if (size > kMaxExpandedObjects) return BinaryCheck::TooDeep;
+        }
+        depth[frame.object] = static_cast<uint16_t>(deepest + 1);
+        expanded[frame.object] = size;
+        state[frame.object] = 2;
+        path.pop_back();
+    }
+    return BinaryCheck::Fine;
+}
+
+// ---- UTF-16 XML --------------------------------------------------------------------------------
+
+// XML text in UTF-16 (with a byte-order mark, or starting "<" with a zero byte beside it)
+// becomes UTF-8, its declaration saying so; anything else is left alone (false).
+bool utf16ToUtf8(const uint8_t* data, size_t length, std::string* out)
+{
+    bool bigEndian;
+    size_t start = 0;
+    if (length >= 2 && data[0] == 0xFE && data[1] == 0xFF) {
+        bigEndian = true;
+        start = 2;
+    } else if (length >= 2 && data[0] == 0xFF && data[1] == 0xFE) {
+        bigEndian = false;
+        start = 2;
+    } else if (length >= 2 && data[0] == 0 && data[1] == '<') {
+        bigEndian = true;
+    } else if (length >= 2 && data[0] == '<' && data[1] == 0) {
+        bigEndian = false;
+    } else {
+        return false;
+    }
+    out->clear();
+    out->reserve(length / 2 + 16);
+    const auto unit = [&](size_t i) -> uint32_t {
+        return bigEndian ? uint32_t(data[i] << 8 | data[i + 1]) : uint32_t(data[i + 1] << 8 | data[i]);
+    };
+    for (size_t i = start; i + 1 < length; i += 2) {
+        uint32_t c = unit(i);
+        if (c >= 0xD800 && c <= 0xDBFF && i + 3 < length && unit(i + 2) >= 0xDC00 && unit(i + 2) <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (unit(i + 2) - 0xDC00);
+            i += 2;
+        } else if (c >= 0xD800 && c <= 0xDFFF) {
+            c = 0xFFFD;  // a lone surrogate
+        }
+        if (c < 0x80) {
+            out->push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out->push_back(static_cast<char>(0xC0 | c >> 6));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out->push_back(static_cast<char>(0xE0 | c >> 12));
+            out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out->push_back(static_cast<char>(0xF0 | c >> 18));
+            out->push_back(static_cast<char>(0x80 | (c >> 12 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    // The declaration must no longer claim UTF-16.
+    const size_t declarationEnd = out->find("?>");
+    if (out->compare(0, 5, "<?xml") == 0 && declarationEnd != std::string::npos) {
+        for (const char* name : {"UTF-16", "utf-16", "UTF-16LE", "UTF-16BE", "utf-16le", "utf-16be"}) {
+            const size_t at = out->find(std::string("\"") + name + "\"");
+            if (at != std::string::npos && at < declarationEnd) {
+                out->replace(at + 1, std::strlen(name), "UTF-8");
+                break;
+            }
+        }
+    }
+    return true;
+}
+
 void setError(Error* error, std::string text, int64_t code = 3840)
 {
     if (!error) return;
@@ -546,7 +719,27 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
         setError(error, "The data is too large for a property list.");
         return std::nullopt;
     }
-    if (xmlNestsTooDeep(static_cast<const char*>(bytes), length)) {
+    std::string utf8;
+    if (utf16ToUtf8(static_cast<const uint8_t*>(bytes), length, &utf8)) {
+        if (utf8.empty()) {
+            setError(error, "The data is empty.");
+            return std::nullopt;
+        }
+        bytes = utf8.data();
+        length = utf8.size();
+    }
+    const bool binary = length >= 6 && std::memcmp(bytes, "bplist", 6) == 0;
+    if (binary) {
+        switch (checkBinaryPlist(static_cast<const uint8_t*>(bytes), length)) {
+        case BinaryCheck::Fine: break;
+        case BinaryCheck::TooDeep:
+            setError(error, "The data couldn't be read because it nests too deeply or refers to itself.");
+            return std::nullopt;
+        case BinaryCheck::Malformed:
+            setError(error, "The data couldn't be read because it isn't in the correct format.");
+            return std::nullopt;
+        }
+    } else if (xmlNestsTooDeep(static_cast<const char*>(bytes), length)) {
         setError(error, "The data couldn't be read because it nests too deeply.");
         return std::nullopt;
     }
@@ -564,27 +757,41 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
 
 std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error* error)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Opened without blocking, so that a FIFO or a device at the path cannot hold us up; only
+    // regular files are read.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-        if (error) *error = Error::fromErrno(errno, path);
+        if (error) *error = Error::fromErrno(errno);
+        return std::nullopt;
+    }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        const int err = errno;
+        const bool statFailed = st.st_mode == 0;
+        ::close(fd);
+        if (error) {
+            if (statFailed) *error = Error::fromErrno(err);
+            else if (S_ISDIR(st.st_mode)) *error = Error::fromErrno(EISDIR);
+            else setError(error, S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                                        : "It is a device or a socket, not a regular file.");
+        }
+        return std::nullopt;
+    }
+    if (static_cast<uint64_t>(st.st_size) > kMaxFileBytes) {
+        ::close(fd);
+        setError(error, format("It is too large for a property list (%lld bytes).", static_cast<long long>(st.st_size)));
         return std::nullopt;
     }
     std::string bytes;
-    struct stat st {};
-    if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-        ::close(fd);
-        if (error) *error = Error::fromErrno(EISDIR, path);
-        return std::nullopt;
-    }
-    if (st.st_size > 0) bytes.reserve(static_cast<size_t>(st.st_size));
+    bytes.reserve(static_cast<size_t>(st.st_size));
     char buf[65536];
-    while (true) {
+    while (bytes.size() <= kMaxFileBytes) {
         const ssize_t n = ::read(fd, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             const int err = errno;
             ::close(fd);
-            if (error) *error = Error::fromErrno(err, path);
+            if (error) *error = Error::fromErrno(err);
             return std::nullopt;
         }
         if (n == 0) break;
