@@ -459,7 +459,9 @@ std::optional<MovieJob> MovieJob::readXMLDocument(const char* text, size_t lengt
 
 std::optional<MovieJob> MovieJob::readDocument(const std::string& path, Error* error)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Never blocks: a FIFO or a device at the path is left to the property-list reader, which
+    // refuses it with its reason.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd >= 0) {
         std::optional<MovieJob> job;
         struct stat info {};
