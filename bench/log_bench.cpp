@@ -2,7 +2,7 @@
 // TQLog::fastAppendLog with rotation active, against spdlog's async rotating logger (same
 // line length, 500000-byte files, 5 files) in its blocking and overrun-oldest modes.
 //
-//   log_bench [lines-per-thread]     (default 1000000)
+//   log_bench [lines-per-thread] [tqlog|overrun]   (default 1000000 and every configuration)
 //
 // Every run happens in a child process of its own, so that each gets a fresh log
 // controller and its own peak resident size (ru_maxrss from wait4). Prints the median of
@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -57,6 +58,34 @@ void runThreads(long lines, Body body)
         th.join();
 }
 
+// Lines missing from the five files kept: each thread's lines there must run without a gap
+// up to its last one (older lines went with the files rotated out).
+unsigned long long missingInKeptFiles(const std::string& base, long lines)
+{
+    std::vector<long> next(kThreads, -1);
+    unsigned long long missing = 0;
+    for (int n = 5; n >= 1; --n) {
+        FILE* f = std::fopen((base + "." + std::to_string(n) + ".log").c_str(), "r");
+        if (!f)
+            continue;
+        char line[512];
+        while (std::fgets(line, sizeof line, f)) {
+            unsigned i = 0, t = 0;
+            if (std::strlen(line) < 28 ||
+                std::sscanf(line + 28, "Requesting next audio sample at sample index %u,%u...", &i, &t) != 2 || t >= kThreads)
+                continue;
+            if (next[t] >= 0 && static_cast<long>(i) != next[t])
+                missing += static_cast<long>(i) > next[t] ? static_cast<unsigned long long>(i - next[t]) : 1;
+            next[t] = static_cast<long>(i) + 1;
+        }
+        std::fclose(f);
+    }
+    for (long n : next)
+        if (n >= 0 && n != lines)
+            missing += static_cast<unsigned long long>(lines - n);
+    return missing;
+}
+
 // Child: the TQLog run. Reports seconds and dropped lines through the pipe.
 void tqlogRun(long lines, const std::string& folder, int fd)
 {
@@ -72,7 +101,7 @@ void tqlogRun(long lines, const std::string& folder, int fd)
     TQLog::finishWriting();
     RunResult r;
     r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    r.dropped = 0;
+    r.dropped = missingInKeptFiles(folder + "/Library/Logs/Brantwell/LogBench", lines);
     if (write(fd, &r, sizeof r) != sizeof r)
         _exit(2);
 }
@@ -162,13 +191,17 @@ Summary measure(const char* name, long lines, Body body)
 int main(int argc, char** argv)
 {
     const long lines = argc > 1 ? std::atol(argv[1]) : 1000000;
+    const std::string only = argc > 2 ? argv[2] : "";
     std::printf("%d threads x %ld lines, rotation at 500000 bytes, median of %d runs\n\n", kThreads, lines, kRuns);
     std::vector<Summary> rows;
-    rows.push_back(measure("TQLog fastAppendLog", lines, [&](const std::string& f, int fd) { tqlogRun(lines, f, fd); }));
+    if (only.empty() || only == "tqlog")
+        rows.push_back(measure("TQLog fastAppendLog", lines, [&](const std::string& f, int fd) { tqlogRun(lines, f, fd); }));
 #ifdef CORVINA_HAVE_SPDLOG
-    rows.push_back(measure("spdlog async, block", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, true, fd); }));
-    rows.push_back(
-        measure("spdlog async, overrun_oldest", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, false, fd); }));
+    if (only.empty())
+        rows.push_back(measure("spdlog async, block", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, true, fd); }));
+    if (only.empty() || only == "overrun")
+        rows.push_back(
+            measure("spdlog async, overrun_oldest", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, false, fd); }));
 #endif
     std::printf("%-30s %14s %12s %12s %10s\n", "logger", "lines/s", "peak RSS MB", "dropped", "TQLog x");
     for (const auto& row : rows) {

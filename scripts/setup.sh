@@ -10,7 +10,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
   clang libclang-rt-14-dev
-  python3 sudo
+  python3 sudo attr
+  xvfb zenity xdotool tmux
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,7 +1,8 @@
-// The helper's entry point: open the log, read the settings document from the replay path and
+// The helper's entry point: run the crash check, open the log, read the settings document from the replay path and
 // run one movie writing session; its status is the exit status.
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "Foundation/SystemLog.h"
 #include "Foundation/Value.h"
 #include "StopSignals.h"
+#include "TQBugReporter.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
@@ -69,6 +71,11 @@ int main(int argc, char** argv)
     }
 
     corvina::markMainThread();
+    // The crash check comes before any other work (a request for the usage or the version is
+    // not work); every normal exit, a return from main or exit(), records that this run ended well.
+    TQBugReporter::startBugReporter();
+    std::atexit([] { TQBugReporter::stopBugReporter(); });
+
     // A stop signal cancels the session; the session then removes its temporary file and
     // returns 1. Should it not end in time, the signal thread ends the process itself.
     const auto controller = std::make_shared<AppController>();

@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "Dispatch/Dispatch.h"
+#include "Foundation/SystemLog.h"
+#include "Foundation/UserDefaults.h"
 
 struct TQAlert::State {
     std::mutex mutex;
@@ -136,7 +138,7 @@ void TQAlert::finish(const std::shared_ptr<State>& state, int64_t code)
     }
     if (owner) {
         if (didEnd) {
-            didEnd(*owner, code);
+            didEnd.send(delegate, *owner, code);
         } else if (delegate) {
             delegate->alertDidEnd(*owner, code);
         }
@@ -147,8 +149,21 @@ void TQAlert::finish(const std::shared_ptr<State>& state, int64_t code)
     // keepAlive goes last: it may hold the only reference to the alert object.
 }
 
-void TQAlert::alertSheetWithContent(const corvina::AlertContent& content)
+void TQAlert::alertSheetWithContent(const corvina::AlertContent& given)
 {
+    corvina::AlertContent content = given;
+    if (content.suppressionBinding && !content.suppressionBinding->empty()) {
+        // The check box reads the default at the key path and stores the person's choice there.
+        const std::string keyPath = *content.suppressionBinding;
+        content.suppressionChecked = corvina::UserDefaults::standard().valueForKeyPath(keyPath).boolValue();
+        content.suppressionChoice = [keyPath](bool checked) {
+            auto& defaults = corvina::UserDefaults::standard();
+            defaults.setValueForKeyPath(keyPath, corvina::Value(checked));
+            defaults.synchronize();
+        };
+    } else {
+        content.suppressionBinding.reset();
+    }
     std::weak_ptr<State> weak = state_;
     auto session = corvina::currentAlertPresenter()->present(content, [weak](int64_t code) {
         if (auto state = weak.lock()) finish(state, code);
@@ -206,11 +221,16 @@ int64_t TQAlert::run(const Text& messageText, const Text& defaultButton, const T
         made = std::make_shared<TQAlert>();
         alertObject = made.get();
     }
+    TQAlertDelegate* const receiver = delegate ? delegate : alertObject;
+    if (didEnd && !didEnd.isAnsweredBy(receiver)) {
+        corvina::systemLog("Alert error: delegate does not respond to selector %@", didEnd.name());
+        return -1;
+    }
     const std::shared_ptr<State> state = alertObject->state_;
     {
         std::lock_guard lock(state->mutex);
         state->parentWindow = parentWindow;
-        state->delegate = delegate ? delegate : alertObject;
+        state->delegate = receiver;
         state->didEnd = std::move(didEnd);
         state->ended = false;
         if (made && !block) state->keepAlive = made;  // released when the alert ends

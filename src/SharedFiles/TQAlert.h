@@ -4,6 +4,7 @@
 // nobody to ask, an alert ends at once with the default button (1).
 //
 // Return codes: 1 default button, 0 alternate, -1 other; -1 also when the call does not wait.
+// A waiting caller on the main thread keeps serving the main queue; on other threads it sleeps.
 #pragma once
 
 #include <chrono>
@@ -13,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Alert/AlertPresenter.h"
 
@@ -48,8 +50,52 @@ public:
         std::optional<std::string> value_;
     };
 
-    // The end message in place of the delegate's alertDidEnd.
-    using DidEnd = std::function<void(TQAlert& alert, int64_t returnCode)>;
+    // The end message in place of the delegate's alertDidEnd: a member function of the
+    // delegate's class, named for the log (TQAlert::Selector(&Sheet::saveEnded, "saveEnded:")),
+    // or a closure, which any delegate answers. A delegate that is not of the member's class
+    // does not answer it: the alert is then refused.
+    class Selector {
+    public:
+        Selector() = default;
+        Selector(std::nullptr_t) {}
+        template <class F>
+            requires std::is_invocable_v<F&, TQAlert&, int64_t> && (!std::is_same_v<std::decay_t<F>, Selector>)
+        Selector(F closure)
+            : name_("block"),
+              send_([closure = std::move(closure)](TQAlertDelegate*, TQAlert& alert, int64_t code) mutable {
+                  closure(alert, code);
+                  return true;
+              })
+        {
+        }
+        template <class D>
+            requires std::is_base_of_v<TQAlertDelegate, D>
+        Selector(void (D::*method)(TQAlert&, int64_t), std::string name)
+            : name_(std::move(name)),
+              send_([method](TQAlertDelegate* delegate, TQAlert& alert, int64_t code) {
+                  auto* receiver = dynamic_cast<D*>(delegate);
+                  if (!receiver) return false;
+                  (receiver->*method)(alert, code);
+                  return true;
+              }),
+              answers_([](TQAlertDelegate* delegate) { return dynamic_cast<D*>(delegate) != nullptr; })
+        {
+        }
+        explicit operator bool() const { return static_cast<bool>(send_); }
+        const std::string& name() const { return name_; }
+        bool isAnsweredBy(TQAlertDelegate* delegate) const { return !answers_ || answers_(delegate); }
+        // False when the delegate does not answer the message.
+        bool send(TQAlertDelegate* delegate, TQAlert& alert, int64_t code) const
+        {
+            return send_ && send_(delegate, alert, code);
+        }
+
+    private:
+        std::string name_;
+        std::function<bool(TQAlertDelegate*, TQAlert&, int64_t)> send_;
+        std::function<bool(TQAlertDelegate*)> answers_;
+    };
+    using DidEnd = Selector;
     using Window = const void*;
 
     TQAlert();
@@ -63,8 +109,12 @@ public:
                                              const Text& alternateButton, const Text& otherButton,
                                              const Text& informativeText, Window parentWindow, bool block);
     // The full form. Without a delegate the alert object is its own delegate; a didEnd
-    // handler replaces the delegate's alertDidEnd. Without an alert object a new one is made
-    // (kept alive until the alert ends). A caller's alert object must outlive its alert.
+    // selector replaces the delegate's alertDidEnd, and a delegate that does not answer it
+    // gives -1 ("Alert error: delegate does not respond to selector %@" in the system log)
+    // with nothing shown. Without an alert object a new one is made (kept alive until the
+    // alert ends). A caller's alert object must outlive its alert. With a suppression binding
+    // (a key path of the user defaults) the alert shows a check box that reads and stores
+    // that default.
     static int64_t alertSheetWithMessageText(const Text& messageText, const Text& defaultButton,
                                              const Text& alternateButton, const Text& otherButton,
                                              const Text& informativeText, Window parentWindow,

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "Foundation/Exception.h"
+#include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
 #include "TQLocalPaths.h"
@@ -46,46 +47,46 @@ bool displayPresent()
     return (x && *x) || (w && *w);
 }
 
-std::optional<std::string> findOnPath(const std::string& name)
-{
-    const char* path = std::getenv("PATH");
-    std::string all = path ? path : "/usr/local/bin:/usr/bin:/bin";
-    size_t start = 0;
-    while (start <= all.size()) {
-        const size_t end = all.find(':', start);
-        const std::string dir = all.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        if (!dir.empty()) {
-            const std::string candidate = dir + "/" + name;
-            if (corvina::isExecutablePath(candidate)) return candidate;
-        }
-        if (end == std::string::npos) break;
-        start = end + 1;
-    }
-    return std::nullopt;
-}
-
 // A desktop password helper for sudo -A: an ssh-askpass flavour when one is installed, else a
-// small script around zenity's password dialog.
-std::optional<std::string> askpassHelper()
-{
-    for (const char* p : {"/usr/bin/ssh-askpass", "/usr/lib/ssh/x11-ssh-askpass", "/usr/lib/openssh/gnome-ssh-askpass",
-                          "/usr/bin/ksshaskpass"}) {
-        if (corvina::isExecutablePath(p)) return std::string(p);
-    }
-    const auto zenity = findOnPath("zenity");
-    if (!zenity) return std::nullopt;
-    std::error_code ec;
-    const auto dir = std::filesystem::temp_directory_path(ec);
-    if (ec) return std::nullopt;
-    const std::string script = (dir / ("corvina-askpass-" + std::to_string(::getuid()))).string();
+// small script around zenity's password dialog, written into a private folder of its own.
+// The script's folder goes with the object.
+class Askpass {
+public:
+    Askpass()
     {
-        std::ofstream out(script, std::ios::trunc);
-        if (!out) return std::nullopt;
-        out << "#!/bin/sh\nexec '" << *zenity << "' --password --title=\"$1\"\n";
+        for (const char* p : {"/usr/bin/ssh-askpass", "/usr/lib/ssh/x11-ssh-askpass",
+                              "/usr/lib/openssh/gnome-ssh-askpass", "/usr/bin/ksshaskpass"}) {
+            if (corvina::isExecutablePath(p)) {
+                path_ = p;
+                return;
+            }
+        }
+        const auto zenity = corvina::findProgramOnPath("zenity");
+        if (!zenity) return;
+        std::string pattern = TQLocalPaths::tempDirectory() + "corvina-askpass-XXXXXX";
+        if (!::mkdtemp(pattern.data())) return;
+        folder_ = pattern;
+        const std::string script = folder_ + "/askpass";
+        {
+            std::ofstream out(script, std::ios::trunc);
+            if (!out) return;
+            out << "#!/bin/sh\nexec '" << *zenity << "' --password --title=\"$1\"\n";
+        }
+        if (::chmod(script.c_str(), 0700) == 0) path_ = script;
     }
-    if (::chmod(script.c_str(), 0700) != 0) return std::nullopt;
-    return script;
-}
+    ~Askpass()
+    {
+        std::error_code ec;
+        if (!folder_.empty()) std::filesystem::remove_all(folder_, ec);
+    }
+    Askpass(const Askpass&) = delete;
+    Askpass& operator=(const Askpass&) = delete;
+    const std::optional<std::string>& path() const { return path_; }
+
+private:
+    std::optional<std::string> path_;
+    std::string folder_;
+};
 
 corvina::Process::Environment currentEnvironment()
 {
@@ -98,25 +99,48 @@ corvina::Process::Environment currentEnvironment()
     return env;
 }
 
-// Runs sudo with the arguments and waits; the exit status, or -1 when it could not run.
-int runSudo(const std::vector<std::string>& args, std::string input = {},
-            std::optional<corvina::Process::Environment> env = std::nullopt)
+struct SudoResult {
+    int status = -1;      // sudo's exit status; -1 when it could not be run
+    std::string message;  // what it printed on its standard error, trimmed
+};
+
+// Runs sudo with the arguments and waits. Standard input is a pipe (fed with input when
+// given), never the terminal.
+SudoResult runSudo(const std::vector<std::string>& args, std::string input = {},
+                   std::optional<corvina::Process::Environment> env = std::nullopt)
 {
-    if (!corvina::isExecutablePath(kSudo)) return -1;
+    SudoResult result;
+    if (!corvina::isExecutablePath(kSudo)) {
+        result.message = std::string(kSudo) + " is not available";
+        return result;
+    }
     try {
         corvina::Process p;
         p.setLaunchPath(kSudo);
         p.setArguments(args);
         p.setEnvironment(std::move(env));
         p.setStandardOutput(corvina::Process::Stream::Null);
-        p.setStandardError(corvina::Process::Stream::Null);
+        p.setStandardError(corvina::Process::Stream::Pipe);
         p.setStandardInputData(std::move(input));
         p.launch();
+        corvina::Process::Bytes error;
+        p.readToEnd(nullptr, &error);
         p.waitUntilExit();
-        return p.terminationStatus();
-    } catch (const corvina::PlatformException&) {
-        return -1;
+        result.status = p.terminationStatus();
+        const std::string text(error.begin(), error.end());
+        result.message = std::string(corvina::trimWhitespaceAndNewlines(text));
+    } catch (const corvina::PlatformException& e) {
+        result.message = e.reason();
     }
+    return result;
+}
+
+// Both sinks: the system log and the program's log.
+void logRefusal(const char* what, const std::string& why)
+{
+    const std::string reason = why.empty() ? std::string("no reason given") : why;
+    corvina::systemLog("%@: %@", what, reason);
+    TQLog::appendLog("%@: %@", what, reason);
 }
 
 }  // namespace
@@ -186,25 +210,23 @@ bool TQAuthorization::authStart()
         corvina::systemLog("Unable to authorize");
         return false;
     }
-    int status = -1;
-    if (displayPresent()) {
-        if (const auto askpass = askpassHelper()) {
-            auto env = currentEnvironment();
-            env["SUDO_ASKPASS"] = *askpass;
-            status = runSudo({"-A", "-v"}, {}, std::move(env));
-        } else {
-            status = runSudo({"-v"});
-        }
+    // Asking is allowed only in a desktop dialog. Without a display (or without a dialog to
+    // ask in) sudo may only confirm rights that need no password; it never reads the terminal.
+    SudoResult result;
+    Askpass askpass;
+    if (displayPresent() && askpass.path()) {
+        auto env = currentEnvironment();
+        env["SUDO_ASKPASS"] = *askpass.path();
+        result = runSudo({"-A", "-v"}, {}, std::move(env));
     } else {
-        // No desktop: sudo asks on the controlling terminal when there is one, and fails
-        // at once when there is none.
-        status = runSudo({"-v"});
+        result = runSudo({"-n", "-v"});
     }
-    if (status == 0) {
+    if (result.status == 0) {
         setAuthRef(AuthRef{currentUserName()});
         return true;
     }
     setAuthRef(std::nullopt);
+    logRefusal("Authorization refused", result.message);
     return false;
 }
 
@@ -215,8 +237,9 @@ bool TQAuthorization::authStartWithUser(const std::optional<std::string>& user,
     if (!user || !password) return false;
     // sudo checks the credentials of the user who runs it; another user's password cannot
     // grant this process anything.
+    // -k: the password is checked even while an earlier ticket is still valid.
     const bool granted = *user == currentUserName() && password->find('\n') == std::string::npos &&
-                         runSudo({"-S", "-p", "", "-v"}, *password + "\n") == 0;
+                         runSudo({"-k", "-S", "-p", "", "-v"}, *password + "\n").status == 0;
     if (granted) {
         setAuthRef(AuthRef{*user});
         return true;
@@ -235,7 +258,7 @@ void TQAuthorization::authEnd()
         hadTicket = authRef_.has_value();
         authRef_.reset();
     }
-    if (hadTicket && !runningAsRoot()) runSudo({"-k"});
+    if (hadTicket && !runningAsRoot()) runSudo({"-n", "-k"});
 }
 
 void TQAuthorization::setExecHookForTesting(ExecHook hook)
@@ -252,6 +275,15 @@ int32_t TQAuthorization::authExecTask(const std::string& tool, const std::vector
         return -2;
     }
     if (!runningAsRoot()) {
+        // Rights obtained earlier may have lapsed (sudo's ticket times out): confirm them
+        // without asking, and ask again (where asking is allowed) when they are gone.
+        if (isAuthorized()) {
+            const SudoResult check = runSudo({"-n", "-v"});
+            if (check.status != 0) {
+                setAuthRef(std::nullopt);
+                logRefusal("Authorization lapsed", check.message);
+            }
+        }
         if (!isAuthorized()) authStart();
         if (!isAuthorized()) return -1;
     }
@@ -267,12 +299,9 @@ int32_t TQAuthorization::authExecTask(const std::string& tool, const std::vector
 int32_t TQAuthorization::execAsRoot(const std::string& tool, const std::vector<std::string>& parameters, bool async)
 {
     try {
-        if (async) {
-            TQTaskEx::runTaskAndReturn(tool, parameters);
-        } else {
-            TQTaskEx::runTask(tool, parameters);
-        }
-        return 0;
+        if (async) return TQTaskEx::runTaskAndReturn(tool, parameters) ? 0 : kExecuteFailure;
+        const int32_t status = TQTaskEx::terminationCodeFromTask(tool, parameters);
+        return status < 0 ? kExecuteFailure : status;
     } catch (const corvina::PlatformException& e) {
         TQLog::appendLog("Exception running task %@: %@", tool, e.reason());
         return kExecuteFailure;
@@ -284,10 +313,16 @@ int32_t TQAuthorization::execWithSudo(const std::string& tool, const std::vector
     std::vector<std::string> args = {"-n", "--", tool};
     args.insert(args.end(), parameters.begin(), parameters.end());
     try {
-        if (async) {
-            return TQTaskEx::runTaskAndReturn(kSudo, args) ? 0 : kExecuteFailure;
+        if (async) return TQTaskEx::runTaskAndReturn(kSudo, args) ? 0 : kExecuteFailure;
+        const SudoResult result = runSudo(args);
+        if (result.status == 0) return 0;
+        // sudo's own refusals begin with its name; anything else is the tool's status.
+        if (result.status < 0 || result.message.rfind("sudo:", 0) == 0) {
+            setAuthRef(std::nullopt);
+            logRefusal("Authorization refused", result.message);
+            return result.status < 0 ? kExecuteFailure : -1;
         }
-        return TQTaskEx::runTask(kSudo, args) ? 0 : kExecuteFailure;
+        return result.status;
     } catch (const corvina::PlatformException& e) {
         TQLog::appendLog("Exception running task %@: %@", tool, e.reason());
         return kExecuteFailure;
@@ -300,5 +335,6 @@ bool TQAuthorization::authRemoveFile(const std::string& path)
         corvina::systemLog("Unable to delete path %@ because it is a system directory.", path);
         return false;
     }
-    return authExecTask("/bin/rm", {"-Rdf", path}) == 0;
+    // Waits for the tool, so that true means the item was removed.
+    return authExecTask("/bin/rm", {"-Rdf", path}, false) == 0;
 }

@@ -42,6 +42,24 @@ public:
     // Removes the item with "/bin/rm" "-Rdf"; protected system folders are refused.
     bool authRemoveFile(const std::string& path);
 
+    // --- Privileged file forms (TQAuthorizationFiles.cpp) -----------------------------------
+    // Each refuses protected system folders (exact match) with a system-log line. The tools
+    // are started with the rights without waiting, so true means the tool was started.
+    //
+    // Moves the item into the user's trash (as root the console user's) with its record, the
+    // name made free as the ordinary trash does. As root with deleteOnRootAccount, removes it.
+    bool authTrashFile(const std::string& path, bool deleteOnRootAccount = false);
+    // Trashes (or, as root with deleteOnRootAccount, removes) each entry; true when all went.
+    bool authTrashFolderContents(const std::string& folder, bool deleteOnRootAccount = false);
+    // Moves each entry to the same name in the destination folder; true when all moves went.
+    bool authMoveFolderContents(const std::string& folder, const std::string& destination);
+    // "/bin/mv" "-f"; a missing source is false without a message.
+    bool authMoveFile(const std::string& source, const std::string& destination);
+    // "/bin/cp" "-f" "-p" "-R"; protected folders may be copied.
+    bool authCopyFile(const std::string& source, const std::string& destination);
+    // "/bin/mkdir" "-p".
+    bool authCreateDir(const std::string& path);
+
     // Runs the tool with the rights. 0: started (and, unless async, finished); -2: the tool
     // does not exist; -1: not authorized; other values: the tool could not be started.
     int32_t authExecTask(const std::string& tool, const std::vector<std::string>& parameters, bool async = true);

@@ -1,35 +1,25 @@
 #include "TQLog.h"
 
-#include <memory>
+#include <pthread.h>
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <mutex>
 #include <new>
 
 #include "Dispatch/Dispatch.h"
+#include "Foundation/Date.h"
 #include "Foundation/Exception.h"
-#include "Foundation/FileHandle.h"
-#include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
-#include "Foundation/Value.h"
-#include "TQLocalPaths.h"
-
-namespace fs = std::filesystem;
+#include "TQLogFile.h"
+#include "TQLogQueue.h"
 
 namespace {
 
-constexpr const char* kLogFolder = "/Logs/Brantwell";
-constexpr const char* kGlobalPrefs = "com.brantwell.global.plist";
-constexpr size_t kWriteChunk = 1 << 20;  // bytes gathered before one write call
-constexpr size_t kCoalesceEntries = 64;   // batches this large suggest a steady stream
-constexpr auto kCoalescePause = std::chrono::milliseconds(2);
-constexpr size_t kKeptCapacity = 16u << 20;  // queue buffer kept between batches
+// Entries that shutdown still writes; with more queued, those not yet taken are dropped.
+constexpr size_t kWrittenAtShutdown = 10;
+
+constexpr std::string_view kLiteralAfterPercent = " .!,-;:+";
 
 // The class-level lock: creation of the shared controller and flushing.
 std::mutex& classMutex()
@@ -50,69 +40,11 @@ std::terminate_handler previousTerminate = nullptr;
     std::abort();
 }
 
-bool isLoggingDisabledByPreferences()
-{
-    auto prefs = TQLocalPaths::prefsDirectory(true);
-    if (!prefs)
-        return false;
-    auto plist = corvina::Value::fromPropertyListFile(corvina::appendPathComponent(*prefs, kGlobalPrefs));
-    if (!plist || !plist->asDictionary())
-        return false;
-    const corvina::Value& value = (*plist)["disable-logging"];
-    if (const std::string* s = value.asString())
-        return *s == "1";
-    return value.isNumber() && value.doubleValue() == 1.0;
-}
-
-std::optional<std::string> logFolder(bool asRoot)
-{
-    auto library = TQLocalPaths::libraryDirectory(!asRoot);
-    if (!library)
-        return std::nullopt;
-    return *library + kLogFolder;
-}
-
-// Writes an empty file in place of path through a temporary file in the same folder.
-bool createEmptyFileAtomically(const std::string& path, std::string& error)
-{
-    std::string temp = path + ".tmp" + std::to_string(getpid());
-    {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        if (!out) {
-            error = std::strerror(errno);
-            return false;
-        }
-    }
-    if (std::rename(temp.c_str(), path.c_str()) != 0) {
-        error = std::strerror(errno);
-        std::remove(temp.c_str());
-        return false;
-    }
-    return true;
-}
-
-// utf16Length with a shortcut for plain ASCII, eight bytes at a time.
-uint64_t utf16LengthFast(std::string_view text)
-{
-    size_t i = 0;
-    for (; i + 8 <= text.size(); i += 8) {
-        uint64_t word;
-        std::memcpy(&word, text.data() + i, 8);
-        if (word & 0x8080808080808080ull)
-            return corvina::utf16Length(text);
-    }
-    for (; i < text.size(); ++i) {
-        if (static_cast<unsigned char>(text[i]) & 0x80)
-            return corvina::utf16Length(text);
-    }
-    return text.size();
-}
-
-constexpr std::string_view kLiteralAfterPercent = " .!,-;:+";
-
 }  // namespace
 
 TQLog::TQLog()
+    : file_(std::make_unique<TQLogFile>(loggingDisabled_, noPrinting_)),
+      queue_(std::make_unique<TQLogQueue>([file = file_.get()](const TQLogTexts& texts) { file->write(texts); }))
 {
     std::atexit([] { TQLog::willTerminate(); });
     pthread_atfork(&TQLog::atforkPrepare, &TQLog::atforkParent, &TQLog::atforkChild);
@@ -136,182 +68,62 @@ TQLog& TQLog::sharedController()
 
 // ---- properties
 
-std::string TQLog::appName() const
-{
-    std::lock_guard<std::mutex> lock(nameMutex_);
-    if (appName_)
-        return *appName_;
-    return corvina::deletingPathExtension(corvina::processinfo::processName());
-}
+std::string TQLog::appName() const { return file_->appName(); }
 
-void TQLog::setAppName(std::optional<std::string> name)
-{
-    std::lock_guard<std::mutex> lock(nameMutex_);
-    appName_ = std::move(name);
-}
+void TQLog::setAppName(std::optional<std::string> name) { file_->setAppName(std::move(name)); }
 
-bool TQLog::hasFileHandle() const
-{
-    std::lock_guard<std::mutex> lock(fileMutex_);
-    return fileHandle_ != nullptr;
-}
+uint64_t TQLog::bytesWritten() const { return file_->bytesWritten(); }
 
-bool TQLog::hasWriteQueue() const
-{
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    return !shutDown_;
-}
+uint64_t TQLog::bytesInQueue() const { return queue_->bytesInQueue(); }
 
-size_t TQLog::queuedEntryCount() const
-{
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    return static_cast<size_t>(pushedSeq_ - writtenSeq_);
-}
+bool TQLog::hasFileHandle() const { return file_->isOpen(); }
 
-void TQLog::print(std::string_view text) const
-{
-    if (noPrinting())
-        return;
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
-}
+bool TQLog::hasWriteQueue() const { return !queue_->isShutDown(); }
+
+size_t TQLog::queuedEntryCount() const { return queue_->entryCount(); }
 
 // ---- opening a log
 
 void TQLog::createNewLog(std::optional<std::string> name) { sharedController().createNewLogImpl(std::move(name)); }
-
-std::optional<std::string> TQLog::currentLogPath() const
-{
-    auto folder = logFolder(getuid() == 0);
-    if (!folder)
-        return std::nullopt;
-    return *folder + corvina::format("/%@.1.log", appName());
-}
 
 void TQLog::createNewLogImpl(std::optional<std::string> name)
 {
     if (loggingDisabled())
         return;
     // What was queued before a new log is opened belongs to the file it was meant for.
-    // (The writer's own restart handles its batch itself; this returns at once there.)
     finishWriting();
-    {
-        std::unique_lock<std::mutex> fileLock(fileMutex_);
-        fileHandle_.reset();
-
-        if (isLoggingDisabledByPreferences()) {
-            print("Logging is disabled\n");
-            loggingDisabled_.store(true);
-            return;
-        }
-        {
-            std::lock_guard<std::mutex> lock(nameMutex_);
-            if (name && !appName_)
-                appName_ = std::move(name);
-        }
-        bytesWritten_.store(0);
-        const std::string app = appName();
-        if (app.empty())
-            setAppName("Unknown");
-        const std::string base = appName();
-
-        const bool asRoot = getuid() == 0;
-        auto folder = logFolder(asRoot);
-        if (!folder) {
-            print(corvina::format("Unable to create folder %s.\n", "(null)"));
-            return;
-        }
-        std::error_code ec;
-        if (!fs::is_directory(*folder, ec)) {
-            fs::create_directories(*folder, ec);
-            if (!fs::is_directory(*folder, ec)) {
-                print(corvina::format("Unable to create folder %s.\n", *folder));
-                return;
-            }
-        }
-        auto numbered = [&](long n) { return *folder + corvina::format("/%@.%li.log", base, n); };
-        const std::string current = numbered(1);
-        if (fs::exists(fs::symlink_status(current, ec))) {
-            const std::string oldest = numbered(5);
-            std::remove(oldest.c_str());
-            for (long n = 4; n >= 1; --n) {
-                const std::string from = numbered(n);
-                if (!fs::exists(fs::symlink_status(from, ec)))
-                    continue;
-                const std::string to = numbered(n + 1);
-                // A move never replaces an existing item.
-                if (fs::exists(fs::symlink_status(to, ec)) || std::rename(from.c_str(), to.c_str()) != 0) {
-                    print(corvina::format("Unable to move file %s to %s.\n", from, to));
-                    return;
-                }
-            }
-        }
-        std::string error;
-        if (!createEmptyFileAtomically(current, error)) {
-            print(corvina::format("Unable to create log file %s - %s\n", current, error));
-            return;
-        }
-        fileHandle_ = corvina::FileHandle::forUpdatingAtPath(current);
-        if (!fileHandle_)
-            return;
-    }
-
-    fastAppendLog("Log started: %@\n", corvina::currentDateDescription());
-    if (auto version = corvina::processinfo::version())
-        fastAppendLog("Version: %@\n", *version);
-    if (std::string exe = corvina::processinfo::executablePath(); !exe.empty())
-        fastAppendLog("Path: %@\n", exe);
-    appendLog("System: macOS %@, %li CPU(s), %0.2f GB RAM\n", corvina::processinfo::operatingSystemVersionString(),
-              static_cast<long>(corvina::processinfo::processorCount()),
-              static_cast<double>(corvina::processinfo::physicalMemory()) / 1024.0 / 1024.0 / 1024.0);
-    fastAppendLog("Running in 64-bit mode\n");
+    if (!file_->open(std::move(name)))
+        return;
+    for (const TQLogFile::HeaderLine& line : file_->header(corvina::currentDateDescription()))
+        appendFormatted(line.waits ? Mode::Wait : Mode::Fast, line.text);
 }
 
-std::vector<std::string> TQLog::availableLogs()
-{
-    std::vector<std::string> logs;
-    auto folder = logFolder(false);
-    if (!folder)
-        return logs;
-    const std::string app = sharedController().appName();
-    std::error_code ec;
-    for (long n = 1; n <= 5; ++n) {
-        std::string path = corvina::format("%@/%@.%li.log", *folder, app, n);
-        if (fs::exists(path, ec))
-            logs.push_back(std::move(path));
-    }
-    return logs;
-}
+std::vector<std::string> TQLog::availableLogs() { return TQLogFile::availableLogs(sharedController().appName()); }
 
 // ---- queuing
 
 void TQLog::appendTextToLog(std::string_view text) { queueText(text); }
 
-void TQLog::queueText(std::string_view text)
+void TQLog::queueText(std::string_view text) { queue_->pushText(text); }
+
+void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
 {
-    std::string_view trimmed = corvina::trimWhitespaceAndNewlines(text);
-    if (trimmed.empty())
-        return;
-    const uint64_t length16 = utf16LengthFast(trimmed);
-    if (isWriterThread()) {
-        // The writer restarting the log: these go before the rest of its batch.
-        bytesInQueue_.fetch_add(length16);
-        writerLocal_.push(trimmed, length16);
-        return;
+    if (fmt.find('%') == std::string_view::npos) {
+        queue_->pushText(fmt);  // nothing to format
+    } else if (queue_->isBehind()) {
+        // The writer is behind and the caller would soon wait for room anyway: formatting
+        // here spreads the work over the callers' threads.
+        Scratch scratch;
+        if (!needsEscaping(fmt))
+            corvina::appendFormatv(scratch.text(), fmt, args);
+        else
+            corvina::appendFormatv(scratch.text(), escapeTextForLogging(fmt), args);
+        queue_->pushText(scratch.text());
+    } else if (!needsEscaping(fmt)) {
+        queue_->pushFormat(fmt, args);
+    } else {
+        queue_->pushFormat(escapeTextForLogging(fmt), args);
     }
-    bool wake = false;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        if (shutDown_)
-            return;
-        startWriterLocked();
-        bytesInQueue_.fetch_add(length16);
-        wake = pending_.empty() && writerIdle_;
-        pending_.push(trimmed, length16);
-        ++pushedSeq_;
-    }
-    if (wake)
-        queueCv_.notify_one();
 }
 
 void TQLog::appendFormatted(Mode mode, std::string_view text)
@@ -399,208 +211,30 @@ std::string TQLog::consoleCopy(std::string_view message)
     return copy;
 }
 
-// ---- the writer
-
-bool TQLog::isWriterThread() const { return writerId_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
-
-void TQLog::startWriterLocked()
-{
-    // A fork()ed child clears writerRunning_ (atforkChild), so no pid check is needed here.
-    if (writerRunning_)
-        return;
-    if (pthread_create(&writerThread_, nullptr, &TQLog::writerMain, this) != 0)
-        return;
-    writerRunning_ = true;
-    writerPid_ = getpid();
-}
-
-void* TQLog::writerMain(void* self)
-{
-    static_cast<TQLog*>(self)->writerLoop();
-    return nullptr;
-}
-
-void TQLog::writerLoop()
-{
-    writerId_.store(std::this_thread::get_id());
-    EntryList batch;
-    std::unique_lock<std::mutex> lock(queueMutex_);
-    for (;;) {
-        writerIdle_ = true;
-        queueCv_.wait(lock, [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
-        writerIdle_ = false;
-        if (pending_.empty())
-            break;
-        batch.swap(pending_);
-        const uint64_t last = pushedSeq_;
-        takenSeq_ = last;
-        lock.unlock();
-        writeBatch(batch);
-        const bool small = batch.size() < kCoalesceEntries;
-        batch.clear();
-        if (batch.bytes.capacity() > kKeptCapacity) {
-            batch.bytes.shrink_to_fit();
-            batch.spans.shrink_to_fit();
-        }
-        lock.lock();
-        writtenSeq_ = last;
-        doneCv_.notify_all();
-        // Under a steady stream, pause briefly so that the next batch is a large one: one
-        // write call and no wake-ups for thousands of lines. Anyone waiting for the writer
-        // (finishWriting, shutdown) cuts the pause short.
-        if (!small)
-            queueCv_.wait_for(lock, kCoalescePause, [&] { return stop_ || flushWaiters_ > 0; });
-    }
-    writerId_.store(std::thread::id());
-}
-
-void TQLog::writeBatch(EntryList& batch)
-{
-    std::unique_lock<std::mutex> fileLock(fileMutex_);
-    std::string buffer;
-    uint64_t handled16 = 0;
-    std::string_view date;
-    unsigned dateAge = 0;
-
-    auto flush = [&] {
-        if (!buffer.empty() && fileHandle_) {
-            try {
-                fileHandle_->writeData(buffer);
-            } catch (const corvina::PlatformException& e) {
-                print(corvina::format("Exception writing to log: %s\n", e.reason()));
-            }
-        }
-        buffer.clear();
-        bytesInQueue_.fetch_sub(handled16);
-        handled16 = 0;
-    };
-
-    auto handle = [&](std::string_view text, uint64_t length16) {
-        handled16 += length16;
-        if (loggingDisabled())
-            return;
-        if (!fileHandle_) {
-            auto path = currentLogPath();
-            if (path)
-                fileHandle_ = corvina::FileHandle::forUpdatingAtPath(*path);
-            if (!fileHandle_) {
-                print(corvina::format("Unable to log the following information: %s\n", text));
-                print("Unable to open log for output\n");
-                return;
-            }
-            try {
-                fileHandle_->seekToEndOfFile();
-            } catch (const corvina::PlatformException&) {
-            }
-        }
-        // The clock is read every few entries: a batch covers a few milliseconds at most.
-        if (dateAge++ % 64 == 0)
-            date = dateFormatter_.now();
-        const size_t before = buffer.size();
-        buffer.append(date).append(" - ").append(text).push_back('\n');
-        const uint64_t total = bytesWritten_.fetch_add(buffer.size() - before) + (buffer.size() - before);
-        if (total >= kSizeLimit) {
-            // The entry that crossed the limit ends the old file; the new one starts with its
-            // header and the truncation line, then whatever was queued after the entry.
-            flush();
-            fileLock.unlock();
-            finishWriting();
-            createNewLogImpl(appName());
-            appendLog("Log truncated at 500KB");
-            fileLock.lock();
-        } else if (buffer.size() >= kWriteChunk) {
-            flush();
-        }
-    };
-
-    size_t next = 0, offset = 0;
-    for (;;) {
-        if (!writerLocal_.empty()) {
-            EntryList local;
-            local.swap(writerLocal_);
-            size_t at = 0;
-            for (const auto& span : local.spans) {
-                handle(std::string_view(local.bytes).substr(at, span.size), span.length16);
-                at += span.size;
-            }
-            continue;
-        }
-        if (next >= batch.spans.size())
-            break;
-        const auto& span = batch.spans[next++];
-        handle(std::string_view(batch.bytes).substr(offset, span.size), span.length16);
-        offset += span.size;
-    }
-    flush();
-}
+// ---- flushing and shutdown
 
 void TQLog::finishWriting()
 {
     TQLog& log = sharedController();
-    if (log.isWriterThread())
+    if (log.queue_->isWriterThread())
         return;
     std::lock_guard<std::mutex> classLock(classMutex());
-    std::unique_lock<std::mutex> lock(log.queueMutex_);
-    if (log.shutDown_)
-        return;
-    const uint64_t target = log.pushedSeq_;
-    if (log.writtenSeq_ >= target)
-        return;
-    log.startWriterLocked();
-    ++log.flushWaiters_;
-    log.queueCv_.notify_all();
-    log.doneCv_.wait(lock, [&] { return log.writtenSeq_ >= target || log.shutDown_; });
-    --log.flushWaiters_;
+    log.queue_->waitUntilWritten();
 }
 
-void TQLog::suspendWriterForTesting(bool suspended)
-{
-    TQLog& log = sharedController();
-    {
-        std::lock_guard<std::mutex> lock(log.queueMutex_);
-        log.suspended_ = suspended;
-    }
-    log.queueCv_.notify_all();
-}
+void TQLog::suspendWriterForTesting(bool suspended) { sharedController().queue_->setSuspended(suspended); }
 
-// ---- shutdown
+void TQLog::setBatchShortcutForTesting(bool on) { sharedController().file_->setBatchShortcut(on); }
 
-void TQLog::willTerminate()
-{
-    sharedController().shutdown();
-}
+uint64_t TQLog::batchShortcutsForTesting() { return sharedController().file_->shortcutsTaken(); }
+
+void TQLog::willTerminate() { sharedController().shutdown(); }
 
 void TQLog::shutdown()
 {
-    {
-        std::unique_lock<std::mutex> lock(queueMutex_);
-        if (shutDown_)
-            return;
-        suspended_ = false;
-        if (pushedSeq_ - writtenSeq_ > 10) {
-            // Too much left: what the writer has not started is never written.
-            bytesInQueue_.fetch_sub(pending_.total16());
-            pending_.clear();
-            pushedSeq_ = takenSeq_;
-        }
-    }
-    queueCv_.notify_all();
-    finishWriting();
-    bool join = false;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        shutDown_ = true;
-        stop_ = true;
-        join = writerRunning_ && writerPid_ == getpid() && !isWriterThread();
-        writerRunning_ = false;
-    }
-    queueCv_.notify_all();
-    doneCv_.notify_all();
-    if (join)
-        pthread_join(writerThread_, nullptr);
+    queue_->shutdown(kWrittenAtShutdown);
     setAppName(std::nullopt);
-    std::lock_guard<std::mutex> fileLock(fileMutex_);
-    fileHandle_.reset();
+    file_->close();
 }
 
 // ---- fork: the child has no writer thread; it starts one when it next needs it
@@ -608,34 +242,22 @@ void TQLog::shutdown()
 void TQLog::atforkPrepare()
 {
     TQLog& log = sharedController();
-    log.fileMutex_.lock();
-    log.queueMutex_.lock();
-    log.nameMutex_.lock();
+    log.file_->lockForFork();
+    log.queue_->lockForFork();
 }
 
 void TQLog::atforkParent()
 {
     TQLog& log = sharedController();
-    log.nameMutex_.unlock();
-    log.queueMutex_.unlock();
-    log.fileMutex_.unlock();
+    log.queue_->unlockInParent();
+    log.file_->unlockAfterFork();
 }
 
 void TQLog::atforkChild()
 {
     TQLog& log = sharedController();
-    log.writerRunning_ = false;
-    log.writerId_.store(std::thread::id());
-    // The batch the parent's writer holds is the parent's to write.
-    log.writtenSeq_ = log.takenSeq_;
-    // The parent's writer may have been waiting on these: their state names a thread the
-    // child does not have, and signalling them could block for ever. Start them afresh.
-    std::construct_at(&log.queueCv_);
-    std::construct_at(&log.doneCv_);
-    log.bytesInQueue_.store(log.pending_.total16());
-    log.nameMutex_.unlock();
-    log.queueMutex_.unlock();
-    log.fileMutex_.unlock();
+    log.queue_->resetInChild();
+    log.file_->unlockAfterFork();
 }
 
 // ---- uncaught exceptions

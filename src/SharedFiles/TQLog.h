@@ -5,32 +5,28 @@
 //   TQLog::appendLog("Video format is %@ %ix%i", name, width, height);
 //   TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", a, b);
 //
-// Callers format on their own thread and hand an owned copy of the text to one writer
-// thread, which drains everything queued in one go and writes it with one write call.
-// Formats go through escapeTextForLogging first, so "50% done" is written as it stands.
+// The log is three parts: this public face (formatting, the waiting rule, the console copy),
+// its write queue (TQLogQueue: entries, the writer thread, flushing, shutdown, fork) and its
+// file (TQLogFile: folder, rotation, header, the size restart). fastAppendLog hands the
+// queue its format and arguments as they are and the writer formats them; the other calls
+// format on the caller's thread. Formats go through escapeTextForLogging first, so
+// "50% done" is written as it stands.
 #pragma once
 
-#include <pthread.h>
-#include <sys/types.h>
-
 #include <atomic>
-#include <exception>
-#include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
-#include "Foundation/Date.h"
 #include "Foundation/Format.h"
 
-namespace corvina {
-class FileHandle;
-}
+class TQLogFile;
+class TQLogQueue;
 
 class TQLog {
 public:
@@ -79,11 +75,16 @@ public:
     template <class... A>
     static void fastAppendLog(Format fmt, const A&... args)
     {
-        if (fmt && !sharedController().loggingDisabled())
-        {
-            Scratch scratch;
-            appendEscaped(scratch.text(), fmt.view(), args...);
-            appendFormatted(Mode::Fast, scratch.text());
+        if (!fmt)
+            return;
+        TQLog& log = sharedController();
+        if (log.loggingDisabled())
+            return;
+        if constexpr (sizeof...(A) == 0) {
+            log.queueFormat(fmt.view(), {});
+        } else {
+            const corvina::FormatArg list[] = {corvina::FormatArg(args)...};
+            log.queueFormat(fmt.view(), std::span<const corvina::FormatArg>(list, sizeof...(A)));
         }
     }
     template <class... A>
@@ -124,8 +125,8 @@ public:
     // Instance properties.
     std::string appName() const;
     void setAppName(std::optional<std::string> name);
-    uint64_t bytesWritten() const { return bytesWritten_.load(std::memory_order_relaxed); }
-    uint64_t bytesInQueue() const { return bytesInQueue_.load(std::memory_order_relaxed); }
+    uint64_t bytesWritten() const;
+    uint64_t bytesInQueue() const;
     bool loggingDisabled() const { return loggingDisabled_.load(std::memory_order_relaxed); }
     bool noPrinting() const { return noPrinting_.load(std::memory_order_relaxed); }
     void setNoPrinting(bool value) { noPrinting_.store(value, std::memory_order_relaxed); }
@@ -139,45 +140,15 @@ public:
 
     // Test hook: while suspended the writer takes nothing from the queue.
     static void suspendWriterForTesting(bool suspended);
+    // Test hooks: turns the writer's skipping of files a batch rotates out on or off, and
+    // counts the batches that took it.
+    static void setBatchShortcutForTesting(bool on);
+    static uint64_t batchShortcutsForTesting();
     // Test hook: the uncaught-exception handler's work without ending the process.
     static void reportUncaughtException(std::exception_ptr exception);
 
 private:
     enum class Mode { Wait, Fast, Print, DebugPrint };
-
-    // Queued texts back to back in one buffer: no allocation per entry on either side.
-    struct EntryList {
-        struct Span {
-            size_t size;
-            uint64_t length16;  // UTF-16 code units, as bytesInQueue counts
-        };
-        std::string bytes;
-        std::vector<Span> spans;
-        bool empty() const { return spans.empty(); }
-        size_t size() const { return spans.size(); }
-        void push(std::string_view text, uint64_t length16)
-        {
-            bytes.append(text);
-            spans.push_back({text.size(), length16});
-        }
-        void clear()
-        {
-            bytes.clear();
-            spans.clear();
-        }
-        void swap(EntryList& other)
-        {
-            bytes.swap(other.bytes);
-            spans.swap(other.spans);
-        }
-        uint64_t total16() const
-        {
-            uint64_t total = 0;
-            for (const Span& span : spans)
-                total += span.length16;
-            return total;
-        }
-    };
 
     // The formatting buffer of the calling thread, reused from call to call (a fresh one
     // when a description() being formatted logs in turn).
@@ -230,51 +201,15 @@ private:
     static void waitIfShort(std::string_view formatted);
     static bool isShort(std::string_view formatted);
     void queueText(std::string_view text);
-
-    void startWriterLocked();
-    void writerLoop();
-    void writeBatch(EntryList& batch);
-    static void* writerMain(void* self);
-    bool isWriterThread() const;
+    void queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args);
     void createNewLogImpl(std::optional<std::string> name);
-    std::optional<std::string> currentLogPath() const;
     void shutdown();
-    void print(std::string_view text) const;
     static void atforkPrepare();
     static void atforkParent();
     static void atforkChild();
 
-    // Queue shared by callers and the writer.
-    mutable std::mutex queueMutex_;
-    std::condition_variable queueCv_;  // writer waits for work
-    std::condition_variable doneCv_;   // finishWriting waits for progress
-    EntryList pending_;
-    uint64_t pushedSeq_ = 0;   // entries queued so far
-    uint64_t takenSeq_ = 0;    // entries taken by the writer
-    uint64_t writtenSeq_ = 0;  // entries handled by the writer
-    bool suspended_ = false;
-    bool writerIdle_ = false;   // the writer waits for work and must be woken
-    int flushWaiters_ = 0;      // threads in finishWriting
-    bool stop_ = false;
-    bool shutDown_ = false;
-    pthread_t writerThread_{};
-    bool writerRunning_ = false;
-    pid_t writerPid_ = 0;
-    std::atomic<std::thread::id> writerId_{};
-    // Entries queued by the writer itself while it restarts the log (header, truncation
-    // line): written before the rest of the batch at hand.
-    EntryList writerLocal_;
-    corvina::CachedDateFormatter dateFormatter_;  // writer only
-
-    // The file, replaced by createNewLog and the writer's reopening.
-    mutable std::mutex fileMutex_;
-    std::unique_ptr<corvina::FileHandle> fileHandle_;
-
-    mutable std::mutex nameMutex_;
-    std::optional<std::string> appName_;
-
-    std::atomic<uint64_t> bytesWritten_{0};
-    std::atomic<uint64_t> bytesInQueue_{0};
     std::atomic<bool> loggingDisabled_{false};
     std::atomic<bool> noPrinting_{false};
+    std::unique_ptr<TQLogFile> file_;
+    std::unique_ptr<TQLogQueue> queue_;
 };

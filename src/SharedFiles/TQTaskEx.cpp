@@ -1,10 +1,15 @@
 #include "TQTaskEx.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <thread>
 
 #include "Foundation/Exception.h"
+#include "TQException.h"
 #include "TQLog.h"
 
 using corvina::PlatformException;
@@ -12,13 +17,27 @@ using corvina::Process;
 
 namespace {
 
-using Publish = std::function<void(const TQTaskEx::Task&)>;
+// What a run tells its caller: the task before it is launched, and that it was launched.
+struct Publish {
+    std::function<void(const TQTaskEx::Task&)> task;
+    std::function<void()> launched;
+
+    void operator()(const TQTaskEx::Task& t) const
+    {
+        if (task) task(t);
+    }
+    void afterLaunch() const
+    {
+        if (launched) launched();
+    }
+};
 
 Publish publishTo(TQTaskEx::Task* out)
 {
-    return [out](const TQTaskEx::Task& t) {
-        if (out) *out = t;
-    };
+    return Publish{[out](const TQTaskEx::Task& t) {
+                       if (out) *out = t;
+                   },
+                   nullptr};
 }
 
 bool isRunnableTool(const std::string& path)
@@ -44,6 +63,7 @@ std::optional<TQTaskEx::Data> runForData(const std::string& path, const TQTaskEx
         task->setStandardOutput(logOutput ? Process::Stream::Pipe : Process::Stream::Inherit);
         task->setStandardError(logError ? Process::Stream::Pipe : Process::Stream::Null);
         task->launch();
+        publish.afterLaunch();
         TQTaskEx::Data output;
         TQTaskEx::Data error;
         task->readToEnd(&output, &error);
@@ -70,6 +90,7 @@ bool runForSuccess(const std::string& path, const TQTaskEx::Arguments& args, con
         task->setStandardOutput(Process::Stream::Null);
         task->setStandardError(Process::Stream::Null);
         task->launch();
+        publish.afterLaunch();
         task->waitUntilExit();
         return true;
     } catch (const PlatformException& e) {
@@ -91,6 +112,7 @@ int32_t runForStatus(const std::string& path, const TQTaskEx::Arguments& args, c
     task->setStandardError(Process::Stream::Null);
     publish(task);
     task->launch();  // a launch failure reaches the caller
+    publish.afterLaunch();
     if (task->isRunning()) task->waitUntilExit();
     return task->terminationStatus();
 }
@@ -165,8 +187,15 @@ template <class Run>
 auto TQTaskEx::runWithTimeout(Timeout timeout, Run&& run)
 {
     std::lock_guard runLock(runMutex_);
-    setTheTask(nullptr);
-    const Publish publish = [this](const Task& t) { setTheTask(t); };
+    {
+        std::lock_guard lock(taskMutex_);
+        theTask_ = nullptr;
+        timeoutExpired_ = false;
+        timeoutFired_ = false;
+    }
+    // The timer may expire at any point of the run, even before the task exists or is
+    // launched: the expiry is remembered, and the launch looks at it.
+    const Publish publish{[this](const Task& t) { setTheTask(t); }, [this] { taskLaunched(); }};
     TimeoutTimer timer(*this, wholeSeconds(timeout));
     struct Clear {
         TQTaskEx* self;
@@ -174,7 +203,9 @@ auto TQTaskEx::runWithTimeout(Timeout timeout, Run&& run)
         ~Clear()
         {
             timer->cancel();
-            self->setTheTask(nullptr);
+            std::lock_guard lock(self->taskMutex_);
+            self->theTask_ = nullptr;
+            self->timeoutExpired_ = false;
         }
     } clear{this, &timer};
     return run(publish);
@@ -182,11 +213,23 @@ auto TQTaskEx::runWithTimeout(Timeout timeout, Run&& run)
 
 void TQTaskEx::timeout()
 {
-    const Task task = theTask();
-    if (task && task->isRunning()) {
-        TQLog::appendLogAndPrint("Task %@ timed out. Terminating...", task->launchPath());
-        task->terminate();
-    }
+    std::lock_guard lock(taskMutex_);
+    timeoutExpired_ = true;
+    terminateIfExpiredLocked();
+}
+
+void TQTaskEx::taskLaunched()
+{
+    std::lock_guard lock(taskMutex_);
+    terminateIfExpiredLocked();
+}
+
+void TQTaskEx::terminateIfExpiredLocked()
+{
+    if (!timeoutExpired_ || timeoutFired_ || !theTask_ || !theTask_->isRunning()) return;
+    timeoutFired_ = true;
+    TQLog::appendLogAndPrint("Task %@ timed out. Terminating...", theTask_->launchPath());
+    theTask_->terminate();
 }
 
 TQTaskEx::Task TQTaskEx::theTask() const
@@ -199,6 +242,202 @@ void TQTaskEx::setTheTask(Task task)
 {
     std::lock_guard lock(taskMutex_);
     theTask_ = std::move(task);
+}
+
+// --- Background runs -------------------------------------------------------------------------
+
+// One background run: its task and the pipe that wakes its reader when the run is ended from
+// outside. The reader alone reads and closes the task's output, so a read end is never closed
+// under a read in progress.
+struct TQTaskEx::AsyncRun {
+    Task task;
+    int wake[2] = {-1, -1};
+    std::atomic<bool> ended{false};
+
+    AsyncRun()
+    {
+        if (::pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) wake[0] = wake[1] = -1;
+    }
+    ~AsyncRun()
+    {
+        for (int fd : wake) {
+            if (fd >= 0) ::close(fd);
+        }
+    }
+    AsyncRun(const AsyncRun&) = delete;
+    AsyncRun& operator=(const AsyncRun&) = delete;
+
+    void wakeReader()
+    {
+        const char byte = 1;
+        if (wake[1] >= 0) [[maybe_unused]] auto n = ::write(wake[1], &byte, 1);
+    }
+};
+
+TQTaskEx::TQTaskEx() = default;
+
+TQTaskEx::~TQTaskEx()
+{
+    std::shared_ptr<AsyncRun> run;
+    {
+        std::lock_guard lock(taskMutex_);
+        run = asyncRun_;
+    }
+    endRun(run);
+    std::lock_guard lock(readerMutex_);
+    if (reader_.joinable()) {
+        if (reader_.get_id() == std::this_thread::get_id()) {
+            reader_.detach();
+        } else {
+            reader_.join();
+        }
+    }
+}
+
+void TQTaskEx::asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler,
+                                 std::any object, const std::optional<Environment>& environment)
+{
+    terminateAsyncTask();
+    auto task = std::make_shared<Process>();
+    task->setStandardOutput(Process::Stream::Pipe);
+    task->setStandardError(Process::Stream::Null);
+    task->setStandardInput(Process::Stream::Inherit);
+    task->setEnvironment(environment);
+    task->setLaunchPath(path);
+    task->setArguments(args);
+    auto run = std::make_shared<AsyncRun>();
+    run->task = task;
+    {
+        std::lock_guard lock(taskMutex_);
+        handler_ = std::move(handler);
+        object_ = std::move(object);
+        theTask_ = task;
+        asyncRun_ = run;
+    }
+    std::lock_guard lock(readerMutex_);
+    if (reader_.joinable()) {
+        // The previous run's reader has been told to stop; from inside its own handler it
+        // cannot wait for itself.
+        if (reader_.get_id() == std::this_thread::get_id()) {
+            reader_.detach();
+        } else {
+            reader_.join();
+        }
+    }
+    reader_ = std::thread([this, run] { launchAsyncTask(run); });
+}
+
+void TQTaskEx::launchAsyncTask(std::shared_ptr<AsyncRun> run)
+{
+    try {
+        if (run->ended) {
+            TQLog::appendLogAndPrint("Unable to launch async task - no task set");
+            return;
+        }
+        const Task task = run->task;
+        if (!corvina::isExecutablePath(task->launchPath())) {
+            TQLog::appendLog("Unable to launch async task - task does not exist or is not executable");
+            endRun(run);
+            return;
+        }
+        task->launch();
+        // Ended while it was being launched: the termination may have found nothing to signal.
+        if (run->ended) task->terminate();
+        for (;;) {
+            Data chunk;
+            if (task->readOutputChunk(chunk, run->wake[0]) != Process::ChunkResult::Data || run->ended) break;
+            deliver(std::move(chunk));
+        }
+        task->closePipes();
+        if (!run->ended) deliver(Data());
+    } catch (const PlatformException& e) {
+        TQException::logException(e, "-[TQTaskEx launchAsyncTask]");
+        run->task->closePipes();
+        endRun(run);
+    }
+}
+
+void TQTaskEx::deliver(Data chunk)
+{
+    corvina::Value::DictionaryType info;
+    info.emplace(corvina::kFileHandleNotificationDataItem, corvina::Value::data(std::move(chunk)));
+    asyncTaskReturnData(corvina::Notification{kAsyncTaskDataNotification, nullptr, corvina::Value(std::move(info))});
+}
+
+void TQTaskEx::asyncTaskReturnData(const corvina::Notification& notification)
+{
+    static const Data kNoData;
+    const Data* data = notification.userInfo[corvina::kFileHandleNotificationDataItem].asData();
+    const Data& chunk = data ? *data : kNoData;
+    std::lock_guard delivering(deliveryMutex_);
+    ChunkHandler handler;
+    std::any object;
+    std::shared_ptr<AsyncRun> run;
+    {
+        std::lock_guard lock(taskMutex_);
+        handler = handler_;
+        object = object_;
+        run = asyncRun_;
+    }
+    if (handler) handler(chunk, *this, object);
+    // The end of output ends the run it belongs to (not one the handler started meanwhile).
+    if (chunk.empty()) endRun(run);
+}
+
+void TQTaskEx::terminateAsyncTask()
+{
+    std::shared_ptr<AsyncRun> run;
+    {
+        std::lock_guard lock(taskMutex_);
+        run = asyncRun_;
+        handler_ = nullptr;
+        object_.reset();
+    }
+    endRun(run);
+    // A chunk being handed over on the reader thread right now is the last one: wait for it,
+    // so that nothing arrives once this returns. (On the reader thread itself this is a no-op.)
+    std::lock_guard delivered(deliveryMutex_);
+}
+
+void TQTaskEx::endRun(const std::shared_ptr<AsyncRun>& run)
+{
+    if (!run) return;
+    run->ended = true;
+    run->wakeReader();
+    {
+        std::lock_guard lock(taskMutex_);
+        if (asyncRun_ == run) {
+            handler_ = nullptr;
+            object_.reset();
+            asyncRun_ = nullptr;
+            if (theTask_ == run->task) theTask_ = nullptr;
+        }
+    }
+    if (run->task && run->task->isRunning()) run->task->terminate();
+}
+
+TQTaskEx::ChunkHandler TQTaskEx::chunkHandler() const
+{
+    std::lock_guard lock(taskMutex_);
+    return handler_;
+}
+
+void TQTaskEx::setChunkHandler(ChunkHandler handler)
+{
+    std::lock_guard lock(taskMutex_);
+    handler_ = std::move(handler);
+}
+
+std::any TQTaskEx::object() const
+{
+    std::lock_guard lock(taskMutex_);
+    return object_;
+}
+
+void TQTaskEx::setObject(std::any object)
+{
+    std::lock_guard lock(taskMutex_);
+    object_ = std::move(object);
 }
 
 // --- Class forms ---------------------------------------------------------------------------

@@ -1,21 +1,27 @@
 // Runs external command-line tools synchronously: to learn whether they ran, to collect
 // what they printed, or to learn their exit status, optionally with a time-out after which
-// the tool is sent the terminate signal.
+// the tool is sent the terminate signal. An instance can also run one tool in the background
+// and hand its standard output to a chunk handler as it arrives, then one empty chunk.
 //
 // Shorter forms fill the missing arguments with defaults. Time-outs are cut to whole
-// seconds (2.9 s becomes 2 s). An instance carries one time-out run at a time; the class
-// forms create a fresh instance per call.
+// seconds (2.9 s becomes 2 s); a tool still running when its time-out expires is always
+// terminated, even when the time-out (0 s) expires before the tool was launched. An instance
+// carries one time-out run at a time; the class forms create a fresh instance per call.
 #pragma once
 
+#include <any>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "Foundation/Notification.h"
 #include "Process/Process.h"
 
 class TQTaskEx {
@@ -28,7 +34,16 @@ public:
 
     enum class Encoding { ASCII = 1, UTF8 = 4 };
 
-    TQTaskEx() = default;
+    // The chunk message: a chunk of standard output (empty for the end of output), the
+    // instance running the tool, and the client's object (empty when none was given).
+    using ChunkHandler = std::function<void(const Data& chunk, TQTaskEx& task, const std::any& object)>;
+
+    // The name of the record that carries each chunk from the reader to asyncTaskReturnData.
+    static constexpr const char* kAsyncTaskDataNotification = "TQAsyncTaskDataNotification";
+
+    TQTaskEx();
+    // Ends a background run (without the end-of-output message) and waits for its reader.
+    ~TQTaskEx();
     TQTaskEx(const TQTaskEx&) = delete;
     TQTaskEx& operator=(const TQTaskEx&) = delete;
 
@@ -73,18 +88,56 @@ public:
     int32_t terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args,
                                                Timeout timeout);
 
-    // The time-out check: terminates the run in progress, if any, with one log line.
+    // The time-out check: marks the time-out of the run in progress as expired and
+    // terminates its tool, with one log line. A tool launched after the expiry is terminated
+    // as soon as it is launched.
     void timeout();
+
+    // --- Background runs -----------------------------------------------------------------------
+    // Starts the tool on a reader thread and returns at once. Its standard output goes to the
+    // handler chunk by chunk, in order, on the reader thread, then one empty chunk; standard
+    // error goes to the null device, standard input is the caller's. A null handler drops the
+    // chunks; the run still ends. A run in progress on this instance is terminated first.
+    void asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler,
+                           std::any object = {}, const std::optional<Environment>& environment = std::nullopt);
+    // Delivers one chunk (the record's data item); an empty one ends the run.
+    void asyncTaskReturnData(const corvina::Notification& notification);
+    // Ends the background run at once, from any thread: no chunk arrives afterwards.
+    void terminateAsyncTask();
+    void terminateTask() { terminateAsyncTask(); }
 
     Task theTask() const;
     void setTheTask(Task task);
+    ChunkHandler chunkHandler() const;
+    void setChunkHandler(ChunkHandler handler);
+    std::any object() const;
+    void setObject(std::any object);
 
 private:
     class TimeoutTimer;
+    struct AsyncRun;
     template <class Run>
     auto runWithTimeout(Timeout timeout, Run&& run);
+    // Called by the time-out forms once their tool is launched.
+    void taskLaunched();
+    void terminateIfExpiredLocked();
+    // The reader thread's body.
+    void launchAsyncTask(std::shared_ptr<AsyncRun> run);
+    void deliver(Data chunk);
+    // Ends one run: its reader stops, its tool is terminated, and, when it is still the
+    // instance's run, the handler, object and task are cleared.
+    void endRun(const std::shared_ptr<AsyncRun>& run);
 
     mutable std::mutex taskMutex_;
     Task theTask_;
+    bool timeoutExpired_ = false;
+    bool timeoutFired_ = false;
     std::mutex runMutex_;  // one time-out run at a time
+
+    ChunkHandler handler_;
+    std::any object_;
+    std::shared_ptr<AsyncRun> asyncRun_;
+    std::thread reader_;
+    std::mutex readerMutex_;  // starting and joining the reader
+    std::recursive_mutex deliveryMutex_;  // held while a chunk is handed to the handler
 };

@@ -1,16 +1,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <grp.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "Foundation/SystemLog.h"
+#include "ChildProcessTestSupport.h"
 #include "ServicesTestSupport.h"
 #include "TQAuthorization.h"
 #include "TQLocalPaths.h"
+#include "TQLog.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -72,7 +77,7 @@ TEST(TQAuthorizationRemove, ProtectedFoldersAreRefusedWithoutRunningATool)
     EXPECT_TRUE(tools.calls().empty());
 }
 
-TEST(TQAuthorizationRemove, OrdinaryPathRunsRmWithoutWaiting)
+TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
 {
     Scratch scratch;
     const std::string inside = scratch / "movie.mov";
@@ -82,7 +87,7 @@ TEST(TQAuthorizationRemove, OrdinaryPathRunsRmWithoutWaiting)
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].tool, "/bin/rm");
     EXPECT_THAT(calls[0].parameters, ElementsAre("-Rdf", inside));
-    EXPECT_TRUE(calls[0].async);
+    EXPECT_FALSE(calls[0].async) << "true must mean removed";
 
     RecordedTools failing(1);
     EXPECT_FALSE(TQAuthorization::sharedController().authRemoveFile(inside)) << "a failed start is a failure";
@@ -135,4 +140,81 @@ TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
     EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
     EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
     EXPECT_TRUE(std::filesystem::exists(target));
+}
+
+TEST(TQAuthorizationExec, RootStatusIsTheToolsOwn)
+{
+    if (::getuid() != 0) GTEST_SKIP() << "needs root";
+    auto& auth = TQAuthorization::sharedController();
+    Scratch scratch;
+    EXPECT_EQ(auth.authExecTask("/bin/touch", {scratch / "made"}, false), 0);
+    EXPECT_TRUE(std::filesystem::exists(scratch / "made"));
+    EXPECT_EQ(auth.authExecTask("/bin/sh", {"-c", "exit 3"}, false), 3) << "a failing tool is not a success";
+    servicestest::writeFile(scratch / "doomed/file", "x");
+    EXPECT_TRUE(auth.authRemoveFile(scratch / "doomed"));
+    EXPECT_FALSE(std::filesystem::exists(scratch / "doomed"));
+}
+
+// Runs in a child on its own terminal, dropped to an unprivileged user without sudo rights
+// (nobody). The controller may ask (GUI allowed) but there is no display: sudo must not ask
+// on the terminal, and every privileged operation must fail and leave things as they were.
+TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
+{
+    const std::string home = servicestest::childHome();
+    const std::string target = home + "/keep.txt";
+    servicestest::writeFile(target, "data");
+    ASSERT_EQ(::chown(home.c_str(), 65534, 65534), 0);
+    ASSERT_EQ(::chown(target.c_str(), 0, 0), 0);
+    ASSERT_EQ(::setgroups(0, nullptr), 0);
+    ASSERT_EQ(::setgid(65534), 0);
+    ASSERT_EQ(::setuid(65534), 0);
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+
+    auto& auth = TQAuthorization::sharedController(true);
+    corvina::ScopedSystemLogCapture capture;
+    EXPECT_TRUE(auth.canAuthorize());
+    EXPECT_FALSE(auth.authStart());
+    EXPECT_EQ(auth.authExecTask("/bin/touch", {home + "/made-async"}), -1);
+    EXPECT_EQ(auth.authExecTask("/bin/touch", {home + "/made"}, false), -1);
+    EXPECT_FALSE(auth.authRemoveFile(target));
+    EXPECT_FALSE(auth.authRemoveFile("/"));
+    EXPECT_THAT(capture.messages(), Contains("Unable to delete path / because it is a system directory."));
+
+    // Rights that were there once and have lapsed are noticed before anything is run.
+    auth.setAuthRef(TQAuthorization::AuthRef{"nobody"});
+    EXPECT_TRUE(auth.isAuthorized());
+    EXPECT_EQ(auth.authExecTask("/bin/touch", {home + "/made"}, false), -1);
+    EXPECT_FALSE(auth.isAuthorized());
+    auth.setAuthRef(TQAuthorization::AuthRef{"nobody"});
+    EXPECT_FALSE(auth.authRemoveFile(target));
+
+    bool lapsed = false, refused = false;
+    for (const auto& m : capture.messages()) {
+        lapsed |= m.rfind("Authorization lapsed: ", 0) == 0;
+        refused |= m.rfind("Authorization refused: ", 0) == 0;
+    }
+    EXPECT_TRUE(lapsed);
+    EXPECT_TRUE(refused);
+    TQLog::finishWriting();
+    bool logged = false;
+    for (const auto& l : servicestest::logEntries(servicestest::childLogPath())) {
+        logged |= l.rfind("Authorization refused: ", 0) == 0;
+    }
+    EXPECT_TRUE(logged) << "the reason is in the program's log too";
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // an asynchronous start would have run by now
+    EXPECT_TRUE(std::filesystem::exists(target));
+    EXPECT_FALSE(std::filesystem::exists(home + "/made"));
+    EXPECT_FALSE(std::filesystem::exists(home + "/made-async"));
+}
+
+TEST(TQAuthorizationUnprivileged, RefusesCleanlyWithoutAnyPrompt)
+{
+    if (::getuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    if (!corvina::isExecutablePath("/usr/bin/sudo")) GTEST_SKIP() << "sudo is not installed";
+    Scratch home;
+    const auto run = childtest::runTestOnTerminal("TQAuthorizationChild.DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt",
+                                                  home.path(), {}, std::chrono::seconds(120));
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.output.find("assword"), std::string::npos) << "asked on the terminal:\n" << run.output;
 }

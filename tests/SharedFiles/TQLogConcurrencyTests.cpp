@@ -5,7 +5,12 @@
 #include <map>
 #include <thread>
 
+#include <regex>
+#include <set>
+
 #include "TQLog.h"
+#include "TQLogFile.h"
+#include "TQLogQueue.h"
 #include "TQLogTestSupport.h"
 
 using tqtest::Checks;
@@ -101,3 +106,208 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
     EXPECT_TRUE(r.exitedCleanly()) << r.status;
     EXPECT_EQ(r.failures, "");
 }
+
+namespace {
+
+struct Described {
+    int n;
+    std::string description() const { return "obj" + std::to_string(n); }
+};
+
+// Per-thread "t<thread> <line>" texts: each line exactly once, each thread's in order, up to
+// its last; from line 0 when fromStart.
+void expectEachLineOnceInOrder(const std::vector<std::string>& texts, int threads, int lines, bool fromStart,
+                               const std::function<void(bool, const std::string&)>& expect)
+{
+    std::vector<int> next(threads, -1);
+    for (const auto& text : texts) {
+        int t = -1, i = -1;
+        if (std::sscanf(text.c_str(), "t%d %d", &t, &i) != 2 || t < 0 || t >= threads)
+            continue;
+        if (next[t] < 0 && !fromStart)
+            next[t] = i;
+        if (next[t] < 0)
+            next[t] = 0;
+        expect(i == next[t], "thread " + std::to_string(t) + " expected " + std::to_string(next[t]) + " got " +
+                                 std::to_string(i));
+        next[t] = i + 1;
+    }
+    // Without the start, a thread whose lines all went with the older files shows none.
+    for (int t = 0; t < threads; ++t)
+        if (fromStart || next[t] >= 0)
+            expect(next[t] == lines, "thread " + std::to_string(t) + " ends at " + std::to_string(next[t]));
+}
+
+}  // namespace
+
+// Three producers against a stopped writer: they fill the queue to its bound and wait there;
+// once the writer runs, every entry arrives once, formatted as the caller would have, in
+// each producer's order.
+TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
+{
+    std::vector<std::string> got;
+    TQLogQueue queue([&](const TQLogTexts& texts) {
+        for (size_t i = 0; i < texts.size(); ++i)
+            got.emplace_back(texts[i]);
+    });
+    constexpr int kThreads = 3, kLines = 40000;
+    queue.setSuspended(true);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&queue, t] {
+            const Described object{t};
+            const std::string padding(60, 'p');
+            for (int i = 0; i < kLines; ++i) {
+                if (i % 7 == 3) {
+                    queue.pushText("  t" + std::to_string(t) + " " + std::to_string(i) + " text\n");
+                } else {
+                    const corvina::FormatArg args[] = {t, static_cast<unsigned>(i), 2.5f, object, 'c',
+                                                       std::string_view(padding), nullptr};
+                    queue.pushFormat("t%d %u %@ %@ %c %s %@ ", args);
+                }
+            }
+        });
+    }
+    while (queue.queuedBytes() < TQLogQueue::kCapacity)
+        std::this_thread::yield();
+    EXPECT_LE(queue.queuedBytes(), TQLogQueue::kCapacity + 256) << "producers wait at the bound";
+    queue.setSuspended(false);
+    for (auto& th : threads)
+        th.join();
+    queue.waitUntilWritten();
+    EXPECT_EQ(queue.bytesInQueue(), 0u);
+    ASSERT_EQ(got.size(), size_t(kThreads) * kLines);
+    const std::string expected = "t1 8 2.5 obj1 c " + std::string(60, 'p') + " (null)";
+    EXPECT_NE(std::find(got.begin(), got.end(), expected), got.end()) << "formatted on the writer as on the caller";
+    EXPECT_NE(std::find(got.begin(), got.end(), "t2 3 text"), got.end()) << "texts trimmed";
+    std::string failures;
+    expectEachLineOnceInOrder(got, kThreads, kLines, true, [&](bool ok, const std::string& what) {
+        if (!ok && failures.size() < 2000)
+            failures += what + "\n";
+    });
+    EXPECT_EQ(failures, "");
+}
+
+namespace {
+
+std::string withoutDates(const std::string& text)
+{
+    static const std::regex date(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)");
+    return std::regex_replace(text, date, "DATE");
+}
+
+}  // namespace
+
+// One batch that restarts the file 3 to 12 times, written with and without skipping the files
+// it rotates out itself: the files left on disk are the same, and older runs' files are gone
+// exactly when five or more restarts rotate them out.
+TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
+{
+    TempDir dir;
+    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        for (int restarts : {3, 4, 5, 6, 12}) {
+            std::string files[2];
+            for (int shortcut = 0; shortcut < 2; ++shortcut) {
+                const std::string home = dir.path() + "/r" + std::to_string(restarts) + "s" + std::to_string(shortcut);
+                setenv("HOME", home.c_str(), 1);
+                setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
+                const std::string folder = home + "/Library/Logs/Brantwell";
+                for (int n = 1; n <= 5; ++n)
+                    tqtest::writeFile(folder + "/Tool." + std::to_string(n) + ".log", "old " + std::to_string(n) + "\n");
+                std::atomic<bool> disabled{false}, noPrinting{false};
+                TQLogFile file(disabled, noPrinting);
+                file.setBatchShortcut(shortcut == 1);
+                c.expect(file.open("Tool"), "opened");
+                TQLogTexts texts;
+                // 100-byte entries: 5000 to a file.
+                const int count = restarts * 5000 - 2500;
+                for (int i = 0; i < count; ++i) {
+                    char text[80];
+                    std::snprintf(text, sizeof text, "entry %08d %-56s", i, "x");
+                    texts.push(std::string_view(text, 71));
+                }
+                file.write(texts);
+                file.write(texts);  // a second batch goes on from where the first ended
+                const std::string what = std::to_string(restarts) + (shortcut ? " with" : " without");
+                const uint64_t taken = file.shortcutsTaken();
+                c.expect(shortcut ? (restarts >= 6 ? taken > 0 : restarts > 4 || taken == 0) : taken == 0,
+                         what + " shortcuts " + std::to_string(taken));
+                for (int n = 1; n <= 5; ++n)
+                    files[shortcut] += "--" + std::to_string(n) + "\n" +
+                                       withoutDates(tqtest::readFile(folder + "/Tool." + std::to_string(n) + ".log"));
+                c.expect(file.bytesWritten() == fs::file_size(folder + "/Tool.1.log"), what + " bytesWritten");
+            }
+            c.expect(files[0] == files[1], std::to_string(restarts) + " restarts: files differ");
+            c.expect(files[0].find("old ") == std::string::npos, std::to_string(restarts) + " old files rotated out");
+        }
+    });
+    EXPECT_TRUE(r.exitedCleanly()) << r.status;
+    EXPECT_EQ(r.failures, "");
+}
+
+// Three producers across many restarts, the writer held now and then so that batches cross
+// several restarts at once; with and without the shortcut. The five files kept hold each
+// thread's last lines without a gap or a repeat, and every file is cut where it should be.
+class TQLogConcurrencyRestarts : public ::testing::TestWithParam<bool> {};
+
+TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
+{
+    const bool shortcut = GetParam();
+    TempDir dir;
+    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        TQLog::setBatchShortcutForTesting(shortcut);
+        TQLog::createNewLog("Tool");
+        constexpr int kThreads = 3, kLines = 40000;
+        std::atomic<int> done{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([t, &done] {
+                for (int i = 0; i < kLines; ++i) {
+                    if (i % 5000 == 4999)
+                        TQLog::appendLog("t%d %d", t, i);
+                    else
+                        TQLog::fastAppendLog("t%d %d padding the line to about a hundred bytes %@", t, i,
+                                             std::string(40, '.'));
+                }
+                done++;
+            });
+        }
+        for (int round = 0; round < 3 && done < kThreads; ++round) {
+            TQLog::suspendWriterForTesting(true);
+            while (TQLog::sharedController().queuedEntryCount() < 70000 && done < kThreads)
+                std::this_thread::yield();
+            TQLog::suspendWriterForTesting(false);
+        }
+        for (auto& th : threads)
+            th.join();
+        TQLog::finishWriting();
+        c.expect(TQLog::sharedController().bytesInQueue() == 0, "queue drained");
+        c.expect((TQLog::batchShortcutsForTesting() > 0) == shortcut,
+                 "shortcuts taken: " + std::to_string(TQLog::batchShortcutsForTesting()));
+
+        const std::string folder = dir.path() + "/Library/Logs/Brantwell";
+        std::vector<std::string> texts;
+        for (int n = 5; n >= 1; --n) {
+            const std::string text = tqtest::readFile(folder + "/Tool." + std::to_string(n) + ".log");
+            const auto ls = tqtest::lines(text);
+            c.expect(ls.size() > 6, "file " + std::to_string(n) + " has lines");
+            if (ls.size() <= 6)
+                continue;
+            c.expect(tqtest::entryText(ls[0]).rfind("Log started: ", 0) == 0, "file " + std::to_string(n) + " header");
+            c.expect(tqtest::entryText(ls[5]) == "Log truncated at 500KB", "file " + std::to_string(n) + " truncation line");
+            if (n > 1)
+                c.expect(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000,
+                         "file " + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
+            for (const auto& l : ls)
+                texts.push_back(tqtest::entryText(l));
+        }
+        expectEachLineOnceInOrder(texts, kThreads, kLines, false, [&](bool ok, const std::string& what) {
+            if (c.failures.size() < 2000)
+                c.expect(ok, what);
+        });
+    });
+    EXPECT_TRUE(r.exitedCleanly()) << r.status;
+    EXPECT_EQ(r.failures, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Shortcut, TQLogConcurrencyRestarts, ::testing::Bool());

@@ -330,6 +330,51 @@ TEST(TQLogWriting, TextsAsWritten)
     EXPECT_EQ(r.out, "Done: 100%% ok\n\n50%% and 3\n");
 }
 
+namespace {
+struct Clip {
+    std::string description() const { return " clip 7% "; }
+};
+}  // namespace
+
+// fastAppendLog hands its format and arguments to the writer to format; each row must come
+// out as appendLog, which formats on the caller's thread, writes it.
+TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
+{
+    TempDir dir;
+    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        TQLog::createNewLog("Tool");
+        const Clip clip;
+        const char* none = nullptr;
+        const std::string text = "  padded\n";
+        int count = 0;
+        auto both = [&](auto... args) {
+            TQLog::appendLog(args...);
+            TQLog::fastAppendLog(args...);
+            count += 2;
+        };
+        both("index %u,%u...", 7u, 4294967295u);
+        both("%d %i %ld %lld %x %X %o", -5, 42, -1L, 1LL << 40, 255, 255u, 8);
+        both("%@ / %s / %@", clip, none, text);
+        both("%5.1f|%0.2f|%e|%g|%@|%@", 2.25, 1.0 / 3, 12345.678, 0.0001, 29.97f, 29.97);
+        both("%c%c %p %@", 'a', static_cast<unsigned char>('b'), static_cast<const void*>(&clip), nullptr);
+        both("%2$@ then %1$@", std::string("one"), std::string("two"));
+        both("Progress: 50% done %d", 3);
+        both("%@", std::string(" \t "));  // nothing left after trimming
+        both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
+        TQLog::finishWriting();
+        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
+        std::vector<std::string> texts;
+        for (size_t i = ls.size() >= 16 ? ls.size() - 16 : 0; i < ls.size(); ++i)
+            texts.push_back(tqtest::entryText(ls[i]));
+        c.expect(texts.size() == 16 && count == 18, "entries " + std::to_string(texts.size()));
+        for (size_t i = 0; i + 1 < texts.size(); i += 2)
+            c.equal(texts[i + 1], texts[i], "row " + std::to_string(i / 2));
+        c.expect(texts.size() == 16 && texts[0] == "index 7,4294967295...", texts.empty() ? "" : texts[0]);
+        c.expect(texts.size() == 16 && texts[4] == "clip 7%  / (null) /   padded", texts.size() > 4 ? texts[4] : "");
+    });
+    expectChildOk(r);
+}
+
 TEST(TQLogWriting, NothingWhenDisabled)
 {
     TempDir dir;

@@ -14,6 +14,8 @@
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
 
+extern char** environ;
+
 namespace corvina {
 
 namespace {
@@ -123,9 +125,11 @@ public:
 private:
     void run()
     {
-        writeText(out_, terminalPrompt(content_));
+        bool checked = content_.suppressionChecked;
+        writeText(out_, terminalPrompt(content_, checked));
         std::string line;
         int64_t code = kAlertDefaultReturn;
+        bool answered = false;
         for (;;) {
             pollfd fds[2] = {{in_, POLLIN, 0}, {cancel_.readEnd(), POLLIN, 0}};
             const int ready = ::poll(fds, cancel_.readEnd() >= 0 ? 2 : 1, -1);
@@ -142,22 +146,31 @@ private:
                 if (line.size() < 4096) line += c;
                 continue;
             }
+            if (isSuppressionToggle(content_, line)) {
+                checked = !checked;
+                line.clear();
+                writeText(out_, terminalPrompt(content_, checked));
+                continue;
+            }
             if (auto answer = terminalAnswer(content_, line)) {
                 code = *answer;
+                answered = true;
                 break;
             }
             line.clear();
             writeText(out_, "Please answer with one of the numbers shown.\n");
         }
-        finish(code);
+        finish(code, answered ? std::optional<bool>(checked) : std::nullopt);
     }
 
     // The completion may release the last reference to this session, so it is called from a
     // local and nothing of the session is touched afterwards.
-    void finish(int64_t code)
+    void finish(int64_t code, std::optional<bool> checked)
     {
         if (dismissed_) return;
         auto completion = std::move(completion_);
+        auto choice = std::move(content_.suppressionChoice);
+        if (checked && content_.suppressionBinding && choice) choice(*checked);
         if (completion) completion(code);
     }
 
@@ -187,6 +200,17 @@ private:
 };
 
 // --- Desktop dialog ------------------------------------------------------------------------
+
+Process::Environment currentEnvironment()
+{
+    Process::Environment env;
+    for (char** e = environ; e && *e; ++e) {
+        const std::string entry = *e;
+        const auto eq = entry.find('=');
+        if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+    }
+    return env;
+}
 
 class DialogSession final : public AlertSession {
 public:
@@ -220,6 +244,8 @@ private:
         while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r')) printed.pop_back();
         int64_t code = kAlertDefaultReturn;
         const int status = process_->terminationStatus();
+        std::optional<bool> checked;
+        if (status == 0 && content_.suppressionBinding) checked = printed == kSuppressionCheckBoxTitle;
         if (status == 1) {
             if (content_.otherButton && printed == *content_.otherButton) {
                 code = kAlertOtherReturn;
@@ -228,6 +254,8 @@ private:
             }
         }
         auto completion = std::move(completion_);
+        auto choice = std::move(content_.suppressionChoice);
+        if (checked && choice) choice(*checked);
         if (completion) completion(code);
     }
 
@@ -249,6 +277,13 @@ public:
         process->setArguments(dialogArguments(content));
         process->setStandardOutput(Process::Stream::Pipe);
         process->setStandardError(Process::Stream::Null);
+        // Without a session bus there is no accessibility bus either, and the dialog would
+        // wait for one at exit long after it was answered.
+        if (const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS"); !bus || !*bus) {
+            auto env = currentEnvironment();
+            env["NO_AT_BRIDGE"] = "1";
+            process->setEnvironment(std::move(env));
+        }
         try {
             process->launch();
         } catch (const PlatformException&) {
@@ -264,19 +299,6 @@ private:
     std::string zenity_;
 };
 
-std::optional<std::string> findProgram(const std::string& name)
-{
-    const char* path = std::getenv("PATH");
-    const std::string all = path ? path : "/usr/local/bin:/usr/bin:/bin";
-    size_t start = 0;
-    for (;;) {
-        const size_t end = all.find(':', start);
-        const std::string dir = all.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        if (!dir.empty() && isExecutablePath(dir + "/" + name)) return dir + "/" + name;
-        if (end == std::string::npos) return std::nullopt;
-        start = end + 1;
-    }
-}
 
 std::mutex& overrideMutex()
 {
@@ -313,7 +335,7 @@ AlertEnvironment AlertEnvironment::current()
     const char* x = std::getenv("DISPLAY");
     const char* w = std::getenv("WAYLAND_DISPLAY");
     env.displayAvailable = (x && *x) || (w && *w);
-    env.zenityPath = findProgram("zenity");
+    env.zenityPath = findProgramOnPath("zenity");
     env.inputIsTerminal = ::isatty(STDIN_FILENO) == 1;
     env.outputIsTerminal = ::isatty(STDOUT_FILENO) == 1;
     return env;
@@ -356,25 +378,47 @@ std::vector<std::string> dialogArguments(const AlertContent& content)
     if (!content.informativeText.empty()) text += (text.empty() ? "" : "\n\n") + content.informativeText;
     std::vector<std::string> args;
     const bool question = content.alternateButton.has_value();
-    args.push_back(question ? "--question" : "--info");
-    args.push_back("--no-markup");
+    const bool checkBox = content.suppressionBinding.has_value();
+    if (checkBox) {
+        args = {"--list", "--checklist", "--hide-header", "--column=", "--column="};
+    } else {
+        args.push_back(question ? "--question" : "--info");
+        args.push_back("--no-markup");
+    }
     args.push_back("--title=" + content.messageText);
     args.push_back("--text=" + text);
     args.push_back("--ok-label=" + content.defaultButtonTitle());
     if (question) args.push_back("--cancel-label=" + *content.alternateButton);
     if (content.otherButton) args.push_back("--extra-button=" + *content.otherButton);
+    if (checkBox) {
+        args.push_back(content.suppressionChecked ? "TRUE" : "FALSE");
+        args.push_back(kSuppressionCheckBoxTitle);
+    }
     return args;
 }
 
-std::string terminalPrompt(const AlertContent& content)
+std::string terminalPrompt(const AlertContent& content, bool checked)
 {
     std::string text = "\n" + content.messageText + "\n";
     if (!content.informativeText.empty()) text += content.informativeText + "\n";
     text += "  1) " + content.defaultButtonTitle();
     if (content.alternateButton) text += "   2) " + *content.alternateButton;
     if (content.otherButton) text += "   3) " + *content.otherButton;
+    if (content.suppressionBinding) {
+        text += std::string("\n  s) [") + (checked ? "x" : " ") + "] " + kSuppressionCheckBoxTitle;
+    }
     text += "\nChoice [1]: ";
     return text;
+}
+
+bool isSuppressionToggle(const AlertContent& content, const std::string& line)
+{
+    if (!content.suppressionBinding) return false;
+    std::string answer;
+    for (char c : line) {
+        if (c != ' ' && c != '\t' && c != '\r') answer += c;
+    }
+    return answer == "s" || answer == "S";
 }
 
 std::optional<int64_t> terminalAnswer(const AlertContent& content, const std::string& line)

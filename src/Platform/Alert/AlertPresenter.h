@@ -25,7 +25,12 @@ struct AlertContent {
     std::optional<std::string> alternateButton;
     std::optional<std::string> otherButton;
     std::string informativeText;  // shown literally
+    // With a binding, the alert shows a "Do not show this message again" check box, first in
+    // the state given here; a person's answer reports the box's final state to
+    // suppressionChoice (before the completion). Nobody to ask: nothing is reported.
     std::optional<std::string> suppressionBinding;
+    bool suppressionChecked = false;
+    std::function<void(bool checked)> suppressionChoice;
 
     std::string defaultButtonTitle() const { return defaultButton.value_or("OK"); }
 };
@@ -72,10 +77,15 @@ std::shared_ptr<AlertPresenter> currentAlertPresenter();
 // Tests (and embedding programs) choose the presenter; null goes back to the automatic choice.
 void setAlertPresenterOverride(std::shared_ptr<AlertPresenter> presenter);
 
-// The zenity command line for an alert, without the program itself.
+inline constexpr const char* kSuppressionCheckBoxTitle = "Do not show this message again";
+
+// The zenity command line for an alert, without the program itself. An alert with a check
+// box is a one-row check list, whose printed row tells that the box was checked.
 std::vector<std::string> dialogArguments(const AlertContent& content);
 // The prompt written on the terminal, and the code an answer line selects (none: ask again).
-std::string terminalPrompt(const AlertContent& content);
+// With a check box, the answer "s" toggles it (checked tells its current state).
+std::string terminalPrompt(const AlertContent& content, bool checked = false);
 std::optional<int64_t> terminalAnswer(const AlertContent& content, const std::string& line);
+bool isSuppressionToggle(const AlertContent& content, const std::string& line);
 
 }  // namespace corvina

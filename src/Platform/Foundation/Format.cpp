@@ -109,7 +109,7 @@ void FormatArg::appendDescription(std::string& out) const
         break;
     case Kind::Object:
         if (describe_) describe_(p_, out);
-        else out += "(null)";
+        else out += s_;
         break;
     case Kind::Pointer:
         appendPointer(out, p_);

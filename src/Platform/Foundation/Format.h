@@ -60,13 +60,25 @@ public:
     {
     }
 
+    // An object described ahead of time: "%@" shows the text, "%p" the object's address.
+    static FormatArg describedObject(const void* object, std::string_view description)
+    {
+        FormatArg arg;
+        arg.kind_ = Kind::Object;
+        arg.p_ = object;
+        arg.s_ = description;
+        return arg;
+    }
+
     Kind kind() const { return kind_; }
+    bool isSingle() const { return single_; }
     int64_t asSigned() const;
     uint64_t asUnsigned() const;
     double asDouble() const;
     // Appends what "%@" shows for this argument: strings as they are, numbers in their
     // shortest form, objects by description(), none as "(null)".
     void appendDescription(std::string& out) const;
+    // The text of a String, or the ahead-of-time description of an Object.
     std::string_view stringView() const { return s_; }
     const void* pointer() const { return p_; }
 

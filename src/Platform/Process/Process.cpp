@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -99,6 +100,20 @@ bool isExecutablePath(const std::string& path)
     return ::access(path.c_str(), X_OK) == 0;
 }
 
+std::optional<std::string> findProgramOnPath(const std::string& name)
+{
+    const char* path = std::getenv("PATH");
+    const std::string all = path ? path : "/usr/local/bin:/usr/bin:/bin";
+    size_t start = 0;
+    for (;;) {
+        const size_t end = all.find(':', start);
+        const std::string dir = all.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (!dir.empty() && isExecutablePath(dir + "/" + name)) return dir + "/" + name;
+        if (end == std::string::npos) return std::nullopt;
+        start = end + 1;
+    }
+}
+
 Process::~Process()
 {
     closePipes();
@@ -131,7 +146,7 @@ void Process::launch()
         }
     };
     try {
-        makePipe(inPipe);
+        if (stdin_ == Stream::Pipe) makePipe(inPipe);
         if (stdout_ == Stream::Pipe) makePipe(outPipe);
         if (stderr_ == Stream::Pipe) makePipe(errPipe);
     } catch (...) {
@@ -140,7 +155,11 @@ void Process::launch()
     }
 
     FileActions fa;
-    posix_spawn_file_actions_adddup2(&fa.actions, inPipe[0], STDIN_FILENO);
+    if (stdin_ == Stream::Pipe) {
+        posix_spawn_file_actions_adddup2(&fa.actions, inPipe[0], STDIN_FILENO);
+    } else if (stdin_ == Stream::Null) {
+        posix_spawn_file_actions_addopen(&fa.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
     if (stdout_ == Stream::Pipe) {
         posix_spawn_file_actions_adddup2(&fa.actions, outPipe[1], STDOUT_FILENO);
     } else if (stdout_ == Stream::Null) {
@@ -191,7 +210,7 @@ void Process::launch()
     closeFd(inPipe[0]);
     closeFd(outPipe[1]);
     closeFd(errPipe[1]);
-    if (!stdinData_.empty()) {
+    if (!stdinData_.empty() && inPipe[1] >= 0) {
         // Ignore SIGPIPE for this write only if the tool is gone: MSG_NOSIGNAL needs a socket,
         // so block the signal on this thread while writing.
         sigset_t pipeSet, old;
@@ -235,6 +254,30 @@ void Process::readToEnd(Bytes* output, Bytes* error)
         }
     }
     closePipes();
+}
+
+Process::ChunkResult Process::readOutputChunk(Bytes& chunk, int wakeFd)
+{
+    std::array<uint8_t, 65536> buffer;
+    while (outFd_ >= 0) {
+        pollfd fds[2] = {{outFd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+        const int ready = ::poll(fds, wakeFd >= 0 ? 2 : 1, -1);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (wakeFd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) return ChunkResult::Woken;
+        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) continue;
+        const ssize_t got = ::read(outFd_, buffer.data(), buffer.size());
+        if (got > 0) {
+            chunk.insert(chunk.end(), buffer.data(), buffer.data() + got);
+            return ChunkResult::Data;
+        }
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        break;
+    }
+    closeFd(outFd_);
+    return ChunkResult::End;
 }
 
 void Process::closePipes()

@@ -22,6 +22,8 @@ namespace corvina {
 bool isPackagePath(const std::string& path);
 // Exists, is a regular file the caller may execute, and is not a package folder.
 bool isExecutablePath(const std::string& path);
+// The first executable of that name in the folders of $PATH; none when there is none.
+std::optional<std::string> findProgramOnPath(const std::string& name);
 
 class Process {
 public:
@@ -44,6 +46,8 @@ public:
     void setStandardError(Stream s) { stderr_ = s; }
     // Bytes written to the tool's standard input right after launch; then it is closed.
     void setStandardInputData(std::string data) { stdinData_ = std::move(data); }
+    // Standard input is an empty (or fed) pipe by default; Inherit leaves the caller's.
+    void setStandardInput(Stream s) { stdin_ = s; }
 
     // Throws PlatformException (invalid argument) when the process cannot be started or
     // was launched already.
@@ -54,6 +58,12 @@ public:
     void readToEnd(Bytes* output, Bytes* error);
     // Closes the read ends without reading.
     void closePipes();
+
+    // Waits for the next bytes of the captured standard output and appends them to chunk.
+    // Data: bytes were appended; End: the stream reached end of file (the read end is then
+    // closed); Woken: wakeFd became readable first (nothing is read from it).
+    enum class ChunkResult { Data, End, Woken };
+    ChunkResult readOutputChunk(Bytes& chunk, int wakeFd = -1);
 
     void waitUntilExit();
     bool isRunning();
@@ -74,6 +84,7 @@ private:
     std::optional<Environment> environment_;
     Stream stdout_ = Stream::Pipe;
     Stream stderr_ = Stream::Pipe;
+    Stream stdin_ = Stream::Pipe;
     std::string stdinData_;
 
     pid_t pid_ = -1;

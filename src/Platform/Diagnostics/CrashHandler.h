@@ -1,0 +1,33 @@
+// Crash reports written by the program itself: a handler for the fatal signals (SIGSEGV,
+// SIGBUS, SIGILL, SIGFPE, SIGABRT) writes "{program}_{YYYY-MM-DD-HHMMSS}_{host}.crash" into
+// a report folder, then lets the signal end the process as it would have without it.
+//
+// The handler only uses async-signal-safe calls: everything it needs (names, folder, the
+// local time offset, the host name) is prepared when it is installed; the backtrace machinery
+// is loaded then as well.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace corvina {
+
+struct CrashReportSettings {
+    std::string program;  // report names begin with it
+    std::string folder;   // created when missing
+    std::string logPath;  // the last lines of this file go into the report; may be empty
+};
+
+// Installs (or re-installs with new settings) the handler on every fatal signal. Call it
+// from the main thread before other threads start. Returns false when a setting is too long
+// to be held for the handler, or a signal could not be taken over.
+bool installCrashHandler(const CrashReportSettings& settings);
+// Gives the fatal signals back to the actions they had before the installation.
+void removeCrashHandler();
+
+// The report's file name for a time in seconds since the epoch, with the local time's offset
+// from UTC in seconds. The handler forms its names with the same code.
+std::string crashReportName(std::string_view program, std::time_t when, long utcOffset, std::string_view host);
+
+}  // namespace corvina

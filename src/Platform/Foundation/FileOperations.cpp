@@ -1,0 +1,220 @@
+#include "FileOperations.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+namespace corvina {
+
+namespace {
+
+struct Fd {
+    int fd = -1;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd()
+    {
+        if (fd >= 0) ::close(fd);
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+};
+
+// The error carries the system's text alone, as the callers' log lines name the path.
+bool fail(Error* error, int err, const std::string&)
+{
+    if (error) *error = Error::fromErrno(err);
+    return false;
+}
+
+int copyBytes(int in, int out)
+{
+    // copy_file_range lets the file system share or clone extents; plain reads and writes
+    // take over where it is not available (older kernels, some pairs of file systems).
+    bool plain = false;
+    for (;;) {
+        if (!plain) {
+            const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+            if (n > 0) continue;
+            if (n == 0) return 0;
+            if (errno == EINTR) continue;
+            if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP && errno != EBADF)
+                return errno;
+            plain = true;
+        }
+        char buffer[1 << 16];
+        const ssize_t n = ::read(in, buffer, sizeof buffer);
+        if (n == 0) return 0;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(out, buffer + done, static_cast<size_t>(n - done));
+            if (w < 0) {
+                if (errno == EINTR) continue;
+                return errno;
+            }
+            done += w;
+        }
+    }
+}
+
+// User attributes carry labels and progress; the other namespaces need privileges or belong
+// to the file system.
+void copyUserAttributes(int in, int out)
+{
+    const ssize_t size = ::flistxattr(in, nullptr, 0);
+    if (size <= 0) return;
+    std::string names(static_cast<size_t>(size), '\0');
+    const ssize_t got = ::flistxattr(in, names.data(), names.size());
+    if (got <= 0) return;
+    names.resize(static_cast<size_t>(got));
+    for (size_t pos = 0; pos < names.size();) {
+        const std::string name = names.c_str() + pos;
+        pos += name.size() + 1;
+        if (name.rfind("user.", 0) != 0) continue;
+        const ssize_t len = ::fgetxattr(in, name.c_str(), nullptr, 0);
+        if (len < 0) continue;
+        std::string value(static_cast<size_t>(len), '\0');
+        const ssize_t vlen = ::fgetxattr(in, name.c_str(), value.data(), value.size());
+        if (vlen >= 0) ::fsetxattr(out, name.c_str(), value.data(), static_cast<size_t>(vlen), 0);
+    }
+}
+
+void keepMetadata(int out, const struct stat& st)
+{
+    ::fchmod(out, st.st_mode & 07777);
+    if (::geteuid() == 0) {
+        if (::fchown(out, st.st_uid, st.st_gid) == 0) ::fchmod(out, st.st_mode & 07777);
+    }
+    const struct timespec times[2] = {st.st_atim, st.st_mtim};
+    ::futimens(out, times);
+}
+
+// Returns 0 or the errno of the first failure. Whatever was created stays for the caller to
+// remove.
+int copyTree(const std::string& from, const std::string& to)
+{
+    struct stat st {};
+    if (::lstat(from.c_str(), &st) != 0) return errno;
+    if (S_ISLNK(st.st_mode)) {
+        std::string target(static_cast<size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
+        const ssize_t n = ::readlink(from.c_str(), target.data(), target.size());
+        if (n < 0) return errno;
+        target.resize(static_cast<size_t>(n));
+        if (::symlink(target.c_str(), to.c_str()) != 0) return errno;
+        if (::geteuid() == 0) ::lchown(to.c_str(), st.st_uid, st.st_gid);
+        return 0;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        if (::mkdir(to.c_str(), 0700) != 0) return errno;
+        Fd in(::open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (in.fd < 0) return errno;
+        for (const auto& name : directoryContents(from)) {
+            if (const int err = copyTree(from + "/" + name, to + "/" + name)) return err;
+        }
+        Fd out(::open(to.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (out.fd < 0) return errno;
+        copyUserAttributes(in.fd, out.fd);
+        keepMetadata(out.fd, st);
+        return 0;
+    }
+    if (S_ISFIFO(st.st_mode)) {
+        if (::mkfifo(to.c_str(), st.st_mode & 07777) != 0) return errno;
+        return 0;
+    }
+    if (!S_ISREG(st.st_mode)) return ENOTSUP;
+    Fd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (in.fd < 0) return errno;
+    Fd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (out.fd < 0) return errno;
+    if (const int err = copyBytes(in.fd, out.fd)) return err;
+    copyUserAttributes(in.fd, out.fd);
+    keepMetadata(out.fd, st);
+    if (::close(out.fd) != 0) {
+        out.fd = -1;
+        return errno;
+    }
+    out.fd = -1;
+    return 0;
+}
+
+bool isInside(const std::string& inner, const std::string& outer)
+{
+    std::error_code ec;
+    const auto a = std::filesystem::weakly_canonical(inner, ec).string();
+    if (ec) return false;
+    const auto b = std::filesystem::weakly_canonical(outer, ec).string();
+    if (ec) return false;
+    return a == b || (a.size() > b.size() && a.compare(0, b.size(), b) == 0 && (b == "/" || a[b.size()] == '/'));
+}
+
+}  // namespace
+
+bool itemExists(const std::string& path)
+{
+    struct stat st {};
+    return !path.empty() && ::lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> directoryContents(const std::string& path)
+{
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
+    if (!dir) return names;
+    while (const dirent* e = ::readdir(dir.get())) {
+        const std::string name = e->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+    }
+    return names;
+}
+
+bool copyItem(const std::string& from, const std::string& to, Error* error)
+{
+    if (!itemExists(from)) return fail(error, ENOENT, from);
+    if (itemExists(to)) return fail(error, EEXIST, to);
+    if (isInside(to, from)) return fail(error, EINVAL, to);
+    if (const int err = copyTree(from, to)) {
+        // Nothing was at the destination before: what is there now is this copy's own.
+        std::error_code ec;
+        std::filesystem::remove_all(to, ec);
+        return fail(error, err, from);
+    }
+    return true;
+}
+
+bool moveItem(const std::string& from, const std::string& to, Error* error)
+{
+    if (!itemExists(from)) return fail(error, ENOENT, from);
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    int err = errno;
+    if (err == EINVAL || err == ENOSYS || err == ENOTSUP) {
+        // A file system without the no-replace rename: test first, then rename.
+        if (itemExists(to)) return fail(error, EEXIST, to);
+        if (isInside(to, from)) return fail(error, EINVAL, to);
+        if (::rename(from.c_str(), to.c_str()) == 0) return true;
+        err = errno;
+    }
+    if (err != EXDEV) return fail(error, err, from);
+    if (!copyItem(from, to, error)) return false;
+    // The copy is complete: only now may the original go. Should that fail half-way, the
+    // copy stays, since the original may be partly gone.
+    return removeItem(from, error);
+}
+
+bool removeItem(const std::string& path, Error* error)
+{
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
+    if (ec) return fail(error, ec.value(), path);
+    return true;
+}
+
+}  // namespace corvina

@@ -1,0 +1,472 @@
+#include "TQLogQueue.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "Foundation/StringUtils.h"
+
+namespace {
+
+using corvina::FormatArg;
+using Kind = FormatArg::Kind;
+
+// Entries back to back. Every entry starts with its size (8 bytes) and its kind (1 byte):
+//   text:   length in UTF-16 code units (8), the trimmed text
+//   format: argument count (1), format length (4), the format, then per argument a tag (1)
+//           and its value: 8 bytes for numbers and pointers, 1 for a character, length (4)
+//           and bytes for a string, pointer (8), length (4) and bytes for an object.
+enum : uint8_t { kTextEntry = 0, kFormatEntry = 1 };
+enum : uint8_t { kNone, kSigned, kUnsigned, kDouble, kFloat, kChar, kString, kPointer, kObject };
+constexpr size_t kTextHead = 8 + 1 + 8;
+constexpr size_t kFormatHead = 8 + 1 + 1 + 4;
+constexpr size_t kStackEntry = 320;
+constexpr size_t kInlineArgs = 16;
+
+constexpr size_t kCoalesceEntries = 64;  // batches this large suggest a steady stream
+constexpr auto kCoalescePause = std::chrono::milliseconds(2);
+constexpr size_t kReserved = TQLogQueue::kCapacity + (64 << 10);
+constexpr size_t kKeptCapacity = 2 * TQLogQueue::kCapacity;  // buffer kept between batches
+
+template <class T>
+char* put(char* at, T value)
+{
+    std::memcpy(at, &value, sizeof value);
+    return at + sizeof value;
+}
+
+char* putBytes(char* at, std::string_view bytes)
+{
+    at = put(at, static_cast<uint32_t>(bytes.size()));
+    std::memcpy(at, bytes.data(), bytes.size());
+    return at + bytes.size();
+}
+
+template <class T>
+T get(const char*& at)
+{
+    T value;
+    std::memcpy(&value, at, sizeof value);
+    at += sizeof value;
+    return value;
+}
+
+std::string_view getBytes(const char*& at)
+{
+    const uint32_t size = get<uint32_t>(at);
+    std::string_view bytes(at, size);
+    at += size;
+    return bytes;
+}
+
+// utf16Length with a shortcut for plain ASCII, eight bytes at a time.
+uint64_t utf16LengthFast(std::string_view text)
+{
+    size_t i = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        if (word & 0x8080808080808080ull)
+            return corvina::utf16Length(text);
+    }
+    for (; i < text.size(); ++i) {
+        if (static_cast<unsigned char>(text[i]) & 0x80)
+            return corvina::utf16Length(text);
+    }
+    return text.size();
+}
+
+// An entry being built: on the stack when small.
+class EntryBuffer {
+public:
+    explicit EntryBuffer(size_t size)
+    {
+        if (size > sizeof stack_) {
+            heap_ = std::make_unique<char[]>(size);
+            data_ = heap_.get();
+        }
+    }
+    char* data() { return data_; }
+
+private:
+    char stack_[kStackEntry];
+    std::unique_ptr<char[]> heap_;
+    char* data_ = stack_;
+};
+
+}  // namespace
+
+TQLogQueue::TQLogQueue(Sink sink) : sink_(std::move(sink)) {}
+
+TQLogQueue::~TQLogQueue() { shutdown(std::numeric_limits<size_t>::max()); }
+
+// ---- callers
+
+void TQLogQueue::pushText(std::string_view text)
+{
+    const std::string_view trimmed = corvina::trimWhitespaceAndNewlines(text);
+    if (trimmed.empty())
+        return;
+    const uint64_t length16 = utf16LengthFast(trimmed);
+    const size_t size = kTextHead + trimmed.size();
+    EntryBuffer entry(size);
+    char* at = put(entry.data(), static_cast<uint64_t>(size));
+    at = put(at, kTextEntry);
+    at = put(at, length16);
+    std::memcpy(at, trimmed.data(), trimmed.size());
+    push(std::string_view(entry.data(), size), length16);
+}
+
+void TQLogQueue::pushFormat(std::string_view format, std::span<const FormatArg> args)
+{
+    if (args.size() > 255 || format.size() > std::numeric_limits<uint32_t>::max()) {
+        pushText(corvina::formatv(format, args));
+        return;
+    }
+    size_t size = kFormatHead + format.size();
+    bool objects = false;
+    for (const FormatArg& arg : args) {
+        switch (arg.kind()) {
+        case Kind::None: size += 1; break;
+        case Kind::Char: size += 2; break;
+        case Kind::String: size += 5 + arg.stringView().size(); break;
+        case Kind::Object: objects = true; break;
+        default: size += 9; break;
+        }
+    }
+    // Objects describe themselves before anything is queued (a description may log too).
+    std::string described;
+    std::vector<size_t> describedEnds;
+    if (objects) {
+        for (const FormatArg& arg : args) {
+            if (arg.kind() == Kind::Object) {
+                arg.appendDescription(described);
+                describedEnds.push_back(described.size());
+            }
+        }
+        size += 13 * describedEnds.size() + described.size();
+    }
+    if (described.size() > std::numeric_limits<uint32_t>::max()) {
+        pushText(corvina::formatv(format, args));
+        return;
+    }
+
+    EntryBuffer entry(size);
+    char* at = put(entry.data(), static_cast<uint64_t>(size));
+    at = put(at, kFormatEntry);
+    at = put(at, static_cast<uint8_t>(args.size()));
+    at = putBytes(at, format);
+    size_t object = 0;
+    for (const FormatArg& arg : args) {
+        switch (arg.kind()) {
+        case Kind::None:
+            at = put(at, kNone);
+            break;
+        case Kind::Signed:
+            at = put(put(at, kSigned), arg.asSigned());
+            break;
+        case Kind::Unsigned:
+            at = put(put(at, kUnsigned), arg.asUnsigned());
+            break;
+        case Kind::Double:
+            at = put(put(at, arg.isSingle() ? kFloat : kDouble), arg.asDouble());
+            break;
+        case Kind::Char:
+            at = put(put(at, kChar), static_cast<uint8_t>(arg.asSigned()));
+            break;
+        case Kind::String:
+            at = putBytes(put(at, kString), arg.stringView());
+            break;
+        case Kind::Pointer:
+            at = put(put(at, kPointer), reinterpret_cast<uint64_t>(arg.pointer()));
+            break;
+        case Kind::Object: {
+            const size_t begin = object == 0 ? 0 : describedEnds[object - 1];
+            const size_t end = describedEnds[object++];
+            at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
+            at = putBytes(at, std::string_view(described).substr(begin, end - begin));
+            break;
+        }
+        }
+    }
+    push(std::string_view(entry.data(), size), format.size());
+}
+
+void TQLogQueue::push(std::string_view entry, uint64_t length16)
+{
+    bool wake = false;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (shutDown_)
+            return;
+        startWriterLocked();
+        // Full: wait for the writer to take what is there (never on the writer itself).
+        if (pending_.size() >= kCapacity && writerRunning_ && !isWriterThread()) {
+            ++roomWaiters_;
+            queueCv_.notify_one();
+            roomCv_.wait(lock, [&] { return pending_.size() < kCapacity || shutDown_; });
+            --roomWaiters_;
+            if (shutDown_)
+                return;
+        }
+        bytesInQueue_.fetch_add(length16, std::memory_order_relaxed);
+        wake = pending_.empty() && writerIdle_;
+        pending_.append(entry);
+        ++pushedSeq_;
+        if (pending_.size() >= kCapacity / 2 && !behind_.load(std::memory_order_relaxed))
+            behind_.store(true, std::memory_order_relaxed);
+    }
+    if (wake)
+        queueCv_.notify_one();
+}
+
+// ---- the writer
+
+void TQLogQueue::startWriterLocked()
+{
+    // A fork()ed child clears writerRunning_ (resetInChild), so no pid check is needed here.
+    if (writerRunning_)
+        return;
+    if (pthread_create(&writerThread_, nullptr, &TQLogQueue::writerMain, this) != 0)
+        return;
+    writerRunning_ = true;
+    writerPid_ = getpid();
+}
+
+void* TQLogQueue::writerMain(void* self)
+{
+    static_cast<TQLogQueue*>(self)->writerLoop();
+    return nullptr;
+}
+
+void TQLogQueue::writerLoop()
+{
+    writerId_.store(std::this_thread::get_id());
+    // Both buffers are made large enough for a full queue at once: growing them entry by
+    // entry would copy what they hold over and over.
+    std::string batch;
+    batch.reserve(kReserved);
+    TQLogTexts texts;
+    std::unique_lock<std::mutex> lock(mutex_);
+    pending_.reserve(kReserved);
+    for (;;) {
+        writerIdle_ = true;
+        queueCv_.wait(lock, [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
+        writerIdle_ = false;
+        if (pending_.empty())
+            break;
+        batch.swap(pending_);
+        behind_.store(false, std::memory_order_relaxed);
+        const uint64_t last = pushedSeq_;
+        const size_t entries = static_cast<size_t>(last - takenSeq_);
+        takenSeq_ = last;
+        const bool room = roomWaiters_ > 0;
+        lock.unlock();
+        if (room)
+            roomCv_.notify_all();
+
+        const uint64_t handled16 = unpack(batch, texts);
+        if (!texts.empty())
+            sink_(texts);
+        bytesInQueue_.fetch_sub(handled16, std::memory_order_relaxed);
+        texts.clear();
+        batch.clear();
+        if (batch.capacity() > kKeptCapacity)
+            batch.shrink_to_fit();
+        texts.trim(kKeptCapacity);
+
+        lock.lock();
+        writtenSeq_ = last;
+        if (flushWaiters_ > 0)
+            doneCv_.notify_all();
+        // Under a steady stream, pause briefly so that the next batch is a large one: one
+        // write call and no wake-ups for thousands of lines. Anyone waiting for the writer
+        // (a flush, a full queue, shutdown) cuts the pause short.
+        if (entries >= kCoalesceEntries)
+            queueCv_.wait_for(lock, kCoalescePause, [&] { return stop_ || flushWaiters_ > 0 || roomWaiters_ > 0; });
+    }
+    writerId_.store(std::thread::id());
+}
+
+uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
+{
+    uint64_t handled16 = 0;
+    FormatArg inlineArgs[kInlineArgs];
+    std::vector<FormatArg> manyArgs;
+    const char* at = entries.data();
+    const char* const end = entries.data() + entries.size();
+    while (at < end) {
+        const char* const entry = at;
+        const uint64_t size = get<uint64_t>(at);
+        const uint8_t kind = get<uint8_t>(at);
+        if (kind == kTextEntry) {
+            handled16 += get<uint64_t>(at);
+            texts.pushView(std::string_view(at, static_cast<size_t>(entry + size - at)));
+            at = entry + size;
+            continue;
+        }
+        const uint8_t count = get<uint8_t>(at);
+        const std::string_view format = getBytes(at);
+        handled16 += format.size();
+        FormatArg* args = inlineArgs;
+        if (count > kInlineArgs) {
+            manyArgs.resize(count);
+            args = manyArgs.data();
+        }
+        for (uint8_t i = 0; i < count; ++i) {
+            switch (get<uint8_t>(at)) {
+            case kSigned: args[i] = FormatArg(get<int64_t>(at)); break;
+            case kUnsigned: args[i] = FormatArg(get<uint64_t>(at)); break;
+            case kDouble: args[i] = FormatArg(get<double>(at)); break;
+            case kFloat: args[i] = FormatArg(static_cast<float>(get<double>(at))); break;
+            case kChar: args[i] = FormatArg(static_cast<char>(get<uint8_t>(at))); break;
+            case kString: args[i] = FormatArg(getBytes(at)); break;
+            case kPointer: args[i] = FormatArg(reinterpret_cast<const void*>(get<uint64_t>(at))); break;
+            case kObject: {
+                const auto object = reinterpret_cast<const void*>(get<uint64_t>(at));
+                args[i] = FormatArg::describedObject(object, getBytes(at));
+                break;
+            }
+            default: args[i] = FormatArg(); break;
+            }
+        }
+        std::string& out = texts.buffer();
+        const size_t start = out.size();
+        corvina::appendFormatv(out, format, std::span<const FormatArg>(args, count));
+        // Trimmed in place.
+        const std::string_view all(out.data() + start, out.size() - start);
+        const std::string_view kept = corvina::trimWhitespaceAndNewlines(all);
+        const size_t lead = static_cast<size_t>(kept.data() - all.data());
+        if (lead > 0 && !kept.empty())
+            std::memmove(out.data() + start, kept.data(), kept.size());
+        out.resize(start + kept.size());
+        texts.commit(start);
+        at = entry + size;
+    }
+    return handled16;
+}
+
+uint64_t TQLogQueue::totalLength16(std::string_view entries)
+{
+    uint64_t total = 0;
+    for (const char* at = entries.data(); at < entries.data() + entries.size();) {
+        const char* const entry = at;
+        const uint64_t size = get<uint64_t>(at);
+        const uint8_t kind = get<uint8_t>(at);
+        if (kind == kTextEntry) {
+            total += get<uint64_t>(at);
+        } else {
+            get<uint8_t>(at);
+            total += getBytes(at).size();
+        }
+        at = entry + size;
+    }
+    return total;
+}
+
+// ---- flushing, state, shutdown
+
+void TQLogQueue::waitUntilWritten()
+{
+    if (isWriterThread())
+        return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (shutDown_)
+        return;
+    const uint64_t target = pushedSeq_;
+    if (writtenSeq_ >= target)
+        return;
+    startWriterLocked();
+    ++flushWaiters_;
+    queueCv_.notify_all();
+    doneCv_.wait(lock, [&] { return writtenSeq_ >= target || shutDown_; });
+    --flushWaiters_;
+}
+
+bool TQLogQueue::isShutDown() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return shutDown_;
+}
+
+size_t TQLogQueue::entryCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<size_t>(pushedSeq_ - writtenSeq_);
+}
+
+size_t TQLogQueue::queuedBytes() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return pending_.size();
+}
+
+void TQLogQueue::setSuspended(bool suspended)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        suspended_ = suspended;
+    }
+    queueCv_.notify_all();
+}
+
+void TQLogQueue::shutdown(size_t keepAtMost)
+{
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (shutDown_)
+            return;
+        suspended_ = false;
+        if (pushedSeq_ - writtenSeq_ > keepAtMost) {
+            // Too much left: what the writer has not taken is never written.
+            bytesInQueue_.fetch_sub(totalLength16(pending_));
+            pending_.clear();
+            behind_.store(false);
+            pushedSeq_ = takenSeq_;
+        }
+    }
+    queueCv_.notify_all();
+    roomCv_.notify_all();
+    waitUntilWritten();
+    bool join = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        shutDown_ = true;
+        stop_ = true;
+        join = writerRunning_ && writerPid_ == getpid() && !isWriterThread();
+        writerRunning_ = false;
+    }
+    queueCv_.notify_all();
+    doneCv_.notify_all();
+    roomCv_.notify_all();
+    if (join)
+        pthread_join(writerThread_, nullptr);
+}
+
+// ---- fork
+
+void TQLogQueue::lockForFork() { mutex_.lock(); }
+
+void TQLogQueue::unlockInParent() { mutex_.unlock(); }
+
+void TQLogQueue::resetInChild()
+{
+    writerRunning_ = false;
+    writerIdle_ = false;
+    writerId_.store(std::thread::id());
+    pending_.clear();
+    behind_.store(false);
+    pushedSeq_ = takenSeq_ = writtenSeq_ = 0;
+    flushWaiters_ = roomWaiters_ = 0;
+    bytesInQueue_.store(0);
+    // Threads of the parent may have been waiting on these: their state names threads the
+    // child does not have, and signalling them could block for ever. Start them afresh.
+    std::construct_at(&queueCv_);
+    std::construct_at(&doneCv_);
+    std::construct_at(&roomCv_);
+    mutex_.unlock();
+}

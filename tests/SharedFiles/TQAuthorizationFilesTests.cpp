@@ -1,0 +1,90 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "FileTestSupport.h"
+#include "Foundation/SystemLog.h"
+#include "TQLocalPaths.h"
+
+namespace fs = std::filesystem;
+using Call = filestest::Tools::Call;
+using servicestest::writeFile;
+using ::testing::ElementsAre;
+
+namespace {
+TQAuthorization& auth() { return TQAuthorization::sharedController(); }
+}  // namespace
+
+TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
+{
+    filestest::Tools tools;
+    corvina::ScopedSystemLogCapture capture;
+    const std::string apps = TQLocalPaths::applicationDirectory(false).value();
+    EXPECT_FALSE(auth().authTrashFile("/"));
+    EXPECT_FALSE(auth().authTrashFile(apps + "/", true));
+    EXPECT_FALSE(auth().authTrashFolderContents("/usr"));
+    EXPECT_FALSE(auth().authMoveFolderContents("/bin", "/tmp"));
+    EXPECT_FALSE(auth().authMoveFile("/System", "/tmp/x"));
+    EXPECT_FALSE(auth().authMoveFile("", "/tmp/x") || auth().authMoveFile("/tmp/x", ""));
+    EXPECT_FALSE(auth().authCopyFile("", "/tmp/x") || auth().authCopyFile("/tmp/x", ""));
+    EXPECT_FALSE(auth().authMoveFile("/nonexistent/a", "/tmp/x") || auth().authCopyFile("/nonexistent/a", "/tmp/x"));
+    const std::string refusal = " because it is a system directory.";
+    EXPECT_THAT(capture.messages(),
+                ElementsAre("Unable to trash path /" + refusal, "Unable to trash path " + apps + "/" + refusal,
+                            "Unable to trash folder contents of path /usr" + refusal,
+                            "Unable to move contents of path /bin" + refusal, "Unable to move path /System" + refusal,
+                            "Error in authMoveFile: old path is null", "Error in authMoveFile: new path is null",
+                            "Error in authCopyFile: old path is null", "Error in authCopyFile: new path is null"));
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
+{
+    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    const std::string h = servicestest::childHome();
+    const std::string trash = TQLocalPaths::trashDirectory().value();
+    const std::string info = fs::path(trash).parent_path().string() + "/info/";
+    for (const char* f : {"/report.txt", "/Notes/n.txt", "/in/a.mov", "/lost.mov"}) writeFile(h + f, "x");
+    writeFile(trash + "/report.txt", "older");
+    writeFile(trash + "/Notes/n.txt", "older");
+    fs::create_directories(h + "/empty");
+    {
+        filestest::Tools tools;
+        EXPECT_TRUE(auth().authTrashFile(h + "/report.txt"));
+        EXPECT_TRUE(auth().authTrashFile(h + "/Notes", false));
+        EXPECT_TRUE(auth().authCopyFile("/usr", h + "/usr-copy")) << "protected folders may be copied";
+        EXPECT_TRUE(auth().authCreateDir(h + "/new/deep"));
+        EXPECT_TRUE(auth().authMoveFolderContents(h + "/empty", h + "/out"));
+        EXPECT_TRUE(auth().authMoveFolderContents(h + "/in", h + "/out"));
+        const auto c = tools.calls();
+        ASSERT_EQ(c.size(), 5u);
+        EXPECT_THAT(c[0], ElementsAre("/bin/mv", "-f", h + "/report.txt", ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
+        EXPECT_THAT(c[1], ElementsAre("/bin/mv", "-f", h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
+        EXPECT_TRUE(fs::exists(info + fs::path(c[0][3]).filename().string() + ".trashinfo"));
+        EXPECT_EQ(c[2], (Call{"/bin/cp", "-f", "-p", "-R", "/usr", h + "/usr-copy"}));
+        EXPECT_EQ(c[3], (Call{"/bin/mkdir", "-p", h + "/new/deep"}));
+        EXPECT_EQ(c[4], (Call{"/bin/mv", "-f", h + "/in/a.mov", h + "/out/a.mov"}));
+    }
+    {
+        filestest::Tools failing(1);
+        EXPECT_FALSE(auth().authCreateDir(h + "/x"));
+        EXPECT_FALSE(auth().authTrashFile(h + "/lost.mov"));
+        EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move not started leaves no record";
+        writeFile(h + "/in/b.mov", "b");
+        EXPECT_FALSE(auth().authMoveFolderContents(h + "/in", h + "/out"));
+        EXPECT_EQ(failing.calls().size(), 4u) << "every entry is tried after a failure";
+    }
+    if (::getuid() != 0) return;
+    filestest::Tools tools;  // as root: removal when asked for, else the trash
+    EXPECT_TRUE(auth().authTrashFile(h + "/in/a.mov", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/in", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/missing", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/Notes"));
+    const auto c = tools.calls();
+    ASSERT_EQ(c.size(), 4u);
+    EXPECT_EQ(c[0], (Call{"/bin/rm", "-Rdf", h + "/in/a.mov"}));
+    EXPECT_THAT(c[1], ElementsAre("/bin/rm", "-R", "-f", ::testing::StartsWith(h + "/in/")));
+    EXPECT_EQ(c[3][0] + " " + fs::path(c[3][3]).parent_path().string(), "/bin/mv " + trash);
+}

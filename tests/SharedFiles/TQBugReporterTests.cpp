@@ -1,0 +1,299 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <cfenv>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "ChildProcessTestSupport.h"
+#include "Diagnostics/CrashHandler.h"
+#include "Dispatch/Dispatch.h"
+#include "Foundation/SystemLog.h"
+#include "Foundation/UserDefaults.h"
+#include "Foundation/Value.h"
+#include "ServicesTestSupport.h"
+#include "TQBugReporter.h"
+#include "TQLocalPaths.h"
+#include "TQLog.h"
+
+namespace fs = std::filesystem;
+using corvina::Value;
+using servicestest::Scratch;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr const char* kProgram = "SharedFilesTests";
+
+std::string reportsFolder(const std::string& home)
+{
+    return home + "/Library/Logs/DiagnosticReports";
+}
+
+std::vector<std::string> filesIn(const std::string& folder)
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        names.push_back(it->path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void setModified(const std::string& path, std::chrono::system_clock::time_point when)
+{
+    fs::last_write_time(path, std::chrono::file_clock::from_sys(when));
+}
+
+}  // namespace
+
+TEST(CrashReportName, ProgramLocalTimeAndHost)
+{
+    struct Case {
+        std::time_t when;
+        long offset;
+        const char* expected;
+    } cases[] = {
+        {1795444538, 0, "Helper_2026-11-23-143538_box.crash"},
+        {1795444538, -15 * 3600, "Helper_2026-11-22-233538_box.crash"},  // the day before
+        {1709164800, 3600, "Helper_2024-02-29-010000_box.crash"},         // a leap day
+        {0, 0, "Helper_1970-01-01-000000_box.crash"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(corvina::crashReportName("Helper", c.when, c.offset, "box"), c.expected);
+}
+
+// --- Real crashes --------------------------------------------------------------------------
+
+// Runs in a child: starts the reporter, logs a line, and dies of the signal named in
+// CORVINA_CRASH_SIGNAL, caused the way a real fault causes it.
+TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
+{
+    const int sig = std::atoi(std::getenv("CORVINA_CRASH_SIGNAL"));
+    TQLog::createNewLog(std::string(kProgram));
+    TQLog::sharedController().setNoPrinting(true);
+    TQBugReporter::startBugReporter();
+    TQLog::appendLog("Last words before the crash");
+    TQLog::finishWriting();
+    switch (sig) {
+        case SIGSEGV: {
+            volatile int* nowhere = nullptr;
+            *nowhere = 1;
+            break;
+        }
+        case SIGBUS: {
+            // A mapping past the end of an empty file.
+            const std::string path = servicestest::childHome() + "/empty";
+            servicestest::writeFile(path, "");
+            const int fd = ::open(path.c_str(), O_RDONLY);
+            auto* page = static_cast<volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0));
+            [[maybe_unused]] char c = page[0];
+            break;
+        }
+        case SIGILL:
+            __builtin_trap();
+        case SIGFPE: {
+            feenableexcept(FE_DIVBYZERO);
+            volatile double zero = 0.0;
+            [[maybe_unused]] volatile double infinite = 1.0 / zero;
+            break;
+        }
+        case SIGABRT:
+            std::abort();
+    }
+    FAIL() << "still alive";
+}
+
+// Runs in a child: the next launch, which finds the report and hands it over.
+TEST(TQBugReporterChild, DISABLED_NextLaunch)
+{
+    TQLog::createNewLog(std::string(kProgram));
+    TQLog::sharedController().setNoPrinting(true);
+    TQBugReporter::startBugReporter();
+    TQBugReporter::stopBugReporter();
+    TQLog::finishWriting();
+}
+
+TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
+{
+    const struct {
+        int sig;
+        const char* line;
+    } signals[] = {{SIGSEGV, "Signal: 11 (SIGSEGV)"},
+                   {SIGBUS, "Signal: 7 (SIGBUS)"},
+                   {SIGILL, "Signal: 4 (SIGILL)"},
+                   {SIGFPE, "Signal: 8 (SIGFPE)"},
+                   {SIGABRT, "Signal: 6 (SIGABRT)"}};
+    for (const auto& s : signals) {
+        SCOPED_TRACE(s.line);
+        Scratch home;
+        const auto crashed = childtest::runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
+                                                {{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}});
+        EXPECT_EQ(crashed.status, 128 + s.sig) << crashed.output;
+        const auto reports = filesIn(reportsFolder(home.path()));
+        ASSERT_EQ(reports.size(), 1u) << crashed.output;
+        EXPECT_THAT(reports[0], ::testing::MatchesRegex(std::string(kProgram) + "_[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{6}_.+\\.crash"));
+        const std::string report = reportsFolder(home.path()) + "/" + reports[0];
+        const std::string text = servicestest::readFile(report);
+        EXPECT_THAT(text, HasSubstr(s.line));
+        EXPECT_THAT(text, HasSubstr("Backtrace:\n"));
+        EXPECT_THAT(text, HasSubstr("Last words before the crash"));
+        if (s.sig == SIGSEGV) {
+            EXPECT_THAT(text, HasSubstr("Fault address: 0x0\n"));
+        }
+
+        // The next launch: the crash is logged and the report goes to the stand-in.
+        childtest::writeRecorder(home / "bin/Bug Reporter");
+        const auto next = childtest::runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
+                                             {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
+        EXPECT_EQ(next.status, 0) << next.output;
+        const auto log = servicestest::logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
+        EXPECT_EQ(servicestest::countOf(log, "Application crashed on last launch"), 1);
+        EXPECT_EQ(childtest::waitForFile(home / "bin/handed-over.txt"), report + "\n");
+    }
+}
+
+// --- The check itself, in a child of its own for each scenario (a private home) -------------
+
+TEST(TQBugReporterChild, DISABLED_CheckScenarios)
+{
+    const std::string home = servicestest::childHome();
+    const std::string scenario = std::getenv("CORVINA_SCENARIO");
+    const std::string record = home + "/record.plist";
+    const std::string reports = reportsFolder(home);
+    const auto now = std::chrono::system_clock::now();
+    const auto hourAgo = now - std::chrono::hours(1);
+    TQLog::createNewLog(std::string(kProgram));
+    TQLog::sharedController().setNoPrinting(true);
+    childtest::writeRecorder(home + "/bin/Bug Reporter");
+    auto writeRecord = [&](std::optional<corvina::Date> launch, std::optional<corvina::Date> exit) {
+        Value::DictionaryType dict{{"other", Value("kept")}};
+        if (launch) dict.emplace("launch", Value::date(*launch));
+        if (exit) dict.emplace("exit", Value::date(*exit));
+        ASSERT_TRUE(Value(dict).writeToFile(record, true));
+    };
+    auto plantReport = [&](const std::string& folder, const std::string& name, corvina::Date modified) {
+        servicestest::writeFile(folder + "/" + name, "report");
+        setModified(folder + "/" + name, modified);
+        return folder + "/" + name;
+    };
+
+    if (scenario == "first-launch") {
+        plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), std::nullopt);
+        TQBugReporter::startBugReporter(std::nullopt, record);
+        const auto saved = Value::fromPropertyListFile(record);
+        ASSERT_TRUE(saved);
+        EXPECT_TRUE((*saved)["launch"].asDate());
+    } else if (scenario == "ended-normally") {
+        writeRecord(hourAgo, hourAgo + std::chrono::seconds(5));
+        plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), std::nullopt);
+    } else if (scenario == "old-report") {
+        writeRecord(hourAgo, std::nullopt);
+        plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", hourAgo - std::chrono::minutes(1));
+        plantReport(reports, "OtherProgram_2026-01-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), std::nullopt);
+    } else if (scenario == "newest-by-name-case-ignored") {
+        writeRecord(hourAgo, hourAgo - std::chrono::minutes(5));  // exit before launch: crashed
+        plantReport(reports, "sharedfilestests_2026-01-01-000000_h.crash", now);
+        const auto newest = plantReport(reports, "SHAREDFILESTESTS_2026-03-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), newest);
+        EXPECT_EQ(childtest::waitForFile(home + "/bin/handed-over.txt"), newest + "\n");
+    } else if (scenario == "folder-order") {
+        // The user's CrashReporter folder comes before the machine-wide DiagnosticReports.
+        writeRecord(hourAgo, std::nullopt);
+        const std::string machine = home + "/root/Library/Logs/DiagnosticReports";
+        const auto machineReport = plantReport(machine, "Tool_2026-09-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::string("Tool"), record), machineReport) << "found where it is";
+        const auto user = plantReport(home + "/Library/Logs/CrashReporter", "Tool_2026-01-01-000000_h.crash", now);
+        EXPECT_EQ(TQBugReporter::checkForCrashes(std::string("Tool"), record), user) << "the user's folders first";
+        const std::vector<std::string> expected = {
+            home + "/Library/Logs/CrashReporter", home + "/Library/Logs/DiagnosticReports",
+            home + "/root/Library/Logs/CrashReporter", machine};
+        EXPECT_EQ(TQBugReporter::reportFolders(), expected);
+    } else if (scenario == "disabled") {
+        servicestest::writeFile(home + "/Library/Preferences/com.brantwell.global.plist",
+                                Value(Value::DictionaryType{{"disable-crash-reporter", Value("1")}}).toXMLPropertyList());
+        corvina::ScopedSystemLogCapture capture;
+        const auto report = plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
+        // In the defaults this time: launch recorded, no exit.
+        corvina::UserDefaults::standard().setObject("launch", Value::date(hourAgo));
+        corvina::UserDefaults::standard().synchronize();
+        struct Delegate : TQBugReporterDelegate {
+            std::string told;
+            void applicationDidCrashWithLog(const std::string& path) override { told = path; }
+        } delegate;
+        TQBugReporter::startBugReporterWithDelegate(&delegate);
+        corvina::runMainQueueUntil([&] { return !delegate.told.empty(); },
+                                   std::chrono::steady_clock::now() + std::chrono::seconds(10));
+        EXPECT_EQ(delegate.told, report);
+        EXPECT_THAT(capture.messages(), Contains("Crash reporter disabled"));
+        TQLog::finishWriting();
+        // As root the log is the machine-wide one.
+        const auto log = servicestest::logEntries(*TQLocalPaths::libraryDirectory(::getuid() != 0) +
+                                                  "/Logs/Brantwell/SharedFilesTests.1.log");
+        EXPECT_EQ(servicestest::countOf(log, "Crash reporter disabled"), 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(fs::exists(home + "/bin/handed-over.txt")) << "nothing opened";
+        // The launch is recorded anew and a normal stop makes the next check quiet.
+        TQBugReporter::stopBugReporter();
+        corvina::UserDefaults reread("SharedFilesTests");
+        const auto launch = reread.objectForKey("launch").asDate();
+        const auto exit = reread.objectForKey("exit").asDate();
+        ASSERT_TRUE(launch && exit);
+        EXPECT_GT(*launch, hourAgo);
+        EXPECT_GE(*exit, *launch);
+    } else if (scenario == "record-file-keeps-other-keys") {
+        writeRecord(hourAgo, std::nullopt);
+        TQBugReporter::stopBugReporter(record);
+        const auto saved = Value::fromPropertyListFile(record);
+        ASSERT_TRUE(saved);
+        EXPECT_EQ((*saved)["other"].stringValue(), "kept");
+        EXPECT_GE(*(*saved)["exit"].asDate(), *(*saved)["launch"].asDate());
+    } else {
+        FAIL() << "unknown scenario " << scenario;
+    }
+}
+
+TEST(TQBugReporterCheck, Scenarios)
+{
+    for (const char* scenario : {"first-launch", "ended-normally", "old-report", "newest-by-name-case-ignored",
+                                 "folder-order", "disabled", "record-file-keeps-other-keys"}) {
+        Scratch home;
+        const auto run = childtest::runTest("TQBugReporterChild.DISABLED_CheckScenarios", home.path(),
+                                            {{"CORVINA_SCENARIO", scenario},
+                                             {"TQ_LOCAL_ROOT", home / "root"},
+                                             {"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
+        EXPECT_EQ(run.status, 0) << scenario << "\n" << run.output;
+    }
+}
+
+TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
+{
+    if (::getuid() != 0) GTEST_SKIP() << "needs root to give files away";
+    Scratch scratch;
+    // Outside /home nothing changes hands.
+    const std::string outside = scratch / "record.plist";
+    servicestest::writeFile(outside, "x");
+    TQBugReporter::chownPlist(outside);
+    struct stat st {};
+    ASSERT_EQ(::stat(outside.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+
+    const std::string home = "/home/nobody";
+    if (fs::exists(home)) GTEST_SKIP() << home << " exists already; not touching it";
+    const std::string record = home + "/Library/Preferences/record.plist";
+    servicestest::writeFile(record, "x");
+    TQBugReporter::chownPlist(record);
+    ASSERT_EQ(::stat(record.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534u);
+    fs::remove_all(home);
+}

@@ -1,0 +1,239 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ServicesTestSupport.h"
+#include "TQLog.h"
+#include "TQTaskEx.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Collects the chunks of one background run, with what came along with each.
+class Chunks {
+public:
+    TQTaskEx::ChunkHandler handler()
+    {
+        return [this](const TQTaskEx::Data& chunk, TQTaskEx& task, const std::any& object) {
+            std::lock_guard lock(mutex_);
+            chunks_.emplace_back(chunk.begin(), chunk.end());
+            objects_.push_back(object.has_value() ? std::any_cast<std::string>(object) : "<none>");
+            allFrom_ = chunks_.size() == 1 || allFrom_ == &task ? &task : nullptr;
+            onReader_ = onReader_ && std::this_thread::get_id() != caller_;
+            cv_.notify_all();
+        };
+    }
+    // Until the end chunk (or, with first, any chunk) arrived; false after 30 s.
+    bool wait(bool first = false)
+    {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, std::chrono::seconds(30),
+                            [&] { return !chunks_.empty() && (first || chunks_.back().empty()); });
+    }
+    std::vector<std::string> chunks()
+    {
+        std::lock_guard lock(mutex_);
+        return chunks_;
+    }
+    std::vector<std::string> objects_;
+    TQTaskEx* allFrom_ = nullptr;  // the instance every chunk named, null if they differ
+    bool onReader_ = true;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::string> chunks_;
+    std::thread::id caller_ = std::this_thread::get_id();
+};
+
+size_t openDescriptors()
+{
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd")) ++n;
+    return n;
+}
+
+// True once the process is gone (reaped), not merely a zombie.
+bool goneWithin(pid_t pid, std::chrono::seconds limit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (!fs::exists("/proc/" + std::to_string(pid))) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+std::string joined(const std::vector<std::string>& chunks)
+{
+    std::string all;
+    for (const auto& c : chunks) all += c;
+    return all;
+}
+
+}  // namespace
+
+TEST(TQTaskExAsyncConcurrency, ChunksInOrderThenOneEmptyChunk)
+{
+    TQTaskEx task;
+    Chunks chunks;
+    task.asyncDataFromTask("/bin/sh", {"-c", "echo one; sleep 0.2; echo two; sleep 0.2; echo three"}, chunks.handler(),
+                           std::string("client object"));
+    ASSERT_TRUE(chunks.wait());
+    const auto got = chunks.chunks();
+    ASSERT_GE(got.size(), 4u);
+    EXPECT_EQ(joined(got), "one\ntwo\nthree\n");
+    for (size_t i = 0; i + 1 < got.size(); ++i) EXPECT_FALSE(got[i].empty()) << "only the last chunk is empty";
+    for (const auto& o : chunks.objects_) EXPECT_EQ(o, "client object");
+    EXPECT_EQ(chunks.allFrom_, &task);
+    EXPECT_TRUE(chunks.onReader_);
+    // After the end the run is over and nothing of the client is kept.
+    for (int i = 0; i < 100 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(task.theTask(), nullptr);
+    EXPECT_FALSE(task.object().has_value());
+    EXPECT_FALSE(task.chunkHandler());
+}
+
+TEST(TQTaskExAsyncConcurrency, SilentToolGivesOnlyTheEndAndNoObjectMeansNone)
+{
+    TQTaskEx task;
+    Chunks chunks;
+    task.asyncDataFromTask("/bin/true", {}, chunks.handler());
+    ASSERT_TRUE(chunks.wait());
+    EXPECT_EQ(chunks.chunks(), std::vector<std::string>{""});
+    EXPECT_EQ(chunks.objects_, std::vector<std::string>{"<none>"});
+}
+
+TEST(TQTaskExAsyncConcurrency, FloodOnBothStreamsArrivesWhole)
+{
+    // Standard error goes to the null device; the 1 MB on it must not stall the output.
+    TQTaskEx task;
+    Chunks chunks;
+    task.asyncDataFromTask("/bin/sh",
+                           {"-c", "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o; "
+                                  "head -c 1048576 /dev/zero >&2"},
+                           chunks.handler(), {}, TQTaskEx::Environment{{"PATH", "/usr/bin:/bin"}});
+    ASSERT_TRUE(chunks.wait());
+    const std::string all = joined(chunks.chunks());
+    EXPECT_EQ(all.size(), 1048576u);
+    EXPECT_EQ(all.find_first_not_of('o'), std::string::npos);
+}
+
+TEST(TQTaskExAsyncConcurrency, TerminationMidStreamStopsEverything)
+{
+    for (int round = 0; round < 5; ++round) {
+        TQTaskEx task;
+        Chunks chunks;
+        task.asyncDataFromTask("/usr/bin/yes", {"flood"}, chunks.handler());
+        ASSERT_TRUE(chunks.wait(true));
+        pid_t pid = -1;
+        if (const auto running = task.theTask()) pid = running->processIdentifier();
+        ASSERT_GT(pid, 0);
+        std::thread other([&] { task.terminateAsyncTask(); });
+        other.join();
+        const size_t seen = chunks.chunks().size();
+        EXPECT_EQ(task.theTask(), nullptr);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(chunks.chunks().size(), seen) << "no chunk after the termination, not even the end";
+        EXPECT_TRUE(goneWithin(pid, std::chrono::seconds(10))) << "terminated and reaped";
+    }
+}
+
+TEST(TQTaskExAsyncConcurrency, InstanceGoingAwayEndsItsRun)
+{
+    pid_t pid = -1;
+    {
+        TQTaskEx task;
+        Chunks chunks;
+        task.asyncDataFromTask("/bin/sleep", {"30"}, chunks.handler());
+        for (int i = 0; i < 500 && pid <= 0; ++i) {
+            if (auto t = task.theTask()) pid = t->processIdentifier();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(goneWithin(pid, std::chrono::seconds(10)));
+}
+
+TEST(TQTaskExAsyncConcurrency, NoDescriptorIsLeftBehind)
+{
+    const size_t before = openDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        TQTaskEx task;
+        Chunks chunks;
+        task.asyncDataFromTask("/bin/echo", {"x"}, chunks.handler());
+        ASSERT_TRUE(chunks.wait());
+        TQTaskEx stopped;
+        Chunks none;
+        stopped.asyncDataFromTask("/bin/sleep", {"30"}, none.handler());
+        stopped.terminateAsyncTask();
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(TQTaskExAsyncConcurrency, HandlerCanEndItsOwnRunAndStartAnother)
+{
+    TQTaskEx task;
+    Chunks second;
+    std::atomic<int> firstCalls{0};
+    task.asyncDataFromTask("/usr/bin/yes", {}, [&](const TQTaskEx::Data&, TQTaskEx& self, const std::any&) {
+        if (firstCalls++ == 0) self.asyncDataFromTask("/bin/echo", {"second"}, second.handler());
+    });
+    ASSERT_TRUE(second.wait());
+    EXPECT_EQ(joined(second.chunks()), "second\n");
+    EXPECT_EQ(firstCalls, 1) << "the first run ended when the second began";
+}
+
+TEST(TQTaskExAsyncLog, MissingToolIsLoggedAndDeliversNothing)
+{
+    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+    TQTaskEx task;
+    Chunks chunks;
+    task.asyncDataFromTask("/nonexistent/tool", {}, chunks.handler());
+    for (int i = 0; i < 500 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(task.theTask(), nullptr);
+    TQLog::finishWriting();
+    const auto log = servicestest::logEntries(servicestest::childLogPath());
+    EXPECT_EQ(servicestest::countOf(log, "Unable to launch async task - task does not exist or is not executable"), 1);
+    EXPECT_TRUE(chunks.chunks().empty());
+}
+
+// --- Time-outs of any length --------------------------------------------------------------
+
+TEST(TQTaskExTimeoutConcurrency, ShortTimeoutsAlwaysTerminate)
+{
+    // Under one second the timer expires at once, usually before the tool is even launched.
+    for (double seconds : {0.0, 0.3}) {
+        TQTaskEx runner;
+        for (int i = 0; i < 15; ++i) {
+            EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sleep", {"10"}, TQTaskEx::Timeout(seconds)),
+                      128 + SIGTERM)
+                << seconds << " s, run " << i;
+            const auto data = TQTaskEx::dataFromTask("/bin/sh", {"-c", "exec sleep 10"}, TQTaskEx::Timeout(seconds));
+            ASSERT_TRUE(data.has_value());
+            EXPECT_TRUE(data->empty());
+        }
+    }
+}
+
+TEST(TQTaskExTimeoutConcurrency, TwoPointNineSecondsTerminatesEveryTime)
+{
+    TQTaskEx runner;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sleep", {"10"}, TQTaskEx::Timeout(2.9)), 128 + SIGTERM);
+    }
+    // A tool that ends in time keeps its own status.
+    EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sh", {"-c", "exit 3"}, TQTaskEx::Timeout(2.9)), 3);
+}
