@@ -41,7 +41,9 @@ Snapshot snapshot(std::initializer_list<std::string> roots)
         if (root.empty()) continue;
         for (auto it = fs::recursive_directory_iterator(root, ec); it != fs::recursive_directory_iterator(); ++it) {
             const auto& path = it->path();
+            // The program's own log and launch record change on every run.
             if (path.string().find("/Library/Logs") != std::string::npos) continue;
+            if (path.string().find("/Library/Preferences/CorvinaAVFHelper.plist") != std::string::npos) continue;
             const auto status = fs::symlink_status(path);
             if (fs::is_regular_file(status)) out[path] = readTextFile(path);
             else if (fs::is_symlink(status)) out[path] = "link to " + fs::read_symlink(path).string();
