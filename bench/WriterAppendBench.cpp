@@ -48,6 +48,36 @@ void appendOneFrameAudio(benchmark::State& state)
 }
 BENCHMARK(appendOneFrameAudio);
 
+// The feeders' pooled path: one sample buffer refilled in place for every frame.
+void appendPooledOneFrameAudio(benchmark::State& state)
+{
+    std::string path = "/tmp/writer-bench-pooled-" + std::to_string(::getpid()) + ".mov";
+    ::unlink(path.c_str());
+    Error error;
+    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+    auto input = AssetWriterInput::create(MediaType::Audio);
+    writer->addInput(input);
+    writer->startWriting();
+    auto format = stereo48k();
+    auto sample = SampleBuffer::makeReusable();
+    const size_t size = 4;
+    int64_t i = 0;
+    for (auto _ : state) {
+        BlockBuffer* block = sample->mutableDataBuffer();
+        uint8_t* bytes = block->prepare(4);
+        bytes[0] = uint8_t(i);
+        bytes[1] = bytes[2] = bytes[3] = 7;
+        block->setDataLength(4);
+        SampleTimingInfo timing{MediaTime::make(1, 48000), MediaTime::make(i++, 48000), MediaTime::invalid()};
+        sample->refill(format, 1, std::span(&timing, 1), std::span(&size, 1));
+        benchmark::DoNotOptimize(input->appendSampleBuffer(*sample));
+    }
+    writer->finishWriting();
+    ::unlink(path.c_str());
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(appendPooledOneFrameAudio);
+
 }  // namespace
 
 BENCHMARK_MAIN();

@@ -20,5 +20,9 @@ if command -v ccache >/dev/null; then
   export CCACHE_BASEDIR="$here"
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
-cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" "${extra[@]}" "${launcher[@]}" >/dev/null
+# Warnings are errors in CI (CI=true, as CI services set it, or CORVINA_WERROR=ON).
+werror=OFF
+if [ "${CI:-}" = true ] || [ "${CORVINA_WERROR:-}" = ON ]; then werror=ON; fi
+cmake -S "$here" -B "$dir" -G Ninja -DCORVINA_SANITIZE="$san" -DCORVINA_WERROR="$werror" "${extra[@]}" \
+  "${launcher[@]}" >/dev/null
 cmake --build "$dir" -j"$(nproc)" "${targets[@]}"

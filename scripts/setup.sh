@@ -3,12 +3,13 @@
 # Safe to run again: it only calls apt-get when something is missing.
 set -euo pipefail
 packages=(
-  build-essential cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkg-config clang-format
   libplist-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
   libssl-dev libarchive-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   ffmpeg mediainfo
+  zip unzip
   clang libclang-rt-14-dev
   python3 sudo attr
   xvfb zenity xdotool tmux

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "Dispatch/Dispatch.h"
@@ -27,13 +29,6 @@ constexpr const char* kSessionMethod = "-[AppController createQuickTimeMovie:]";
 constexpr const char* kUnknownFormatText =
     "This movie is an unknown video format. Please report this error to Brantwell.";
 
-// What a pump needs besides the controller.
-struct TrackFeed {
-    std::shared_ptr<AssetWriterInput> input;
-    std::shared_ptr<DispatchGroup> group;
-    FormatDescriptionRef format;
-};
-
 }  // namespace
 
 struct AppController::Session {
@@ -45,6 +40,9 @@ struct AppController::Session {
     std::shared_ptr<DispatchQueue> videoQueue;
     std::shared_ptr<DispatchQueue> audioQueue;
     std::shared_ptr<DispatchGroup> group;
+    FormatDescriptionRef videoDescription;
+    FormatDescriptionRef audioDescription;
+    bool hasAudio = false;
     std::atomic<bool> completed{false};
     DispatchSemaphore completion{0};
     bool started = false;
@@ -62,15 +60,15 @@ uint64_t regularFileSize(const std::string& path)
 }
 
 // The first bytes of the first video entry, for formats that carry their frame size there.
-std::vector<uint8_t> firstFrameStart(const std::string& path, const Value& entries, size_t count)
+std::vector<uint8_t> firstFrameStart(const std::string& path, const MediaEntryTable& entries, size_t count)
 {
-    const Value& first = entries[size_t(0)];
-    const uint64_t length = std::min<uint64_t>(first["length"].unsignedLongLongValue(), count);
+    if (entries.empty()) return {};
+    const uint64_t length = std::min<uint64_t>(entries.front().length, count);
     Error ignored;
     auto handle = FileHandle::forReadingRegularFileAtPath(path, &ignored, 0);
-    if (!handle || first.isNone()) return {};
+    if (!handle) return {};
     try {
-        handle->seekToFileOffset(first["offset"].unsignedLongLongValue());
+        handle->seekToFileOffset(entries.front().offset);
         ByteBuffer bytes = handle->readDataOfLength(length);
         return std::vector<uint8_t>(bytes.data(), bytes.data() + bytes.size());
     } catch (const PlatformException&) {
@@ -128,7 +126,6 @@ void AppController::requestStop(const std::string& reason)
 
 int64_t AppController::createQuickTimeMovie(const Value& settings)
 {
-    const auto startedAt = std::chrono::steady_clock::now();
     // The document goes back to the replay path first, so the last movie can be assembled
     // again by starting the helper without arguments. A document that is already there is
     // left exactly as it is.
@@ -137,24 +134,49 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
         const auto present = Value::fromPropertyListFile(*replayPath);
         if (!present || !(*present == settings)) settings.writeToFile(*replayPath, true);
     }
+    return runSession(MovieJob::fromSettings(settings), replayPath);
+}
 
-    setVideoHandle(nullptr);
-    setAudioHandle(nullptr);
-    setCurVideoSampleIndex(0);
-    setNumVideoSamplesAppended(0);
-    setCurAudioSampleIndex(0);
-    setNumAudioSamplesAppended(0);
-    setVideoFinished(false);
-    setAudioFinished(false);
+int64_t AppController::createQuickTimeMovie(MovieJob job)
+{
+    // The job's own document goes to the replay path (beside, then renamed), unless it was
+    // read from there.
+    const auto replayPath = TQLocalPaths::replaySettingsPath();
+    if (replayPath && !job.documentPath.empty()) {
+        std::error_code ec;
+        if (!std::filesystem::equivalent(job.documentPath, *replayPath, ec)) {
+            const std::string beside = *replayPath + ".copying";
+            std::filesystem::copy_file(job.documentPath, beside, std::filesystem::copy_options::overwrite_existing, ec);
+            if (!ec) std::filesystem::rename(beside, *replayPath, ec);
+            if (ec) std::filesystem::remove(beside, ec);
+        }
+    }
+    if (settingsDocumentPath_.empty() && !job.documentPath.empty()) settingsDocumentPath_ = job.documentPath;
+    return runSession(job, replayPath);
+}
+
+void AppController::resetForSession(const MovieJob& job)
+{
+    videoHandle_.reset();
+    audioHandle_.reset();
+    videoEntries_ = job.videoEntries;
+    audioEntries_ = job.audioEntries;
+    videoFeeder_.reset();
+    audioFeeder_.reset();
+    videoFinished_ = false;
+    audioFinished_ = false;
     finishedWithError_.store(false);
+}
+
+int64_t AppController::runSession(const MovieJob& job, const std::optional<std::string>& replayPath)
+{
+    const auto startedAt = std::chrono::steady_clock::now();
+    resetForSession(job);
     {
         std::lock_guard lock(mutex_);
         summary_ = RunSummary{};
         summary_.settingsDocument = settingsDocumentPath_.empty() ? replayPath.value_or("") : settingsDocumentPath_;
     }
-
-    setVideoOffsets(settings["offsetArray"]);
-    setAudioOffsets(settings["audioOffsetArray"]);
 
     Session session;
     int64_t status = 1;
@@ -167,7 +189,7 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
         TQLog::appendLog("Removing temp data files...");
     };
     try {
-        if (!stopRequested_.load()) status = runGuardedSession(settings, session);
+        if (!stopRequested_.load()) status = runGuardedSession(job, session);
     } catch (const PlatformException& exception) {
         TQException::logException(exception, kSessionMethod);
         fail(format("Exception in %s: %@", kSessionMethod, exception.reason()));
@@ -198,41 +220,34 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
     return status;
 }
 
-int64_t AppController::runGuardedSession(const Value& settings, Session& session)
+int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
 {
-    const std::string tmpFilename = settings["tmpFilename"].stringValue();
-    const std::string tmpAudioFilename = settings["tmpAudioFilename"].stringValue();
-    const int64_t formatType = settings["formatType"].integerValue();
-    const float frameRate = settings["frameRate"].floatValue();
-    const std::string destFilename = settings["destFilename"].stringValue();
-    const int64_t audioFormat = settings["audioFormat"].integerValue();
+    const std::string& tmpFilename = job.tmpFilename;
+    const std::string& destFilename = job.destFilename;
 
     TQLog::appendLog("Preparing QuickTime movie...");
 
     // Audio first: the format line, the description and what the feeder needs.
-    const AudioFormatInfo* audio = audioFormatForCode(audioFormat);
-    FormatDescriptionRef audioDescription;
+    const AudioFormatInfo* audio = audioFormatForCode(job.audioFormat);
     if (audio) {
         TQLog::appendLog(audio->logLine);
-        audioDescription =
+        session.audioDescription =
             audioFormatDescriptionForChannels(audio->channels, audio->stereo, 16, audio->sampleRate, audio->bigEndian);
+        session.hasAudio = true;
     } else {
         TQLog::appendLog("No audio");
     }
 
-    const int16_t fWidth = settings.objectForKey("fWidth") ? settings["fWidth"].shortValue() : int16_t(0);
-    const int16_t fHeight = settings.objectForKey("fHeight") ? settings["fHeight"].shortValue() : int16_t(0);
-
-    const VideoFormatInfo* video = videoFormatForType(formatType);
+    const VideoFormatInfo* video = videoFormatForType(job.formatType);
     if (!video) {
         TQLog::appendLog(format("Unknown video format. %s", kUnknownFormatText));
         TQAlert::alertSheetWithMessageText("Unknown video format", kUnknownFormatText, nullptr);
         // Without a codec type nothing sensible can be written: the session ends here.
-        return fail(format("Error: unknown video format %lld.", formatType));
+        return fail(format("Error: unknown video format %lld.", job.formatType));
     }
     jobcheck::FrameSize size{video->width, video->height};
     if (size.width == 0) {
-        size = {fWidth, fHeight};
+        size = {job.fWidth, job.fHeight};
         TQLog::appendLog(format("Video format is %s %%ix%%i", video->name), static_cast<int>(size.width),
                          static_cast<int>(size.height));
     } else {
@@ -241,65 +256,76 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     TQLog::appendLog("Video format: %@", TQAVFoundation::fourCCString(video->codecType));
     TQLog::appendLog("1");
 
-    // The job is checked as a whole before anything is touched.
-    const Value& videoEntries = settings["offsetArray"];
-    const Value& audioEntries = settings["audioOffsetArray"];
-    const size_t videoCount = videoEntries.count();
-    const size_t audioCount = audio ? audioEntries.count() : 0;
-    std::vector<int64_t> frameCounts(videoCount);
-    std::vector<jobcheck::ByteRange> videoRanges(videoCount);
+    // The job is checked as a whole before anything is touched. The check's own copies of the
+    // tables are gone before the first sample.
+    const MediaEntryTable& videoEntries = *job.videoEntries;
+    const MediaEntryTable& audioEntries = *job.audioEntries;
+    const size_t videoCount = videoEntries.size();
+    const size_t audioCount = audio ? audioEntries.size() : 0;
     uint64_t videoFrames = 0;
-    for (size_t i = 0; i < videoCount; ++i) {
-        const Value& entry = videoEntries[i];
-        frameCounts[i] = entry["frameCount"].integerValue();
-        videoRanges[i] = {entry["offset"].unsignedLongLongValue(), entry["length"].unsignedLongLongValue()};
-        videoFrames = jobcheck::addSaturating(videoFrames, frameCounts[i] < 1 ? 1 : static_cast<uint64_t>(frameCounts[i]));
-    }
-    std::vector<uint64_t> audioLengths(audioCount);
-    std::vector<jobcheck::ByteRange> audioRanges(audioCount);
     uint64_t audioFrames = 0;
-    for (size_t i = 0; i < audioCount; ++i) {
-        const Value& entry = audioEntries[i];
-        audioLengths[i] = entry["length"].unsignedLongLongValue();
-        audioRanges[i] = {entry["offset"].unsignedLongLongValue(), audioLengths[i]};
-        audioFrames = jobcheck::addSaturating(audioFrames, audioLengths[i] / audio->feederBytesPerFrame);
-    }
+    uint64_t videoHeld = 0;
+    uint64_t audioHeld = 0;
     {
-        std::lock_guard lock(mutex_);
-        summary_.video = {format("%s %ix%i (%@)", video->name, static_cast<int>(size.width), static_cast<int>(size.height),
-                                 TQAVFoundation::fourCCString(video->codecType)),
-                          0, videoCount, 0, videoFrames, {}};
-        if (audio) summary_.audio = {std::string(audio->logLine).substr(16), 0, audioCount, 0, audioFrames, {}};
-    }
+        std::vector<int64_t> frameCounts(videoCount);
+        std::vector<jobcheck::ByteRange> videoRanges(videoCount);
+        for (size_t i = 0; i < videoCount; ++i) {
+            const MediaEntry& entry = videoEntries[i];
+            frameCounts[i] = entry.frameCount;
+            videoRanges[i] = {entry.offset, entry.length};
+            videoFrames =
+                jobcheck::addSaturating(videoFrames, frameCounts[i] < 1 ? 1 : static_cast<uint64_t>(frameCounts[i]));
+        }
+        std::vector<uint64_t> audioLengths(audioCount);
+        std::vector<jobcheck::ByteRange> audioRanges(audioCount);
+        for (size_t i = 0; i < audioCount; ++i) {
+            const MediaEntry& entry = audioEntries[i];
+            audioLengths[i] = entry.length;
+            audioRanges[i] = {entry.offset, entry.length};
+            audioFrames = jobcheck::addSaturating(audioFrames, audioLengths[i] / audio->feederBytesPerFrame);
+        }
+        {
+            std::lock_guard lock(mutex_);
+            summary_.video = {format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
+                                     static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType)),
+                              0, videoCount, 0, videoFrames, {}};
+            if (audio) summary_.audio = {std::string(audio->logLine).substr(16), 0, audioCount, 0, audioFrames, {}};
+        }
 
-    if (auto problem = jobcheck::frameRateProblem(frameRate)) return fail(*problem);
-    if (!size.usable()) {
-        const bool proRes = formatType >= kFirstProResFormat && formatType <= kLastProResFormat;
-        const auto fromHeader =
-            proRes && videoCount > 0
-                ? jobcheck::frameSizeFromProResFrame(firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes))
-                : std::nullopt;
-        if (!fromHeader)
-            return fail(format("Error: the frame size of this %s movie is unknown: the document gives none "
-                               "(fWidth, fHeight) and the first frame of %@ does not tell it.",
-                               video->name, tmpFilename));
-        size = *fromHeader;
-        TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
-                         static_cast<int>(size.height));
-        std::lock_guard lock(mutex_);
-        summary_.video.format = format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
-                                       static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType));
+        if (auto problem = jobcheck::frameRateProblem(job.frameRate)) return fail(*problem);
+        if (!size.usable()) {
+            const bool proRes = job.formatType >= kFirstProResFormat && job.formatType <= kLastProResFormat;
+            const auto fromHeader = proRes && videoCount > 0
+                                        ? jobcheck::frameSizeFromProResFrame(
+                                              firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes))
+                                        : std::nullopt;
+            if (!fromHeader)
+                return fail(format("Error: the frame size of this %s movie is unknown: the document gives none "
+                                   "(fWidth, fHeight) and the first frame of %@ does not tell it.",
+                                   video->name, tmpFilename));
+            size = *fromHeader;
+            TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
+                             static_cast<int>(size.height));
+            std::lock_guard lock(mutex_);
+            summary_.video.format = format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
+                                           static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType));
+        }
+        if (auto problem = jobcheck::videoCountsProblem(frameCounts)) return fail(*problem);
+        if (audio)
+            if (auto problem = jobcheck::audioCountsProblem(audioLengths, audio->feederBytesPerFrame))
+                return fail(*problem);
+        if (videoCount == 0 && audioFrames == 0)
+            return fail("Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
+                        "the movie would have no track.");
+        videoHeld = jobcheck::bytesHeld(videoRanges, regularFileSize(tmpFilename));
+        if (audio)
+            audioHeld = jobcheck::bytesHeld(audioRanges, regularFileSize(job.tmpAudioFilename), audio->feederBytesPerFrame);
     }
-    if (auto problem = jobcheck::videoCountsProblem(frameCounts)) return fail(*problem);
-    if (audio)
-        if (auto problem = jobcheck::audioCountsProblem(audioLengths, audio->feederBytesPerFrame)) return fail(*problem);
-    if (videoCount == 0 && audioFrames == 0)
-        return fail("Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
-                    "the movie would have no track.");
 
     const std::string settingsPath = summary().settingsDocument;
-    const MovieDestination::Input inputs[] = {
-        {"video data file", tmpFilename}, {"audio data file", tmpAudioFilename}, {"settings document", settingsPath}};
+    const MovieDestination::Input inputs[] = {{"video data file", tmpFilename},
+                                              {"audio data file", job.tmpAudioFilename},
+                                              {"settings document", settingsPath}};
     if (auto problem = MovieDestination::problem(destFilename, inputs)) return fail(*problem);
 
     if (stopRequested_.load()) return 1;
@@ -313,18 +339,46 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     if (session.destination->staleFilesRemoved() > 0)
         TQLog::appendLog("Removed %i temporary file(s) that an interrupted run left for %@",
                          session.destination->staleFilesRemoved(), destFilename);
-    const uint64_t needed = jobcheck::addSaturating(
-        jobcheck::addSaturating(jobcheck::bytesHeld(videoRanges, regularFileSize(tmpFilename)),
-                                audio ? jobcheck::bytesHeld(audioRanges, regularFileSize(tmpAudioFilename),
-                                                            audio->feederBytesPerFrame)
-                                      : 0),
-        jobcheck::movieHeaderAllowance(videoCount, audioCount));
+    const uint64_t needed = jobcheck::addSaturating(jobcheck::addSaturating(videoHeld, audioHeld),
+                                                    jobcheck::movieHeaderAllowance(videoCount, audioCount));
     const auto available = MovieDestination::freeBytes(MovieDestination::folderOf(destFilename));
     if (available && *available < needed)
         return fail(format("Error: not enough free space for %@: the movie needs %llu bytes, the volume has %llu "
                            "bytes free.",
                            destFilename, needed, *available));
 
+    if (const int64_t status = openWriter(job, session)) return status;
+    if (const int64_t status = openReaders(job, session)) return status;
+
+    const std::string self = description();
+    session.serializationQueue = DispatchQueue::createSerial(format("%@ serialization queue", self));
+    session.videoQueue = DispatchQueue::createSerial(format("%@ rw video serialization queue", self));
+    session.audioQueue = DispatchQueue::createSerial(format("%@ rw audio serialization queue", self));
+    TQLog::appendLog("10");
+
+    if (FormatDescription::createVideo(video->codecType, size.width, size.height, &session.videoDescription) !=
+            kNoErr ||
+        !session.videoDescription)
+        return fail("Error: failed to create video format description.");
+    TQLog::appendLog("11");
+    videoFeeder().setFormat(session.videoDescription, job.frameTiming());
+    if (audio) audioFeeder().setFormat(session.audioDescription, audio->sampleRate, audio->feederBytesPerFrame);
+
+    session.group = std::make_shared<DispatchGroup>();
+    if (!session.writer->startWriting()) {
+        TQLog::appendLog("12");
+        return fail(format("Error starting AssetWriter: %@", session.writer->error().value_or(Error{})));
+    }
+    session.writer->startSessionAtSourceTime(MediaTime::zero());
+    session.started = true;
+    TQLog::appendLog("12");
+
+    startPump(session);
+    return waitForCompletion(session);
+}
+
+int64_t AppController::openWriter(const MovieJob&, Session& session)
+{
     Error writerError;
     session.writer = AssetWriter::create(session.destination->temporaryPath(), kFileTypeQuickTimeMovie, &writerError);
     TQLog::appendLog("2");
@@ -347,136 +401,126 @@ int64_t AppController::runGuardedSession(const Value& settings, Session& session
     TQLog::appendLog("added audio input");
     session.writer->addInput(session.audioInput);
     TQLog::appendLog("7");
+    return 0;
+}
 
+int64_t AppController::openReaders(const MovieJob& job, Session&)
+{
     Error openError;
-    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingRegularFileAtPath(tmpFilename, &openError);
+    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
     if (!videoReader) {
-        TQLog::appendLog("Error creating video read handle for %@", tmpFilename);
-        return fail(format("Error: cannot read the video data file %@: %@", tmpFilename, openError.localizedDescription));
+        TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
+        return fail(format("Error: cannot read the video data file %@: %@", job.tmpFilename,
+                           openError.localizedDescription));
     }
     setVideoHandle(videoReader);
+    videoFeeder_ = std::make_unique<VideoTrackFeeder>(videoHandle_, videoEntries_);
     TQLog::appendLog("8");
 
-    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingRegularFileAtPath(tmpAudioFilename, &openError);
+    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingRegularFileAtPath(job.tmpAudioFilename, &openError);
     if (!audioReader) {
-        TQLog::appendLog("Error creating audio read handle for %@", tmpAudioFilename);
-        return fail(format("Error: cannot read the audio data file %@: %@", tmpAudioFilename,
+        TQLog::appendLog("Error creating audio read handle for %@", job.tmpAudioFilename);
+        return fail(format("Error: cannot read the audio data file %@: %@", job.tmpAudioFilename,
                            openError.localizedDescription));
     }
     setAudioHandle(audioReader);
+    audioFeeder_ = std::make_unique<AudioTrackFeeder>(audioHandle_, audioEntries_);
     TQLog::appendLog("9");
+    return 0;
+}
 
-    const std::string self = description();
-    session.serializationQueue = DispatchQueue::createSerial(format("%@ serialization queue", self));
-    session.videoQueue = DispatchQueue::createSerial(format("%@ rw video serialization queue", self));
-    session.audioQueue = DispatchQueue::createSerial(format("%@ rw audio serialization queue", self));
-    TQLog::appendLog("10");
-
-    FormatDescriptionRef videoDescription;
-    if (FormatDescription::createVideo(video->codecType, size.width, size.height, &videoDescription) != kNoErr ||
-        !videoDescription)
-        return fail("Error: failed to create video format description.");
-    TQLog::appendLog("11");
-
-    session.group = std::make_shared<DispatchGroup>();
-    if (!session.writer->startWriting()) {
-        TQLog::appendLog("12");
-        return fail(format("Error starting AssetWriter: %@", session.writer->error().value_or(Error{})));
-    }
-    session.writer->startSessionAtSourceTime(MediaTime::zero());
-    session.started = true;
-    TQLog::appendLog("12");
-
-    // The pumps: while the input is ready, append what the feeder hands out; the first null
-    // finishes the track and leaves the group, once. A stopped run ends both tracks at once.
-    // Why a track ended before its last entry is kept for the summary.
-    const auto endedEarly = [this](bool isVideo, AssetWriter* writer) {
-        if (stopRequested_.load()) return;
-        const uint64_t index = isVideo ? curVideoSampleIndex() : curAudioSampleIndex();
-        const auto entries = isVideo ? videoOffsets() : audioOffsets();
-        const uint64_t count = entries ? entries->count() : 0;
-        if (const auto error = writer->error())
-            noteTrackError(isVideo, format("the writer failed at entry %llu: %@", index, error->localizedDescription));
-        else if (index < count)
-            noteTrackError(isVideo, format("entry %llu of %llu could not be read from the data file", index, count));
-    };
-    AssetWriter* writer = session.writer.get();
+void AppController::startPump(Session& session)
+{
+    // One pump feeds both tracks on the video queue: the track whose media ends earlier gets
+    // the next sample (video on a tie), so the tracks stay within a frame of each other, the
+    // writer never has to hold either back, and the chunks land in the same order every run.
+    // A stopped run ends both tracks at once; why a track ended before its last entry is kept
+    // for the summary.
     session.group->enter();
-    {
-        TrackFeed feed{session.videoInput, session.group, videoDescription};
-        session.videoInput->requestMediaDataWhenReadyOnQueue(session.videoQueue, [this, feed, frameRate, endedEarly, writer] {
-            while (feed.input->isReadyForMoreMediaData()) {
-                std::unique_ptr<SampleBuffer> sample;
+    if (session.hasAudio) session.group->enter();
+    TQLog::appendLog("13");
+
+    auto group = session.group;
+    auto videoInput = session.videoInput;
+    auto audioInput = session.audioInput;
+    AssetWriter* writer = session.writer.get();
+    const bool hasAudio = session.hasAudio;
+    session.videoQueue->async([this, group, videoInput, audioInput, writer, hasAudio] {
+        VideoTrackFeeder& video = *videoFeeder_;
+        AudioTrackFeeder& audio = *audioFeeder_;
+        const FrameTiming timing = video.timing();
+        const auto audioRate = static_cast<unsigned __int128>(audio.sampleRate());
+        bool videoOpen = true;
+        bool audioOpen = hasAudio;
+        const auto finish = [this, &group, writer](bool isVideo, AssetWriterInput& input, bool& open, bool& finished) {
+            open = false;
+            finished = true;
+            if (!stopRequested_.load()) {
+                const uint64_t index = isVideo ? videoFeeder_->entryIndex() : audioFeeder_->entryIndex();
+                const uint64_t count = isVideo ? videoEntries_->size() : audioEntries_->size();
+                if (const auto error = writer->error())
+                    noteTrackError(isVideo,
+                                   format("the writer failed at entry %llu: %@", index, error->localizedDescription));
+                else if (index < count)
+                    noteTrackError(isVideo, format("entry %llu of %llu could not be read from the data file", index, count));
+            }
+            input.markAsFinished();
+            group->leave();
+        };
+        while (videoOpen || audioOpen) {
+            // video end <= audio end: frames * duration / timescale <= audioFrames / rate
+            const bool takeVideo =
+                videoOpen && (!audioOpen || static_cast<unsigned __int128>(video.framesHandedOut()) *
+                                                    static_cast<uint64_t>(timing.frameDuration) * audioRate <=
+                                                static_cast<unsigned __int128>(audio.framesHandedOut()) *
+                                                    static_cast<uint64_t>(timing.timescale));
+            if (takeVideo) {
+                const SampleBuffer* sample = nullptr;
                 try {
-                    if (!stopRequested_.load()) sample = copyNextVideoSampleBuffer(feed.format, frameRate);
-                    if (sample && !feed.input->appendSampleBuffer(*sample)) {
+                    if (!stopRequested_.load()) sample = video.next();
+                    if (sample && !videoInput->appendSampleBuffer(*sample)) {
                         if (!stopRequested_.load())
                             TQLog::appendLog("Error appending video sample. The video track ends here.");
-                        sample.reset();
+                        sample = nullptr;
                     }
                 } catch (const PlatformException& exception) {
                     TQException::logException(exception, "-[AppController copyNextVideoSampleBuffer:fps:]");
                     noteTrackError(true, exception.reason());
-                    sample.reset();
+                    sample = nullptr;
                 }
-                if (!sample) {
-                    if (!videoFinished_.exchange(true)) {
-                        endedEarly(true, writer);
-                        feed.input->markAsFinished();
-                        feed.group->leave();
-                    }
-                    return;
-                }
-            }
-        });
-    }
-    TQLog::appendLog("13");
-
-    if (audio) {
-        session.group->enter();
-        TrackFeed feed{session.audioInput, session.group, audioDescription};
-        const uint64_t sampleRate = audio->sampleRate;
-        const uint64_t bytesPerFrame = audio->feederBytesPerFrame;
-        session.audioInput->requestMediaDataWhenReadyOnQueue(
-            session.audioQueue, [this, feed, sampleRate, bytesPerFrame, endedEarly, writer] {
-                while (feed.input->isReadyForMoreMediaData()) {
-                    std::unique_ptr<SampleBuffer> sample;
-                    try {
+                if (!sample) finish(true, *videoInput, videoOpen, videoFinished_);
+            } else {
+                const SampleBuffer* sample = nullptr;
+                try {
+                    if (!stopRequested_.load()) sample = audio.next();
+                    if (sample && !audioInput->appendSampleBuffer(*sample)) {
                         if (!stopRequested_.load())
-                            sample = copyNextAudioSampleBuffer(feed.format, sampleRate, bytesPerFrame);
-                        if (sample && !feed.input->appendSampleBuffer(*sample)) {
-                            if (!stopRequested_.load())
-                                TQLog::appendLog("Error appending audio sample. The audio track ends here.");
-                            sample.reset();
-                        }
-                    } catch (const PlatformException& exception) {
-                        TQException::logException(
-                            exception, "-[AppController copyNextAudioSampleBuffer:sampleRate:bytesPerFrame:]");
-                        noteTrackError(false, exception.reason());
-                        sample.reset();
+                            TQLog::appendLog("Error appending audio sample. The audio track ends here.");
+                        sample = nullptr;
                     }
-                    if (!sample) {
-                        if (!audioFinished_.exchange(true)) {
-                            endedEarly(false, writer);
-                            feed.input->markAsFinished();
-                            feed.group->leave();
-                        }
-                        return;
-                    }
+                } catch (const PlatformException& exception) {
+                    TQException::logException(exception,
+                                              "-[AppController copyNextAudioSampleBuffer:sampleRate:bytesPerFrame:]");
+                    noteTrackError(false, exception.reason());
+                    sample = nullptr;
                 }
-            });
-    }
+                if (!sample) finish(false, *audioInput, audioOpen, audioFinished_);
+            }
+        }
+    });
     TQLog::appendLog("14");
+}
 
+int64_t AppController::waitForCompletion(Session& session)
+{
     // The completion step: close the handles and finish the file once both tracks are done.
+    AssetWriter* writer = session.writer.get();
     std::atomic<bool>* completed = &session.completed;
     DispatchSemaphore* completion = &session.completion;
     session.group->notify(*session.serializationQueue, [this, writer, completed, completion] {
         try {
-            if (auto handle = videoHandle()) handle->closeFile();
-            if (auto handle = audioHandle()) handle->closeFile();
-            setVideoHandle(nullptr);
-            setAudioHandle(nullptr);
+            if (videoHandle_) videoHandle_->closeFile();
+            if (audioHandle_) audioHandle_->closeFile();
             if (stopRequested_.load()) {
                 finishedWithError_.store(true);
             } else {

@@ -1,17 +1,18 @@
-// The movie-assembly controller: createQuickTimeMovie takes one settings document and writes
-// one QuickTime movie from the raw essence files it names, sample by sample, without
-// decoding or re-encoding anything.
+// The movie-assembly controller: createQuickTimeMovie takes one movie job (a settings
+// document read once into a typed job) and writes one QuickTime movie from the raw essence
+// files it names, sample by sample, without decoding or re-encoding anything.
 //
-// The session feeds the video and the audio track concurrently, each on a serial queue of its
-// own through the writer's pull model; a dispatch group joins the tracks and a completion
-// step on a third queue finishes the file. The controller's state is a set of properties with
-// atomic accessors: each get and each set is indivisible on its own, and the video side and
-// the audio side share none of them.
+// A session opens the writer, opens the two feeders (one per track, each owning its data file
+// and its position), runs one pump that feeds both tracks in media-time order on the video
+// queue, and waits for the completion step that finishes the file. The controller's feeder
+// properties are thin wrappers over the feeders; only the pump touches them while a session
+// runs, so they are plain members.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -20,8 +21,10 @@
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
 #include "Foundation/Value.h"
+#include "MovieJob.h"
 #include "RunSummary.h"
 #include "SampleBuffer/SampleBuffer.h"
+#include "TrackFeeder.h"
 
 namespace corvina {
 class AssetWriter;
@@ -55,8 +58,10 @@ public:
     AppController& operator=(const AppController&) = delete;
 
     // Runs one movie writing session; 0 on success, 1 on failure. Called once per controller,
-    // on the main thread.
+    // on the main thread. The settings form writes the document back to the replay path and
+    // reads it into a job; the job form copies the document it was read from there.
     int64_t createQuickTimeMovie(const corvina::Value& settings);
+    int64_t createQuickTimeMovie(MovieJob job);
 
     // Where the settings document came from, for the run's summary and so that the movie is
     // never written over it.
@@ -80,8 +85,6 @@ public:
     // A linear PCM description with its channel layout; null (and a log line) on failure.
     corvina::FormatDescriptionRef audioFormatDescriptionForChannels(uint64_t channels, bool stereo, uint64_t bitDepth,
                                                                     uint64_t sampleRate, bool bigEndian);
-    // The code's four bytes, most significant first, each byte one character (Latin-1).
-    static std::string codecTypeFrom4CC(uint32_t code);
 
     // Sample feeders: the next sample buffer of each track, or null at the end of the track
     // (or when a sample cannot be read or wrapped). Only the track's own pump calls them.
@@ -93,52 +96,63 @@ public:
     // The completion report: logs the outcome of finishing the movie and records it.
     void readingAndWritingDidFinishSuccessfully(bool success, const std::optional<corvina::Error>& error);
 
-    // Properties.
-    std::shared_ptr<corvina::FileHandle> videoHandle() const { return videoHandle_.load(); }
-    void setVideoHandle(std::shared_ptr<corvina::FileHandle> h) { videoHandle_.store(std::move(h)); }
-    std::shared_ptr<corvina::FileHandle> audioHandle() const { return audioHandle_.load(); }
-    void setAudioHandle(std::shared_ptr<corvina::FileHandle> h) { audioHandle_.store(std::move(h)); }
-    std::shared_ptr<const corvina::Value> videoOffsets() const { return videoOffsets_.load(); }
-    void setVideoOffsets(corvina::Value v) { videoOffsets_.store(std::make_shared<const corvina::Value>(std::move(v))); }
-    std::shared_ptr<const corvina::Value> audioOffsets() const { return audioOffsets_.load(); }
-    void setAudioOffsets(corvina::Value v) { audioOffsets_.store(std::make_shared<const corvina::Value>(std::move(v))); }
-    uint64_t curVideoSampleIndex() const { return curVideoSampleIndex_.load(); }
-    void setCurVideoSampleIndex(uint64_t v) { curVideoSampleIndex_.store(v); }
-    uint64_t numVideoSamplesAppended() const { return numVideoSamplesAppended_.load(); }
-    void setNumVideoSamplesAppended(uint64_t v) { numVideoSamplesAppended_.store(v); }
-    uint64_t curAudioSampleIndex() const { return curAudioSampleIndex_.load(); }
-    void setCurAudioSampleIndex(uint64_t v) { curAudioSampleIndex_.store(v); }
-    uint64_t curAudioSampleSubIndex() const { return curAudioSampleSubIndex_.load(); }
-    void setCurAudioSampleSubIndex(uint64_t v) { curAudioSampleSubIndex_.store(v); }
-    uint64_t numAudioSamplesAppended() const { return numAudioSamplesAppended_.load(); }
-    void setNumAudioSamplesAppended(uint64_t v) { numAudioSamplesAppended_.store(v); }
-    bool videoFinished() const { return videoFinished_.load(); }
-    void setVideoFinished(bool v) { videoFinished_.store(v); }
-    bool audioFinished() const { return audioFinished_.load(); }
-    void setAudioFinished(bool v) { audioFinished_.store(v); }
+    // Properties: wrappers over the two feeders (made on first use from the handle and the
+    // table set here). Setting a handle or a table keeps the track's position.
+    std::shared_ptr<corvina::FileHandle> videoHandle() const { return videoHandle_; }
+    void setVideoHandle(std::shared_ptr<corvina::FileHandle> h);
+    std::shared_ptr<corvina::FileHandle> audioHandle() const { return audioHandle_; }
+    void setAudioHandle(std::shared_ptr<corvina::FileHandle> h);
+    std::shared_ptr<const MediaEntryTable> videoOffsets() const { return videoEntries_; }
+    void setVideoOffsets(const corvina::Value& v);
+    void setVideoOffsets(std::shared_ptr<const MediaEntryTable> entries);
+    std::shared_ptr<const MediaEntryTable> audioOffsets() const { return audioEntries_; }
+    void setAudioOffsets(const corvina::Value& v);
+    void setAudioOffsets(std::shared_ptr<const MediaEntryTable> entries);
+    uint64_t curVideoSampleIndex() const { return videoFeeder_ ? videoFeeder_->entryIndex() : 0; }
+    void setCurVideoSampleIndex(uint64_t v) { videoFeeder().setEntryIndex(v); }
+    uint64_t numVideoSamplesAppended() const { return videoFeeder_ ? videoFeeder_->framesHandedOut() : 0; }
+    void setNumVideoSamplesAppended(uint64_t v) { videoFeeder().setFramesHandedOut(v); }
+    uint64_t curAudioSampleIndex() const { return audioFeeder_ ? audioFeeder_->entryIndex() : 0; }
+    void setCurAudioSampleIndex(uint64_t v) { audioFeeder().setEntryIndex(v); }
+    uint64_t curAudioSampleSubIndex() const { return audioFeeder_ ? audioFeeder_->frameIndex() : 0; }
+    void setCurAudioSampleSubIndex(uint64_t v) { audioFeeder().setFrameIndex(v); }
+    uint64_t numAudioSamplesAppended() const { return audioFeeder_ ? audioFeeder_->framesHandedOut() : 0; }
+    void setNumAudioSamplesAppended(uint64_t v) { audioFeeder().setFramesHandedOut(v); }
+    bool videoFinished() const { return videoFinished_; }
+    void setVideoFinished(bool v) { videoFinished_ = v; }
+    bool audioFinished() const { return audioFinished_; }
+    void setAudioFinished(bool v) { audioFinished_ = v; }
+
+    // The track feeders behind the properties.
+    VideoTrackFeeder& videoFeeder();
+    AudioTrackFeeder& audioFeeder();
 
     // "<AppController: 0x...>", as the queue labels carry it.
     std::string description() const;
 
 private:
     struct Session;
-    int64_t runGuardedSession(const corvina::Value& settings, Session& session);
+    void resetForSession(const MovieJob& job);
+    int64_t runSession(const MovieJob& job, const std::optional<std::string>& replayPath);
+    int64_t runGuardedSession(const MovieJob& job, Session& session);
+    // Each gives 0, or the failure status with its line logged.
+    int64_t openWriter(const MovieJob& job, Session& session);
+    int64_t openReaders(const MovieJob& job, Session& session);
+    void startPump(Session& session);
+    int64_t waitForCompletion(Session& session);
     // Logs an error line that ends the run and keeps the first one for the summary.
     int64_t fail(const std::string& line);
     void noteTrackError(bool video, const std::string& what);
     void publishWriter(corvina::AssetWriter* writer);
 
-    std::atomic<std::shared_ptr<corvina::FileHandle>> videoHandle_;
-    std::atomic<std::shared_ptr<corvina::FileHandle>> audioHandle_;
-    std::atomic<std::shared_ptr<const corvina::Value>> videoOffsets_;
-    std::atomic<std::shared_ptr<const corvina::Value>> audioOffsets_;
-    std::atomic<uint64_t> curVideoSampleIndex_{0};
-    std::atomic<uint64_t> numVideoSamplesAppended_{0};
-    std::atomic<uint64_t> curAudioSampleIndex_{0};
-    std::atomic<uint64_t> curAudioSampleSubIndex_{0};
-    std::atomic<uint64_t> numAudioSamplesAppended_{0};
-    std::atomic<bool> videoFinished_{false};
-    std::atomic<bool> audioFinished_{false};
+    std::shared_ptr<corvina::FileHandle> videoHandle_;
+    std::shared_ptr<corvina::FileHandle> audioHandle_;
+    std::shared_ptr<const MediaEntryTable> videoEntries_ = std::make_shared<const MediaEntryTable>();
+    std::shared_ptr<const MediaEntryTable> audioEntries_ = std::make_shared<const MediaEntryTable>();
+    std::unique_ptr<VideoTrackFeeder> videoFeeder_;
+    std::unique_ptr<AudioTrackFeeder> audioFeeder_;
+    bool videoFinished_ = false;
+    bool audioFinished_ = false;
     std::atomic<bool> finishedWithError_{false};
 
     std::string settingsDocumentPath_;

@@ -102,20 +102,3 @@ FormatDescriptionRef AppController::audioFormatDescriptionForChannels(uint64_t c
     }
     return description;
 }
-
-std::string AppController::codecTypeFrom4CC(uint32_t code)
-{
-    // Each byte is one character unit of the same number; bytes of 128 and above become
-    // two-byte UTF-8 sequences.
-    std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        const auto byte = static_cast<unsigned char>((code >> shift) & 0xFF);
-        if (byte < 0x80) {
-            text += static_cast<char>(byte);
-        } else {
-            text += static_cast<char>(0xC0 | (byte >> 6));
-            text += static_cast<char>(0x80 | (byte & 0x3F));
-        }
-    }
-    return text;
-}

@@ -104,13 +104,19 @@ int main(int argc, char** argv)
     }
 
     const auto startedAt = std::chrono::steady_clock::now();
+    // The document is read straight into a typed job: its property-list tree never outlives
+    // the reading.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
-    corvina::Error readError;
-    const auto settings = replayPath ? corvina::Value::fromPropertyListFile(*replayPath, &readError)
-                                     : std::optional<corvina::Value>();
-    if (!settings || !settings->asDictionary()) {
+    auto job = replayPath ? MovieJob::readDocument(*replayPath) : std::optional<MovieJob>();
+    if (!job) {
         const std::string path = replayPath.value_or("(no Downloads folder)");
-        const std::string cause = replayPath ? settingsProblem(settings, readError) : "there is no Downloads folder";
+        std::string cause = "there is no Downloads folder";
+        if (replayPath) {
+            // Read once more as a tree, only to say what is wrong with it.
+            corvina::Error readError;
+            const auto settings = corvina::Value::fromPropertyListFile(*replayPath, &readError);
+            cause = settingsProblem(settings, readError);
+        }
         corvina::systemLog("Unable to open settings dictionary");
         corvina::systemLog(corvina::format("Cannot read the settings document %@: %@", path, cause));
         RunSummary story;
@@ -123,7 +129,7 @@ int main(int argc, char** argv)
     }
 
     controller->setSettingsDocumentPath(*replayPath);
-    int64_t status = controller->createQuickTimeMovie(*settings);
+    int64_t status = controller->createQuickTimeMovie(std::move(*job));
     if (stopsignals::stopRequested()) status = 1;
     // The log's shutdown at exit drops what is still queued when the writer is far behind (the
     // feeders queue thousands of lines); wait so that the session's closing lines are in the file.

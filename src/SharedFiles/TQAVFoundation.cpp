@@ -236,18 +236,7 @@ uint32_t TQAVFoundation::fourCCForTrack(const Track& track)
 
 std::string TQAVFoundation::fourCCString(uint32_t code)
 {
-    const std::string raw = corvina::format("%c%c%c%c", char((code >> 24) & 0xFF), char((code >> 16) & 0xFF),
-                                            char((code >> 8) & 0xFF), char(code & 0xFF));
-    std::string_view text(raw);
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    std::string printed;
-    for (char c : text) {
-        const auto byte = uint8_t(c);
-        if (byte >= 0x20 && byte < 0x7F && byte != '\\') printed += c;
-        else printed += corvina::format("\\x%02X", unsigned(byte));
-    }
-    return printed;
+    return fourCCText(code, true);
 }
 
 std::string TQAVFoundation::codecNameForTrack(const Track& track)

@@ -80,9 +80,8 @@ public:
     // The media subtype of the track's first description; 0 without one.
     static uint32_t fourCCForTrack(const Track& track);
     // The four characters of the code, most significant byte first, with spaces and tabs
-    // trimmed from both ends: 'aac ' prints as "aac", 0x20202020 as "". Bytes that are not
-    // printable ASCII (and the backslash) are written as \xNN, so the text is always plain
-    // ASCII.
+    // trimmed from both ends: 'aac ' prints as "aac", 0x20202020 as "". Other bytes are
+    // escaped as corvina::fourCCText does, so the text is always plain ASCII.
     static std::string fourCCString(uint32_t code);
     // A display name: "H.264 (avc1)", "Linear PCM", "AAC", the format's own name, "Unknown
     // codec" or "Unsupported track type".

@@ -52,7 +52,7 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     EXPECT_THAT(home.logEntries(), Contains("Application crashed on last launch"));
     std::string handed;
     for (int i = 0; i < 200 && handed.empty(); ++i) {
-        handed = readTextFile(bin + "/handed-over.txt");
+        handed = readFile(bin + "/handed-over.txt");
         if (handed.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(handed, report + "\n");

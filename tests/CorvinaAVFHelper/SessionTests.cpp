@@ -250,7 +250,7 @@ TEST_F(HelperSession, UnreadableSettingsEndWithStatusOne)
     const std::string xml = Value(Value::DictionaryType{{"formatType", 1}}).toXMLPropertyList();
     for (const std::string& text : {std::string("this is no property list"), xml.substr(0, xml.size() / 2),
                                     Value(Value::ArrayType{Value(1)}).toXMLPropertyList()}) {
-        { std::ofstream(home.replaySettingsPath()) << text; }
+        writeFile(home.replaySettingsPath(), text);
         run = home.runHelper();
         EXPECT_EQ(run.status, 1);
         EXPECT_NE(run.err.find("Unable to open settings dictionary"), std::string::npos);
@@ -296,7 +296,7 @@ TEST_F(HelperSession, AnExistingDestinationIsReplaced)
     auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "0", "--seconds", "0.1"});
     ASSERT_TRUE(made);
     const std::string path = job / "movie.mov";
-    { std::ofstream(path) << "an old movie"; }
+    writeFile(path, "an old movie");
     ASSERT_TRUE(home.writeSettings(withKey(*made, "destFilename", path)));
     ASSERT_EQ(home.runHelper().status, 0);
     EXPECT_EQ(checkMovieStructure(path), std::vector<std::string>{});

@@ -105,7 +105,7 @@ TEST(SettingsModeTest, UnreadableOrUnrecognisedMoviesFail)
     }());
     const std::string audioOnly = makeTestMovie("settings-audio.wav", lavfi("sine=r=8000:d=0.1"));
     // A movie whose index is missing: cut before its end.
-    const auto whole = readBinaryFile(makeTestMovie("settings-whole.mov", [] {
+    const auto whole = readBytes(makeTestMovie("settings-whole.mov", [] {
         auto a = lavfi("testsrc=s=720x576:r=25:d=0.2");
         a.insert(a.end(), {"-pix_fmt", "yuv420p", "-c:v", "dvvideo"});
         return a;

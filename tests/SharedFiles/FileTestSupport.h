@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Process/Process.h"
-#include "ServicesTestSupport.h"
+#include "ChildTest.h"
 #include "TQAuthorization.h"
 
 namespace filestest {
@@ -87,7 +87,7 @@ private:
 inline void becomeNobody()
 {
     if (::getuid() != 0) return;
-    ASSERT_EQ(::chown(servicestest::childHome().c_str(), 65534, 65534), 0);
+    ASSERT_EQ(::chown(corvina::test::childHome().c_str(), 65534, 65534), 0);
     ASSERT_EQ(::setgid(65534), 0);
     ASSERT_EQ(::setuid(65534), 0);
 }

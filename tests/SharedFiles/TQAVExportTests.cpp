@@ -9,7 +9,7 @@
 #include <mutex>
 
 #include "Dispatch/Dispatch.h"
-#include "HelperRun.h"
+#include "TestSupport.h"
 #include "MovieCheck.h"
 #include "TQAVExport.h"
 #include "TestMovies.h"
@@ -193,7 +193,7 @@ TEST(TQAVExportTest, CancelKeepsWhatWasThere)
         if (midway) {
             EXPECT_LT(recorder.progress.back(), 0.5f);
         }
-        EXPECT_EQ(readTextFile(output), "precious");
+        EXPECT_EQ(readFile(output), "precious");
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);  // no partial movie left
     }
 }

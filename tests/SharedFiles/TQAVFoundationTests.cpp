@@ -4,7 +4,7 @@
 #include <cmath>
 #include <filesystem>
 
-#include "HelperRun.h"
+#include "TestSupport.h"
 #include "MovieCheck.h"
 #include "TQAVFoundation.h"
 #include "TestMovies.h"
@@ -125,7 +125,7 @@ TEST(TQAVFoundationTest, FourCharacterCodesAndCodecNames)
     EXPECT_EQ(TQAVFoundation::fourCCString(0x09617009), "ap");
     // Unprintable bytes never reach the text raw.
     EXPECT_EQ(TQAVFoundation::fourCCString(0x00616263), "\\x00abc");
-    EXPECT_EQ(TQAVFoundation::fourCCString(0x61E95C0A), "a\\xE9\\x5C\\x0A");
+    EXPECT_EQ(TQAVFoundation::fourCCString(0x61E95C0A), "a\\xE9\\\\\\x0A");
     EXPECT_EQ(TQAVFoundation::fourCCString(0), "\\x00\\x00\\x00\\x00");
 
     const AssetRef asset = movie("codecs.mov", join({lavfi("testsrc=s=64x48:r=30000/1001:d=0.1"),
@@ -187,7 +187,7 @@ TEST(TQAVFoundationTest, WaveformPictureTool)
                              {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:59:59:24"}}));
     ProcessResult run = runProgram({tool, withAudio, dir / "w.png", "--width", "300", "--height", "100"});
     ASSERT_EQ(run.status, 0) << run.err;
-    const auto png = readBinaryFile(dir / "w.png");
+    const auto png = readBytes(dir / "w.png");
     ASSERT_GT(png.size(), 8u);
     EXPECT_EQ(std::vector<uint8_t>(png.begin(), png.begin() + 8),
               std::vector<uint8_t>({0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}));

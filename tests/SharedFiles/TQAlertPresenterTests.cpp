@@ -9,16 +9,15 @@
 #include <fstream>
 #include <thread>
 
-#include "ChildProcessTestSupport.h"
+#include "ChildTest.h"
 #include "Foundation/Exception.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
-#include "ServicesTestSupport.h"
 #include "TQAlert.h"
 
 namespace fs = std::filesystem;
-using servicestest::Scratch;
+using namespace corvina::test;
 using ::testing::Contains;
 
 namespace {
@@ -55,8 +54,6 @@ public:
 };
 class OtherDelegate : public TQAlertDelegate {};
 
-using childtest::runTool;
-using childtest::waitForFile;
 
 std::string selfPath()
 {
@@ -68,7 +65,7 @@ std::string selfPath()
 void reportResult(int64_t code)
 {
     const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
-    const std::string result = servicestest::childHome() + "/result";
+    const std::string result = childHome() + "/result";
     std::ofstream(result + ".tmp") << code << " "
                                    << (quiet.isNone() ? "unset" : quiet.boolValue() ? "checked" : "unchecked") << "\n";
     fs::rename(result + ".tmp", result);
@@ -103,7 +100,7 @@ TEST(TQAlertSelector, DelegateMustAnswerTheEndMessage)
 
 TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    if (!inChild()) return expectChildPasses();
     auto person = std::make_shared<PersonPresenter>(corvina::kAlertDefaultReturn, true);
     PresenterScope scope(person);
     TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
@@ -130,7 +127,7 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
 TEST(TQAlertPresenters, NobodyToAskLogsAndAnswersAtOnce)
 {
     // The automatic choice in a child whose streams are pipes and which has no display.
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    if (!inChild()) return expectChildPasses();
     ASSERT_EQ(std::getenv("DISPLAY"), nullptr);
     corvina::ScopedSystemLogCapture capture;
     EXPECT_EQ(TQAlert::timedAlertSheetWithMessageText("Nobody here", "Go", "Stop", nullptr, "Really?", nullptr,
@@ -151,15 +148,15 @@ TEST(TQAlertChild, DISABLED_AsksOnTheTerminal)
 TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
 {
     if (!corvina::isExecutablePath("/usr/bin/tmux")) GTEST_SKIP() << "tmux is not installed";
-    Scratch home;
+    TempDir home;
     const std::string socket = home / "tmux.sock";
     const std::string command = "cd '" + home.path() + "' && env -u DISPLAY -u WAYLAND_DISPLAY HOME='" + home.path() +
                                 "' TQ_LOCAL_ROOT='" + home.path() + "' TQ_CONSOLE_USER= '" + selfPath() +
                                 "' --gtest_also_run_disabled_tests --gtest_filter=TQAlertChild.DISABLED_AsksOnTheTerminal"
                                 ";"
                                 " echo $? > status";
-    ASSERT_EQ(runTool({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status, 0);
-    auto screen = [&] { return runTool({"/usr/bin/tmux", "-S", socket, "capture-pane", "-p"}).output; };
+    ASSERT_EQ(runProgram({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status, 0);
+    auto screen = [&] { return runProgram({"/usr/bin/tmux", "-S", socket, "capture-pane", "-p"}).out; };
     auto waitForScreen = [&](const std::string& wanted) {
         for (int i = 0; i < 300; ++i) {
             if (screen().find(wanted) != std::string::npos) return true;
@@ -168,11 +165,11 @@ TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
         return false;
     };
     EXPECT_TRUE(waitForScreen("s) [ ] Do not show this message again")) << screen();
-    runTool({"/usr/bin/tmux", "-S", socket, "send-keys", "s", "Enter"});
+    runProgram({"/usr/bin/tmux", "-S", socket, "send-keys", "s", "Enter"});
     EXPECT_TRUE(waitForScreen("s) [x] Do not show this message again")) << screen();
-    runTool({"/usr/bin/tmux", "-S", socket, "send-keys", "2", "Enter"});
+    runProgram({"/usr/bin/tmux", "-S", socket, "send-keys", "2", "Enter"});
     const std::string result = waitForFile(home / "result", std::chrono::seconds(30));
-    runTool({"/usr/bin/tmux", "-S", socket, "kill-server"});
+    runProgram({"/usr/bin/tmux", "-S", socket, "kill-server"});
     EXPECT_EQ(result, "0 checked\n") << "the alternate button, with the box checked";
     EXPECT_EQ(waitForFile(home / "status", std::chrono::seconds(10)), "0\n");
 }
@@ -251,28 +248,28 @@ TEST(TQAlertPresenters, DialogAnsweredThroughXdotool)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.keys.front());
-        Scratch home;
-        std::map<std::string, std::string> env = childtest::environmentWith(home.path(), {{"DISPLAY", display.name()}});
+        TempDir home;
+        std::map<std::string, std::string> env = environmentWith(home.path(), {{"DISPLAY", display.name()}});
         env.erase("DBUS_SESSION_BUS_ADDRESS");
         if (*c.binding) env["CORVINA_BINDING"] = c.binding;
         corvina::Process child;
         child.setLaunchPath("/proc/self/exe");
-        child.setArguments(childtest::childArguments("TQAlertChild.DISABLED_AsksInADialog"));
+        child.setArguments(childArguments("TQAlertChild.DISABLED_AsksInADialog"));
         child.setEnvironment(env);
         child.setStandardOutput(corvina::Process::Stream::Null);
         child.setStandardError(corvina::Process::Stream::Null);
         child.launch();
-        const auto found = runTool({"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible",
+        const auto found = runProgram({"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible",
                                     "--name", "Replace the movie"},
                                    xenv);
         ASSERT_EQ(found.status, 0) << "no dialog appeared";
-        const std::string window = found.output.substr(0, found.output.find('\n'));
+        const std::string window = found.out.substr(0, found.out.find('\n'));
         // A dialog that is not ready for keys yet loses them: focus and press again until it
         // answers (a busy machine may take a while to draw it).
         std::string result;
         for (int attempt = 0; attempt < 10 && result.empty(); ++attempt) {
-            runTool({"/usr/bin/timeout", "10", "/usr/bin/xdotool", "windowfocus", "--sync", window}, xenv);
-            for (const auto& key : c.keys) runTool({"/usr/bin/xdotool", "key", key}, xenv);
+            runProgram({"/usr/bin/timeout", "10", "/usr/bin/xdotool", "windowfocus", "--sync", window}, xenv);
+            for (const auto& key : c.keys) runProgram({"/usr/bin/xdotool", "key", key}, xenv);
             result = waitForFile(home / "result", std::chrono::seconds(3));
         }
         if (result.empty()) child.terminate();

@@ -9,8 +9,8 @@
 #include "TQLocalPaths.h"
 
 namespace fs = std::filesystem;
+using namespace corvina::test;
 using Call = filestest::Tools::Call;
-using servicestest::writeFile;
 using ::testing::ElementsAre;
 
 namespace {
@@ -42,8 +42,8 @@ TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
 
 TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string h = servicestest::childHome();
+    if (!inChild()) return expectChildPasses();
+    const std::string h = childHome();
     const std::string trash = TQLocalPaths::trashDirectory().value();
     const std::string info = fs::path(trash).parent_path().string() + "/info/";
     for (const char* f : {"/report.txt", "/Notes/n.txt", "/in/a.mov", "/lost.mov"}) writeFile(h + f, "x");

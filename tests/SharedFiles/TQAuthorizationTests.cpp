@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -11,15 +12,14 @@
 #include <vector>
 
 #include "Foundation/SystemLog.h"
-#include "ChildProcessTestSupport.h"
-#include "ServicesTestSupport.h"
+#include "ChildTest.h"
 #include "TQAuthorization.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -79,7 +79,7 @@ TEST(TQAuthorizationRemove, ProtectedFoldersAreRefusedWithoutRunningATool)
 
 TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string inside = scratch / "movie.mov";
     RecordedTools tools;
     EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
@@ -110,8 +110,8 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectly)
     EXPECT_TRUE(auth.canAuthorize());
     EXPECT_TRUE(auth.authStart());
     EXPECT_TRUE(auth.authStartWithUser("anyone", "anything"));
-    Scratch scratch;
-    servicestest::writeFile(scratch / "tree/a/b/file", "x");
+    TempDir scratch;
+    writeFile(scratch / "tree/a/b/file", "x");
     EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", scratch / "tree"}, false), 0);
     EXPECT_FALSE(std::filesystem::exists(scratch / "tree")) << "waited for the tool";
 }
@@ -120,37 +120,40 @@ TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
 {
     // A process that is not root, with a controller that may not ask: every privileged
     // operation fails at once, with nothing run.
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string target = servicestest::childHome() + "/keep.txt";
-    servicestest::writeFile(target, "data");
-    if (::getuid() == 0) {
-        ASSERT_EQ(::chown(servicestest::childHome().c_str(), 65534, 65534), 0);
-        ASSERT_EQ(::setgid(65534), 0);
-        ASSERT_EQ(::setuid(65534), 0);
-    }
-    auto& auth = TQAuthorization::sharedController(false);
-    corvina::ScopedSystemLogCapture capture;
-    EXPECT_FALSE(auth.hasGUI());
-    EXPECT_FALSE(auth.isAuthorized());
-    EXPECT_FALSE(auth.canAuthorize());
-    EXPECT_FALSE(auth.authStart());
-    EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
-    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
-    EXPECT_FALSE(auth.authRemoveFile(target));
-    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
-    EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
-    EXPECT_TRUE(std::filesystem::exists(target));
+    TempDir home;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        const std::string target = home.path() + "/keep.txt";
+        writeFile(target, "data");
+        if (::getuid() == 0) {
+            ASSERT_EQ(::chown(home.path().c_str(), 65534, 65534), 0);
+            ASSERT_EQ(::setgid(65534), 0);
+            ASSERT_EQ(::setuid(65534), 0);
+        }
+        auto& auth = TQAuthorization::sharedController(false);
+        corvina::ScopedSystemLogCapture capture;
+        EXPECT_FALSE(auth.hasGUI());
+        EXPECT_FALSE(auth.isAuthorized());
+        EXPECT_FALSE(auth.canAuthorize());
+        EXPECT_FALSE(auth.authStart());
+        EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
+        EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
+        EXPECT_FALSE(auth.authRemoveFile(target));
+        EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
+        EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
+        EXPECT_TRUE(std::filesystem::exists(target));
+    });
+    EXPECT_TRUE(child.passed()) << child.failures;
 }
 
 TEST(TQAuthorizationExec, RootStatusIsTheToolsOwn)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root";
     auto& auth = TQAuthorization::sharedController();
-    Scratch scratch;
+    TempDir scratch;
     EXPECT_EQ(auth.authExecTask("/bin/touch", {scratch / "made"}, false), 0);
     EXPECT_TRUE(std::filesystem::exists(scratch / "made"));
     EXPECT_EQ(auth.authExecTask("/bin/sh", {"-c", "exit 3"}, false), 3) << "a failing tool is not a success";
-    servicestest::writeFile(scratch / "doomed/file", "x");
+    writeFile(scratch / "doomed/file", "x");
     EXPECT_TRUE(auth.authRemoveFile(scratch / "doomed"));
     EXPECT_FALSE(std::filesystem::exists(scratch / "doomed"));
 }
@@ -160,9 +163,9 @@ TEST(TQAuthorizationExec, RootStatusIsTheToolsOwn)
 // on the terminal, and every privileged operation must fail and leave things as they were.
 TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
 {
-    const std::string home = servicestest::childHome();
+    const std::string home = childHome();
     const std::string target = home + "/keep.txt";
-    servicestest::writeFile(target, "data");
+    writeFile(target, "data");
     ASSERT_EQ(::chown(home.c_str(), 65534, 65534), 0);
     ASSERT_EQ(::chown(target.c_str(), 0, 0), 0);
     ASSERT_EQ(::setgroups(0, nullptr), 0);
@@ -198,7 +201,7 @@ TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
     EXPECT_TRUE(refused);
     TQLog::finishWriting();
     bool logged = false;
-    for (const auto& l : servicestest::logEntries(servicestest::childLogPath())) {
+    for (const auto& l : logEntries(childLogPath())) {
         logged |= l.rfind("Authorization refused: ", 0) == 0;
     }
     EXPECT_TRUE(logged) << "the reason is in the program's log too";
@@ -212,8 +215,8 @@ TEST(TQAuthorizationUnprivileged, RefusesCleanlyWithoutAnyPrompt)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to become another user";
     if (!corvina::isExecutablePath("/usr/bin/sudo")) GTEST_SKIP() << "sudo is not installed";
-    Scratch home;
-    const auto run = childtest::runTestOnTerminal("TQAuthorizationChild.DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt",
+    TempDir home;
+    const auto run = runTestOnTerminal("TQAuthorizationChild.DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt",
                                                   home.path(), {}, std::chrono::seconds(120));
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output.find("assword"), std::string::npos) << "asked on the terminal:\n" << run.output;

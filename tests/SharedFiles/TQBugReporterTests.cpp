@@ -8,23 +8,23 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
-#include "ChildProcessTestSupport.h"
+#include "ChildTest.h"
 #include "Diagnostics/CrashHandler.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
-#include "ServicesTestSupport.h"
 #include "TQBugReporter.h"
 #include "TQLocalPaths.h"
 #include "TQLog.h"
 
 namespace fs = std::filesystem;
 using corvina::Value;
-using servicestest::Scratch;
+using namespace corvina::test;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
@@ -90,8 +90,8 @@ TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
         }
         case SIGBUS: {
             // A mapping past the end of an empty file.
-            const std::string path = servicestest::childHome() + "/empty";
-            servicestest::writeFile(path, "");
+            const std::string path = childHome() + "/empty";
+            writeFile(path, "");
             const int fd = ::open(path.c_str(), O_RDONLY);
             auto* page = static_cast<volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0));
             [[maybe_unused]] char c = page[0];
@@ -133,15 +133,15 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
                    {SIGABRT, "Signal: 6 (SIGABRT)"}};
     for (const auto& s : signals) {
         SCOPED_TRACE(s.line);
-        Scratch home;
-        const auto crashed = childtest::runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
+        TempDir home;
+        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
                                                 {{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}});
         EXPECT_EQ(crashed.status, 128 + s.sig) << crashed.output;
         const auto reports = filesIn(reportsFolder(home.path()));
         ASSERT_EQ(reports.size(), 1u) << crashed.output;
         EXPECT_THAT(reports[0], ::testing::MatchesRegex(std::string(kProgram) + "_[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{6}_.+\\.crash"));
         const std::string report = reportsFolder(home.path()) + "/" + reports[0];
-        const std::string text = servicestest::readFile(report);
+        const std::string text = readFile(report);
         EXPECT_THAT(text, HasSubstr(s.line));
         EXPECT_THAT(text, HasSubstr("Backtrace:\n"));
         EXPECT_THAT(text, HasSubstr("Last words before the crash"));
@@ -150,13 +150,13 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         }
 
         // The next launch: the crash is logged and the report goes to the stand-in.
-        childtest::writeRecorder(home / "bin/Bug Reporter");
-        const auto next = childtest::runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
+        writeRecorder(home / "bin/Bug Reporter");
+        const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
                                              {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
         EXPECT_EQ(next.status, 0) << next.output;
-        const auto log = servicestest::logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
-        EXPECT_EQ(servicestest::countOf(log, "Application crashed on last launch"), 1);
-        EXPECT_EQ(childtest::waitForFile(home / "bin/handed-over.txt"), report + "\n");
+        const auto log = logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
+        EXPECT_EQ(std::ranges::count(log, "Application crashed on last launch"), 1);
+        EXPECT_EQ(waitForFile(home / "bin/handed-over.txt"), report + "\n");
     }
 }
 
@@ -164,7 +164,7 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
 
 TEST(TQBugReporterChild, DISABLED_CheckScenarios)
 {
-    const std::string home = servicestest::childHome();
+    const std::string home = childHome();
     const std::string scenario = std::getenv("CORVINA_SCENARIO");
     const std::string record = home + "/record.plist";
     const std::string reports = reportsFolder(home);
@@ -172,7 +172,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
     const auto hourAgo = now - std::chrono::hours(1);
     TQLog::createNewLog(std::string(kProgram));
     TQLog::sharedController().setNoPrinting(true);
-    childtest::writeRecorder(home + "/bin/Bug Reporter");
+    writeRecorder(home + "/bin/Bug Reporter");
     auto writeRecord = [&](std::optional<corvina::Date> launch, std::optional<corvina::Date> exit) {
         Value::DictionaryType dict{{"other", Value("kept")}};
         if (launch) dict.emplace("launch", Value::date(*launch));
@@ -180,7 +180,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         ASSERT_TRUE(Value(dict).writeToFile(record, true));
     };
     auto plantReport = [&](const std::string& folder, const std::string& name, corvina::Date modified) {
-        servicestest::writeFile(folder + "/" + name, "report");
+        writeFile(folder + "/" + name, "report");
         setModified(folder + "/" + name, modified);
         return folder + "/" + name;
     };
@@ -206,7 +206,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         plantReport(reports, "sharedfilestests_2026-01-01-000000_h.crash", now);
         const auto newest = plantReport(reports, "SHAREDFILESTESTS_2026-03-01-000000_h.crash", now);
         EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), newest);
-        EXPECT_EQ(childtest::waitForFile(home + "/bin/handed-over.txt"), newest + "\n");
+        EXPECT_EQ(waitForFile(home + "/bin/handed-over.txt"), newest + "\n");
     } else if (scenario == "folder-order") {
         // The user's CrashReporter folder comes before the machine-wide DiagnosticReports.
         writeRecord(hourAgo, std::nullopt);
@@ -220,7 +220,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
             home + "/root/Library/Logs/CrashReporter", machine};
         EXPECT_EQ(TQBugReporter::reportFolders(), expected);
     } else if (scenario == "disabled") {
-        servicestest::writeFile(home + "/Library/Preferences/com.brantwell.global.plist",
+        writeFile(home + "/Library/Preferences/com.brantwell.global.plist",
                                 Value(Value::DictionaryType{{"disable-crash-reporter", Value("1")}}).toXMLPropertyList());
         corvina::ScopedSystemLogCapture capture;
         const auto report = plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
@@ -238,9 +238,9 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         EXPECT_THAT(capture.messages(), Contains("Crash reporter disabled"));
         TQLog::finishWriting();
         // As root the log is the machine-wide one.
-        const auto log = servicestest::logEntries(*TQLocalPaths::libraryDirectory(::getuid() != 0) +
+        const auto log = logEntries(*TQLocalPaths::libraryDirectory(::getuid() != 0) +
                                                   "/Logs/Brantwell/SharedFilesTests.1.log");
-        EXPECT_EQ(servicestest::countOf(log, "Crash reporter disabled"), 1);
+        EXPECT_EQ(std::ranges::count(log, "Crash reporter disabled"), 1);
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         EXPECT_FALSE(fs::exists(home + "/bin/handed-over.txt")) << "nothing opened";
         // The launch is recorded anew and a normal stop makes the next check quiet.
@@ -267,8 +267,8 @@ TEST(TQBugReporterCheck, Scenarios)
 {
     for (const char* scenario : {"first-launch", "ended-normally", "old-report", "newest-by-name-case-ignored",
                                  "folder-order", "disabled", "record-file-keeps-other-keys"}) {
-        Scratch home;
-        const auto run = childtest::runTest("TQBugReporterChild.DISABLED_CheckScenarios", home.path(),
+        TempDir home;
+        const auto run = runTest("TQBugReporterChild.DISABLED_CheckScenarios", home.path(),
                                             {{"CORVINA_SCENARIO", scenario},
                                              {"TQ_LOCAL_ROOT", home / "root"},
                                              {"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
@@ -279,10 +279,10 @@ TEST(TQBugReporterCheck, Scenarios)
 TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to give files away";
-    Scratch scratch;
+    TempDir scratch;
     // Outside /home nothing changes hands.
     const std::string outside = scratch / "record.plist";
-    servicestest::writeFile(outside, "x");
+    writeFile(outside, "x");
     TQBugReporter::chownPlist(outside);
     struct stat st {};
     ASSERT_EQ(::stat(outside.c_str(), &st), 0);
@@ -291,7 +291,7 @@ TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
     const std::string home = "/home/nobody";
     if (fs::exists(home)) GTEST_SKIP() << home << " exists already; not touching it";
     const std::string record = home + "/Library/Preferences/record.plist";
-    servicestest::writeFile(record, "x");
+    writeFile(record, "x");
     TQBugReporter::chownPlist(record);
     ASSERT_EQ(::stat(record.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 65534u);

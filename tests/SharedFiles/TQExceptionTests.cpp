@@ -3,10 +3,9 @@
 #include "Foundation/Exception.h"
 #include "TQException.h"
 #include "TQLog.h"
-#include "TQLogTestSupport.h"
+#include "TestSupport.h"
 
-using tqtest::Checks;
-using tqtest::TempDir;
+using namespace corvina::test;
 
 TEST(TQException, DidTimeoutOnlyForTheExactName)
 {
@@ -29,14 +28,14 @@ TEST(TQException, LogExceptionWritesTheMessageAsItStands)
     TempDir dir;
     const std::string expected =
         "Exception in -[TQTaskEx launchAsyncTask]. NSInvalidArgumentException - path %@ has 5% and %d.";
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         std::string message = TQException::logException(
             corvina::PlatformException("NSInvalidArgumentException", "path %@ has 5% and %d"), "-[TQTaskEx launchAsyncTask]");
         TQLog::finishWriting();
         c.equal(message, expected, "returned message");
-        auto ls = tqtest::lines(tqtest::readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
-        c.equal(ls.empty() ? "" : tqtest::entryText(ls.back()), expected, "last entry");
+        auto ls = splitLines(readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
+        c.equal(ls.empty() ? "" : entryText(ls.back()), expected, "last entry");
     });
     EXPECT_TRUE(r.exitedCleanly());
     EXPECT_EQ(r.failures, "");
@@ -46,10 +45,10 @@ TEST(TQException, LogExceptionWritesTheMessageAsItStands)
 TEST(TQException, DisabledLoggingStillReturnsTheMessage)
 {
     TempDir dir;
-    tqtest::writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist",
+    writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist",
                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>disable-logging</key>"
                       "<string>1</string></dict></plist>");
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         c.equal(TQException::logException(corvina::PlatformException("N", "R"), "m"), "Exception in m. N - R.", "message");
     });

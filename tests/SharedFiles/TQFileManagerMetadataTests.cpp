@@ -7,10 +7,10 @@
 #include "FileTestSupport.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
+#include "TQLog.h"
 
 namespace fs = std::filesystem;
-using servicestest::Scratch;
-using servicestest::writeFile;
+using namespace corvina::test;
 using ::testing::ElementsAre;
 
 namespace {
@@ -20,7 +20,7 @@ std::vector<std::string> loggedProblems()
 {
     TQLog::finishWriting();
     std::vector<std::string> out;
-    for (const auto& line : servicestest::logEntries(servicestest::childLogPath()))
+    for (const auto& line : logEntries(childLogPath()))
         if (line.rfind("Unable", 0) == 0 || line.rfind("Error", 0) == 0) out.push_back(line);
     return out;
 }
@@ -29,9 +29,9 @@ std::vector<std::string> loggedProblems()
 
 TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    filestest::ScopedMount flags(servicestest::childHome() + "/tmpfs", "tmpfs", "size=1m");
-    filestest::ScopedMount none(servicestest::childHome() + "/ramfs", "ramfs", "");
+    if (!inChild()) return expectChildPasses();
+    filestest::ScopedMount flags(childHome() + "/tmpfs", "tmpfs", "size=1m");
+    filestest::ScopedMount none(childHome() + "/ramfs", "ramfs", "");
     MOUNT_OR_SKIP(flags);
     MOUNT_OR_SKIP(none);
     TQLog::createNewLog("Services");
@@ -62,8 +62,8 @@ TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
 
 TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string file = servicestest::childHome() + "/sealed.mov";
+    if (!inChild()) return expectChildPasses();
+    const std::string file = childHome() + "/sealed.mov";
     writeFile(file, "x");
     ::chmod(file.c_str(), 0);
     ::chown(file.c_str(), 65534, 65534);
@@ -76,7 +76,7 @@ TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
 
 TEST(TQFileManagerMetadata, AttributesAsOtherToolsReadThem)
 {
-    Scratch s;
+    TempDir s;
     const std::string file = s / "take.mov";
     writeFile(file, "x");
     EXPECT_TRUE(TQFileManager::setMetadataValue("Reel 7 \xc3\xa9", "com.example.reel", file));
@@ -100,7 +100,7 @@ TEST(TQFileManagerMetadata, AttributesAsOtherToolsReadThem)
 
 TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
 {
-    Scratch s;
+    TempDir s;
     const std::string file = s / "take.mov";
     const char* record = "user.com.apple.FinderInfo";
     writeFile(file, "x");

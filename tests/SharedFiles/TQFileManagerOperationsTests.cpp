@@ -11,9 +11,7 @@
 #include "TQLocalPaths.h"
 
 namespace fs = std::filesystem;
-using servicestest::readFile;
-using servicestest::Scratch;
-using servicestest::writeFile;
+using namespace corvina::test;
 using ::testing::UnorderedElementsAre;
 
 namespace {
@@ -22,8 +20,8 @@ std::string trashFiles() { return TQLocalPaths::trashDirectory().value(); }
 
 TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string h = servicestest::childHome();
+    if (!inChild()) return expectChildPasses();
+    const std::string h = childHome();
     const char* items[] = {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes/n", "/b/Notes/n"};
     for (const char* item : items) writeFile(h + item, item);
     for (const char* item : {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes", "/b/Notes"})
@@ -55,8 +53,8 @@ TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
 
 TEST(TQFileManagerTrash, FolderWideTrashing)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string c = servicestest::childHome() + "/cards";
+    if (!inChild()) return expectChildPasses();
+    const std::string c = childHome() + "/cards";
     for (const char* f : {"/a.mov", "/deep/er/b.Mov", "/Take.mov/c.MOV", "/readme.txt", "/deep/readme.txt", "/deep/README.txt"})
         writeFile(c + f, "x");
     EXPECT_THAT(TQFileManager::trashFilesOfType("MOV", c),
@@ -71,7 +69,7 @@ TEST(TQFileManagerTrash, FolderWideTrashing)
 
 TEST(TQFileManagerMove, AcrossFileSystemsKeepsTreesWhole)
 {
-    Scratch s;
+    TempDir s;
     filestest::ScopedMount card(s / "card");
     MOUNT_OR_SKIP(card);
     writeFile(card / "DCIM/clip.mov", "frames");
@@ -100,7 +98,7 @@ TEST(TQFileManagerMove, AcrossFileSystemsKeepsTreesWhole)
 
 TEST(TQFileManagerMove, NothingIsOverwrittenOrLost)
 {
-    Scratch s;
+    TempDir s;
     writeFile(s / "a.mov", "a");
     writeFile(s / "b.mov", "b");
     fs::create_directories(s / "folder");
@@ -126,7 +124,7 @@ TEST(TQFileManagerMove, NothingIsOverwrittenOrLost)
 
 TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
 {
-    Scratch s;
+    TempDir s;
     corvina::ScopedSystemLogCapture capture;
     filestest::Tools privileged;
     EXPECT_TRUE(TQFileManager::createDirectory(s / "a/b/c") && TQFileManager::createDirectory(s / "a/b/c", false));
@@ -164,7 +162,7 @@ TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
 TEST(TQFileManagerPrivileged, FallbackRunsTheToolsAsRoot)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root";
-    Scratch s;
+    TempDir s;
     writeFile(s / "a.mov", "a");
     writeFile(s / "b.mov", "b");
     // The ordinary move refuses to replace b.mov, "mv -f" does it, and the waiting form
@@ -178,8 +176,8 @@ TEST(TQFileManagerPrivileged, FallbackRunsTheToolsAsRoot)
 
 TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string h = servicestest::childHome();
+    if (!inChild()) return expectChildPasses();
+    const std::string h = childHome();
     writeFile(h + "/rootonly/take.mov", "x");  // a folder of root's that nobody may change
     fs::create_directories(h + "/mine");
     filestest::becomeNobody();

@@ -7,12 +7,11 @@
 #include "TQFileManager.h"
 
 namespace fs = std::filesystem;
-using servicestest::Scratch;
-using servicestest::writeFile;
+using namespace corvina::test;
 
 TEST(TQFileManagerQueries, KindsOfItemsAndTheirDates)
 {
-    Scratch s;
+    TempDir s;
     writeFile(s / "file.mov", "12345");
     fs::create_directories(s / "folder");
     fs::create_directories(s / "Tool.app/Contents");
@@ -39,13 +38,14 @@ TEST(TQFileManagerQueries, KindsOfItemsAndTheirDates)
     const auto modified = TQFileManager::modificationDateForFile(s / "file.mov").value();
     EXPECT_EQ(std::chrono::duration_cast<std::chrono::milliseconds>(modified.time_since_epoch()).count(), 1234567890500);
     EXPECT_FALSE(TQFileManager::creationDateForFile(s / "missing").has_value());
-    if (const auto created = TQFileManager::creationDateForFile(s / "file.mov"))
+    if (const auto created = TQFileManager::creationDateForFile(s / "file.mov")) {
         EXPECT_GT(*created, modified) << "the birth time, not the modification time set above";
+    }
 }
 
 TEST(TQFileManagerQueries, SizesAndEmptinessOfTrees)
 {
-    Scratch s;
+    TempDir s;
     writeFile(s / "tree/a.raw", std::string(1000, 'a'));
     writeFile(s / "tree/sub/b.pcm", std::string(234, 'b'));
     writeFile(s / "tree/.hidden", "12");
@@ -69,7 +69,7 @@ TEST(TQFileManagerQueries, SizesAndEmptinessOfTrees)
 
 TEST(TQFileManagerQueries, FreeNames)
 {
-    Scratch s;
+    TempDir s;
     EXPECT_EQ(TQFileManager::uniqueFilename(s / "clip.mov"), s / "clip.mov");
     for (const char* taken : {"clip.mov", "clip 2.mov", "notes", "a.tar.gz"}) writeFile(s / taken, "x");
     fs::create_symlink(s / "nowhere", s / "link.mov");
@@ -92,7 +92,7 @@ TEST(TQFileManagerQueries, VolumesFolderRules)
 
 TEST(TQFileManagerQueries, MountedVolumesAndTheirDisks)
 {
-    Scratch s;
+    TempDir s;
     filestest::ScopedMount memory(s / "Media Card");  // the kernel's table escapes the space
     MOUNT_OR_SKIP(memory);
     fs::create_directories(s / "Media Cardboard");
@@ -118,7 +118,7 @@ TEST(TQFileManagerQueries, MountedVolumesAndTheirDisks)
 
 TEST(TQFileManagerQueries, FileSystemReferences)
 {
-    Scratch s;
+    TempDir s;
     writeFile(s / "take.mov", "x");
     const auto ref = TQFileManager::stringToFSRef(s / "take.mov");
     EXPECT_EQ(TQFileManager::stringWithFSRef(&ref), fs::canonical(s / "take.mov").string());

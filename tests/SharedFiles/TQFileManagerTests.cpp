@@ -1,16 +1,17 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 
-#include "ServicesTestSupport.h"
+#include "TestSupport.h"
 #include "TQAuthorization.h"
 #include "TQFileManager.h"
 #include "TQLog.h"
 
 namespace fs = std::filesystem;
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -32,7 +33,7 @@ struct UnlockOnExit {
 
 TEST(TQFileManagerRemove, MissingItemCountsAsRemoved)
 {
-    Scratch scratch;
+    TempDir scratch;
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov"));
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", false));
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", std::chrono::seconds(1)));
@@ -40,11 +41,11 @@ TEST(TQFileManagerRemove, MissingItemCountsAsRemoved)
 
 TEST(TQFileManagerRemove, RemovesFilesFoldersAndLinks)
 {
-    Scratch scratch;
-    servicestest::writeFile(scratch / "single.mov", "movie");
-    servicestest::writeFile(scratch / "tree/a/b/c.raw", "frames");
-    servicestest::writeFile(scratch / "tree/a/d.pcm", "audio");
-    servicestest::writeFile(scratch / "target.txt", "kept");
+    TempDir scratch;
+    writeFile(scratch / "single.mov", "movie");
+    writeFile(scratch / "tree/a/b/c.raw", "frames");
+    writeFile(scratch / "tree/a/d.pcm", "audio");
+    writeFile(scratch / "target.txt", "kept");
     fs::create_symlink(scratch / "target.txt", scratch / "link");
 
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "single.mov"));
@@ -58,17 +59,17 @@ TEST(TQFileManagerRemove, RemovesFilesFoldersAndLinks)
 
 TEST(TQFileManagerRemove, WaitingFormReturnsOnceTheItemIsGone)
 {
-    Scratch scratch;
-    servicestest::writeFile(scratch / "tree/file", "x");
+    TempDir scratch;
+    writeFile(scratch / "tree/file", "x");
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "tree", std::chrono::seconds(2)));
     EXPECT_FALSE(fs::exists(scratch / "tree"));
 }
 
 TEST(TQFileManagerLock, LockUnlockRoundTrip)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string file = scratch / "locked.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     UnlockOnExit cleanup{file};
     EXPECT_FALSE(TQFileManager::isFileLocked(file));
     LOCK_OR_SKIP(file);
@@ -80,9 +81,9 @@ TEST(TQFileManagerLock, LockUnlockRoundTrip)
 
 TEST(TQFileManagerLock, LockedItemIsUnlockedThenRemoved)
 {
-    Scratch scratch;
+    TempDir scratch;
     const std::string file = scratch / "locked.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     UnlockOnExit cleanup{file};
     LOCK_OR_SKIP(file);
     EXPECT_TRUE(TQFileManager::removeFile(file, false));
@@ -91,46 +92,52 @@ TEST(TQFileManagerLock, LockedItemIsUnlockedThenRemoved)
 
 TEST(TQFileManagerLog, MissingItemLogsTheUnlockFailure)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string missing = servicestest::childHome() + "/gone.mov";
-    TQLog::createNewLog("Services");
-    EXPECT_TRUE(TQFileManager::removeFile(missing));
-    TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
-    EXPECT_EQ(servicestest::countOf(log, "Unable to unlock file " + missing + ": No such file or directory"), 1);
+    TempDir home;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        const std::string missing = home.path() + "/gone.mov";
+        TQLog::createNewLog("Services");
+        EXPECT_TRUE(TQFileManager::removeFile(missing));
+        TQLog::finishWriting();
+        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
+        EXPECT_EQ(std::ranges::count(log, "Unable to unlock file " + missing + ": No such file or directory"), 1);
+    });
+    EXPECT_TRUE(child.passed()) << child.failures;
 }
 
 TEST(TQFileManagerLog, UnremovableItemFailsWithoutAuthorization)
 {
     // A file inside a locked folder cannot be removed, not even by root: unlocking the file
     // itself does not help, the folder's entry cannot change.
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string folder = servicestest::childHome() + "/sealed";
+    TempDir home;
+    const std::string folder = home / "sealed";
     const std::string file = folder + "/take.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     UnlockOnExit cleanup{folder};
     LOCK_OR_SKIP(folder);
-    TQLog::createNewLog("Services");
-    int privileged = 0;
-    TQAuthorization::setExecHookForTesting([&](const std::string&, const std::vector<std::string>&, bool) {
-        ++privileged;
-        return 0;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        TQLog::createNewLog("Services");
+        int privileged = 0;
+        TQAuthorization::setExecHookForTesting([&](const std::string&, const std::vector<std::string>&, bool) {
+            ++privileged;
+            return 0;
+        });
+        EXPECT_FALSE(TQFileManager::removeFile(file, false));
+        TQAuthorization::setExecHookForTesting(nullptr);
+        EXPECT_EQ(privileged, 0);
+        EXPECT_TRUE(fs::exists(file));
+        TQLog::finishWriting();
+        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
+        EXPECT_EQ(std::ranges::count(log, "Error removing file: Operation not permitted. Authorizing..."), 1);
     });
-    EXPECT_FALSE(TQFileManager::removeFile(file, false));
-    TQAuthorization::setExecHookForTesting(nullptr);
-    EXPECT_EQ(privileged, 0);
-    EXPECT_TRUE(fs::exists(file));
-    TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
-    EXPECT_EQ(servicestest::countOf(log, "Error removing file: Operation not permitted. Authorizing..."), 1);
+    EXPECT_TRUE(child.passed()) << child.failures;
 }
 
 TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemoval)
 {
-    Scratch home;
+    TempDir home;
     const std::string folder = home / "sealed";
     const std::string file = folder + "/take.mov";
-    servicestest::writeFile(file, "x");
+    writeFile(file, "x");
     UnlockOnExit cleanup{folder};
     LOCK_OR_SKIP(folder);
     if (::getuid() != 0) GTEST_SKIP() << "without root the privileged removal would ask for rights";

@@ -7,10 +7,9 @@
 #include <map>
 
 #include "TQLocalPaths.h"
-#include "TQLogTestSupport.h"
+#include "TestSupport.h"
 
-using tqtest::Checks;
-using tqtest::TempDir;
+using namespace corvina::test;
 namespace fs = std::filesystem;
 
 namespace {
@@ -167,7 +166,7 @@ TEST_F(TQLocalPathsTest, FolderMapping)
 TEST_F(TQLocalPathsTest, XdgUserDirsAndDataHome)
 {
     const std::string h = home.path();
-    tqtest::writeFile(h + "/.config/user-dirs.dirs",
+    writeFile(h + "/.config/user-dirs.dirs",
                       "# written by xdg-user-dirs-update\n"
                       "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
                       "XDG_DOWNLOAD_DIR=\"/srv/incoming/\"\n"
@@ -267,7 +266,7 @@ TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
         GTEST_SKIP() << "needs root to change user";
     TempDir dir;
     chmod(dir.path().c_str(), 0777);
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         setenv("TQ_CONSOLE_USER", "root", 1);
         if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
             c.expect(false, "could not drop privileges");
@@ -281,7 +280,7 @@ TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
     EXPECT_TRUE(r.exitedCleanly()) << r.status;
     EXPECT_EQ(r.failures, "");
 
-    auto r2 = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r2 = runInChild(dir.path(), [&](Checks& c) {
         setenv("TQ_CONSOLE_USER", "nobody", 1);
         // Real user 65534, effective root: the test variables do not count.
         if (setresuid(65534, 0, 0) != 0) {

@@ -11,10 +11,9 @@
 #include "TQLog.h"
 #include "TQLogFile.h"
 #include "TQLogQueue.h"
-#include "TQLogTestSupport.h"
+#include "TestSupport.h"
 
-using tqtest::Checks;
-using tqtest::TempDir;
+using namespace corvina::test;
 namespace fs = std::filesystem;
 
 // Several threads log across three restarts: every line lands exactly once, each thread's
@@ -23,7 +22,7 @@ namespace fs = std::filesystem;
 TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         constexpr int kThreads = 4;
         constexpr int kLines = 6000;  // about 1.7 MB in all: three restarts
@@ -50,15 +49,15 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
             const std::string path = folder + "/Tool." + std::to_string(n) + ".log";
             if (!fs::exists(path))
                 continue;
-            const std::string text = tqtest::readFile(path);
-            auto ls = tqtest::lines(text);
+            const std::string text = readFile(path);
+            auto ls = splitLines(text);
             if (n > 1) {
                 const size_t lastEntry = ls.empty() ? 0 : ls.back().size() + 1;
                 c.expect(text.size() >= 500000 && text.size() - lastEntry < 500000,
                          "file ." + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
             }
             for (const auto& l : ls) {
-                const std::string e = tqtest::entryText(l);
+                const std::string e = entryText(l);
                 int t = -1, i = -1;
                 if (std::sscanf(e.c_str(), "thread %d line %d", &t, &i) == 2 && t >= 0 && t < kThreads) {
                     if (i != next[t])
@@ -81,7 +80,7 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
 TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         std::vector<std::thread> threads;
         std::atomic<int> ok{0};
@@ -97,10 +96,10 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
         for (auto& th : threads)
             th.join();
         c.expect(ok == 4, "all threads done");
-        auto ls = tqtest::lines(tqtest::readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
+        auto ls = splitLines(readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
         int flushed = 0;
         for (const auto& l : ls)
-            flushed += tqtest::entryText(l).rfind("flush ", 0) == 0;
+            flushed += entryText(l).rfind("flush ", 0) == 0;
         c.expect(flushed == 800, "all lines written: " + std::to_string(flushed));
     });
     EXPECT_TRUE(r.exitedCleanly()) << r.status;
@@ -204,7 +203,7 @@ std::string withoutDates(const std::string& text)
 TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         for (int restarts : {3, 4, 5, 6, 12}) {
             std::string files[2];
             for (int shortcut = 0; shortcut < 2; ++shortcut) {
@@ -213,7 +212,7 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                 setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
                 const std::string folder = home + "/Library/Logs/Brantwell";
                 for (int n = 1; n <= 5; ++n)
-                    tqtest::writeFile(folder + "/Tool." + std::to_string(n) + ".log", "old " + std::to_string(n) + "\n");
+                    writeFile(folder + "/Tool." + std::to_string(n) + ".log", "old " + std::to_string(n) + "\n");
                 std::atomic<bool> disabled{false}, noPrinting{false};
                 TQLogFile file(disabled, noPrinting);
                 file.setBatchShortcut(shortcut == 1);
@@ -234,7 +233,7 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                          what + " shortcuts " + std::to_string(taken));
                 for (int n = 1; n <= 5; ++n)
                     files[shortcut] += "--" + std::to_string(n) + "\n" +
-                                       withoutDates(tqtest::readFile(folder + "/Tool." + std::to_string(n) + ".log"));
+                                       withoutDates(readFile(folder + "/Tool." + std::to_string(n) + ".log"));
                 c.expect(file.bytesWritten() == fs::file_size(folder + "/Tool.1.log"), what + " bytesWritten");
             }
             c.expect(files[0] == files[1], std::to_string(restarts) + " restarts: files differ");
@@ -254,7 +253,7 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
 {
     const bool shortcut = GetParam();
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::setBatchShortcutForTesting(shortcut);
         TQLog::createNewLog("Tool");
         constexpr int kThreads = 3, kLines = 40000;
@@ -288,18 +287,18 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
         const std::string folder = dir.path() + "/Library/Logs/Brantwell";
         std::vector<std::string> texts;
         for (int n = 5; n >= 1; --n) {
-            const std::string text = tqtest::readFile(folder + "/Tool." + std::to_string(n) + ".log");
-            const auto ls = tqtest::lines(text);
+            const std::string text = readFile(folder + "/Tool." + std::to_string(n) + ".log");
+            const auto ls = splitLines(text);
             c.expect(ls.size() > 6, "file " + std::to_string(n) + " has lines");
             if (ls.size() <= 6)
                 continue;
-            c.expect(tqtest::entryText(ls[0]).rfind("Log started: ", 0) == 0, "file " + std::to_string(n) + " header");
-            c.expect(tqtest::entryText(ls[5]) == "Log truncated at 500KB", "file " + std::to_string(n) + " truncation line");
+            c.expect(entryText(ls[0]).rfind("Log started: ", 0) == 0, "file " + std::to_string(n) + " header");
+            c.expect(entryText(ls[5]) == "Log truncated at 500KB", "file " + std::to_string(n) + " truncation line");
             if (n > 1)
                 c.expect(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000,
                          "file " + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
             for (const auto& l : ls)
-                texts.push_back(tqtest::entryText(l));
+                texts.push_back(entryText(l));
         }
         expectEachLineOnceInOrder(texts, kThreads, kLines, false, [&](bool ok, const std::string& what) {
             if (c.failures.size() < 2000)

@@ -7,10 +7,9 @@
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
 #include "TQLog.h"
-#include "TQLogTestSupport.h"
+#include "TestSupport.h"
 
-using tqtest::Checks;
-using tqtest::TempDir;
+using namespace corvina::test;
 namespace fs = std::filesystem;
 
 namespace {
@@ -21,7 +20,7 @@ std::string logPath(const std::string& home, const std::string& name, int n)
     return logDir(home) + "/" + name + "." + std::to_string(n) + ".log";
 }
 
-void expectChildOk(const tqtest::ChildResult& r)
+void expectChildOk(const ChildResult& r)
 {
     EXPECT_TRUE(r.exitedCleanly()) << "child status " << r.status;
     EXPECT_EQ(r.failures, "");
@@ -100,14 +99,14 @@ TEST(TQLogEscaping, ConsoleCopy)
 TEST(TQLogRotation, AllSubsetsOfExistingFiles)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         for (int mask = 0; mask < 32; ++mask) {
             const std::string home = dir.path() + "/case" + std::to_string(mask);
             setenv("HOME", home.c_str(), 1);
             setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
             for (int n = 1; n <= 5; ++n) {
                 if (mask & (1 << (n - 1)))
-                    tqtest::writeFile(logPath(home, "Tool", n), "old" + std::to_string(n) + "\n");
+                    writeFile(logPath(home, "Tool", n), "old" + std::to_string(n) + "\n");
             }
             TQLog::createNewLog("Tool");
             TQLog::finishWriting();
@@ -125,10 +124,10 @@ TEST(TQLogRotation, AllSubsetsOfExistingFiles)
                 if (expected.empty())
                     c.expect(!fs::exists(path), what + " should be missing");
                 else
-                    c.equal(tqtest::readFile(path), expected, what);
+                    c.equal(readFile(path), expected, what);
             }
-            auto current = tqtest::lines(tqtest::readFile(logPath(home, "Tool", 1)));
-            c.expect(!current.empty() && tqtest::entryText(current[0]).rfind("Log started: ", 0) == 0,
+            auto current = splitLines(readFile(logPath(home, "Tool", 1)));
+            c.expect(!current.empty() && entryText(current[0]).rfind("Log started: ", 0) == 0,
                      "case " + std::to_string(mask) + " new .1 starts with the header");
         }
     });
@@ -138,16 +137,16 @@ TEST(TQLogRotation, AllSubsetsOfExistingFiles)
 TEST(TQLogRotation, FailedMoveIsReportedAndStops)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         const std::string home = dir.path();
-        tqtest::writeFile(logPath(home, "Tool", 1), "one\n");
-        tqtest::writeFile(logPath(home, "Tool", 4), "four\n");
+        writeFile(logPath(home, "Tool", 1), "one\n");
+        writeFile(logPath(home, "Tool", 4), "four\n");
         // A non-empty folder in place of .5 can neither be removed nor replaced.
-        tqtest::writeFile(logPath(home, "Tool", 5) + "/keep", "x");
+        writeFile(logPath(home, "Tool", 5) + "/keep", "x");
         TQLog::createNewLog("Tool");
         TQLog::finishWriting();
-        c.equal(tqtest::readFile(logPath(home, "Tool", 4)), "four\n", ".4 untouched");
-        c.equal(tqtest::readFile(logPath(home, "Tool", 1)), "one\n", ".1 untouched");
+        c.equal(readFile(logPath(home, "Tool", 4)), "four\n", ".4 untouched");
+        c.equal(readFile(logPath(home, "Tool", 1)), "one\n", ".1 untouched");
         c.expect(!TQLog::sharedController().hasFileHandle(), "no open log");
     });
     expectChildOk(r);
@@ -158,9 +157,9 @@ TEST(TQLogRotation, FailedMoveIsReportedAndStops)
 TEST(TQLogCreate, FolderThatCannotBeCreatedIsReported)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         const std::string home = dir.path() + "/afile";
-        tqtest::writeFile(home, "not a folder");
+        writeFile(home, "not a folder");
         setenv("HOME", home.c_str(), 1);
         setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
         TQLog::createNewLog("Tool");
@@ -173,21 +172,21 @@ TEST(TQLogCreate, FolderThatCannotBeCreatedIsReported)
 TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("First");
         TQLog::createNewLog("Second");
         TQLog::finishWriting();
         c.equal(TQLog::sharedController().appName(), "First", "first name kept");
         c.expect(!fs::exists(logPath(dir.path(), "Second", 1)), "no log under the second name");
-        c.expect(tqtest::entryText(tqtest::lines(tqtest::readFile(logPath(dir.path(), "First", 2)))[0]).rfind("Log started", 0) == 0,
+        c.expect(entryText(splitLines(readFile(logPath(dir.path(), "First", 2)))[0]).rfind("Log started", 0) == 0,
                  "the first header stays in the first file");
         auto logs = TQLog::availableLogs();
         c.expect(logs == std::vector<std::string>{logPath(dir.path(), "First", 1), logPath(dir.path(), "First", 2)},
                  "available logs .1 and .2");
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "First", 1)));
+        auto ls = splitLines(readFile(logPath(dir.path(), "First", 1)));
         std::vector<std::string> texts;
         for (const auto& l : ls)
-            texts.push_back(tqtest::entryText(l));
+            texts.push_back(entryText(l));
         c.expect(texts.size() >= 4, "header lines");
         if (texts.size() >= 4) {
             c.expect(texts[0].rfind("Log started: ", 0) == 0 && texts[0].size() == 13 + 25, texts[0]);
@@ -209,7 +208,7 @@ TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
 TEST(TQLogCreate, DefaultNameIsTheExecutableName)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog();
         TQLog::finishWriting();
         c.expect(fs::exists(logPath(dir.path(), "SharedFilesTests", 1)), "SharedFilesTests.1.log");
@@ -244,7 +243,7 @@ TEST(TQLogPreferences, DisableLoggingValues)
             dict.emplace("disable-logging", *row.value);
         fs::create_directories(dir.path() + "/Library/Preferences");
         ASSERT_TRUE(Value(dict).writeToFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist", true));
-        auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        auto r = runInChild(dir.path(), [&](Checks& c) {
             TQLog::createNewLog("Tool");
             TQLog::appendLogAndPrint("after %d", 1);
             TQLog::createNewLog("Tool");
@@ -269,8 +268,8 @@ TEST(TQLogPreferences, MalformedOrWrongRootTypeLeavesLoggingOn)
     };
     for (const char* text : files) {
         TempDir dir;
-        tqtest::writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist", text);
-        auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+        writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist", text);
+        auto r = runInChild(dir.path(), [&](Checks& c) {
             TQLog::createNewLog("Tool");
             TQLog::finishWriting();
             c.expect(!TQLog::sharedController().loggingDisabled(), std::string("enabled for: ") + text);
@@ -283,7 +282,7 @@ TEST(TQLogPreferences, MalformedOrWrongRootTypeLeavesLoggingOn)
 TEST(TQLogWriting, TextsAsWritten)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         TQLog::finishWriting();
         auto& log = TQLog::sharedController();
@@ -308,10 +307,10 @@ TEST(TQLogWriting, TextsAsWritten)
         TQLog::finishWriting();
         c.expect(log.bytesInQueue() == 0, "queue empty");
 
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
+        auto ls = splitLines(readFile(logPath(dir.path(), "Tool", 1)));
         std::vector<std::string> tail;
         for (size_t i = 0; i < ls.size(); ++i)
-            if (tqtest::entryText(ls[i]).rfind("Running in 64-bit mode", 0) == 0)
+            if (entryText(ls[i]).rfind("Running in 64-bit mode", 0) == 0)
                 tail.assign(ls.begin() + static_cast<long>(i) + 1, ls.end());
         const std::vector<std::string> expected = {
             "Progress: 50% done", "Copied clip.mov (100% done)", "%.1f", "1.50 GB", "two leading blanks",
@@ -320,7 +319,7 @@ TEST(TQLogWriting, TextsAsWritten)
         c.expect(tail.size() == expected.size(), "entry count " + std::to_string(tail.size()));
         for (size_t i = 0; i < tail.size() && i < expected.size(); ++i) {
             // The second line of a multi-line text carries no date.
-            std::string text = expected[i] == "line two" ? tail[i] : tqtest::entryText(tail[i]);
+            std::string text = expected[i] == "line two" ? tail[i] : entryText(tail[i]);
             c.equal(text, expected[i], "entry " + std::to_string(i));
         }
         const uint64_t size = fs::file_size(logPath(dir.path(), "Tool", 1));
@@ -341,7 +340,7 @@ struct Clip {
 TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         const Clip clip;
         const char* none = nullptr;
@@ -362,10 +361,10 @@ TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
         both("%@", std::string(" \t "));  // nothing left after trimming
         both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
         TQLog::finishWriting();
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
+        auto ls = splitLines(readFile(logPath(dir.path(), "Tool", 1)));
         std::vector<std::string> texts;
         for (size_t i = ls.size() >= 16 ? ls.size() - 16 : 0; i < ls.size(); ++i)
-            texts.push_back(tqtest::entryText(ls[i]));
+            texts.push_back(entryText(ls[i]));
         c.expect(texts.size() == 16 && count == 18, "entries " + std::to_string(texts.size()));
         for (size_t i = 0; i + 1 < texts.size(); i += 2)
             c.equal(texts[i + 1], texts[i], "row " + std::to_string(i / 2));
@@ -378,10 +377,10 @@ TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
 TEST(TQLogWriting, NothingWhenDisabled)
 {
     TempDir dir;
-    tqtest::writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist",
+    writeFile(dir.path() + "/Library/Preferences/com.brantwell.global.plist",
                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>disable-logging</key>"
                       "<true/></dict></plist>");
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         TQLog::appendLogAndPrint("must not print %d", 1);
         TQLog::appendLog("must not write");
@@ -396,7 +395,7 @@ TEST(TQLogWriting, NothingWhenDisabled)
 TEST(TQLogWriting, MissingLogFileIsReportedPerText)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks&) {
+    auto r = runInChild(dir.path(), [&](Checks&) {
         TQLog::fastAppendLog("first %d", 1);
         TQLog::fastAppendLog("second");
         TQLog::finishWriting();
@@ -413,12 +412,12 @@ TEST(TQLogWriting, MissingLogFileIsReportedPerText)
 TEST(TQLogWriting, ReopensAnExistingFileWhenNoneIsOpen)
 {
     TempDir dir;
-    tqtest::writeFile(logPath(dir.path(), "SharedFilesTests", 1), "earlier\n");
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    writeFile(logPath(dir.path(), "SharedFilesTests", 1), "earlier\n");
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::fastAppendLog("appended");
         TQLog::finishWriting();
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "SharedFilesTests", 1)));
-        c.expect(ls.size() == 2 && ls[0] == "earlier" && tqtest::entryText(ls[1]) == "appended", "appended at the end");
+        auto ls = splitLines(readFile(logPath(dir.path(), "SharedFilesTests", 1)));
+        c.expect(ls.size() == 2 && ls[0] == "earlier" && entryText(ls[1]) == "appended", "appended at the end");
     });
     expectChildOk(r);
     EXPECT_EQ(r.out, "");
@@ -428,7 +427,7 @@ TEST(TQLogWriting, ReopensAnExistingFileWhenNoneIsOpen)
 TEST(TQLogWriting, RestartAtTheSizeLimit)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         TQLog::finishWriting();
         auto& log = TQLog::sharedController();
@@ -444,14 +443,14 @@ TEST(TQLogWriting, RestartAtTheSizeLimit)
         TQLog::fastAppendLog("crosses-it!");  // 11 characters + 29 = 40 bytes
         TQLog::fastAppendLog("after");
         TQLog::finishWriting();
-        const std::string old = tqtest::readFile(logPath(dir.path(), "Tool", 2));
+        const std::string old = readFile(logPath(dir.path(), "Tool", 2));
         c.expect(old.size() == 500030, "old file size " + std::to_string(old.size()));
-        auto oldLines = tqtest::lines(old);
-        c.expect(!oldLines.empty() && tqtest::entryText(oldLines.back()) == "crosses-it!", "crossing entry ends the old file");
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
+        auto oldLines = splitLines(old);
+        c.expect(!oldLines.empty() && entryText(oldLines.back()) == "crosses-it!", "crossing entry ends the old file");
+        auto ls = splitLines(readFile(logPath(dir.path(), "Tool", 1)));
         std::vector<std::string> texts;
         for (const auto& l : ls)
-            texts.push_back(tqtest::entryText(l));
+            texts.push_back(entryText(l));
         c.expect(!texts.empty() && texts[0].rfind("Log started: ", 0) == 0, "new file starts with the header");
         c.expect(texts.size() >= 2 && texts[texts.size() - 2] == "Log truncated at 500KB", "truncation line");
         c.expect(!texts.empty() && texts.back() == "after", "queued entry follows in the new file");
@@ -462,7 +461,7 @@ TEST(TQLogWriting, RestartAtTheSizeLimit)
 TEST(TQLogWaiting, MainThreadNeverWaitsBackgroundShortTextDoes)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         TQLog::finishWriting();
         TQLog::suspendWriterForTesting(true);
@@ -486,8 +485,8 @@ TEST(TQLogWaiting, MainThreadNeverWaitsBackgroundShortTextDoes)
         c.expect(!returned, "background appendLog waits for the writer");
         TQLog::suspendWriterForTesting(false);
         t.join();
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
-        c.expect(!ls.empty() && tqtest::entryText(ls.back()) == "ten chars!", "written before appendLog returned");
+        auto ls = splitLines(readFile(logPath(dir.path(), "Tool", 1)));
+        c.expect(!ls.empty() && entryText(ls.back()) == "ten chars!", "written before appendLog returned");
     });
     expectChildOk(r);
 }
@@ -498,7 +497,7 @@ TEST_P(TQLogShutdown, TenQueuedAreWrittenElevenAreNot)
 {
     const int queued = GetParam();
     TempDir dir;
-    auto r = tqtest::runInChild(
+    auto r = runInChild(
         dir.path(),
         [&](Checks&) {
             TQLog::createNewLog("Tool");
@@ -509,10 +508,10 @@ TEST_P(TQLogShutdown, TenQueuedAreWrittenElevenAreNot)
         },
         true);
     expectChildOk(r);
-    const std::string text = tqtest::readFile(logPath(dir.path(), "Tool", 1));
+    const std::string text = readFile(logPath(dir.path(), "Tool", 1));
     int found = 0;
-    for (const auto& l : tqtest::lines(text))
-        found += tqtest::entryText(l).rfind("queued ", 0) == 0;
+    for (const auto& l : splitLines(text))
+        found += entryText(l).rfind("queued ", 0) == 0;
     EXPECT_EQ(found, queued <= 10 ? queued : 0);
 }
 
@@ -521,14 +520,14 @@ INSTANTIATE_TEST_SUITE_P(Counts, TQLogShutdown, ::testing::Values(0, 1, 10, 11, 
 TEST(TQLogShutdown, LinesAfterShutdownAreDropped)
 {
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         TQLog::createNewLog("Tool");
         TQLog::willTerminate();
         TQLog::appendLog("late");
         TQLog::finishWriting();
         c.expect(!TQLog::sharedController().hasWriteQueue(), "no write queue");
         c.expect(!TQLog::sharedController().hasFileHandle(), "no file handle");
-        c.expect(tqtest::readFile(logPath(dir.path(), "Tool", 1)).find("late") == std::string::npos, "late dropped");
+        c.expect(readFile(logPath(dir.path(), "Tool", 1)).find("late") == std::string::npos, "late dropped");
     });
     expectChildOk(r);
 }
@@ -547,17 +546,17 @@ TEST(TQLogUncaught, BackgroundExceptionIsTheLastEntry)
     };
     for (const auto& row : rows) {
         TempDir dir;
-        auto r = tqtest::runInChild(dir.path(), [&](Checks&) {
+        auto r = runInChild(dir.path(), [&](Checks&) {
             TQLog::createNewLog("Tool");
             for (int i = 0; i < 50; ++i)
                 TQLog::fastAppendLog("before %d", i);
             std::thread(row.raise).join();
         });
         EXPECT_TRUE(WIFSIGNALED(r.status) && WTERMSIG(r.status) == SIGABRT) << row.name << " status " << r.status;
-        auto ls = tqtest::lines(tqtest::readFile(logPath(dir.path(), "Tool", 1)));
+        auto ls = splitLines(readFile(logPath(dir.path(), "Tool", 1)));
         ASSERT_FALSE(ls.empty()) << row.name;
-        EXPECT_EQ(tqtest::entryText(ls.back()), row.expected) << row.name;
-        EXPECT_EQ(tqtest::entryText(ls[ls.size() - 2]), "before 49") << row.name;
+        EXPECT_EQ(entryText(ls.back()), row.expected) << row.name;
+        EXPECT_EQ(entryText(ls[ls.size() - 2]), "before 49") << row.name;
     }
 }
 
@@ -568,7 +567,7 @@ TEST(TQLogRoot, MachineWideLogFolder)
     if (getuid() != 0)
         GTEST_SKIP() << "needs root";
     TempDir dir;
-    auto r = tqtest::runInChild(dir.path(), [&](Checks& c) {
+    auto r = runInChild(dir.path(), [&](Checks& c) {
         const std::string machine = dir.path() + "/machine";
         fs::create_directories(machine);
         setenv("TQ_LOCAL_ROOT", machine.c_str(), 1);
@@ -580,8 +579,8 @@ TEST(TQLogRoot, MachineWideLogFolder)
         c.expect(fs::exists(folder + "/Tool.1.log") && fs::exists(folder + "/Tool.2.log"), "rotated in the machine folder");
         c.expect(!fs::exists(logDir(dir.path())), "user log folder untouched");
         c.expect(TQLog::availableLogs().empty(), "availableLogs looks in the user folder");
-        auto ls = tqtest::lines(tqtest::readFile(folder + "/Tool.1.log"));
-        c.expect(!ls.empty() && tqtest::entryText(ls.back()) == "as root", "entry written");
+        auto ls = splitLines(readFile(folder + "/Tool.1.log"));
+        c.expect(!ls.empty() && entryText(ls.back()) == "as root", "entry written");
     });
     expectChildOk(r);
 }

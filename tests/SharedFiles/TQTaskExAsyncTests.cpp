@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -11,11 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "ServicesTestSupport.h"
+#include "ChildTest.h"
 #include "TQLog.h"
 #include "TQTaskEx.h"
 
 namespace fs = std::filesystem;
+using namespace corvina::test;
 
 namespace {
 
@@ -196,7 +198,7 @@ TEST(TQTaskExAsyncConcurrency, HandlerCanEndItsOwnRunAndStartAnother)
 
 TEST(TQTaskExAsyncLog, MissingToolIsLoggedAndDeliversNothing)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
+    if (!inChild()) return expectChildPasses();
     TQLog::createNewLog("Services");
     TQLog::sharedController().setNoPrinting(true);
     TQTaskEx task;
@@ -205,8 +207,8 @@ TEST(TQTaskExAsyncLog, MissingToolIsLoggedAndDeliversNothing)
     for (int i = 0; i < 500 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(task.theTask(), nullptr);
     TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
-    EXPECT_EQ(servicestest::countOf(log, "Unable to launch async task - task does not exist or is not executable"), 1);
+    const auto log = logEntries(childLogPath());
+    EXPECT_EQ(std::ranges::count(log, "Unable to launch async task - task does not exist or is not executable"), 1);
     EXPECT_TRUE(chunks.chunks().empty());
 }
 

@@ -1,14 +1,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 
-#include "ServicesTestSupport.h"
+#include "TestSupport.h"
 #include "TQLog.h"
 #include "TQTaskEx.h"
 
-using servicestest::Scratch;
+using namespace corvina::test;
 
 namespace {
 
@@ -52,9 +53,9 @@ TEST(TQTaskExData, EnvironmentReplacesTheCallersAndTaskIsHandedOut)
 
 TEST(TQTaskExData, ToolsThatCannotRunGiveNone)
 {
-    Scratch scratch;
+    TempDir scratch;
     std::filesystem::create_directories(scratch / "Player.app");
-    servicestest::writeFile(scratch / "notes.txt", "text");
+    writeFile(scratch / "notes.txt", "text");
     EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "missing", {}).has_value());
     EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "Player.app", {}).has_value());
     EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "notes.txt", {}).has_value());
@@ -95,7 +96,7 @@ TEST(TQTaskExRun, RunTaskAndReturnHandsOverARunningTask)
 
 TEST(TQTaskExStatus, ReturnsTheExitStatusOrMinusOne)
 {
-    Scratch scratch;
+    TempDir scratch;
     std::filesystem::create_directories(scratch / "Editor.app");
     EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}), 7);
     EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/true"), 0);
@@ -105,34 +106,40 @@ TEST(TQTaskExStatus, ReturnsTheExitStatusOrMinusOne)
 
 TEST(TQTaskExLog, FailuresAreLoggedInTheirOwnWords)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    const std::string bundle = servicestest::childHome() + "/Tools/Editor.app";
-    std::filesystem::create_directories(bundle);
-    TQLog::createNewLog("Services");
-    TQLog::sharedController().setNoPrinting(true);
-    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(bundle), -1);
-    EXPECT_FALSE(TQTaskEx::runTask("relative-tool"));
-    TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
-    EXPECT_EQ(servicestest::countOf(log, "Error: " + bundle + " is not executable"), 1);
-    bool exceptionLine = false;
-    for (const auto& l : log) exceptionLine |= l.rfind("Exception running task relative-tool: ", 0) == 0;
-    EXPECT_TRUE(exceptionLine);
+    TempDir home;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        const std::string bundle = home.path() + "/Tools/Editor.app";
+        std::filesystem::create_directories(bundle);
+        TQLog::createNewLog("Services");
+        TQLog::sharedController().setNoPrinting(true);
+        EXPECT_EQ(TQTaskEx::terminationCodeFromTask(bundle), -1);
+        EXPECT_FALSE(TQTaskEx::runTask("relative-tool"));
+        TQLog::finishWriting();
+        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
+        EXPECT_EQ(std::ranges::count(log, "Error: " + bundle + " is not executable"), 1);
+        bool exceptionLine = false;
+        for (const auto& l : log) exceptionLine |= l.rfind("Exception running task relative-tool: ", 0) == 0;
+        EXPECT_TRUE(exceptionLine);
+    });
+    EXPECT_TRUE(child.passed()) << child.failures;
 }
 
 TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
 {
-    if (!servicestest::inChild()) return servicestest::expectChildPasses();
-    TQLog::createNewLog("Services");
-    TQLog::sharedController().setNoPrinting(true);
-    // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
-    // blocked reading the tool's output when the time-out ends it.
-    const auto data =
-        TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
-    EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
-    TQLog::finishWriting();
-    const auto log = servicestest::logEntries(servicestest::childLogPath());
-    EXPECT_EQ(servicestest::countOf(log, "Task /bin/sh timed out. Terminating..."), 1);
+    TempDir home;
+    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+        TQLog::createNewLog("Services");
+        TQLog::sharedController().setNoPrinting(true);
+        // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
+        // blocked reading the tool's output when the time-out ends it.
+        const auto data =
+            TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
+        EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
+        TQLog::finishWriting();
+        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
+        EXPECT_EQ(std::ranges::count(log, "Task /bin/sh timed out. Terminating..."), 1);
+    });
+    EXPECT_TRUE(child.passed()) << child.failures;
 }
 
 TEST(TQTaskExTimeoutConcurrency, StatusFormReportsTheTerminatedTool)

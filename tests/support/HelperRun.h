@@ -3,39 +3,14 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Foundation/Value.h"
+#include "TestSupport.h"
 
 namespace corvina::test {
-
-// A fresh folder under the temporary folder, removed with everything in it at the end.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-struct ProcessResult {
-    int status = -1;  // exit status, or 128 + signal
-    std::string out;
-    std::string err;
-};
-
-// Runs a program with extra environment variables (added to or replacing the caller's).
-ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {});
-
-std::string readTextFile(const std::string& path);
-std::vector<uint8_t> readBinaryFile(const std::string& path);
-std::vector<std::string> splitLines(const std::string& text);
 
 std::string helperPath();         // the built CorvinaAVFHelper
 std::string sampleJobToolPath();  // the built make_sample_job

@@ -1,5 +1,8 @@
 #include "MovieCheck.h"
 
+#include "SampleBuffer/FormatDescription.h"
+#include "TestSupport.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,12 +17,6 @@
 namespace corvina::test {
 
 namespace {
-
-constexpr uint32_t fcc(const char (&s)[5])
-{
-    return (uint32_t(uint8_t(s[0])) << 24) | (uint32_t(uint8_t(s[1])) << 16) | (uint32_t(uint8_t(s[2])) << 8) |
-           uint32_t(uint8_t(s[3]));
-}
 
 class Fd {
 public:
@@ -111,7 +108,7 @@ std::vector<Atom> children(const uint8_t* p, size_t size, const std::string& whe
             header = 16;
         }
         if (atomSize < header || atomSize > size - at) {
-            problems.push_back(where + ": atom '" + fourCCString(type) + "' of size " + std::to_string(atomSize) +
+            problems.push_back(where + ": atom '" + fourCCText(type) + "' of size " + std::to_string(atomSize) +
                                " does not fit");
             break;
         }
@@ -150,18 +147,18 @@ public:
         if (const Atom* a = require(m, "hdlr")) {
             Cursor c{a->body, a->size};
             c.skip(4);
-            if (c.u32() != fcc("mhlr")) problem("media hdlr component type is not 'mhlr'");
+            if (c.u32() != fourCC("mhlr")) problem("media hdlr component type is not 'mhlr'");
             t_.handler = c.u32();
         }
         const Atom* minf = require(m, "minf");
         if (!minf) return;
         auto mi = children(minf->body, minf->size, where_ + "/minf", problems_);
-        if (t_.handler == fcc("vide")) require(mi, "vmhd");
-        if (t_.handler == fcc("soun")) require(mi, "smhd");
+        if (t_.handler == fourCC("vide")) require(mi, "vmhd");
+        if (t_.handler == fourCC("soun")) require(mi, "smhd");
         if (const Atom* a = require(mi, "hdlr")) {
             Cursor c{a->body, a->size};
             c.skip(4);
-            if (c.u32() != fcc("dhlr") || c.u32() != fcc("alis")) problem("data hdlr is not 'dhlr'/'alis'");
+            if (c.u32() != fourCC("dhlr") || c.u32() != fourCC("alis")) problem("data hdlr is not 'dhlr'/'alis'");
         }
         if (const Atom* dinf = require(mi, "dinf")) {
             auto d = children(dinf->body, dinf->size, where_ + "/dinf", problems_);
@@ -170,7 +167,7 @@ public:
                 c.skip(4);
                 if (c.u32() != 1) problem("dref does not have one entry");
                 auto entries = children(c.p, c.left, where_ + "/dref", problems_);
-                if (entries.size() != 1 || entries[0].type != fcc("alis") || entries[0].size < 4 ||
+                if (entries.size() != 1 || entries[0].type != fourCC("alis") || entries[0].size < 4 ||
                     (Cursor{entries[0].body, 4}.u32() & 1) != 1)
                     problem("dref entry is not a self-referencing 'alis'");
             }
@@ -182,8 +179,8 @@ public:
         if (const Atom* a = require(s, "stts")) parseStts(*a);
         if (const Atom* a = require(s, "stsc")) parseStsc(*a);
         if (const Atom* a = require(s, "stsz")) parseStsz(*a);
-        const Atom* stco = find(s, fcc("stco"));
-        const Atom* co64 = find(s, fcc("co64"));
+        const Atom* stco = find(s, fourCC("stco"));
+        const Atom* co64 = find(s, fourCC("co64"));
         if (!stco && !co64) problem("no chunk offset table");
         if (stco && co64) problem("both stco and co64");
         if (stco || co64) parseChunkOffsets(stco ? *stco : *co64, co64 != nullptr);
@@ -193,7 +190,7 @@ private:
     void problem(const std::string& text) { problems_.push_back(where_ + ": " + text); }
     const Atom* require(const std::vector<Atom>& atoms, const char (&type)[5])
     {
-        const Atom* a = find(atoms, fcc(type));
+        const Atom* a = find(atoms, fourCC(type));
         if (!a) problem(std::string("missing '") + type + "'");
         return a;
     }
@@ -251,7 +248,7 @@ private:
         Cursor d{e.body, e.size};
         d.skip(6);
         if (d.u16() != 1) problem("sample description does not use data reference 1");
-        if (t_.handler == fcc("vide")) {
+        if (t_.handler == fourCC("vide")) {
             d.skip(2 + 2 + 4 + 4 + 4);
             t_.sampleWidth = d.u16();
             t_.sampleHeight = d.u16();
@@ -266,7 +263,7 @@ private:
             if (int16_t(d.u16()) != -1) problem("colour table id is not -1");
             if (d.left != 0) problem("video sample description has extensions");
             checked(d, "video sample description");
-        } else if (t_.handler == fcc("soun")) {
+        } else if (t_.handler == fourCC("soun")) {
             t_.soundVersion = d.u16();
             d.skip(2 + 4);
             if (t_.soundVersion != 2) {
@@ -286,7 +283,7 @@ private:
             t_.framesPerPacket = d.u32();
             checked(d, "sound description");
             auto ext = children(d.p, d.left, where_ + "/soun", problems_);
-            if (const Atom* chan = find(ext, fcc("chan"))) {
+            if (const Atom* chan = find(ext, fourCC("chan"))) {
                 Cursor ch{chan->body, chan->size};
                 ch.skip(4);
                 t_.hasChannelLayout = true;
@@ -415,34 +412,7 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
     if (t.sampleCount && !t.constantSize && t.sampleSizes.size() != t.sampleCount) problem("stsz entries missing");
 }
 
-std::string shellQuote(const std::string& s)
-{
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-// Runs a shell command; returns its exit status and what it wrote to stdout.
-int run(const std::string& command, std::string* out)
-{
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-    if (!pipe) return -1;
-    char buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe.get())) > 0)
-        if (out) out->append(buf, n);
-    int status = ::pclose(pipe.release());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 }  // namespace
-
-std::string fourCCString(uint32_t code)
-{
-    std::string s;
-    for (int i = 0; i < 4; ++i) s += char((code >> (24 - 8 * i)) & 0xFF);
-    return s;
-}
 
 const MovieTrack* MovieSummary::track(uint32_t handler) const
 {
@@ -507,38 +477,38 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
             header = 16;
         }
         if (size < header || size > fileSize - at) {
-            problems.push_back("top-level atom '" + fourCCString(type) + "' of size " + std::to_string(size) +
+            problems.push_back("top-level atom '" + fourCCText(type) + "' of size " + std::to_string(size) +
                                " does not fit the file");
             break;
         }
         m.topLevel.push_back(type);
-        if (type == fcc("ftyp")) {
+        if (type == fourCC("ftyp")) {
             uint8_t f[12];
             if (size >= 20 && fd.readAt(at + 8, f, 12)) {
                 Cursor fc{f, 12};
                 m.majorBrand = fc.u32();
                 m.minorVersion = fc.u32();
-                if (fc.u32() != fcc("qt  ")) problems.push_back("'qt  ' is not a compatible brand");
+                if (fc.u32() != fourCC("qt  ")) problems.push_back("'qt  ' is not a compatible brand");
             }
-        } else if (type == fcc("mdat")) {
+        } else if (type == fourCC("mdat")) {
             m.mdatDataStart = at + header;
             m.mdatDataEnd = at + size;
             m.mdat64 = header == 16;
-        } else if (type == fcc("moov")) {
+        } else if (type == fourCC("moov")) {
             moov.resize(size_t(size - header));
             if (!fd.readAt(at + header, moov.data(), moov.size())) problems.push_back("cannot read moov");
         }
         at += size;
     }
-    if (m.topLevel.empty() || m.topLevel[0] != fcc("ftyp")) problems.push_back("the file does not start with ftyp");
-    if (m.majorBrand != fcc("qt  ")) problems.push_back("major brand is not 'qt  '");
+    if (m.topLevel.empty() || m.topLevel[0] != fourCC("ftyp")) problems.push_back("the file does not start with ftyp");
+    if (m.majorBrand != fourCC("qt  ")) problems.push_back("major brand is not 'qt  '");
     if (moov.empty()) problems.push_back("no moov");
     if (!m.mdatDataEnd) problems.push_back("no mdat");
     if (m.mdatDataEnd && !m.mdat64 && m.mdatDataEnd - m.mdatDataStart > 0xFFFFFFFFull)
         problems.push_back("mdat above 4 GB with a 32-bit size");
 
     auto top = children(moov.data(), moov.size(), "moov", problems);
-    if (const Atom* mvhd = find(top, fcc("mvhd"))) {
+    if (const Atom* mvhd = find(top, fourCC("mvhd"))) {
         Cursor c{mvhd->body, mvhd->size};
         bool v1 = (c.u32() >> 24) == 1;
         c.skip(v1 ? 16 : 8);
@@ -551,7 +521,7 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
         problems.push_back("missing mvhd");
     }
     for (const auto& a : top) {
-        if (a.type != fcc("trak")) continue;
+        if (a.type != fourCC("trak")) continue;
         MovieTrack t;
         TrackParser(t, problems, "trak " + std::to_string(m.tracks.size() + 1)).parseTrak(a);
         m.tracks.push_back(std::move(t));
@@ -593,8 +563,7 @@ std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& trac
 
 std::vector<KeyValues> ffprobeStreams(const std::string& path)
 {
-    std::string out;
-    run("ffprobe -v error -show_streams -of default " + shellQuote(path) + " 2>/dev/null", &out);
+    const std::string out = runProgram({"ffprobe", "-v", "error", "-show_streams", "-of", "default", path}).out;
     std::vector<KeyValues> streams;
     std::istringstream lines(out);
     std::string line;
@@ -611,40 +580,37 @@ std::vector<KeyValues> ffprobeStreams(const std::string& path)
 
 int64_t ffprobePacketCount(const std::string& path, int streamIndex)
 {
-    std::string out;
-    int rc = run("ffprobe -v error -count_packets -select_streams " + std::to_string(streamIndex) +
-                     " -show_entries stream=nb_read_packets -of default=nokey=1:noprint_wrappers=1 " +
-                     shellQuote(path) + " 2>/dev/null",
-                 &out);
-    if (rc != 0 || out.empty()) return -1;
-    return std::strtoll(out.c_str(), nullptr, 10);
+    const ProcessResult r =
+        runProgram({"ffprobe", "-v", "error", "-count_packets", "-select_streams", std::to_string(streamIndex),
+                    "-show_entries", "stream=nb_read_packets", "-of", "default=nokey=1:noprint_wrappers=1", path});
+    if (r.status != 0 || r.out.empty()) return -1;
+    return std::strtoll(r.out.c_str(), nullptr, 10);
 }
 
 std::vector<uint8_t> extractStreamBytes(const std::string& path, char streamType)
 {
-    std::string out;
-    std::string map = streamType == 'a' ? "0:a:0" : "0:v:0";
-    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map " + map + " -c copy -f data - 2>/dev/null", &out);
-    if (rc != 0) return {};
-    return std::vector<uint8_t>(out.begin(), out.end());
+    const std::string map = streamType == 'a' ? "0:a:0" : "0:v:0";
+    const ProcessResult r =
+        runProgram({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", map, "-c", "copy", "-f", "data", "-"});
+    if (r.status != 0) return {};
+    return std::vector<uint8_t>(r.out.begin(), r.out.end());
 }
 
 bool ffmpegDecodesCleanly(const std::string& path, std::string* diagnostics)
 {
-    std::string err;
-    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f null - 2>&1 >/dev/null", &err);
-    if (diagnostics) *diagnostics = err;
-    return rc == 0 && err.empty();
+    const ProcessResult r = runProgram({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-f", "null", "-"});
+    if (diagnostics) *diagnostics = r.err;
+    return r.status == 0 && r.err.empty();
 }
 
 bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics)
 {
-    std::string err;
-    int rc = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0 -c copy -f null - 2>&1 >/dev/null", &err);
+    const ProcessResult r =
+        runProgram({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", "0", "-c", "copy", "-f", "null", "-"});
     // Probing decodes a few frames; synthetic essence makes decoders complain. Only the
     // demuxer's own messages (and lines of no context) count.
     std::string kept;
-    std::istringstream lines(err);
+    std::istringstream lines(r.err);
     std::string line;
     while (std::getline(lines, line)) {
         bool decoderLine = !line.empty() && line[0] == '[' && line.rfind("[mov,", 0) != 0;
@@ -652,15 +618,15 @@ bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics)
         if (!decoderLine && !repeat) kept += line + "\n";
     }
     if (diagnostics) *diagnostics = kept;
-    return rc == 0 && kept.empty();
+    return r.status == 0 && kept.empty();
 }
 
 bool mediainfoAccepts(const std::string& path, std::string* output)
 {
-    std::string out;
-    int rc = run("mediainfo " + shellQuote(path) + " 2>&1", &out);
+    const ProcessResult r = runProgram({"mediainfo", path});
+    const std::string out = r.out + r.err;
     if (output) *output = out;
-    return rc == 0 && out.find("General") != std::string::npos &&
+    return r.status == 0 && out.find("General") != std::string::npos &&
            (out.find("\nVideo") != std::string::npos || out.find("\nAudio") != std::string::npos);
 }
 

@@ -79,6 +79,4 @@ bool ffmpegDecodesCleanly(const std::string& path, std::string* diagnostics = nu
 bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics = nullptr);
 bool mediainfoAccepts(const std::string& path, std::string* output = nullptr);
 
-std::string fourCCString(uint32_t code);
-
 }  // namespace corvina::test

@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "HelperRun.h"
+#include "TestSupport.h"
 
 namespace corvina::test {
 

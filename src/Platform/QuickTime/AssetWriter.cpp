@@ -142,6 +142,15 @@ struct WriterCore : std::enable_shared_from_this<WriterCore> {
 
 namespace {
 
+std::mutex clockMutex;
+std::function<int64_t()> movieClock;
+
+int64_t secondsSince1970()
+{
+    std::lock_guard lock(clockMutex);
+    return movieClock ? movieClock() : int64_t(std::time(nullptr));
+}
+
 // A duration in the track's timescale; 0 when it is not a positive numeric time.
 uint64_t durationIn(const MediaTime& d, uint32_t timescale)
 {
@@ -419,7 +428,7 @@ bool AssetWriter::finishWriting()
         infos.push_back({uint32_t(infos.size() + 1), t->format, t->timescale, &t->tables});
     }
     constexpr uint64_t kSecondsFrom1904To1970 = 2082844800ull;
-    uint32_t now = uint32_t(uint64_t(std::time(nullptr)) + kSecondsFrom1904To1970);
+    uint32_t now = uint32_t(uint64_t(writer_internal::secondsSince1970()) + kSecondsFrom1904To1970);
     std::vector<uint8_t> moov = qt::buildMovieAtom(infos, now);
 
     std::unique_lock fileLock(core.fileMutex);
@@ -432,6 +441,12 @@ bool AssetWriter::finishWriting()
     else
         core.failLocked(std::move(failure));
     return ok;
+}
+
+void AssetWriter::setClock(std::function<int64_t()> secondsSince1970)
+{
+    std::lock_guard lock(writer_internal::clockMutex);
+    writer_internal::movieClock = std::move(secondsSince1970);
 }
 
 void AssetWriter::cancelWriting()

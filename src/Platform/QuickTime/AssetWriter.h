@@ -73,6 +73,10 @@ public:
     bool finishWriting();
     void cancelWriting();
 
+    // Where the movie's header dates come from: seconds since 1970 (UTC). Every writer of the
+    // process uses it; null restores the system clock. Tests fix it to compare whole files.
+    static void setClock(std::function<int64_t()> secondsSince1970);
+
     AssetWriterStatus status() const;
     std::optional<Error> error() const;
     const std::string& outputPath() const;

@@ -316,12 +316,7 @@ std::string compressorName(FourCharCode codecType)
     };
     for (const auto& n : kNames)
         if (n.code == codecType) return n.name;
-    std::string text;
-    for (int i = 0; i < 4; ++i) {
-        char c = char((codecType >> (24 - 8 * i)) & 0xFF);
-        text += (c >= 0x20 && c < 0x7F) ? c : '?';
-    }
-    return text;
+    return fourCCText(codecType);
 }
 
 uint64_t toMovieTime(uint64_t mediaDuration, uint32_t timescale)

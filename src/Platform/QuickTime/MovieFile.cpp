@@ -1,6 +1,7 @@
 #include "QuickTime/MovieFile.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,6 +90,38 @@ bool MovieFile::writeAll(const uint8_t* data, size_t size, Error* error)
     return true;
 }
 
+bool MovieFile::writeBufferAnd(std::span<const uint8_t> bytes, Error* error)
+{
+    iovec parts[2] = {{buffer_.data(), buffer_.size()}, {const_cast<uint8_t*>(bytes.data()), bytes.size()}};
+    iovec* part = buffer_.empty() ? parts + 1 : parts;
+    int count = buffer_.empty() ? 1 : 2;
+    while (count > 0) {
+        ssize_t n = ::writev(fd_, part, count);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *error = posixError(errno, "cannot write the movie");
+            return false;
+        }
+        if (n == 0) {
+            *error = posixError(EIO, "cannot write the movie");
+            return false;
+        }
+        written_ += uint64_t(n);
+        auto left = size_t(n);
+        while (count > 0 && left >= part->iov_len) {
+            left -= part->iov_len;
+            ++part;
+            --count;
+        }
+        if (count > 0) {
+            part->iov_base = static_cast<uint8_t*>(part->iov_base) + left;
+            part->iov_len -= left;
+        }
+    }
+    buffer_.clear();
+    return true;
+}
+
 bool MovieFile::writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error)
 {
     while (size) {
@@ -124,8 +157,9 @@ bool MovieFile::append(std::span<const uint8_t> bytes, Error* error)
         return false;
     }
     end_ += bytes.size();
+    // Large pieces (video chunks) go out with what is buffered in one call, uncopied.
+    if (bytes.size() >= kDirectBytes) return writeBufferAnd(bytes, error);
     if (buffer_.size() + bytes.size() > kBufferSize && !flush(error)) return false;
-    if (bytes.size() >= kBufferSize) return writeAll(bytes.data(), bytes.size(), error);
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
     return true;
 }

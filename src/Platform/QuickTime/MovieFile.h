@@ -17,6 +17,7 @@ namespace corvina::qt {
 class MovieFile {
 public:
     static constexpr size_t kBufferSize = 4u << 20;
+    static constexpr size_t kDirectBytes = 256u << 10;  // appended pieces this large are not buffered
     static constexpr uint64_t kWideAtomOffset = 20;  // after the 20-byte 'ftyp'
     static constexpr uint64_t kMediaDataStart = 36;  // 'ftyp', 'wide', 'mdat' header
 
@@ -38,6 +39,7 @@ private:
     bool writeAll(const uint8_t* data, size_t size, Error* error);
     bool writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error);
     bool flush(Error* error);
+    bool writeBufferAnd(std::span<const uint8_t> bytes, Error* error);
 
     int fd_ = -1;
     uint64_t end_ = 0;      // logical end, buffered bytes included

@@ -4,16 +4,27 @@
 
 namespace corvina {
 
-namespace {
-
-std::string fourCCText(FourCharCode code)
+std::string fourCCText(FourCharCode code, bool trimBlanks)
 {
-    std::string text(4, ' ');
-    for (int i = 0; i < 4; ++i) text[i] = char((code >> (24 - 8 * i)) & 0xFF);
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    const uint8_t bytes[4] = {uint8_t(code >> 24), uint8_t(code >> 16), uint8_t(code >> 8), uint8_t(code)};
+    auto blank = [&](int i) { return trimBlanks && (bytes[i] == ' ' || bytes[i] == '\t'); };
+    int first = 0, last = 3;
+    while (first <= last && blank(first)) ++first;
+    while (last >= first && blank(last)) --last;
+    std::string text;
+    for (int i = first; i <= last; ++i) {
+        const uint8_t byte = bytes[i];
+        if (byte == '\\') {
+            text += "\\\\";
+        } else if (byte >= 0x20 && byte < 0x7F) {
+            text += char(byte);
+        } else {
+            text += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+        }
+    }
     return text;
 }
-
-}  // namespace
 
 OSStatus FormatDescription::createVideo(FourCharCode codecType, int32_t width, int32_t height,
                                         std::shared_ptr<const FormatDescription>* out)

@@ -22,6 +22,12 @@ constexpr FourCharCode fourCC(const char (&s)[5])
            (FourCharCode(uint8_t(s[2])) << 8) | FourCharCode(uint8_t(s[3]));
 }
 
+// The code as text, most significant byte first, for logs and messages: printable ASCII
+// stands as itself, a backslash as "\\", any other byte as "\xHH" ('dvc ' is "dvc ",
+// 0x61000062 is "a\x00\x00b"). The one place a code becomes text. trimBlanks leaves out
+// the spaces and tabs at either end ('aac ' gives "aac").
+std::string fourCCText(FourCharCode code, bool trimBlanks = false);
+
 // Status codes, with the platform's numbers.
 inline constexpr OSStatus kNoErr = 0;
 inline constexpr OSStatus kFormatDescriptionInvalidParameter = -12710;

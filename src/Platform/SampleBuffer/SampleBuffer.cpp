@@ -13,11 +13,11 @@ OSStatus BlockBuffer::createWithMemoryBlock(ByteBuffer bytes, size_t dataLength,
     return kNoErr;
 }
 
-OSStatus SampleBuffer::create(std::unique_ptr<BlockBuffer> dataBuffer, bool dataReady, FormatDescriptionRef format,
-                              int64_t numSamples, std::span<const SampleTimingInfo> timing,
-                              std::span<const size_t> sampleSizes, std::unique_ptr<SampleBuffer>* out)
+namespace {
+
+OSStatus checkEntries(const BlockBuffer* dataBuffer, int64_t numSamples, std::span<const SampleTimingInfo> timing,
+                      std::span<const size_t> sampleSizes)
 {
-    if (!out || !dataReady) return kSampleBufferRequiredParameterMissing;
     if (numSamples < 1) return kSampleBufferInvalidEntryCount;
     if (!(timing.size() == 1 || int64_t(timing.size()) == numSamples)) return kSampleBufferInvalidEntryCount;
     if (!(sampleSizes.empty() || sampleSizes.size() == 1 || int64_t(sampleSizes.size()) == numSamples))
@@ -33,6 +33,59 @@ OSStatus SampleBuffer::create(std::unique_ptr<BlockBuffer> dataBuffer, bool data
         }
         if (total > dataBuffer->dataLength()) return kSampleBufferInvalidEntryCount;
     }
+    return kNoErr;
+}
+
+}  // namespace
+
+std::unique_ptr<BlockBuffer> BlockBuffer::makeReusable()
+{
+    return std::unique_ptr<BlockBuffer>(new BlockBuffer());  // NOLINT: private constructor
+}
+
+std::unique_ptr<SampleBuffer> SampleBuffer::makeReusable()
+{
+    std::unique_ptr<SampleBuffer> made(new SampleBuffer());  // NOLINT: private constructor
+    made->data_ = BlockBuffer::makeReusable();
+    return made;
+}
+
+OSStatus SampleBuffer::refill(const FormatDescriptionRef& format, int64_t numSamples,
+                              std::span<const SampleTimingInfo> timing, std::span<const size_t> sampleSizes)
+{
+    if (!data_ || data_->dataLength() == 0) return kBlockBufferBadLengthParameter;
+    if (const OSStatus status = checkEntries(data_.get(), numSamples, timing, sampleSizes); status != kNoErr)
+        return status;
+    if (format_ != format) format_ = format;
+    numSamples_ = numSamples;
+    timing_.assign(timing.begin(), timing.end());
+    sizes_.assign(sampleSizes.begin(), sampleSizes.end());
+    return kNoErr;
+}
+
+std::unique_ptr<SampleBuffer> SampleBuffer::clone() const
+{
+    std::unique_ptr<SampleBuffer> made(new SampleBuffer());  // NOLINT: private constructor
+    if (data_) {
+        std::unique_ptr<BlockBuffer> block;
+        if (BlockBuffer::createWithMemoryBlock(ByteBuffer(data_->data(), data_->dataLength()), data_->dataLength(),
+                                               &block) == kNoErr)
+            made->data_ = std::move(block);
+    }
+    made->format_ = format_;
+    made->numSamples_ = numSamples_;
+    made->timing_ = timing_;
+    made->sizes_ = sizes_;
+    return made;
+}
+
+OSStatus SampleBuffer::create(std::unique_ptr<BlockBuffer> dataBuffer, bool dataReady, FormatDescriptionRef format,
+                              int64_t numSamples, std::span<const SampleTimingInfo> timing,
+                              std::span<const size_t> sampleSizes, std::unique_ptr<SampleBuffer>* out)
+{
+    if (!out || !dataReady) return kSampleBufferRequiredParameterMissing;
+    if (const OSStatus status = checkEntries(dataBuffer.get(), numSamples, timing, sampleSizes); status != kNoErr)
+        return status;
     std::unique_ptr<SampleBuffer> made(new SampleBuffer());  // NOLINT: private constructor
     made->data_ = std::move(dataBuffer);
     made->format_ = std::move(format);

@@ -23,6 +23,19 @@ public:
     const uint8_t* data() const { return bytes_.data(); }
     size_t dataLength() const { return length_; }
 
+    // A block kept for reuse: the feeders read each sample straight into its storage and
+    // then set the length, so a steady stream of samples touches the heap only while the
+    // storage still grows.
+    static std::unique_ptr<BlockBuffer> makeReusable();
+    // Room for at least size bytes; earlier contents are not kept.
+    uint8_t* prepare(size_t size)
+    {
+        bytes_.resize(size);
+        return bytes_.data();
+    }
+    // The bytes filled since prepare; 0 is allowed here, the sample it becomes is not.
+    void setDataLength(size_t length) { length_ = length <= bytes_.size() ? length : bytes_.size(); }
+
 private:
     BlockBuffer() = default;
     ByteBuffer bytes_;
@@ -50,6 +63,15 @@ public:
     int64_t numSamples() const { return numSamples_; }
     const std::vector<SampleTimingInfo>& timing() const { return timing_; }
     const std::vector<size_t>& sampleSizes() const { return sizes_; }
+
+    // A sample buffer whose block and tables are refilled for every sample (the pooled path):
+    // refill checks what create checks and keeps the storage of the previous sample.
+    static std::unique_ptr<SampleBuffer> makeReusable();
+    BlockBuffer* mutableDataBuffer() { return data_.get(); }
+    OSStatus refill(const FormatDescriptionRef& format, int64_t numSamples, std::span<const SampleTimingInfo> timing,
+                    std::span<const size_t> sampleSizes);
+    // A separate copy that owns its own bytes.
+    std::unique_ptr<SampleBuffer> clone() const;
 
     // Per-sample views, derived from the entries above.
     MediaTime presentationTimeStamp(int64_t sample = 0) const;

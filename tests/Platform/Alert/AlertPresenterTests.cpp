@@ -13,6 +13,7 @@
 
 #include "Alert/AlertPresenter.h"
 #include "Foundation/SystemLog.h"
+#include "TestSupport.h"
 
 namespace fs = std::filesystem;
 using namespace corvina;
@@ -97,27 +98,17 @@ private:
     int fds_[2];
 };
 
+// A stand-in for the dialog program: a shell script in a folder of its own.
 class FakeDialog {
 public:
     explicit FakeDialog(const std::string& script)
     {
-        std::string pattern = (fs::temp_directory_path() / "corvina-dialog-XXXXXX").string();
-        folder_ = ::mkdtemp(pattern.data());
-        path_ = folder_ / "zenity";
-        std::ofstream(path_) << "#!/bin/sh\n" << script << "\n";
-        fs::permissions(path_, fs::perms::owner_all);
+        test::writeFile(path(), "#!/bin/sh\n" + script + "\n", fs::perms::owner_all);
     }
-    ~FakeDialog()
-    {
-        std::error_code ec;
-        fs::remove_all(folder_, ec);
-    }
-    std::string path() const { return path_.string(); }
-    fs::path folder() const { return folder_; }
+    std::string path() const { return folder_ / "zenity"; }
 
 private:
-    fs::path folder_;
-    fs::path path_;
+    test::TempDir folder_;
 };
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "AssetReader/AssetReader.h"
-#include "HelperRun.h"
+#include "TestSupport.h"
 #include "TestMovies.h"
 
 using namespace corvina;
@@ -221,7 +221,7 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
     EXPECT_TRUE(Asset::assetWithURL("file://" + escaped)->isReadable());
 
     // A movie cut short: either no longer a movie, or a movie that reads what is left.
-    const auto bytes = readBinaryFile(makeTestMovie(
+    const auto bytes = readBytes(makeTestMovie(
         "whole.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.4"), {"-c:v", "mjpeg", "-movflags", "+faststart"}})));
     ASSERT_GT(bytes.size(), 1000u);
     for (size_t keep : {size_t(16), bytes.size() / 2}) {

@@ -9,8 +9,10 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/FileHandle.h"
+#include "TestSupport.h"
 
 using corvina::FileHandle;
+namespace test = corvina::test;
 using corvina::PlatformException;
 
 namespace {
@@ -20,23 +22,12 @@ class PatternFile {
 public:
     explicit PatternFile(size_t size)
     {
-        std::string templ = std::string(CORVINA_BINARY_DIR) + "/filehandle.XXXXXX";
-        const int fd = mkstemp(templ.data());
-        path_ = templ;
-        bytes_.resize(size);
-        for (size_t i = 0; i < size; ++i) bytes_[i] = static_cast<uint8_t>((i * 7 + i / 251) & 0xff);
-        if (fd >= 0) {
-            size_t done = 0;
-            while (done < size) {
-                const ssize_t n = ::write(fd, bytes_.data() + done, size - done);
-                if (n <= 0) break;
-                done += static_cast<size_t>(n);
-            }
-            ::close(fd);
-        }
+        std::string bytes(size, '\0');
+        for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 251) & 0xff);
+        bytes_.assign(bytes.begin(), bytes.end());
+        test::writeFile(path(), bytes);
     }
-    ~PatternFile() { std::remove(path_.c_str()); }
-    const std::string& path() const { return path_; }
+    std::string path() const { return folder_ / "pattern"; }
     std::vector<uint8_t> slice(size_t offset, size_t length) const
     {
         if (offset >= bytes_.size()) return {};
@@ -45,7 +36,7 @@ public:
     }
 
 private:
-    std::string path_;
+    test::TempDir folder_;
     std::vector<uint8_t> bytes_;
 };
 

@@ -8,7 +8,7 @@
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
 #include "Foundation/Value.h"
-#include "HelperRun.h"
+#include "TestSupport.h"
 
 using corvina::Value;
 

@@ -1,55 +1,32 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <cstdio>
 #include <fstream>
 #include <limits>
 #include <string>
 
 #include "Foundation/Value.h"
+#include "TestSupport.h"
 
 using corvina::Value;
+using namespace corvina::test;
 
 namespace {
 
-// A fresh folder under the build tree, removed with its files afterwards.
-class TempFolder {
-public:
-    TempFolder()
-    {
-        std::string templ = std::string(CORVINA_BINARY_DIR) + "/valuetest.XXXXXX";
-        path_ = mkdtemp(templ.data()) ? templ : std::string();
-    }
-    ~TempFolder()
-    {
-        for (const auto& name : entries()) std::remove((path_ + "/" + name).c_str());
-        rmdir(path_.c_str());
-    }
-    const std::string& path() const { return path_; }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        if (DIR* d = opendir(path_.c_str())) {
-            while (dirent* e = readdir(d))
-                if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.emplace_back(e->d_name);
-            closedir(d);
-        }
-        return names;
-    }
-    std::string write(const std::string& name, const std::string& bytes) const
-    {
-        const std::string file = path_ + "/" + name;
-        std::ofstream(file, std::ios::binary) << bytes;
-        return file;
-    }
-
-private:
-    std::string path_;
-};
+// The names in a folder, sorted.
+std::vector<std::string> entries(const std::string& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(folder)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 Value sampleDocument()
 {
@@ -245,8 +222,7 @@ TEST(Value, ReadsPlatformWrittenXML)
 
 TEST(Value, RejectsBadInput)
 {
-    TempFolder folder;
-    ASSERT_FALSE(folder.path().empty());
+    TempDir folder;
     const Value doc = sampleDocument();
     const std::string xml = doc.toXMLPropertyList();
     const auto bin = doc.toBinaryPropertyList();
@@ -267,7 +243,8 @@ TEST(Value, RejectsBadInput)
         corvina::Error error;
         EXPECT_FALSE(Value::fromPropertyListData(row.bytes.data(), row.bytes.size(), &error));
         EXPECT_FALSE(error.localizedDescription.empty());
-        const std::string file = folder.write("bad.plist", row.bytes);
+        const std::string file = folder / "bad.plist";
+        writeFile(file, row.bytes);
         EXPECT_FALSE(Value::fromPropertyListFile(file));
     }
     // Hostile nesting is refused, not recursed into.
@@ -294,15 +271,15 @@ TEST(Value, RejectsBadInput)
 
     // A valid list whose root is not a dictionary is still a value: the caller decides.
     const std::string arrayXml = Value(Value::ArrayType{Value(1)}).toXMLPropertyList();
-    auto root = Value::fromPropertyListFile(folder.write("array.plist", arrayXml));
+    writeFile(folder / "array.plist", arrayXml);
+    auto root = Value::fromPropertyListFile(folder / "array.plist");
     ASSERT_TRUE(root);
     EXPECT_EQ(root->type(), Value::Type::Array);
 }
 
 TEST(Value, WritesFilesAtomically)
 {
-    TempFolder folder;
-    ASSERT_FALSE(folder.path().empty());
+    TempDir folder;
     const std::string target = folder.path() + "/settings.plist";
     const Value first(Value::DictionaryType{{"a", Value(1)}});
     const Value second(Value::DictionaryType{{"b", Value("two")}});
@@ -313,7 +290,7 @@ TEST(Value, WritesFilesAtomically)
     auto back = Value::fromPropertyListFile(target);
     ASSERT_TRUE(back);
     EXPECT_TRUE(*back == second);
-    EXPECT_EQ(folder.entries(), std::vector<std::string>{"settings.plist"});  // no temporary left
+    EXPECT_EQ(entries(folder.path()), std::vector<std::string>{"settings.plist"});  // no temporary left
     struct stat st {};
     ASSERT_EQ(stat(target.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
@@ -327,5 +304,5 @@ TEST(Value, WritesFilesAtomically)
     EXPECT_FALSE(first.writeToFile(folder.path() + "/no/such/folder/x.plist", true));
     EXPECT_FALSE(first.writeToFile(folder.path() + "/no/such/folder/x.plist", false));
     EXPECT_FALSE(first.writeToFile("", true));
-    EXPECT_EQ(folder.entries(), std::vector<std::string>{"settings.plist"});
+    EXPECT_EQ(entries(folder.path()), std::vector<std::string>{"settings.plist"});
 }

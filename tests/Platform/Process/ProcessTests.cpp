@@ -11,35 +11,13 @@
 
 #include "Foundation/Exception.h"
 #include "Process/Process.h"
+#include "TestSupport.h"
 
 namespace fs = std::filesystem;
 using corvina::Process;
+using namespace corvina::test;
 
 namespace {
-
-class TempFolder {
-public:
-    TempFolder()
-    {
-        std::string pattern = (fs::temp_directory_path() / "corvina-process-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
-    ~TempFolder()
-    {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    fs::path path_;
-};
-
-void writeFile(const fs::path& path, const std::string& text, fs::perms perms)
-{
-    std::ofstream(path) << text;
-    fs::permissions(path, perms);
-}
 
 std::string text(const Process::Bytes& bytes)
 {
@@ -72,41 +50,41 @@ ShellRun runShell(const std::string& script, Process::Stream out = Process::Stre
 
 TEST(ProcessExecutableCheck, AcceptsOnlyRunnableRegularFiles)
 {
-    TempFolder tmp;
+    TempDir tmp;
     writeFile(tmp / "tool", "#!/bin/sh\n", fs::perms::owner_all);
     writeFile(tmp / "plain", "data", fs::perms::owner_read | fs::perms::owner_write);
     fs::create_directory(tmp / "folder");
 
     EXPECT_TRUE(corvina::isExecutablePath("/bin/sh"));
-    EXPECT_TRUE(corvina::isExecutablePath((tmp / "tool").string()));
-    EXPECT_FALSE(corvina::isExecutablePath((tmp / "missing").string()));
-    EXPECT_FALSE(corvina::isExecutablePath((tmp / "folder").string()));
+    EXPECT_TRUE(corvina::isExecutablePath(tmp / "tool"));
+    EXPECT_FALSE(corvina::isExecutablePath(tmp / "missing"));
+    EXPECT_FALSE(corvina::isExecutablePath(tmp / "folder"));
     EXPECT_FALSE(corvina::isExecutablePath(""));
     if (::geteuid() != 0) {
-        EXPECT_FALSE(corvina::isExecutablePath((tmp / "plain").string()));
+        EXPECT_FALSE(corvina::isExecutablePath(tmp / "plain"));
     }
 }
 
 TEST(ProcessExecutableCheck, RecognisesPackageFoldersByExtension)
 {
-    TempFolder tmp;
+    TempDir tmp;
     for (const char* name : {"Viewer.app", "Codec.bundle", "Kit.framework", "Installer.pkg", "Pane.prefPane",
                              "Service.xpc", "Ext.appex", "Driver.kext", "Multi.mpkg", "Filter.plugin"}) {
         fs::create_directory(tmp / name);
-        EXPECT_TRUE(corvina::isPackagePath((tmp / name).string())) << name;
-        EXPECT_TRUE(corvina::isPackagePath((tmp / name).string() + "/")) << name;
-        EXPECT_FALSE(corvina::isExecutablePath((tmp / name).string())) << name;
+        EXPECT_TRUE(corvina::isPackagePath(tmp / name)) << name;
+        EXPECT_TRUE(corvina::isPackagePath(tmp / name + "/")) << name;
+        EXPECT_FALSE(corvina::isExecutablePath(tmp / name)) << name;
     }
     // The extension alone does not make a package: a tool file named like one is a tool,
     // and a folder with another extension is just a folder.
     writeFile(tmp / "tool.app", "#!/bin/sh\n", fs::perms::owner_all);
     fs::create_directory(tmp / "Notes.txt");
     fs::create_directory(tmp / "Case.APP");
-    EXPECT_FALSE(corvina::isPackagePath((tmp / "tool.app").string()));
-    EXPECT_TRUE(corvina::isExecutablePath((tmp / "tool.app").string()));
-    EXPECT_FALSE(corvina::isPackagePath((tmp / "Notes.txt").string()));
-    EXPECT_FALSE(corvina::isPackagePath((tmp / "Case.APP").string()));
-    EXPECT_FALSE(corvina::isPackagePath((tmp / "missing.app").string()));
+    EXPECT_FALSE(corvina::isPackagePath(tmp / "tool.app"));
+    EXPECT_TRUE(corvina::isExecutablePath(tmp / "tool.app"));
+    EXPECT_FALSE(corvina::isPackagePath(tmp / "Notes.txt"));
+    EXPECT_FALSE(corvina::isPackagePath(tmp / "Case.APP"));
+    EXPECT_FALSE(corvina::isPackagePath(tmp / "missing.app"));
 }
 
 TEST(ProcessStreams, CapturesOutputAndErrorSeparately)
@@ -174,9 +152,9 @@ TEST(ProcessEnvironment, GivenEnvironmentReplacesTheCallersWhole)
 
 TEST(ProcessLifecycle, LaunchFailuresArePlatformExceptions)
 {
-    TempFolder tmp;
+    TempDir tmp;
     writeFile(tmp / "plain", "data", fs::perms::owner_read);
-    for (const std::string& path : {(tmp / "missing").string(), (tmp / "plain").string(), std::string()}) {
+    for (const std::string& path : {tmp / "missing", tmp / "plain", std::string()}) {
         Process p;
         p.setLaunchPath(path);  // even root cannot execute a file without any execute bit
         EXPECT_THROW(p.launch(), corvina::PlatformException) << path;

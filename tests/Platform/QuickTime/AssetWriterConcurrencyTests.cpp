@@ -5,12 +5,12 @@
 #include <mutex>
 
 #include "Dispatch/Dispatch.h"
-#include "WriterTestSupport.h"
+#include "WriterSupport.h"
 
 namespace corvina {
 namespace {
 
-using namespace testing_support;
+using namespace test;
 using test::checkMovieStructure;
 using test::MovieSummary;
 
@@ -59,8 +59,8 @@ struct Pump {
 
 TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
 {
-    ScratchDir dir;
-    std::string path = dir.file("pull.mov");
+    TempDir dir;
+    std::string path = dir / "pull.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer);
@@ -148,8 +148,8 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
 
 TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
 {
-    ScratchDir dir;
-    std::string path = dir.file("videoonly.mov");
+    TempDir dir;
+    std::string path = dir / "videoonly.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer);

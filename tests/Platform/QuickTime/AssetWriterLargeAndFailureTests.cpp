@@ -10,12 +10,12 @@
 #include <cstring>
 
 #include "Dispatch/Dispatch.h"
-#include "WriterTestSupport.h"
+#include "WriterSupport.h"
 
 namespace corvina {
 namespace {
 
-using namespace testing_support;
+using namespace test;
 using test::checkMovieStructure;
 using test::MovieSummary;
 
@@ -46,10 +46,10 @@ private:
 
 TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
 {
-    ScratchDir dir;
-    SmallDisk disk(dir.file("disk"), "1m");
+    TempDir dir;
+    SmallDisk disk(dir / "disk", "1m");
     if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
-    std::string path = dir.file("disk/full.mov");
+    std::string path = dir / "disk/full.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer) << error.description();
@@ -81,11 +81,11 @@ TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
 // The pull model after a failure: both pumps still reach their ends and leave the group.
 TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
 {
-    ScratchDir dir;
-    SmallDisk disk(dir.file("disk"), "1m");
+    TempDir dir;
+    SmallDisk disk(dir / "disk", "1m");
     if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
     Error error;
-    auto writer = AssetWriter::create(dir.file("disk/pumps.mov"), kFileTypeQuickTimeMovie, &error);
+    auto writer = AssetWriter::create(dir / "disk/pumps.mov", kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer);
     auto video = AssetWriterInput::create(MediaType::Video);
     auto audio = AssetWriterInput::create(MediaType::Audio);
@@ -132,8 +132,8 @@ TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
 
 TEST(AssetWriter, CancelRemovesThePartialMovie)
 {
-    ScratchDir dir;
-    std::string path = dir.file("cancelled.mov");
+    TempDir dir;
+    std::string path = dir / "cancelled.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer);
@@ -154,11 +154,11 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
 #ifdef CORVINA_SANITIZED
     GTEST_SKIP() << "writes 4.6 GB: not in sanitizer builds";
 #else
-    ScratchDir dir;
+    TempDir dir;
     struct statvfs fs {};
     if (::statvfs(dir.path().c_str(), &fs) != 0 || uint64_t(fs.f_bavail) * fs.f_frsize < (10ull << 30))
         GTEST_SKIP() << "needs 10 GB free in " << dir.path();
-    std::string path = dir.file("large.mov");
+    std::string path = dir / "large.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     ASSERT_TRUE(writer);

@@ -5,12 +5,12 @@
 #include <fstream>
 
 #include "QuickTime/TrackTables.h"
-#include "WriterTestSupport.h"
+#include "WriterSupport.h"
 
 namespace corvina {
 namespace {
 
-using namespace testing_support;
+using namespace test;
 using test::checkMovieStructure;
 using test::MovieSummary;
 
@@ -65,9 +65,9 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
         {fourCC("dvh6"), 1920, 1080, {576000}, "DVCPRO HD 1080i60"},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(test::fourCCString(r.codec));
-        ScratchDir dir;
-        std::string path = dir.file("video.mov");
+        SCOPED_TRACE(fourCCText(r.codec));
+        TempDir dir;
+        std::string path = dir / "video.mov";
         std::vector<uint8_t> bytes;
         {
             Writer w(path);
@@ -98,7 +98,7 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
 
         auto streams = test::ffprobeStreams(path);
         ASSERT_EQ(streams.size(), 1u);
-        EXPECT_EQ(streams[0]["codec_tag_string"], test::fourCCString(r.codec));
+        EXPECT_EQ(streams[0]["codec_tag_string"], fourCCText(r.codec));
         if (r.codec != fourCC("dvh6")) {  // the DV decoder reports the coded (subsampled) width of HD DV
             EXPECT_EQ(streams[0]["width"], std::to_string(r.width));
             EXPECT_EQ(streams[0]["height"], std::to_string(r.height));
@@ -130,8 +130,8 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(std::to_string(r.rate) + " layout " + std::to_string(int(r.layout)) + (r.bigEndian ? " BE" : " LE"));
-        ScratchDir dir;
-        std::string path = dir.file("audio.mov");
+        TempDir dir;
+        std::string path = dir / "audio.mov";
         uint32_t channels = r.layout == Layout::Mono ? 1 : 2;
         uint32_t bpf = 2 * channels;
         size_t frames = size_t(r.rate) * 3 / 2;  // 1.5 s
@@ -197,8 +197,8 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
 
 TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
 {
-    ScratchDir dir;
-    std::string path = dir.file("multi.mov");
+    TempDir dir;
+    std::string path = dir / "multi.mov";
     auto f = videoFormat(fourCC("apch"), 1280, 720);
     auto bytes = randomBytes(9000, 3);
     const MediaTime d = MediaTime::make(1001, 30000);
@@ -241,8 +241,8 @@ TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
 
 TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
 {
-    ScratchDir dir;
-    std::string path = dir.file("both.mov");
+    TempDir dir;
+    std::string path = dir / "both.mov";
     auto vf = videoFormat(fourCC("dv5n"), 720, 480);
     auto af = audioFormat(48000, Layout::Stereo, false);
     auto frame = randomBytes(24000, 9);  // 0.5 s of frames stays below the 1 MiB chunk limit
@@ -294,8 +294,8 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
 
 TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
 {
-    ScratchDir dir;
-    Writer w(dir.file("refuse.mov"));
+    TempDir dir;
+    Writer w(dir / "refuse.mov");
     ASSERT_TRUE(w.writer);
     auto audioSample = oneSample(audioFormat(48000, Layout::Mono, false), {1, 2}, MediaTime::zero(), MediaTime::make(1, 48000));
     EXPECT_FALSE(w.video->appendSampleBuffer(*audioSample)) << "audio on a video track";
@@ -311,16 +311,16 @@ TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
 
 TEST(AssetWriter, CreateFailsForExistingFileMissingFolderOrUnknownType)
 {
-    ScratchDir dir;
-    std::string existing = dir.file("existing.mov");
-    std::ofstream(existing) << "keep me";
+    TempDir dir;
+    std::string existing = dir / "existing.mov";
+    writeFile(existing, "keep me");
     struct Row {
         std::string path;
         std::string type;
     } rows[] = {
         {existing, kFileTypeQuickTimeMovie},
-        {dir.file("no/such/folder/movie.mov"), kFileTypeQuickTimeMovie},
-        {dir.file("other.mov"), "public.mpeg-4"},
+        {dir / "no/such/folder/movie.mov", kFileTypeQuickTimeMovie},
+        {dir / "other.mov", "public.mpeg-4"},
     };
     for (const auto& r : rows) {
         Error error;
@@ -328,10 +328,7 @@ TEST(AssetWriter, CreateFailsForExistingFileMissingFolderOrUnknownType)
         EXPECT_FALSE(error.localizedDescription.empty());
         EXPECT_NE(error.code, 0);
     }
-    std::ifstream in(existing);
-    std::string content;
-    std::getline(in, content);
-    EXPECT_EQ(content, "keep me") << "an existing file is never touched";
+    EXPECT_EQ(readFile(existing), "keep me") << "an existing file is never touched";
 }
 
 TEST(TrackTables, AnHourOfStereoAudioCostsChunksNotSamples)

@@ -1,37 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <functional>
 
-#include "WriterTestSupport.h"
+#include "WriterSupport.h"
 
 namespace corvina {
 namespace {
 
-using namespace testing_support;
-
-std::vector<uint8_t> readFile(const std::string& path)
-{
-    std::vector<uint8_t> bytes;
-    int fd = ::open(path.c_str(), O_RDONLY);
-    if (fd < 0) return bytes;
-    uint8_t buf[65536];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof buf)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-    ::close(fd);
-    return bytes;
-}
-
-void writeFile(const std::string& path, const std::vector<uint8_t>& bytes)
-{
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
-    ::close(fd);
-}
+using namespace test;
 
 size_t findType(const std::vector<uint8_t>& bytes, const char* type)
 {
@@ -45,9 +22,9 @@ void put32(std::vector<uint8_t>& b, size_t at, uint32_t v)
     for (int i = 0; i < 4; ++i) b[at + size_t(i)] = uint8_t(v >> (24 - 8 * i));
 }
 
-std::string smallMovie(const ScratchDir& dir)
+std::string smallMovie(const TempDir& dir)
 {
-    std::string path = dir.file("small.mov");
+    std::string path = dir / "small.mov";
     Error error;
     auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
     EXPECT_TRUE(writer);
@@ -64,8 +41,8 @@ std::string smallMovie(const ScratchDir& dir)
 
 TEST(MovieFile, HeadersAreTheReservedLayout)
 {
-    ScratchDir dir;
-    auto bytes = readFile(smallMovie(dir));
+    TempDir dir;
+    auto bytes = readBytes(smallMovie(dir));
     ASSERT_GT(bytes.size(), 36u);
     const uint8_t expected[28] = {0, 0, 0, 20, 'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
                                   0x03, 0x00, 'q', 't', ' ', ' ', 0, 0, 0, 8, 'w', 'i', 'd', 'e'};
@@ -79,10 +56,10 @@ TEST(MovieFile, HeadersAreTheReservedLayout)
 // The checker must notice broken movies, or its silence proves nothing.
 TEST(MovieCheck, ReportsCorruptedMovies)
 {
-    ScratchDir dir;
+    TempDir dir;
     std::string path = smallMovie(dir);
-    const auto good = readFile(path);
-    ASSERT_TRUE(test::checkMovieStructure(path).empty());
+    const auto good = readBytes(path);
+    ASSERT_TRUE(checkMovieStructure(path).empty());
     struct Row {
         const char* name;
         std::function<void(std::vector<uint8_t>&)> damage;
@@ -97,9 +74,9 @@ TEST(MovieCheck, ReportsCorruptedMovies)
     for (const auto& r : rows) {
         auto bytes = good;
         r.damage(bytes);
-        std::string broken = dir.file("broken.mov");
-        writeFile(broken, bytes);
-        EXPECT_FALSE(test::checkMovieStructure(broken).empty()) << r.name;
+        std::string broken = dir / "broken.mov";
+        writeFile(broken, std::string(bytes.begin(), bytes.end()));
+        EXPECT_FALSE(checkMovieStructure(broken).empty()) << r.name;
     }
 }
 

@@ -19,6 +19,13 @@ FormatDescriptionRef video()
     return f;
 }
 
+TEST(FourCharCodeText, PrintableBytesStandEveryOtherIsEscaped)
+{
+    EXPECT_EQ(fourCCText(fourCC("dvc ")), "dvc ");
+    EXPECT_EQ(fourCCText(0x61000062), "a\\x00\\x00b");
+    EXPECT_EQ(fourCCText(0xFF7F5C7E), "\\xFF\\x7F\\\\~");
+}
+
 TEST(FormatDescription, AudioChecksRateChannelsAndLayoutSize)
 {
     AudioStreamBasicDescription asbd{48000, kAudioFormatLinearPCM, 12, 4, 1, 4, 2, 16, 0};

@@ -1,5 +1,5 @@
-// Building blocks for movie-writer tests: a scratch folder, format descriptions of every
-// supported kind, and sample buffers made from synthetic bytes.
+// Building blocks for movie-writer tests: format descriptions of every supported kind, and
+// sample buffers made from synthetic bytes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,30 +12,10 @@
 #include <vector>
 
 #include "MovieCheck.h"
+#include "TestSupport.h"
 #include "QuickTime/AssetWriter.h"
 
-namespace corvina::testing_support {
-
-class ScratchDir {
-public:
-    ScratchDir()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "writer-test-XXXXXX").string();
-        if (::mkdtemp(pattern.data())) path_ = pattern;
-    }
-    ~ScratchDir()
-    {
-        std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
+namespace corvina::test {
 
 enum class Layout { Mono, Stereo, LtRt };
 
@@ -120,4 +100,4 @@ inline std::string problemsText(const std::vector<std::string>& problems)
     return s;
 }
 
-}  // namespace corvina::testing_support
+}  // namespace corvina::test

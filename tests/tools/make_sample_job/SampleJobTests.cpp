@@ -4,16 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <numbers>
 #include <optional>
@@ -26,64 +19,13 @@ extern "C" {
 }
 
 #include "Foundation/Value.h"
-
-extern char** environ;
+#include "HelperRun.h"
 
 namespace {
 
 using corvina::Value;
+using namespace corvina::test;
 namespace fs = std::filesystem;
-
-const char* const kTool = CORVINA_BINARY_DIR "/tools/make_sample_job/make_sample_job";
-
-class TempDir {
-public:
-    TempDir()
-    {
-        std::string pattern = (fs::temp_directory_path() / "samplejob-XXXXXX").string();
-        if (mkdtemp(pattern.data())) path_ = pattern;
-    }
-    ~TempDir()
-    {
-        std::error_code ec;
-        if (!path_.empty()) fs::remove_all(path_, ec);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-// Runs the tool with its output in files of `dir`; the exit status, or -1 when it did not
-// exit normally.
-int runTool(const TempDir& dir, std::vector<std::string> args)
-{
-    args.insert(args.begin(), kTool);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const std::string out = dir / "tool.out", err = dir / "tool.err";
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, kTool, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
-
-std::vector<uint8_t> readBytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 struct Range {
     uint64_t offset;
@@ -127,9 +69,10 @@ struct Job {
 // Runs the tool into `dir` and reads everything it wrote.
 std::optional<Job> makeJob(const TempDir& dir, std::vector<std::string> args)
 {
-    args.insert(args.begin(), {"--out", dir.path()});
-    const int status = runTool(dir, args);
-    EXPECT_EQ(status, 0) << readBytes(dir / "tool.err").size() << " bytes on stderr";
+    args.insert(args.begin(), {sampleJobToolPath(), "--out", dir.path()});
+    const ProcessResult run = runProgram(args);
+    const int status = run.status;
+    EXPECT_EQ(status, 0) << run.err;
     if (status != 0) return std::nullopt;
     auto settings = Value::fromPropertyListFile(dir / "settings.plist");
     EXPECT_TRUE(settings.has_value());
@@ -394,8 +337,9 @@ TEST(SampleJob, BadArgumentsAreRefused)
         {"--out", dir.path(), "--seed"},
         {"--out", dir.path(), "--bogus"},
     };
-    for (const auto& args : cases) {
-        EXPECT_EQ(runTool(dir, args), 2) << (args.size() > 2 ? args[2] : "no --out");
+    for (auto args : cases) {
+        args.insert(args.begin(), sampleJobToolPath());
+        EXPECT_EQ(runProgram(args).status, 2) << (args.size() > 3 ? args[3] : "no --out");
     }
     EXPECT_FALSE(fs::exists(dir / "settings.plist"));
 }

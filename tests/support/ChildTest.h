@@ -1,6 +1,8 @@
-// Running one test of this program again in a child process with a private home, an extra
-// environment, and optionally on a pseudo-terminal: for crash tests, dropped privileges and
-// terminal prompts. The child's test is usually a DISABLED_ one, run only when asked for.
+// Running one named test of this program again in a fresh copy of it, with a private home, an
+// extra environment, and optionally on a pseudo-terminal: for cases that crash for real,
+// need a controlling terminal, or run as a whole gtest program in the child. The child's test
+// is usually a DISABLED_ one, run only when asked for. (Cases that only need a process of
+// their own use runInChild in TestSupport.h.)
 #pragma once
 
 #include <fcntl.h>
@@ -19,13 +21,16 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "Process/Process.h"
+#include "TestSupport.h"
 
 extern char** environ;
 
-namespace childtest {
+namespace corvina::test {
 
-struct Result {
+struct TestRun {
     int status = -1;  // exit status, or 128 + signal
     std::string output;
 };
@@ -63,7 +68,7 @@ inline std::vector<std::string> childArguments(const std::string& test)
 
 // Runs the test (Suite.Name) in a child with pipes for its streams. An extra value that is
 // empty removes the variable.
-inline Result runTest(const std::string& test, const std::string& home,
+inline TestRun runTest(const std::string& test, const std::string& home,
                       const std::map<std::string, std::string>& extra = {})
 {
     corvina::Process child;
@@ -79,7 +84,7 @@ inline Result runTest(const std::string& test, const std::string& home,
 
 // The same on a new pseudo-terminal, which becomes the child's controlling terminal. Gives up
 // (killing the child) after the time limit.
-inline Result runTestOnTerminal(const std::string& test, const std::string& home,
+inline TestRun runTestOnTerminal(const std::string& test, const std::string& home,
                                 const std::map<std::string, std::string>& extra, std::chrono::seconds limit)
 {
     std::vector<std::string> args = {"/proc/self/exe"};
@@ -98,7 +103,7 @@ inline Result runTestOnTerminal(const std::string& test, const std::string& home
         ::execve(argv[0], argv.data(), envp.data());
         ::_exit(127);
     }
-    Result result;
+    TestRun result;
     if (pid < 0) return result;
     const auto deadline = std::chrono::steady_clock::now() + limit;
     char buffer[4096];
@@ -122,24 +127,6 @@ inline Result runTestOnTerminal(const std::string& test, const std::string& home
     return result;
 }
 
-// Runs a tool to its end: its status and everything it printed.
-inline Result runTool(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {})
-{
-    corvina::Process p;
-    p.setLaunchPath(argv[0]);
-    p.setArguments(std::vector<std::string>(argv.begin() + 1, argv.end()));
-    if (!env.empty()) p.setEnvironment(env);
-    corvina::Process::Bytes out, err;
-    try {
-        p.launch();
-        p.readToEnd(&out, &err);
-        p.waitUntilExit();
-    } catch (...) {
-        return {};
-    }
-    return {p.terminationStatus(), std::string(out.begin(), out.end()) + std::string(err.begin(), err.end())};
-}
-
 // The file's text once it exists, or empty after the limit.
 inline std::string waitForFile(const std::string& path, std::chrono::seconds limit = std::chrono::seconds(10))
 {
@@ -147,18 +134,42 @@ inline std::string waitForFile(const std::string& path, std::chrono::seconds lim
     while (!std::filesystem::exists(path) && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return readFile(path);
 }
 
 // A stand-in program that records its first argument in handed-over.txt beside itself.
 inline void writeRecorder(const std::string& path)
 {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n";
-    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    writeFile(path, "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n",
+              std::filesystem::perms::owner_all);
 }
 
-}  // namespace childtest
+// A test that needs a process of its own starts with
+//
+//     if (!inChild()) return expectChildPasses();
+//
+// and the rest of it runs in a fresh copy of the program whose HOME is a private folder.
+inline bool inChild()
+{
+    const char* v = std::getenv("CORVINA_SERVICES_CHILD");
+    return v && *v;
+}
+
+inline std::string childHome()
+{
+    const char* h = std::getenv("HOME");
+    return h ? h : "";
+}
+
+// The log a child's "Services" log writes.
+inline std::string childLogPath() { return childHome() + "/Library/Logs/Brantwell/Services.1.log"; }
+
+inline void expectChildPasses()
+{
+    TempDir home;
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    const TestRun run = runTest(std::string(info->test_suite_name()) + "." + info->name(), home.path());
+    EXPECT_EQ(run.status, 0) << run.output;
+}
+
+}  // namespace corvina::test

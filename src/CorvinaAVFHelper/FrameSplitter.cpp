@@ -1,0 +1,143 @@
+#include "FrameSplitter.h"
+
+#include <cstring>
+
+using corvina::FourCharCode;
+using corvina::fourCC;
+
+namespace {
+
+uint32_t bigEndian32(const uint8_t* p)
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+}
+
+// ProRes: every frame begins with its size (4 bytes, big-endian, the size field included)
+// and the frame identifier.
+bool splitProRes(std::span<const uint8_t> bytes, uint64_t frameCount, std::vector<size_t>& sizes)
+{
+    size_t at = 0;
+    for (uint64_t i = 0; i < frameCount; ++i) {
+        if (bytes.size() - at < 8) return false;
+        const uint32_t size = bigEndian32(bytes.data() + at);
+        if (size < 8 || size > bytes.size() - at || bigEndian32(bytes.data() + at + 4) != fourCC("icpf")) return false;
+        sizes.push_back(size);
+        at += size;
+    }
+    return at == bytes.size();
+}
+
+// The end of the JPEG image that starts at `at` (just past its end-of-image marker), or 0.
+// Marker segments are stepped over by their lengths, so that markers inside embedded data
+// (a thumbnail, say) do not count; in entropy-coded data only a marker that is neither a
+// stuffed zero nor a restart marker ends the scan.
+size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
+{
+    const size_t n = bytes.size();
+    if (n - at < 4 || bytes[at] != 0xFF || bytes[at + 1] != 0xD8) return 0;
+    size_t p = at + 2;
+    bool inScan = false;
+    while (p < n) {
+        if (inScan) {
+            const uint8_t* start = bytes.data() + p;
+            const void* ff = std::memchr(start, 0xFF, n - p);
+            if (!ff) return 0;
+            p = size_t(static_cast<const uint8_t*>(ff) - bytes.data());
+            if (p + 1 >= n) return 0;
+            const uint8_t marker = bytes[p + 1];
+            if (marker == 0x00 || (marker >= 0xD0 && marker <= 0xD7) || marker == 0xFF) {
+                p += marker == 0xFF ? 1 : 2;
+                continue;
+            }
+            inScan = false;
+            continue;
+        }
+        if (bytes[p] != 0xFF || p + 1 >= n) return 0;
+        const uint8_t marker = bytes[p + 1];
+        if (marker == 0xFF) {  // fill byte
+            ++p;
+            continue;
+        }
+        if (marker == 0xD9) return p + 2;
+        if (marker == 0xD8 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {
+            p += 2;
+            continue;
+        }
+        if (n - p < 4) return 0;
+        const size_t length = size_t(bytes[p + 2]) << 8 | bytes[p + 3];
+        if (length < 2 || length > n - p - 2) return 0;
+        p += 2 + length;
+        if (marker == 0xDA) inScan = true;
+    }
+    return 0;
+}
+
+bool splitJPEG(std::span<const uint8_t> bytes, uint64_t frameCount, std::vector<size_t>& sizes)
+{
+    size_t at = 0;
+    for (uint64_t i = 0; i < frameCount; ++i) {
+        const size_t end = jpegImageEnd(bytes, at);
+        if (end == 0) return false;
+        sizes.push_back(end - at);
+        at = end;
+    }
+    return at == bytes.size();
+}
+
+}  // namespace
+
+size_t FrameSplitter::dvFrameSize(FourCharCode codecType)
+{
+    // One frame of each DV format: DIF sequences of 150 blocks of 80 bytes, 10 sequences a
+    // channel at 60 fields, 12 at 50, one channel for DV, two for DVCPRO50 and 720p, four
+    // for the 1080-line formats.
+    switch (codecType) {
+    case fourCC("dvc "): return 120000;
+    case fourCC("dvcp"): return 144000;
+    case fourCC("dv5n"): return 240000;
+    case fourCC("dv5p"): return 288000;
+    case fourCC("dvhp"): return 240000;
+    case fourCC("dvh6"): return 480000;
+    case fourCC("dvh5"): return 576000;
+    default: return 0;
+    }
+}
+
+FrameSplitter FrameSplitter::forCodec(FourCharCode codecType)
+{
+    FrameSplitter splitter;
+    if (const size_t size = dvFrameSize(codecType)) {
+        splitter.rule_ = Rule::FixedSize;
+        splitter.fixedSize_ = size;
+        return splitter;
+    }
+    switch (codecType) {
+    case fourCC("apch"):
+    case fourCC("apcn"):
+    case fourCC("apcs"):
+    case fourCC("apco"):
+    case fourCC("ap4h"):
+    case fourCC("ap4x"): splitter.rule_ = Rule::ProRes; break;
+    case fourCC("jpeg"): splitter.rule_ = Rule::JPEG; break;
+    default: break;
+    }
+    return splitter;
+}
+
+bool FrameSplitter::split(std::span<const uint8_t> bytes, uint64_t frameCount, std::vector<size_t>& sizes) const
+{
+    sizes.clear();
+    if (frameCount < 2 || bytes.empty()) return false;
+    bool ok = false;
+    switch (rule_) {
+    case Rule::FixedSize:
+        ok = bytes.size() / fixedSize_ == frameCount && bytes.size() % fixedSize_ == 0;
+        if (ok) sizes.assign(1, fixedSize_);  // one entry covers every frame
+        break;
+    case Rule::ProRes: ok = splitProRes(bytes, frameCount, sizes); break;
+    case Rule::JPEG: ok = splitJPEG(bytes, frameCount, sizes); break;
+    case Rule::None: break;
+    }
+    if (!ok) sizes.clear();
+    return ok;
+}

@@ -1,0 +1,499 @@
+#include "MovieJob.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string_view>
+
+using namespace corvina;
+
+FrameTiming FrameTiming::fromRate(float framesPerSecond)
+{
+    const double rate = framesPerSecond;
+    if (!(rate > 0.0) || !std::isfinite(rate)) return {};
+    const double ceilRate = std::ceil(rate);
+    if (ceilRate * 1000.0 > 2147483647.0) return {};
+    return {static_cast<int32_t>(static_cast<int64_t>(ceilRate) * 1000), std::floor(rate) == ceilRate ? 1000 : 1001};
+}
+
+namespace {
+
+MediaEntry entryFrom(const Value& entry)
+{
+    return {entry["offset"].unsignedLongLongValue(), entry["length"].unsignedLongLongValue(),
+            entry["frameCount"].integerValue()};
+}
+
+// The scalar fields of the job, from a dictionary that may lack the two entry arrays.
+void readScalars(const Value& settings, MovieJob& job)
+{
+    job.tmpFilename = settings["tmpFilename"].stringValue();
+    job.tmpAudioFilename = settings["tmpAudioFilename"].stringValue();
+    job.destFilename = settings["destFilename"].stringValue();
+    job.formatType = settings["formatType"].integerValue();
+    job.audioFormat = settings["audioFormat"].integerValue();
+    job.frameRate = settings["frameRate"].floatValue();
+    job.fWidth = settings["fWidth"].shortValue();
+    job.fHeight = settings["fHeight"].shortValue();
+}
+
+// ---------------------------------------------------------------------------------------
+// A streaming reader for XML property lists: it walks the text once and keeps nothing but
+// the job. Everything it is not sure about makes it give up (the caller then uses the full
+// reader), so it never reads a document differently from the property-list reader.
+
+class XMLJobReader {
+public:
+    XMLJobReader(const char* text, size_t length, void* mapping) : p_(text), begin_(text), end_(text + length), mapping_(mapping)
+    {
+    }
+
+    std::optional<MovieJob> read()
+    {
+        if (end_ - p_ >= 3 && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
+        if (!skipMisc()) return std::nullopt;
+        Tag tag;
+        if (!readTag(tag)) return std::nullopt;
+        if (tag.name == "plist" && !tag.closing && !tag.empty) {
+            if (!skipMisc() || !readTag(tag)) return std::nullopt;
+            if (!readTopLevel(tag)) return std::nullopt;
+            if (!skipMisc() || !readTag(tag) || !(tag.closing && tag.name == "plist")) return std::nullopt;
+        } else if (!readTopLevel(tag)) {
+            return std::nullopt;
+        }
+        if (!skipMisc() || p_ != end_) return std::nullopt;
+        readScalars(Value(std::move(scalars_)), job_);
+        return std::move(job_);
+    }
+
+private:
+    struct Tag {
+        std::string_view name;
+        bool closing = false;
+        bool empty = false;  // <name/>
+    };
+    static constexpr int kMaxDepth = 256;
+
+    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+    void skipSpaces()
+    {
+        while (p_ < end_ && isSpace(*p_)) ++p_;
+    }
+
+    // Whitespace, comments, processing instructions and the document type.
+    bool skipMisc()
+    {
+        for (;;) {
+            skipSpaces();
+            if (end_ - p_ >= 4 && std::memcmp(p_, "<!--", 4) == 0) {
+                const char* close = find("-->", p_ + 4);
+                if (!close) return false;
+                p_ = close + 3;
+            } else if (end_ - p_ >= 2 && (std::memcmp(p_, "<?", 2) == 0 || std::memcmp(p_, "<!", 2) == 0)) {
+                if (end_ - p_ >= 9 && std::memcmp(p_, "<![CDATA[", 9) == 0) return false;
+                const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
+                if (!close) return false;
+                // A document type with an internal subset is more than this reader takes.
+                if (std::memchr(p_, '[', size_t(close - p_))) return false;
+                p_ = close + 1;
+            } else {
+                return true;
+            }
+        }
+    }
+
+    const char* find(std::string_view what, const char* from) const
+    {
+        std::string_view rest(from, size_t(end_ - from));
+        const size_t at = rest.find(what);
+        return at == std::string_view::npos ? nullptr : from + at;
+    }
+
+    bool readTag(Tag& tag)
+    {
+        skipSpaces();
+        if (p_ >= end_ || *p_ != '<') return false;
+        ++p_;
+        tag = Tag{};
+        if (p_ < end_ && *p_ == '/') {
+            tag.closing = true;
+            ++p_;
+        }
+        const char* nameStart = p_;
+        while (p_ < end_ && *p_ != '>' && *p_ != '/' && !isSpace(*p_)) ++p_;
+        tag.name = std::string_view(nameStart, size_t(p_ - nameStart));
+        // Attributes (the plist version) are passed over.
+        const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
+        if (!close || tag.name.empty()) return false;
+        if (close > p_ && close[-1] == '/') tag.empty = true;
+        if (tag.closing && tag.empty) return false;
+        p_ = close + 1;
+        maybeRelease();
+        return true;
+    }
+
+    // The text up to the closing tag of name, entities decoded.
+    bool readText(std::string_view name, std::string& out)
+    {
+        out.clear();
+        for (;;) {
+            const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+            if (!lt) return false;
+            const char* amp = static_cast<const char*>(std::memchr(p_, '&', size_t(lt - p_)));
+            if (!amp) {
+                out.append(p_, size_t(lt - p_));
+                p_ = lt;
+                break;
+            }
+            out.append(p_, size_t(amp - p_));
+            p_ = amp;
+            if (!readEntity(out)) return false;
+        }
+        Tag tag;
+        return readTag(tag) && tag.closing && tag.name == name;
+    }
+
+    bool readEntity(std::string& out)
+    {
+        const char* semi = static_cast<const char*>(std::memchr(p_, ';', size_t(std::min<ptrdiff_t>(end_ - p_, 12))));
+        if (!semi) return false;
+        const std::string_view name(p_ + 1, size_t(semi - p_ - 1));
+        p_ = semi + 1;
+        if (name == "amp") out += '&';
+        else if (name == "lt") out += '<';
+        else if (name == "gt") out += '>';
+        else if (name == "quot") out += '"';
+        else if (name == "apos") out += '\'';
+        else if (name.size() > 1 && name[0] == '#') {
+            uint32_t code = 0;
+            const bool hex = name[1] == 'x' || name[1] == 'X';
+            const char* first = name.data() + (hex ? 2 : 1);
+            const char* last = name.data() + name.size();
+            auto [ptr, ec] = std::from_chars(first, last, code, hex ? 16 : 10);
+            if (ec != std::errc() || ptr != last || first == last || code == 0 || code > 0x10FFFF ||
+                (code >= 0xD800 && code <= 0xDFFF))
+                return false;
+            appendUTF8(out, code);
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    static void appendUTF8(std::string& out, uint32_t c)
+    {
+        if (c < 0x80) {
+            out += char(c);
+        } else if (c < 0x800) {
+            out += char(0xC0 | (c >> 6));
+            out += char(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += char(0xE0 | (c >> 12));
+            out += char(0x80 | ((c >> 6) & 0x3F));
+            out += char(0x80 | (c & 0x3F));
+        } else {
+            out += char(0xF0 | (c >> 18));
+            out += char(0x80 | ((c >> 12) & 0x3F));
+            out += char(0x80 | ((c >> 6) & 0x3F));
+            out += char(0x80 | (c & 0x3F));
+        }
+    }
+
+    static std::string_view trimmed(std::string_view s)
+    {
+        while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
+        while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
+        return s;
+    }
+
+    static bool parseInteger(std::string_view digits, Value& out)
+    {
+        if (digits.empty()) return false;
+        const char* last = digits.data() + digits.size();
+        if (digits[0] == '-') {
+            int64_t v = 0;
+            auto [ptr, ec] = std::from_chars(digits.data(), last, v);
+            if (ec != std::errc() || ptr != last) return false;
+            out = Value(v);
+        } else {
+            uint64_t v = 0;
+            const char* first = digits.data() + (digits[0] == '+' ? 1 : 0);
+            auto [ptr, ec] = std::from_chars(first, last, v);
+            if (ec != std::errc() || ptr != last || first == ptr) return false;
+            out = Value(v);
+        }
+        return true;
+    }
+
+    // A scalar element whose opening tag has been read. False for anything that is not a
+    // string, integer, real or boolean.
+    bool readScalar(const Tag& tag, Value& out)
+    {
+        if (tag.closing) return false;
+        if (tag.name == "true" || tag.name == "false") {
+            if (!tag.empty) {
+                Tag close;
+                if (!readTag(close) || !close.closing || close.name != tag.name) return false;
+            }
+            out = Value(tag.name == "true");
+            return true;
+        }
+        if (tag.name == "string") {
+            if (tag.empty) {
+                out = Value(std::string());
+                return true;
+            }
+            if (!readText(tag.name, text_)) return false;
+            out = Value(text_);
+            return true;
+        }
+        if (tag.name == "integer") {
+            if (tag.empty) return false;
+            // Digits without entities are read in place, the common case of an entry table.
+            const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+            if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
+                const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
+                p_ = lt;
+                Tag close;
+                return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
+            }
+            return readText(tag.name, text_) && parseInteger(trimmed(text_), out);
+        }
+        if (tag.name == "real") {
+            if (tag.empty || !readText(tag.name, text_)) return false;
+            const std::string_view digits = trimmed(text_);
+            double v = 0;
+            auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
+            if (digits.empty() || ec != std::errc() || ptr != digits.data() + digits.size()) return false;
+            out = Value(v);
+            return true;
+        }
+        return false;
+    }
+
+    // Any value whose opening tag has been read, kept as a value (small parts of the document
+    // only: the fields the job does not use).
+    bool readValue(const Tag& tag, Value& out, int depth)
+    {
+        if (depth > kMaxDepth || tag.closing) return false;
+        if (tag.name == "array") {
+            Value::ArrayType items;
+            if (!tag.empty) {
+                for (;;) {
+                    Tag next;
+                    if (!skipMisc() || !readTag(next)) return false;
+                    if (next.closing) {
+                        if (next.name != "array") return false;
+                        break;
+                    }
+                    Value item;
+                    if (!readValue(next, item, depth + 1)) return false;
+                    items.push_back(std::move(item));
+                }
+            }
+            out = Value(std::move(items));
+            return true;
+        }
+        if (tag.name == "dict") {
+            Value::DictionaryType entries;
+            if (!tag.empty) {
+                std::string key;
+                for (;;) {
+                    bool done = false;
+                    if (!readKey(key, done)) return false;
+                    if (done) break;
+                    Tag next;
+                    if (!skipMisc() || !readTag(next)) return false;
+                    Value item;
+                    if (!readValue(next, item, depth + 1)) return false;
+                    entries[key] = std::move(item);
+                }
+            }
+            out = Value(std::move(entries));
+            return true;
+        }
+        return readScalar(tag, out);
+    }
+
+    // The next key of a dictionary, or done at its closing tag.
+    bool readKey(std::string& key, bool& done)
+    {
+        Tag tag;
+        if (!skipMisc() || !readTag(tag)) return false;
+        if (tag.closing) {
+            done = true;
+            return tag.name == "dict";
+        }
+        if (tag.name != "key") return false;
+        if (tag.empty) {
+            key.clear();
+            return true;
+        }
+        const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+        if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
+            key.assign(p_, size_t(lt - p_));
+            p_ = lt;
+            Tag close;
+            return readTag(close) && close.closing && close.name == "key";
+        }
+        return readText("key", key);
+    }
+
+    bool readTopLevel(const Tag& tag)
+    {
+        if (tag.closing || tag.name != "dict") return false;
+        if (tag.empty) return true;
+        std::string key;
+        for (;;) {
+            bool done = false;
+            if (!readKey(key, done)) return false;
+            if (done) return true;
+            Tag next;
+            if (!skipMisc() || !readTag(next)) return false;
+            if (key == "offsetArray" || key == "audioOffsetArray") {
+                auto table = std::make_shared<MediaEntryTable>();
+                if (!readEntries(next, *table)) return false;
+                (key == "offsetArray" ? job_.videoEntries : job_.audioEntries) = std::move(table);
+                scalars_.erase(key);
+            } else {
+                Value item;
+                if (!readValue(next, item, 1)) return false;
+                scalars_[key] = std::move(item);
+            }
+        }
+    }
+
+    // An entry array, one entry at a time straight into the table.
+    bool readEntries(const Tag& tag, MediaEntryTable& table)
+    {
+        if (tag.name != "array") {
+            // Not an array: the job sees no entries, as the accessors of a non-array give none.
+            Value ignored;
+            return readValue(tag, ignored, 1);
+        }
+        if (tag.empty) return true;
+        std::string key;
+        for (;;) {
+            Tag next;
+            if (!skipMisc() || !readTag(next)) return false;
+            if (next.closing) return next.name == "array";
+            if (next.name != "dict" || next.empty) {
+                Value item;
+                if (!readValue(next, item, 2)) return false;
+                table.push_back(entryFrom(item));
+                continue;
+            }
+            MediaEntry entry;
+            for (;;) {
+                bool done = false;
+                if (!readKey(key, done)) return false;
+                if (done) break;
+                Tag valueTag;
+                if (!skipMisc() || !readTag(valueTag)) return false;
+                Value item;
+                if (!readValue(valueTag, item, 3)) return false;
+                if (key == "offset") entry.offset = item.unsignedLongLongValue();
+                else if (key == "length") entry.length = item.unsignedLongLongValue();
+                else if (key == "frameCount") entry.frameCount = item.integerValue();
+            }
+            table.push_back(entry);
+        }
+    }
+
+    // Pages of a mapped document that have been read are given back now and then, so that
+    // a large document does not stay resident while the rest of it is read.
+    void maybeRelease()
+    {
+        constexpr size_t kStep = 8u << 20;
+        if (!mapping_ || size_t(p_ - begin_) < released_ + 2 * kStep) return;
+        const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+        const size_t upTo = (size_t(p_ - begin_) - kStep) / page * page;
+        if (upTo > released_) {
+            ::madvise(mapping_, upTo, MADV_DONTNEED);
+            released_ = upTo;
+        }
+    }
+
+    const char* p_;
+    const char* begin_;
+    const char* end_;
+    void* mapping_;
+    size_t released_ = 0;
+    std::string text_;
+    Value::DictionaryType scalars_;
+    MovieJob job_;
+};
+
+}  // namespace
+
+MediaEntryTable MovieJob::entriesFrom(const Value& array)
+{
+    MediaEntryTable table;
+    const auto* items = array.asArray();
+    if (!items) return table;
+    table.reserve(items->size());
+    for (const Value& item : *items) table.push_back(entryFrom(item));
+    return table;
+}
+
+MovieJob MovieJob::fromSettings(const Value& settings)
+{
+    MovieJob job;
+    readScalars(settings, job);
+    job.videoEntries = std::make_shared<MediaEntryTable>(entriesFrom(settings["offsetArray"]));
+    job.audioEntries = std::make_shared<MediaEntryTable>(entriesFrom(settings["audioOffsetArray"]));
+    return job;
+}
+
+std::optional<MovieJob> MovieJob::readXMLDocument(const char* text, size_t length)
+{
+    return XMLJobReader(text, length, nullptr).read();
+}
+
+std::optional<MovieJob> MovieJob::readDocument(const std::string& path, Error* error)
+{
+    // Never blocks: a FIFO or a device at the path is left to the property-list reader, which
+    // refuses it with its reason.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd >= 0) {
+        std::optional<MovieJob> job;
+        struct stat info {};
+        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+            const auto size = static_cast<size_t>(info.st_size);
+            void* mapping = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+            if (mapping != MAP_FAILED) {
+                ::madvise(mapping, size, MADV_SEQUENTIAL);
+                const char* text = static_cast<const char*>(mapping);
+                if (!(size >= 6 && std::memcmp(text, "bplist", 6) == 0))
+                    job = XMLJobReader(text, size, mapping).read();
+                ::munmap(mapping, size);
+            }
+        }
+        ::close(fd);
+        if (job) {
+            job->documentPath = path;
+            return job;
+        }
+    }
+    // Binary documents, and whatever the stream reader left alone, take the full reader; its
+    // tree lives only until the job is made.
+    std::optional<MovieJob> job;
+    {
+        const auto settings = Value::fromPropertyListFile(path, error);
+        if (!settings) return std::nullopt;
+        if (!settings->asDictionary()) {
+            if (error) *error = Error{"NSCocoaErrorDomain", 3840, "the settings document holds no dictionary"};
+            return std::nullopt;
+        }
+        job = fromSettings(*settings);
+    }
+    job->documentPath = path;
+    return job;
+}

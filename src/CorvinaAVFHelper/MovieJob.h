@@ -1,0 +1,67 @@
+// One movie to assemble, read once from the settings document: the paths, the format codes,
+// the frame size, the exact frame timing and the byte ranges of every frame and audio run in
+// packed tables. Nothing of the property-list tree survives the reading, so a document of a
+// million entries costs about 24 bytes an entry while the movie is written.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Foundation/Error.h"
+#include "Foundation/Value.h"
+
+// One offset entry: a byte range of a raw data file and, for video, how many frames it holds.
+struct MediaEntry {
+    uint64_t offset = 0;
+    uint64_t length = 0;
+    int64_t frameCount = 0;  // as the document gives it (0 when missing); the video feeder raises it to 1
+    bool operator==(const MediaEntry&) const = default;
+};
+static_assert(sizeof(MediaEntry) == 24);
+
+using MediaEntryTable = std::vector<MediaEntry>;
+
+// Frame timing as an exact rational: each frame lasts frameDuration / timescale seconds.
+// 29.97 is 1001/30000, 25 is 1000/25000; the rate is rounded up to a whole number only to
+// pick the timescale.
+struct FrameTiming {
+    int32_t timescale = 0;
+    int64_t frameDuration = 0;
+    bool usable() const { return timescale > 0 && frameDuration > 0; }
+    static FrameTiming fromRate(float framesPerSecond);
+};
+
+struct MovieJob {
+    std::string tmpFilename;
+    std::string tmpAudioFilename;
+    std::string destFilename;
+    int64_t formatType = 0;
+    int64_t audioFormat = 0;
+    float frameRate = 0.0f;
+    int16_t fWidth = 0;
+    int16_t fHeight = 0;
+    // Shared with the feeders, never copied.
+    std::shared_ptr<const MediaEntryTable> videoEntries = std::make_shared<MediaEntryTable>();
+    std::shared_ptr<const MediaEntryTable> audioEntries = std::make_shared<MediaEntryTable>();
+    // The file the job was read from, when it was read from one.
+    std::string documentPath;
+
+    FrameTiming frameTiming() const { return FrameTiming::fromRate(frameRate); }
+
+    // The job a settings dictionary describes. Values convert as the document's accessors
+    // convert them (a missing key is 0 or empty; entries that are no dictionary read as 0).
+    static MovieJob fromSettings(const corvina::Value& settings);
+    // A table of offset entries as the document's arrays hold them.
+    static MediaEntryTable entriesFrom(const corvina::Value& array);
+    // Reads a settings document from a file. XML documents are read as a stream, one entry at
+    // a time; binary ones through the property-list reader. Nullopt when the file is missing,
+    // malformed or holds no dictionary.
+    static std::optional<MovieJob> readDocument(const std::string& path, corvina::Error* error = nullptr);
+    // The streaming reader alone: nullopt where it cannot be sure of the document (a binary
+    // one, dates or data among the values, anything malformed), so that the caller can fall
+    // back on the full property-list reader.
+    static std::optional<MovieJob> readXMLDocument(const char* text, size_t length);
+};

@@ -1,0 +1,171 @@
+#include "TrackFeeder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "TQLog.h"
+
+using namespace corvina;
+
+// ---------------------------------------------------------------------------------------
+// EssenceReader
+
+EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move(file)) {}
+
+uint64_t EssenceReader::fileSize()
+{
+    if (!file_ || file_->isClosed()) return 0;
+    struct stat info {};
+    if (::fstat(file_->fileDescriptor(), &info) != 0 || info.st_size < 0) return 0;
+    return static_cast<uint64_t>(info.st_size);
+}
+
+size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)
+{
+    if (!file_ || file_->isClosed() || length == 0 || offset > uint64_t(INT64_MAX)) return 0;
+    const int fd = file_->fileDescriptor();
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t n = ::pread(fd, out + done, size_t(length - done), off_t(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += size_t(n);
+    }
+    return done;
+}
+
+std::span<const uint8_t> EssenceReader::windowAt(uint64_t offset, size_t length)
+{
+    if (offset >= windowStart_ && offset - windowStart_ + length <= windowLength_)
+        return {window_.data() + (offset - windowStart_), length};
+    const size_t want = std::max(length, kWindowBytes);
+    if (window_.size() < want) window_.resize(want);
+    windowStart_ = offset;
+    windowLength_ = readAt(offset, want, window_.data());
+    return {window_.data(), std::min(length, windowLength_)};
+}
+
+// ---------------------------------------------------------------------------------------
+// VideoTrackFeeder
+
+VideoTrackFeeder::VideoTrackFeeder(std::shared_ptr<FileHandle> file, std::shared_ptr<const MediaEntryTable> entries)
+    : reader_(std::move(file)), entries_(entries ? std::move(entries) : std::make_shared<const MediaEntryTable>())
+{
+}
+
+void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameTiming timing)
+{
+    if (format_ != format) {
+        format_ = format;
+        splitter_ = format ? FrameSplitter::forCodec(format->mediaSubType()) : FrameSplitter();
+    }
+    timing_ = timing;
+}
+
+const SampleBuffer* VideoTrackFeeder::next()
+{
+    TQLog::fastAppendLog("Requesting next video sample at sample index...");
+    if (entryIndex_ >= entries_->size()) return nullptr;
+    const MediaEntry& entry = (*entries_)[entryIndex_];
+    const uint64_t frameCount = entry.frameCount < 1 ? 1 : uint64_t(entry.frameCount);
+
+    // Never more than the file holds, so an absurd length in the document costs nothing.
+    const uint64_t fileSize = reader_.fileSize();
+    const uint64_t available = entry.offset < fileSize ? fileSize - entry.offset : 0;
+    const uint64_t want = std::min(entry.length, available);
+    BlockBuffer* block = sample_->mutableDataBuffer();
+    size_t got = 0;
+    if (want > 0) got = reader_.readAt(entry.offset, want, block->prepare(size_t(want)));
+    block->setDataLength(got);
+    if (got == 0) {
+        TQLog::fastAppendLog("Error allocating video block buffer");
+        return nullptr;
+    }
+
+    const int32_t timescale = timing_.timescale;
+    const int64_t duration = timing_.frameDuration;
+    const MediaTime start = MediaTime::make(int64_t(framesHandedOut_) * duration, timescale);
+    OSStatus status;
+    if (frameCount > 1 && got == entry.length && splitter_.split({block->data(), got}, frameCount, sizes_)) {
+        // One sample a frame, each with its own size when they differ.
+        const SampleTimingInfo timing{MediaTime::make(duration, timescale), start, MediaTime::invalid()};
+        status = sample_->refill(format_, int64_t(frameCount), {&timing, 1}, sizes_);
+    } else {
+        // One sample that lasts all of the entry's frames.
+        const SampleTimingInfo timing{MediaTime::make(duration * int64_t(frameCount), timescale), start,
+                                      MediaTime::invalid()};
+        const size_t size = size_t(entry.length);
+        status = sample_->refill(format_, 1, {&timing, 1}, {&size, 1});
+    }
+    if (status != kNoErr) {
+        TQLog::fastAppendLog("Error creating video CMSampleBuffer");
+        return nullptr;
+    }
+    ++entryIndex_;
+    framesHandedOut_ += frameCount;
+    return sample_.get();
+}
+
+// ---------------------------------------------------------------------------------------
+// AudioTrackFeeder
+
+AudioTrackFeeder::AudioTrackFeeder(std::shared_ptr<FileHandle> file, std::shared_ptr<const MediaEntryTable> entries)
+    : reader_(std::move(file)), entries_(entries ? std::move(entries) : std::make_shared<const MediaEntryTable>())
+{
+}
+
+void AudioTrackFeeder::setFormat(const FormatDescriptionRef& format, uint64_t sampleRate, uint64_t bytesPerFrame)
+{
+    format_ = format;
+    sampleRate_ = sampleRate;
+    bytesPerFrame_ = bytesPerFrame;
+}
+
+const SampleBuffer* AudioTrackFeeder::next()
+{
+    // Passing over a used-up entry is a turn of this loop, so a long run of entries without a
+    // whole frame costs no stack.
+    for (;;) {
+        TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", entryIndex_, frameIndex_);
+        if (entryIndex_ >= entries_->size() || bytesPerFrame_ == 0) return nullptr;
+        const MediaEntry& entry = (*entries_)[entryIndex_];
+        const uint64_t frames = entry.length / bytesPerFrame_;
+        TQLog::fastAppendLog("number of audio samples: %u", frames);
+        if (frameIndex_ >= frames) {
+            frameIndex_ = 0;
+            ++entryIndex_;
+            continue;
+        }
+
+        const uint64_t within = frameIndex_ * bytesPerFrame_;
+        BlockBuffer* block = sample_->mutableDataBuffer();
+        size_t got = 0;
+        if (entry.offset <= UINT64_MAX - within && bytesPerFrame_ <= (1u << 20)) {
+            const std::span<const uint8_t> bytes = reader_.windowAt(entry.offset + within, size_t(bytesPerFrame_));
+            got = bytes.size();
+            if (got) std::memcpy(block->prepare(got), bytes.data(), got);
+        }
+        block->setDataLength(got);
+        if (got == 0) {
+            TQLog::fastAppendLog("Error allocating audio block buffer");
+            return nullptr;
+        }
+
+        const auto timescale = static_cast<int32_t>(sampleRate_);
+        const SampleTimingInfo timing{MediaTime::make(1, timescale),
+                                      MediaTime::make(static_cast<int64_t>(framesHandedOut_), timescale),
+                                      MediaTime::invalid()};
+        const size_t size = size_t(bytesPerFrame_);
+        if (sample_->refill(format_, 1, {&timing, 1}, {&size, 1}) != kNoErr) {
+            TQLog::fastAppendLog("Error creating audio CMSampleBuffer");
+            return nullptr;
+        }
+        ++frameIndex_;
+        ++framesHandedOut_;
+        return sample_.get();
+    }
+}

@@ -1,0 +1,365 @@
+// Waiting on files another process produces, and zip archives (libarchive).
+#include <archive.h>
+#include <archive_entry.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "Foundation/StringUtils.h"
+#include "TQFileManager.h"
+#include "TQFileManagerSupport.h"
+#include "TQLocalPaths.h"
+#include "TQLog.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kStillWritingAge = 5s;
+
+// The file counts as being written while its date is at most five seconds old. A date far in
+// the future (a clock that was wrong when it was written) does not.
+bool recentlyModified(const std::optional<corvina::Date>& date, corvina::Date now)
+{
+    return date && *date >= now - kStillWritingAge && *date <= now + kStillWritingAge;
+}
+
+// ---- Trash ------------------------------------------------------------------------------
+
+std::string percentEncoded(std::string_view path)
+{
+    std::string out;
+    for (const unsigned char c : path) {
+        if (std::isalnum(c) || std::strchr("/-_.~", c)) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+std::string localTimestamp(const char* pattern)
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm tm {};
+    ::localtime_r(&now, &tm);
+    char text[64];
+    std::strftime(text, sizeof text, pattern, &tm);
+    return text;
+}
+
+// The top folder of the file system the path is on.
+std::string mountTop(const std::string& path)
+{
+    std::filesystem::path p = std::filesystem::absolute(path).parent_path();
+    struct stat here {};
+    if (::stat(p.c_str(), &here) != 0) return "/";
+    while (p.has_relative_path()) {
+        struct stat up {};
+        if (::stat(p.parent_path().c_str(), &up) != 0 || up.st_dev != here.st_dev) break;
+        p = p.parent_path();
+    }
+    return p.string();
+}
+
+bool moveInto(const std::string& path, const std::string& trashFiles, bool createFolders)
+{
+    const std::string info = corvina::appendPathComponent(corvina::deletingLastPathComponent(trashFiles), "info");
+    if (createFolders) {
+        std::error_code ec;
+        std::filesystem::create_directories(trashFiles, ec);
+        std::filesystem::create_directories(info, ec);
+    }
+    std::string name = corvina::lastPathComponent(path);
+    if (tqfiles::exists(corvina::appendPathComponent(trashFiles, name)) ||
+        tqfiles::exists(corvina::appendPathComponent(info, name + ".trashinfo"))) {
+        const std::string ext = corvina::pathExtension(name);
+        name = corvina::deletingPathExtension(name) + "_" + localTimestamp("%Y%m%d%H%M%S") + (ext.empty() ? "" : "." + ext);
+    }
+    const std::string record = corvina::appendPathComponent(info, name + ".trashinfo");
+    {
+        std::ofstream out(record, std::ios::binary | std::ios::trunc);
+        out << "[Trash Info]\nPath=" << percentEncoded(std::filesystem::absolute(path).string())
+            << "\nDeletionDate=" << localTimestamp("%Y-%m-%dT%H:%M:%S") << "\n";
+        if (!out) return false;
+    }
+    if (::rename(path.c_str(), corvina::appendPathComponent(trashFiles, name).c_str()) == 0) return true;
+    ::unlink(record.c_str());
+    return false;
+}
+
+}  // namespace
+
+bool tqfiles::moveToTrash(const std::string& path)
+{
+    struct stat item {};
+    if (::lstat(path.c_str(), &item) != 0) return false;
+    if (const auto home = TQLocalPaths::trashDirectory()) {
+        std::error_code ec;
+        std::filesystem::create_directories(*home, ec);
+        struct stat trash {};
+        if (::stat(home->c_str(), &trash) == 0 && trash.st_dev == item.st_dev) return moveInto(path, *home, true);
+    }
+    // Another file system: its own trash folder at its top, as desktop file managers use.
+    const std::string top = mountTop(path);
+    return moveInto(path, corvina::appendPathComponent(top, ".Trash-" + std::to_string(::getuid()) + "/files"), true);
+}
+
+// ---- Waiting on files ----------------------------------------------------------------------
+
+void TQFileManager::waitForFileWrites(const std::string& path, const std::optional<std::string>& lockFile)
+{
+    auto date = tqfiles::modificationDate(path);
+    const bool writing = recentlyModified(date, corvina::Clock::now()) || (lockFile && tqfiles::exists(*lockFile));
+    if (!writing) return;
+    TQLog::appendLog("File %@ is currently being written to. Waiting...", path);
+    // The answer changes only when the date does or when it grows old, so sleep until the
+    // moment it would be old and look again.
+    while (recentlyModified(date, corvina::Clock::now())) {
+        const auto due = *date + kStillWritingAge + 1ms;
+        std::this_thread::sleep_for(std::clamp<corvina::Clock::duration>(due - corvina::Clock::now(), 500us, 1s));
+        date = tqfiles::modificationDate(path);
+    }
+    TQLog::appendLog("File %@ finished writing.", path);
+}
+
+bool TQFileManager::fileIsOpenForWriting(const std::string& path)
+{
+    struct stat target {};
+    if (::stat(path.c_str(), &target) != 0) return false;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(::opendir("/proc"), ::closedir);
+    if (!proc) return false;
+    while (const dirent* p = ::readdir(proc.get())) {
+        if (!std::isdigit(static_cast<unsigned char>(p->d_name[0]))) continue;
+        const std::string base = std::string("/proc/") + p->d_name;
+        std::unique_ptr<DIR, int (*)(DIR*)> fds(::opendir((base + "/fd").c_str()), ::closedir);
+        if (!fds) continue;
+        while (const dirent* f = ::readdir(fds.get())) {
+            if (!std::isdigit(static_cast<unsigned char>(f->d_name[0]))) continue;
+            struct stat st {};
+            // The descriptor's link leads to the open file itself, renamed or not.
+            if (::stat((base + "/fd/" + f->d_name).c_str(), &st) != 0) continue;
+            if (st.st_dev != target.st_dev || st.st_ino != target.st_ino) continue;
+            std::ifstream info(base + "/fdinfo/" + f->d_name);
+            for (std::string line; std::getline(info, line);) {
+                if (line.rfind("flags:", 0) != 0) continue;
+                const unsigned long flags = std::strtoul(line.c_str() + 6, nullptr, 8);
+                if ((flags & O_ACCMODE) == O_WRONLY || (flags & O_ACCMODE) == O_RDWR) return true;
+                break;
+            }
+        }
+    }
+    return false;
+}
+
+void TQFileManager::waitForFileCreation(const std::string& path, std::chrono::seconds timeout)
+{
+    const auto start = std::chrono::steady_clock::now();
+    bool told = false;
+    for (;;) {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) == 0 && st.st_size > 0) return;
+        const auto waited = std::chrono::steady_clock::now() - start;
+        if (waited > timeout) return;
+        if (!told) TQLog::appendLog("File %@ is not yet created. Waiting...", path);
+        told = true;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(10ms, timeout - waited + 1us));
+    }
+}
+
+// ---- Zip archives ----------------------------------------------------------------------------
+
+namespace {
+
+struct ArchiveWriter {
+    archive* a = archive_write_new();
+    ~ArchiveWriter()
+    {
+        if (a) archive_write_free(a);
+    }
+};
+
+struct ArchiveReader {
+    archive* a = archive_read_new();
+    ~ArchiveReader()
+    {
+        if (a) archive_read_free(a);
+    }
+};
+
+class ZipPacker {
+public:
+    // output: the archive being written, which is left out should it lie inside the folder.
+    ZipPacker(archive* a, const std::string& output) : a_(a), buffer_(tqfiles::kCopyBlockSize)
+    {
+        ::stat(output.c_str(), &output_);
+    }
+
+    // Adds the item under the name, folders with everything in them (in name order).
+    bool add(const std::string& path, const std::string& name)
+    {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0) return false;
+        if (S_ISDIR(st.st_mode)) {
+            if (!name.empty() && !writeHeader(st, name + "/", {})) return false;
+            std::vector<std::string> names;
+            if (auto dir = std::unique_ptr<DIR, int (*)(DIR*)>(::opendir(path.c_str()), ::closedir)) {
+                while (const dirent* e = ::readdir(dir.get())) {
+                    const std::string_view n = e->d_name;
+                    if (n != "." && n != "..") names.emplace_back(n);
+                }
+            } else {
+                return false;
+            }
+            std::sort(names.begin(), names.end());
+            for (const auto& n : names) {
+                if (!add(corvina::appendPathComponent(path, n), name.empty() ? n : name + "/" + n)) return false;
+            }
+            return true;
+        }
+        if (S_ISLNK(st.st_mode)) {
+            std::string target(static_cast<size_t>(st.st_size) + 1, '\0');
+            const ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
+            if (n < 0) return false;
+            target.resize(static_cast<size_t>(n));
+            return writeHeader(st, name, target);
+        }
+        if (!S_ISREG(st.st_mode)) return true;  // devices, pipes and sockets have no place in a zip
+        if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
+        tqfiles::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file || !writeHeader(st, name, {})) return false;
+        ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+        for (;;) {
+            const ssize_t n = tqfiles::readFull(file.get(), buffer_.data(), buffer_.size());
+            if (n < 0) return false;
+            if (n == 0) break;
+            if (archive_write_data(a_, buffer_.data(), static_cast<size_t>(n)) != n) return false;
+        }
+        return true;
+    }
+
+private:
+    bool writeHeader(const struct stat& st, const std::string& name, const std::string& linkTarget)
+    {
+        std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), archive_entry_free);
+        archive_entry_copy_stat(entry.get(), &st);
+        archive_entry_set_pathname_utf8(entry.get(), name.c_str());
+        if (S_ISDIR(st.st_mode)) archive_entry_set_size(entry.get(), 0);
+        if (S_ISLNK(st.st_mode)) archive_entry_set_symlink_utf8(entry.get(), linkTarget.c_str());
+        archive_entry_set_nlink(entry.get(), 1);
+        return archive_write_header(a_, entry.get()) == ARCHIVE_OK;
+    }
+
+    archive* a_;
+    tqfiles::AlignedBuffer buffer_;
+    struct stat output_ {};
+};
+
+// A relative entry name without ".." components.
+bool staysInside(std::string_view name)
+{
+    if (name.empty() || name.front() == '/') return false;
+    for (const auto& part : corvina::pathComponents(name)) {
+        if (part == "..") return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool TQFileManager::compressFile(const std::string& path, const std::string& archivePath, bool includeParent)
+{
+    if (tqfiles::exists(archivePath) && !tqfiles::moveToTrash(archivePath)) {
+        TQLog::appendLog("Unable to move the existing archive %@ to the trash", archivePath);
+        return false;
+    }
+    // Written beside the archive and renamed into place once complete.
+    const std::string partial = archivePath + ".partial-" + TQLocalPaths::randomString(8);
+    bool ok = false;
+    {
+        ArchiveWriter writer;
+        ok = writer.a && archive_write_set_format_zip(writer.a) == ARCHIVE_OK &&
+             archive_write_set_options(writer.a, "zip:compression=deflate,zip:compression-level=6") == ARCHIVE_OK &&
+             archive_write_set_bytes_in_last_block(writer.a, 1) == ARCHIVE_OK &&
+             archive_write_open_filename(writer.a, partial.c_str()) == ARCHIVE_OK;
+        if (ok) {
+            struct stat st {};
+            const bool folder = ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+            const std::string name = corvina::lastPathComponent(path);
+            ok = ZipPacker(writer.a, partial).add(path, folder && !includeParent ? std::string() : name);
+        }
+        const bool closed = writer.a && archive_write_close(writer.a) == ARCHIVE_OK;
+        if (ok && !closed) ok = false;
+        if (!ok && writer.a) TQLog::appendLog("Error packing %@ into %@: %@", path, archivePath,
+                                              archive_error_string(writer.a) ? archive_error_string(writer.a) : "");
+    }
+    if (ok) ok = ::rename(partial.c_str(), archivePath.c_str()) == 0;
+    if (!ok) ::unlink(partial.c_str());
+    return tqfiles::exists(archivePath);
+}
+
+bool TQFileManager::decompressFile(const std::string& archivePath, const std::string& destinationFolder)
+{
+    if (tqfiles::exists(destinationFolder)) tqfiles::moveToTrash(destinationFolder);
+
+    ArchiveReader reader;
+    std::unique_ptr<archive, int (*)(archive*)> disk(archive_write_disk_new(), archive_write_free);
+    if (!reader.a || !disk) return false;
+    archive_read_support_format_zip(reader.a);
+    archive_write_disk_set_options(disk.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
+                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT |
+                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS);
+    archive_write_disk_set_standard_lookup(disk.get());
+    if (archive_read_open_filename(reader.a, archivePath.c_str(), tqfiles::kCopyBlockSize) != ARCHIVE_OK) {
+        TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
+        return false;
+    }
+    std::error_code ec;
+    std::filesystem::create_directories(destinationFolder, ec);
+    // Entries go below the folder's real path, so that links on the way to it are no
+    // reason to refuse them, while links inside it are.
+    const std::string root = std::filesystem::weakly_canonical(destinationFolder, ec).string();
+
+    const auto inside = [&](const char* name) { return corvina::appendPathComponent(root, name); };
+    archive_entry* entry = nullptr;
+    int status = ARCHIVE_OK;
+    while ((status = archive_read_next_header(reader.a, &entry)) == ARCHIVE_OK || status == ARCHIVE_WARN) {
+        const char* name = archive_entry_pathname(entry);
+        if (!name || !*name) continue;
+        const char* link = archive_entry_hardlink(entry);
+        if (!staysInside(name) || (link && !staysInside(link))) {
+            TQLog::appendLog("Error unpacking %@: the entry leads outside the folder", name);
+            continue;
+        }
+        archive_entry_copy_pathname(entry, inside(name).c_str());
+        if (link) archive_entry_copy_hardlink(entry, inside(link).c_str());
+        if (archive_write_header(disk.get(), entry) < ARCHIVE_WARN) {
+            TQLog::appendLog("Error unpacking %@: %@", name, archive_error_string(disk.get()));
+            continue;
+        }
+        const void* block = nullptr;
+        size_t size = 0;
+        la_int64_t offset = 0;
+        int r = ARCHIVE_OK;
+        while ((r = archive_read_data_block(reader.a, &block, &size, &offset)) == ARCHIVE_OK) {
+            if (archive_write_data_block(disk.get(), block, size, offset) < ARCHIVE_OK) break;
+        }
+        if (r < ARCHIVE_WARN) TQLog::appendLog("Error unpacking %@: %@", name, archive_error_string(reader.a));
+        archive_write_finish_entry(disk.get());
+        if (r == ARCHIVE_FATAL) break;
+    }
+    if (status == ARCHIVE_FATAL) TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
+    archive_write_close(disk.get());
+    return tqfiles::exists(destinationFolder);
+}

@@ -1,0 +1,396 @@
+// The verified copy: one read of the source feeds every destination; each destination is
+// written, read back and hashed by a thread of its own while the caller's thread hashes the
+// source and reads the next block.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "Dispatch/Dispatch.h"
+#include "Foundation/StringUtils.h"
+#include "Foundation/SystemLog.h"
+#include "TQFileManager.h"
+#include "TQFileManagerSupport.h"
+#include "TQLog.h"
+
+// ---- Copy settings --------------------------------------------------------------------------
+
+corvina::Value TQCopySettings::objectForKey(std::string_view key) const
+{
+    std::lock_guard lock(mutex_);
+    const auto it = entries_.find(key);
+    return it == entries_.end() ? corvina::Value() : it->second;
+}
+
+void TQCopySettings::setObject(const std::string& key, corvina::Value value)
+{
+    std::lock_guard lock(mutex_);
+    entries_[key] = std::move(value);
+}
+
+corvina::Value TQCopySettings::dictionary() const
+{
+    std::lock_guard lock(mutex_);
+    return corvina::Value(entries_);
+}
+
+std::shared_ptr<TQCopyDelegate> TQCopySettings::delegate() const
+{
+    std::lock_guard lock(mutex_);
+    return delegate_;
+}
+
+void TQCopySettings::setDelegate(std::shared_ptr<TQCopyDelegate> delegate)
+{
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint64_t kMinimumProgressInterval = 20971520;  // 20 MiB
+constexpr uint64_t kProgressDivisor = 500;
+
+std::mutex gHookMutex;
+TQFileManager::CopyBlockHook gBlockHook;
+
+std::optional<TQDigestAlgorithm> algorithmFor(TQVerificationType type)
+{
+    switch (type) {
+    case TQVerificationType::MD5: return TQDigestAlgorithm::MD5;
+    case TQVerificationType::SHA1: return TQDigestAlgorithm::SHA1;
+    case TQVerificationType::SHA256: return TQDigestAlgorithm::SHA256;
+    case TQVerificationType::SHA512: return TQDigestAlgorithm::SHA512;
+    default: return std::nullopt;
+    }
+}
+
+std::optional<std::string> finishedText(const TQDigestState& state)
+{
+    switch (state.algorithm()) {
+    case TQDigestAlgorithm::MD5: return TQFileManager::md5HashWithContext(state);
+    case TQDigestAlgorithm::SHA1: return TQFileManager::sha1HashWithContext(state);
+    case TQDigestAlgorithm::SHA256: return TQFileManager::sha256HashWithContext(state);
+    case TQDigestAlgorithm::SHA512: return TQFileManager::sha512HashWithContext(state);
+    }
+    return std::nullopt;
+}
+
+// Creates a missing folder, waiting up to the time-out for it to appear.
+bool createFolder(const std::string& folder, std::chrono::seconds timeout)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(folder, ec);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!tqfiles::isDirectory(folder)) {
+        if (ec || std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+struct Destination {
+    std::string path;
+    tqfiles::Descriptor file;
+    std::optional<TQDigestState> digest;
+    tqfiles::AlignedBuffer readBack;
+};
+
+struct Block {
+    const uint8_t* data = nullptr;
+    size_t size = 0;
+    uint64_t position = 0;
+};
+
+// One thread per destination. The caller hands every thread the same block and waits until
+// all of them are done with it before it reuses the buffer.
+class DestinationCrew {
+public:
+    DestinationCrew(std::vector<Destination>& destinations, const std::atomic<bool>& cancelled,
+                    TQFileManager::CopyBlockHook hook)
+        : destinations_(destinations), cancelled_(cancelled), hook_(std::move(hook))
+    {
+        threads_.reserve(destinations.size());
+        for (size_t i = 0; i < destinations.size(); ++i) threads_.emplace_back([this, i] { run(i); });
+    }
+    ~DestinationCrew()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        for (auto& t : threads_) t.join();
+    }
+    DestinationCrew(const DestinationCrew&) = delete;
+    DestinationCrew& operator=(const DestinationCrew&) = delete;
+
+    void start(Block block)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            block_ = block;
+            busy_ = threads_.size();
+            ++generation_;
+        }
+        wake_.notify_all();
+    }
+    void wait()
+    {
+        std::unique_lock lock(mutex_);
+        done_.wait(lock, [&] { return busy_ == 0; });
+    }
+
+private:
+    void run(size_t index)
+    {
+        uint64_t seen = 0;
+        for (;;) {
+            Block block;
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, [&] { return stopping_ || generation_ != seen; });
+                if (stopping_) return;
+                seen = generation_;
+                block = block_;
+            }
+            if (!cancelled_.load()) writeBlock(destinations_[index], block);
+            bool last = false;
+            {
+                std::lock_guard lock(mutex_);
+                last = --busy_ == 0;
+            }
+            if (last) done_.notify_one();
+        }
+    }
+
+    void writeBlock(Destination& d, const Block& block)
+    {
+        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size)
+            corvina::systemLog("Error writing file %@: %i", d.path, errno);
+        std::span<uint8_t> readBack;
+        if (d.digest && block.size) {
+            // What the file holds now at the block's place, not the bytes we handed it.
+            const ssize_t got = tqfiles::preadFull(d.file.get(), d.readBack.data(), block.size, block.position);
+            readBack = std::span<uint8_t>(d.readBack.data(), got > 0 ? static_cast<size_t>(got) : 0);
+        }
+        if (hook_) hook_(d.path, block.position, readBack);
+        if (!readBack.empty()) d.digest->update(readBack.data(), readBack.size());
+    }
+
+    std::vector<Destination>& destinations_;
+    const std::atomic<bool>& cancelled_;
+    TQFileManager::CopyBlockHook hook_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    Block block_;
+    size_t busy_ = 0;
+    uint64_t generation_ = 0;
+    bool stopping_ = false;
+    std::vector<std::thread> threads_;
+};
+
+bool sameFile(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Carries the source's modification date over. Creation dates cannot be set here, and the
+// other attributes of the set (hidden extension, type and creator codes) do not exist.
+void carryMetadata(const struct stat& source, const std::vector<Destination>& destinations)
+{
+    const struct timespec times[2] = {{0, UTIME_OMIT}, source.st_mtim};
+    for (const auto& d : destinations) {
+        if (::utimensat(AT_FDCWD, d.path.c_str(), times, 0) != 0)
+            corvina::systemLog("Error setting metadata for file %@ - %@", d.path, std::strerror(errno));
+    }
+}
+
+}  // namespace
+
+void TQFileManager::setCopyBlockHookForTesting(CopyBlockHook hook)
+{
+    std::lock_guard lock(gHookMutex);
+    gBlockHook = std::move(hook);
+}
+
+bool TQFileManager::copyFileWithProgress(const std::string& source, const std::string& destination,
+                                         std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object,
+                                         const corvina::Value& object2)
+{
+    return copyFileWithProgress(source, std::vector<std::string>{destination}, TQVerificationType::None,
+                                std::move(delegate), object, object2);
+}
+
+bool TQFileManager::copyFileWithProgress(const std::string& source, const std::vector<std::string>& destinations,
+                                         TQVerificationType verificationType,
+                                         std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object,
+                                         const corvina::Value& object2)
+{
+    if (!tqfiles::exists(source)) {
+        corvina::systemLog("Error: File %@ doesn't exist. Aborting copy process...", source);
+        return false;
+    }
+    if (destinations.empty()) {
+        corvina::systemLog("Error: You must have at least one destination. Aborting copy process...");
+        return false;
+    }
+    const auto algorithm = algorithmFor(verificationType);
+    if (!algorithm && verificationType != TQVerificationType::None) {
+        corvina::systemLog("Error: Unknown verification type %llu. Aborting copy process...",
+                           static_cast<uint64_t>(verificationType));
+        return false;
+    }
+    for (const auto& d : destinations) {
+        const std::string folder = corvina::deletingLastPathComponent(d);
+        if (!folder.empty() && !tqfiles::isDirectory(folder) && !createFolder(folder, 10s)) {
+            corvina::systemLog("Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
+                               source, folder);
+            return false;
+        }
+    }
+
+    const auto cancelled = std::make_shared<std::atomic<bool>>(false);
+    const auto settings = std::make_shared<TQCopySettings>();
+    {
+        corvina::Value::ArrayType list(destinations.begin(), destinations.end());
+        settings->setObject("source", source);
+        settings->setObject("destinations", corvina::Value(std::move(list)));
+        settings->setObject("operationtype", "copy");
+        settings->setDelegate(delegate);
+        if (!object.isNone()) settings->setObject("object", object);
+        if (!object2.isNone()) settings->setObject("object2", object2);
+    }
+
+    tqfiles::Descriptor input(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!input) {
+        corvina::systemLog("Error: Unable to read source file %@. Aborting copy process...", source);
+        return false;
+    }
+    struct stat sourceInfo {};
+    ::fstat(input.get(), &sourceInfo);
+    const uint64_t expected = static_cast<uint64_t>(sourceInfo.st_size);
+    const uint64_t interval = std::max<uint64_t>(expected / kProgressDivisor, kMinimumProgressInterval);
+    ::posix_fadvise(input.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+
+    // Opening a destination truncates it: the source itself must never be one of them.
+    for (const auto& d : destinations) {
+        struct stat st {};
+        if (::stat(d.c_str(), &st) == 0 && sameFile(st, sourceInfo)) {
+            corvina::systemLog("Error: Unable to open destination file %@. Aborting copy process...", d);
+            return false;
+        }
+    }
+    std::vector<Destination> outputs;
+    outputs.reserve(destinations.size());
+    for (const auto& d : destinations) {
+        tqfiles::Descriptor file(::open(d.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+        if (!file) {
+            corvina::systemLog("Error: Unable to open destination file %@. Aborting copy process...", d);
+            return false;
+        }
+        Destination out{d, std::move(file), std::nullopt, {}};
+        if (algorithm) out.digest.emplace(*algorithm);
+        outputs.push_back(std::move(out));
+    }
+    std::optional<TQDigestState> sourceDigest;
+    if (algorithm) sourceDigest.emplace(*algorithm);
+
+    tqfiles::AlignedBuffer buffers[2] = {tqfiles::AlignedBuffer(tqfiles::kCopyBlockSize),
+                                         tqfiles::AlignedBuffer(tqfiles::kCopyBlockSize)};
+    bool haveMemory = buffers[0] && buffers[1];
+    for (auto& out : outputs) {
+        if (algorithm) out.readBack = tqfiles::AlignedBuffer(tqfiles::kCopyBlockSize);
+        haveMemory = haveMemory && (!algorithm || out.readBack);
+    }
+    if (!haveMemory) {
+        TQLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
+        return false;
+    }
+
+    CopyBlockHook hook;
+    {
+        std::lock_guard lock(gHookMutex);
+        hook = gBlockHook;
+    }
+    const bool reports = delegate && delegate->fileCopyBytesWritten;
+    const bool asks = delegate && delegate->fileCopyShouldContinue;
+    uint64_t copied = 0;
+    uint64_t lastReported = 0;
+    bool readFailed = false;
+    {
+        DestinationCrew crew(outputs, *cancelled, std::move(hook));
+        int current = 0;
+        ssize_t n = tqfiles::readFull(input.get(), buffers[current].data(), tqfiles::kCopyBlockSize);
+        while (!cancelled->load()) {
+            if (n <= 0) {
+                readFailed = n < 0;
+                break;
+            }
+            const size_t size = static_cast<size_t>(n);
+            crew.start({buffers[current].data(), size, copied});
+            if (sourceDigest) sourceDigest->update(buffers[current].data(), size);
+            // A short block means the end of the file; otherwise read ahead while the
+            // destinations take this one.
+            const bool atEnd = size < tqfiles::kCopyBlockSize;
+            const ssize_t next = atEnd ? 0 : tqfiles::readFull(input.get(), buffers[1 - current].data(),
+                                                               tqfiles::kCopyBlockSize);
+            crew.wait();
+            copied += size;
+            if (copied - lastReported >= interval) {
+                lastReported = copied;
+                if (reports) {
+                    corvina::DispatchQueue::global().async([delegate, settings, count = copied] {
+                        delegate->fileCopyBytesWritten(count, *settings);
+                    });
+                }
+                if (asks) {
+                    corvina::DispatchQueue::global().async([delegate, settings, cancelled] {
+                        if (!delegate->fileCopyShouldContinue(*settings)) cancelled->store(true);
+                    });
+                }
+            }
+            current = 1 - current;
+            n = next;
+        }
+    }
+    if (readFailed) {
+        TQLog::appendLogAndPrint("Error reading file %@ - aborting...", source);
+        return false;
+    }
+    input.reset();
+    for (auto& out : outputs) out.file.reset();
+
+    if (cancelled->load()) return false;
+    if (copied < expected) {
+        corvina::systemLog("Error: copied file size does not match original source %@", source);
+        return false;
+    }
+    if (reports) delegate->fileCopyBytesWritten(copied, *settings);
+
+    if (sourceDigest) {
+        const auto sourceText = finishedText(*sourceDigest);
+        if (sourceText) settings->setObject("sourceChecksum", *sourceText);
+        corvina::Value::ArrayType checksums;
+        for (const auto& out : outputs) {
+            const auto text = finishedText(*out.digest);
+            if (text) checksums.emplace_back(*text);
+            if (delegate && text != sourceText && delegate->fileCopyVerificationFailed) {
+                settings->setObject("destChecksum", text ? corvina::Value(*text) : corvina::Value(""));
+                delegate->fileCopyVerificationFailed(*settings, out.path);
+            }
+        }
+        settings->setObject("destChecksums", corvina::Value(std::move(checksums)));
+    }
+
+    carryMetadata(sourceInfo, outputs);
+    if (delegate && delegate->fileCopyFinished) delegate->fileCopyFinished(*settings);
+    return true;
+}

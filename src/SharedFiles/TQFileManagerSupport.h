@@ -1,0 +1,211 @@
+// Small pieces shared by the file-service sources: owned descriptors and buffers, whole
+// reads and writes, and the few file-system questions they ask. Not part of the interface.
+#pragma once
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <optional>
+#include <string>
+
+#include "Foundation/Date.h"
+
+namespace tqfiles {
+
+// Reads and writes move this much at a time: sixteen of the 64 KiB blocks the file services
+// were first written with, so progress and question counts that are multiples of 64 KiB
+// still fall on block ends.
+inline constexpr size_t kCopyBlockSize = size_t(1) << 20;
+inline constexpr size_t kHashBlockSize = size_t(1) << 20;
+
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = other.fd_;
+            other.fd_ = -1;
+        }
+        return *this;
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset()
+    {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// A page-aligned buffer; empty (false) when the memory could not be had.
+class AlignedBuffer {
+public:
+    AlignedBuffer() = default;
+    explicit AlignedBuffer(size_t size)
+        : data_(static_cast<uint8_t*>(std::aligned_alloc(4096, (size + 4095) / 4096 * 4096))), size_(data_ ? size : 0)
+    {
+    }
+    uint8_t* data() const { return data_.get(); }
+    size_t size() const { return size_; }
+    explicit operator bool() const { return data_ != nullptr; }
+
+private:
+    struct Free {
+        void operator()(uint8_t* p) const { std::free(p); }
+    };
+    std::unique_ptr<uint8_t, Free> data_;
+    size_t size_ = 0;
+};
+
+// Reads until the buffer is full or the file ends: the count read, or -1 on an error.
+inline ssize_t readFull(int fd, uint8_t* buffer, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::read(fd, buffer + done, size - done);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+// The same at a position, without moving the file offset.
+inline ssize_t preadFull(int fd, uint8_t* buffer, size_t size, uint64_t position)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, buffer + done, size - done, static_cast<off_t>(position + done));
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return done ? static_cast<ssize_t>(done) : -1;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+// Writes everything at the position: the count written (less than size after an error,
+// whose number is left in errno).
+inline size_t pwriteFull(int fd, const uint8_t* buffer, size_t size, uint64_t position)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pwrite(fd, buffer + done, size - done, static_cast<off_t>(position + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = ENOSPC;
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return done;
+}
+
+// A thread that runs one job at a time for its owner, who waits for each before the next:
+// reading the next block while the owner works on the current one.
+class BackgroundWorker {
+public:
+    BackgroundWorker() : thread_([this] { loop(); }) {}
+    ~BackgroundWorker()
+    {
+        wait();
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+    BackgroundWorker(const BackgroundWorker&) = delete;
+    BackgroundWorker& operator=(const BackgroundWorker&) = delete;
+
+    void start(std::function<void()> job)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            job_ = std::move(job);
+            pending_ = true;
+        }
+        wake_.notify_all();
+    }
+    void wait()
+    {
+        std::unique_lock lock(mutex_);
+        done_.wait(lock, [&] { return !pending_; });
+    }
+
+private:
+    void loop()
+    {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [&] { return stopping_ || pending_; });
+            if (!pending_) return;
+            auto job = std::move(job_);
+            lock.unlock();
+            job();
+            lock.lock();
+            pending_ = false;
+            done_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    std::function<void()> job_;
+    bool pending_ = false;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+// Something is at the path (a dangling link counts as nothing, as the platform's test does).
+inline bool exists(const std::string& path)
+{
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+inline bool isDirectory(const std::string& path)
+{
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+inline std::optional<corvina::Date> modificationDate(const std::string& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    return corvina::Date(std::chrono::duration_cast<corvina::Clock::duration>(
+        std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
+}
+
+// Moves the item into the user's trash (with its .trashinfo record) under a free name.
+// False when it could not be moved; the item is then where it was.
+bool moveToTrash(const std::string& path);
+
+}  // namespace tqfiles

@@ -1,0 +1,165 @@
+// The typed movie job: the streaming reader must read every document exactly as the
+// property-list reader and the settings accessors read it, or leave it to them.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <limits>
+
+#include "HelperRun.h"
+#include "MovieJob.h"
+
+using namespace corvina;
+using corvina::test::TempDir;
+
+namespace {
+
+void expectSameJob(const MovieJob& a, const MovieJob& b)
+{
+    EXPECT_EQ(a.tmpFilename, b.tmpFilename);
+    EXPECT_EQ(a.tmpAudioFilename, b.tmpAudioFilename);
+    EXPECT_EQ(a.destFilename, b.destFilename);
+    EXPECT_EQ(a.formatType, b.formatType);
+    EXPECT_EQ(a.audioFormat, b.audioFormat);
+    EXPECT_TRUE(a.frameRate == b.frameRate || (std::isnan(a.frameRate) && std::isnan(b.frameRate)));
+    EXPECT_EQ(a.fWidth, b.fWidth);
+    EXPECT_EQ(a.fHeight, b.fHeight);
+    EXPECT_EQ(*a.videoEntries, *b.videoEntries);
+    EXPECT_EQ(*a.audioEntries, *b.audioEntries);
+}
+
+std::string plist(const std::string& body)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<plist version=\"1.0\">\n<dict>\n" + body + "</dict>\n</plist>\n";
+}
+
+MovieJob viaTree(const std::string& text)
+{
+    const auto value = Value::fromPropertyListData(text.data(), text.size());
+    EXPECT_TRUE(value && value->asDictionary()) << text;
+    return value ? MovieJob::fromSettings(*value) : MovieJob{};
+}
+
+TEST(MovieJobReader, StreamsWhatTheTreeReads)
+{
+    const std::string documents[] = {
+        // The usual document.
+        plist("<key>tmpFilename</key><string>/tmp/v.raw</string>"
+              "<key>tmpAudioFilename</key><string>/tmp/a.raw</string>"
+              "<key>destFilename</key><string>/Movies/out &amp; more &lt;1&gt; &#233;&#x20AC;.mov</string>"
+              "<key>formatType</key><integer>30</integer><key>audioFormat</key><integer>2</integer>"
+              "<key>frameRate</key><real>29.97</real><key>fWidth</key><integer>1920</integer>"
+              "<key>fHeight</key><integer>1080</integer>"
+              "<key>offsetArray</key><array>"
+              "<dict><key>offset</key><integer>0</integer><key>length</key><integer>120000</integer></dict>"
+              "<dict><key>frameCount</key><integer>3</integer><key>length</key><integer>7</integer>"
+              "<key>offset</key><integer>18446744073709551615</integer></dict>"
+              "</array>"
+              "<key>audioOffsetArray</key><array><dict><key>offset</key><integer>4</integer>"
+              "<key>length</key><integer>19200</integer></dict></array>"),
+        // Values of other types convert as the accessors convert them; comments are passed over.
+        plist("<!-- carved --><key>formatType</key><string> 12abc</string><key>audioFormat</key><true/>"
+              "<key>frameRate</key><integer>25</integer><key>fWidth</key><integer>40000</integer>"
+              "<key>fHeight</key><real>-3.9</real><key>tmpFilename</key><integer>-17</integer>"
+              "<key>destFilename</key><string/>"
+              "<key>offsetArray</key><array><string>not a dictionary</string><dict/>"
+              "<dict><key>offset</key><string>99</string><key>length</key><real>1e3</real>"
+              "<key>frameCount</key><integer>-2</integer><key>extra</key><array><integer>1</integer></array></dict>"
+              "<array/><false/></array>"
+              "<key>audioOffsetArray</key><string>no array</string>"
+              "<key>unused</key><dict><key>deep</key><array><dict/></array></dict>"),
+        // Nothing at all, and empty arrays.
+        plist(""),
+        plist("<key>offsetArray</key><array/><key>audioOffsetArray</key><array>\n</array>"),
+    };
+    for (const auto& text : documents) {
+        SCOPED_TRACE(text);
+        const auto streamed = MovieJob::readXMLDocument(text.data(), text.size());
+        ASSERT_TRUE(streamed);
+        expectSameJob(*streamed, viaTree(text));
+    }
+}
+
+TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
+{
+    TempDir dir;
+    const Value settings(Value::DictionaryType{
+        {"tmpFilename", "/v.raw"},
+        {"frameRate", 25.0},
+        {"made", Value::date(Date{})},
+        {"offsetArray", Value::ArrayType{Value::DictionaryType{{"offset", 5}, {"length", 6}, {"blob", Value::data({1, 2})}}}}});
+    const std::string xml = settings.toXMLPropertyList();
+    // Dates and data are the tree's business: the stream gives up, the file is still read.
+    EXPECT_FALSE(MovieJob::readXMLDocument(xml.data(), xml.size()));
+    const std::vector<uint8_t> binary = settings.toBinaryPropertyList();
+    std::ofstream(dir / "xml.plist") << xml;
+    std::ofstream(dir / "binary.plist", std::ios::binary)
+        .write(reinterpret_cast<const char*>(binary.data()), std::streamsize(binary.size()));
+    for (const char* name : {"xml.plist", "binary.plist"}) {
+        SCOPED_TRACE(name);
+        const auto job = MovieJob::readDocument(dir / name);
+        ASSERT_TRUE(job);
+        expectSameJob(*job, MovieJob::fromSettings(settings));
+        EXPECT_EQ(job->documentPath, dir / name);
+    }
+
+    const std::string broken[] = {
+        plist("<key>offsetArray</key><array><dict><key>offset</key><integer>1</integer>"),
+        plist("<key>tmpFilename</key><string>a &bogus; b</string>"),
+        plist("<key>offsetArray</key><array>"),
+        "<plist version=\"1.0\"><array><integer>1</integer></array></plist>",
+        "",
+        "bplist00 but nothing after",
+    };
+    for (const auto& text : broken) {
+        SCOPED_TRACE(text);
+        EXPECT_FALSE(MovieJob::readXMLDocument(text.data(), text.size()));
+        std::ofstream(dir / "broken.plist", std::ios::trunc) << text;
+        EXPECT_FALSE(MovieJob::readDocument(dir / "broken.plist"));
+    }
+    EXPECT_FALSE(MovieJob::readDocument(dir / "missing.plist"));
+}
+
+TEST(MovieJobReader, LargeDocumentsBecomePackedTables)
+{
+    TempDir dir;
+    constexpr size_t kEntries = 300000;
+    {
+        std::ofstream out(dir / "large.plist");
+        out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+               "\t<key>audioOffsetArray</key>\n\t<array>\n";
+        for (size_t i = 0; i < kEntries; ++i)
+            out << "\t\t<dict>\n\t\t\t<key>length</key>\n\t\t\t<integer>4</integer>\n\t\t\t<key>offset</key>\n"
+                   "\t\t\t<integer>"
+                << i * 10 << "</integer>\n\t\t</dict>\n";
+        out << "\t</array>\n\t<key>frameRate</key>\n\t<real>29.97</real>\n</dict>\n</plist>\n";
+    }
+    const auto job = MovieJob::readDocument(dir / "large.plist");
+    ASSERT_TRUE(job);
+    ASSERT_EQ(job->audioEntries->size(), kEntries);
+    EXPECT_EQ(job->audioEntries->back(), (MediaEntry{(kEntries - 1) * 10, 4, 0}));
+    EXPECT_EQ((*job->audioEntries)[12345], (MediaEntry{123450, 4, 0}));
+    EXPECT_EQ(job->frameTiming().frameDuration, 1001);
+}
+
+TEST(FrameTimingTest, RatesBecomeExactFractions)
+{
+    const struct {
+        float rate;
+        int32_t timescale;
+        int64_t duration;
+    } cases[] = {{29.97f, 30000, 1001}, {25, 25000, 1000}, {23.976f, 24000, 1001}, {59.94f, 60000, 1001},
+                 {0.5f, 1000, 1001},    {0, 0, 0},         {-25, 0, 0},          {3e9f, 0, 0},
+                 {std::numeric_limits<float>::quiet_NaN(), 0, 0}, {std::numeric_limits<float>::infinity(), 0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.rate);
+        const FrameTiming t = FrameTiming::fromRate(c.rate);
+        EXPECT_EQ(t.timescale, c.timescale);
+        EXPECT_EQ(t.frameDuration, c.duration);
+        EXPECT_EQ(t.usable(), c.timescale != 0);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+// Entries that hold several frames, made by a real encoder: every frame must land in the movie
+// as a sample of its own, byte for byte and one frame long, or the entry must stay one sample
+// that lasts all of its frames.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "AppController.h"
+#include "FrameSplitter.h"
+#include "HelperRun.h"
+#include "MovieCheck.h"
+
+using namespace corvina;
+using namespace corvina::test;
+
+namespace {
+
+struct Encoded {
+    std::vector<uint8_t> bytes;  // the frames back to back
+    std::vector<size_t> sizes;   // of each frame
+};
+
+// Encodes frames of a test pattern; the sizes come from the demuxer, the bytes from a copy of
+// the stream without a container.
+Encoded encode(const TempDir& dir, const std::string& size, const std::string& rate, int frames,
+               const std::vector<std::string>& codec)
+{
+    Encoded out;
+    const std::string nut = dir / "frames.nut";
+    const std::string raw = dir / "frames.raw";
+    std::vector<std::string> args = {"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
+                                     "testsrc=size=" + size + ":rate=" + rate, "-frames:v", std::to_string(frames)};
+    args.insert(args.end(), codec.begin(), codec.end());
+    args.push_back(nut);
+    if (runProgram(args).status != 0) return out;
+    if (runProgram({"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y", "-i", nut, "-c", "copy", "-f", "rawvideo", raw})
+            .status != 0)
+        return out;
+    const ProcessResult probe = runProgram(
+        {"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "packet=size", "-of", "csv=p=0", nut});
+    for (const auto& line : splitLines(probe.out))
+        if (!line.empty()) out.sizes.push_back(std::stoul(line));
+    out.bytes = readBytes(raw);
+    return out;
+}
+
+struct Row {
+    const char* name;
+    int64_t formatType;
+    const char* size;
+    const char* rate;
+    float frameRate;
+    std::vector<std::string> codec;
+};
+
+const Row kRows[] = {
+    {"DV NTSC", 0, "720x480", "30000/1001", 29.97f, {"-pix_fmt", "yuv411p", "-c:v", "dvvideo"}},
+    {"DVCPRO50 PAL", 3, "720x576", "25", 25.0f, {"-pix_fmt", "yuv422p", "-c:v", "dvvideo"}},
+    {"DVCPRO HD 1080i50", 12, "1440x1080", "25", 25.0f, {"-pix_fmt", "yuv422p", "-c:v", "dvvideo"}},
+    {"ProRes HQ", 30, "320x240", "25", 25.0f, {"-c:v", "prores_ks", "-profile:v", "3"}},
+    {"Motion JPEG", 4, "720x576", "25", 25.0f, {"-pix_fmt", "yuvj420p", "-c:v", "mjpeg", "-q:v", "4"}},
+};
+
+class MultiFrameEntries : public ::testing::Test {
+protected:
+    // Writes junk, the frames and junk again, then assembles a movie of the given entries.
+    std::string assemble(const Row& row, const Encoded& frames, std::vector<MediaEntry> entries)
+    {
+        std::string data(kLead, '\x5A');
+        data.append(frames.bytes.begin(), frames.bytes.end());
+        data.append(13, '\xA5');
+        writeFile(dir / "video.raw", data);
+        writeFile(dir / "audio.raw", "");
+        MovieJob job;
+        job.tmpFilename = dir / "video.raw";
+        job.tmpAudioFilename = dir / "audio.raw";
+        job.destFilename = dir / "movie.mov";
+        job.formatType = row.formatType;
+        job.frameRate = row.frameRate;
+        job.fWidth = 320;
+        job.fHeight = 240;
+        job.videoEntries = std::make_shared<MediaEntryTable>(std::move(entries));
+        AppController controller;
+        EXPECT_EQ(controller.createQuickTimeMovie(std::move(job)), 0);
+        return dir / "movie.mov";
+    }
+    static constexpr uint64_t kLead = 7;
+    TempDir dir;
+};
+
+TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSampleOfItsOwnBytes)
+{
+    constexpr int kFrames = 4;
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const Encoded frames = encode(dir, row.size, row.rate, kFrames, row.codec);
+        ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
+        // The whole run as one entry of four frames, then its first frame again on its own.
+        const std::string movie = assemble(row, frames, {{kLead, frames.bytes.size(), kFrames}, {kLead, frames.sizes[0], 1}});
+
+        MovieSummary summary;
+        ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
+        const MovieTrack* track = summary.track(fourCC("vide"));
+        ASSERT_NE(track, nullptr);
+        ASSERT_EQ(track->sampleCount, uint64_t(kFrames + 1));
+        const int64_t duration = FrameTiming::fromRate(row.frameRate).frameDuration;
+        EXPECT_EQ(track->timeToSample, (std::vector<std::pair<uint32_t, uint32_t>>{{kFrames + 1, uint32_t(duration)}}));
+        size_t at = 0;
+        for (int i = 0; i < kFrames; ++i) {
+            EXPECT_EQ(track->sampleSize(uint64_t(i)), frames.sizes[size_t(i)]) << i;
+            const std::vector<uint8_t> expected(frames.bytes.begin() + long(at),
+                                                frames.bytes.begin() + long(at + frames.sizes[size_t(i)]));
+            EXPECT_EQ(readSamples(movie, *track, uint64_t(i), 1), expected) << i;
+            at += frames.sizes[size_t(i)];
+        }
+        EXPECT_EQ(ffprobePacketCount(movie, 0), kFrames + 1);
+        std::string diagnostics;
+        EXPECT_TRUE(ffmpegDecodesCleanly(movie, &diagnostics)) << diagnostics;
+        std::filesystem::remove(movie);
+    }
+}
+
+TEST_F(MultiFrameEntries, BytesThatDoNotSplitStayOneSampleOfAllTheFrames)
+{
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const Encoded frames = encode(dir, row.size, row.rate, 3, row.codec);
+        ASSERT_EQ(frames.sizes.size(), 3u);
+        // Three frames declared as four; then the three frames with their last byte cut off.
+        const uint64_t total = frames.bytes.size();
+        const std::string movie = assemble(row, frames, {{kLead, total, 4}, {kLead, total - 1, 3}});
+        MovieSummary summary;
+        ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
+        const MovieTrack* track = summary.track(fourCC("vide"));
+        ASSERT_NE(track, nullptr);
+        const auto duration = uint32_t(FrameTiming::fromRate(row.frameRate).frameDuration);
+        EXPECT_EQ(track->timeToSample,
+                  (std::vector<std::pair<uint32_t, uint32_t>>{{1, 4 * duration}, {1, 3 * duration}}));
+        EXPECT_EQ(readSamples(movie, *track, 0, 1), frames.bytes);
+        std::filesystem::remove(movie);
+    }
+}
+
+TEST(FrameSplitterTest, RulesFollowTheCodecAndRefuseWhatDoesNotAddUp)
+{
+    std::vector<size_t> sizes;
+    // ProRes frames announce their own sizes; a size that runs past the entry, a missing
+    // frame identifier or bytes left over all refuse.
+    const std::vector<uint8_t> two = {0, 0, 0, 9, 'i', 'c', 'p', 'f', 1, 0, 0, 0, 8, 'i', 'c', 'p', 'f'};
+    const FrameSplitter prores = FrameSplitter::forCodec(fourCC("apcn"));
+    EXPECT_TRUE(prores.split(two, 2, sizes));
+    EXPECT_EQ(sizes, (std::vector<size_t>{9, 8}));
+    EXPECT_FALSE(prores.split(two, 3, sizes));
+    EXPECT_FALSE(prores.split({two.data(), two.size() - 1}, 2, sizes));
+    std::vector<uint8_t> wrongTag = two;
+    wrongTag[12] = 'x';
+    EXPECT_FALSE(prores.split(wrongTag, 2, sizes));
+    EXPECT_FALSE(prores.split(two, 1, sizes));  // one frame needs no splitting
+
+    // JPEG: an end-of-image marker inside a segment (a thumbnail, say) does not end the image;
+    // stuffed and restart markers inside the scan do not either.
+    const std::vector<uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xE1, 0x00, 0x04, 0xFF, 0xD9, 0xFF, 0xDA, 0x00, 0x02,
+                                       0x12, 0xFF, 0x00, 0x34, 0xFF, 0xD3, 0x56, 0xFF, 0xD9,
+                                       0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x02, 0x01, 0xFF, 0xD9};
+    const FrameSplitter mjpeg = FrameSplitter::forCodec(fourCC("jpeg"));
+    EXPECT_TRUE(mjpeg.split(jpeg, 2, sizes));
+    EXPECT_EQ(sizes, (std::vector<size_t>{21, 9}));
+    EXPECT_FALSE(mjpeg.split({jpeg.data(), jpeg.size() - 1}, 2, sizes));
+    EXPECT_FALSE(mjpeg.split({jpeg.data() + 1, jpeg.size() - 1}, 2, sizes));
+
+    // Codecs without a rule never split.
+    EXPECT_EQ(FrameSplitter::forCodec(fourCC("icod")).rule(), FrameSplitter::Rule::None);
+    EXPECT_FALSE(FrameSplitter::forCodec(fourCC("icod")).split(two, 2, sizes));
+}
+
+}  // namespace

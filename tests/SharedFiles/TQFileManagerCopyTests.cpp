@@ -1,0 +1,309 @@
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "FileServicesTestSupport.h"
+#include "Foundation/SystemLog.h"
+#include "TQFileManager.h"
+
+namespace fs = std::filesystem;
+using filestest::makeFile;
+using namespace corvina::test;
+
+namespace {
+
+constexpr size_t MiB = 1 << 20;
+
+// Records every delegate call; the progress calls may come from other threads.
+struct Recorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<uint64_t> progress;
+    int questions = 0;
+    bool answer = true;
+    std::vector<std::string> failedFiles;
+    std::vector<std::string> failedChecksums;
+    int finished = 0;
+    corvina::Value finalSettings;
+    std::promise<void> answeredNo;
+
+    std::shared_ptr<TQCopyDelegate> delegate()
+    {
+        auto d = std::make_shared<TQCopyDelegate>();
+        d->fileCopyBytesWritten = [this](uint64_t n, TQCopySettings&) {
+            std::lock_guard lock(mutex);
+            progress.push_back(n);
+            changed.notify_all();
+        };
+        d->fileCopyShouldContinue = [this](TQCopySettings&) {
+            std::lock_guard lock(mutex);
+            ++questions;
+            if (!answer && questions == 1) answeredNo.set_value();
+            changed.notify_all();
+            return answer;
+        };
+        d->fileCopyVerificationFailed = [this](TQCopySettings& s, const std::string& file) {
+            std::lock_guard lock(mutex);
+            failedFiles.push_back(file);
+            failedChecksums.push_back(s.objectForKey("destChecksum").stringValue());
+        };
+        d->fileCopyFinished = [this](TQCopySettings& s) {
+            std::lock_guard lock(mutex);
+            ++finished;
+            finalSettings = s.dictionary();
+        };
+        return d;
+    }
+    // Waits (bounded) until the asynchronous calls have arrived.
+    void waitFor(size_t progressCalls, int questionCalls)
+    {
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(30),
+                         [&] { return progress.size() >= progressCalls && questions >= questionCalls; });
+    }
+};
+
+struct HookReset {
+    ~HookReset() { TQFileManager::setCopyBlockHookForTesting(nullptr); }
+};
+
+const char* toolFor(TQVerificationType t)
+{
+    switch (t) {
+    case TQVerificationType::MD5: return "md5sum";
+    case TQVerificationType::SHA1: return "sha1sum";
+    case TQVerificationType::SHA256: return "sha256sum";
+    case TQVerificationType::SHA512: return "sha512sum";
+    default: return nullptr;
+    }
+}
+
+std::vector<std::string> strings(const corvina::Value& array)
+{
+    std::vector<std::string> out;
+    for (size_t i = 0; i < array.count(); ++i) out.push_back(array[i].stringValue());
+    return out;
+}
+
+}  // namespace
+
+TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
+{
+    TempDir scratch;
+    const std::string source = makeFile(scratch / "take.mov", 100000);
+    const std::string original = readFile(source);
+    fs::create_directories(scratch / "folder");
+    struct Row {
+        std::string source;
+        std::vector<std::string> destinations;
+        uint64_t type;
+        std::string message;
+    } rows[] = {
+        {scratch / "missing.mov", {scratch / "out.mov"}, 0,
+         "Error: File " + scratch / "missing.mov" + " doesn't exist. Aborting copy process..."},
+        {source, {}, 0, "Error: You must have at least one destination. Aborting copy process..."},
+        {source, {scratch / "out.mov"}, 5, "Error: Unknown verification type 5. Aborting copy process..."},
+        {source, {scratch / "out.mov", source}, 3,
+         "Error: Unable to open destination file " + source + ". Aborting copy process..."},
+        {source, {scratch / "folder"}, 0,
+         "Error: Unable to open destination file " + scratch / "folder" + ". Aborting copy process..."},
+        {source, {scratch / "take.mov/inside"}, 0,
+         "Unable to copy file " + source + " - destination directory " + source + " doesn't exist. Aborting copy process..."},
+    };
+    for (const auto& row : rows) {
+        corvina::ScopedSystemLogCapture log;
+        EXPECT_FALSE(TQFileManager::copyFileWithProgress(row.source, row.destinations,
+                                                         static_cast<TQVerificationType>(row.type), nullptr))
+            << row.message;
+        EXPECT_EQ(log.messages(), std::vector<std::string>{row.message});
+    }
+    EXPECT_EQ(readFile(source), original);
+    // A folder opens but cannot be read.
+    EXPECT_FALSE(TQFileManager::copyFileWithProgress(scratch / "folder", scratch / "out2.mov", nullptr));
+}
+
+TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDate)
+{
+    TempDir scratch;
+    const size_t size = 3 * MiB + 17;
+    const std::string source = makeFile(scratch / "take.mov", size);
+    ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1000000000)), source));
+    for (uint64_t type = 0; type <= 4; ++type) {
+        SCOPED_TRACE(type);
+        const std::vector<std::string> destinations = {scratch / ("a" + std::to_string(type) + "/x/copy.mov"),
+                                                       scratch / ("b" + std::to_string(type) + "/copy.mov")};
+        Recorder rec;
+        ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, destinations, static_cast<TQVerificationType>(type),
+                                                        rec.delegate(), corvina::Value("job"), corvina::Value(7)));
+        for (const auto& d : destinations) {
+            EXPECT_TRUE(readFile(d) == readFile(source)) << d;
+            EXPECT_EQ(filestest::mtimeSeconds(d), 1000000000);
+        }
+        EXPECT_EQ(rec.progress, std::vector<uint64_t>{size}) << "only the final report below 20 MiB";
+        EXPECT_EQ(rec.finished, 1);
+        EXPECT_TRUE(rec.failedFiles.empty());
+        const corvina::Value& s = rec.finalSettings;
+        EXPECT_EQ(s["source"].stringValue(), source);
+        EXPECT_EQ(strings(s["destinations"]), destinations);
+        EXPECT_EQ(s["operationtype"].stringValue(), "copy");
+        EXPECT_EQ(s["object"].stringValue(), "job");
+        EXPECT_EQ(s["object2"].integerValue(), 7);
+        EXPECT_TRUE(s["destChecksum"].isNone());
+        if (const char* tool = toolFor(static_cast<TQVerificationType>(type))) {
+            const std::string expected = filestest::toolDigest(tool, source);
+            EXPECT_EQ(s["sourceChecksum"].stringValue(), expected);
+            EXPECT_EQ(strings(s["destChecksums"]), (std::vector<std::string>{expected, expected}));
+        } else {
+            EXPECT_TRUE(s["sourceChecksum"].isNone());
+            EXPECT_TRUE(s["destChecksums"].isNone());
+        }
+    }
+}
+
+TEST(TQFileManagerCopy, EmptySourceReportsZeroAndVerifies)
+{
+    TempDir scratch;
+    const std::string source = makeFile(scratch / "empty.mov", 0);
+    writeFile(scratch / "old.mov", "previous contents");
+    Recorder rec;
+    ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "old.mov", scratch / "new.mov"},
+                                                    TQVerificationType::MD5, rec.delegate()));
+    EXPECT_EQ(filestest::fileSize(scratch / "old.mov"), 0);
+    EXPECT_EQ(filestest::fileSize(scratch / "new.mov"), 0);
+    EXPECT_EQ(rec.progress, std::vector<uint64_t>{0});
+    EXPECT_EQ(rec.questions, 0);
+    EXPECT_TRUE(rec.failedFiles.empty());
+    EXPECT_EQ(rec.finalSettings["sourceChecksum"].stringValue(), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST(TQFileManagerCopy, ThirtyMebibytesReportOnceOnTheQueueThenTheFinalCount)
+{
+    TempDir scratch;
+    const std::string source = makeFile(scratch / "take.mov", 30 * MiB);
+    Recorder rec;
+    ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, scratch / "copy.mov", rec.delegate()));
+    rec.waitFor(2, 1);
+    std::lock_guard lock(rec.mutex);
+    ASSERT_EQ(rec.progress.size(), 2u);
+    EXPECT_EQ(rec.questions, 1);
+    // The queued report may arrive after the final one.
+    std::sort(rec.progress.begin(), rec.progress.end());
+    EXPECT_EQ(rec.progress, (std::vector<uint64_t>{20 * MiB, 30 * MiB}));
+}
+
+TEST(TQFileManagerCopy, MismatchOnOneDestinationIsReportedAndTheCopyStillSucceeds)
+{
+    TempDir scratch;
+    HookReset reset;
+    const std::string source = makeFile(scratch / "take.mov", 2 * MiB + 5);
+    const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov", scratch / "3.mov"};
+    // The second destination reads back one changed byte in its second block.
+    TQFileManager::setCopyBlockHookForTesting([&](const std::string& d, uint64_t position, std::span<uint8_t> bytes) {
+        if (d == destinations[1] && position == MiB && !bytes.empty()) bytes[100] ^= 0x40;
+    });
+    ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1500000000)), source));
+    Recorder rec;
+    EXPECT_TRUE(TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::SHA256, rec.delegate()));
+    const std::string good = filestest::toolDigest("sha256sum", source);
+    ASSERT_EQ(rec.failedFiles, std::vector<std::string>{destinations[1]});
+    ASSERT_EQ(rec.failedChecksums.size(), 1u);
+    EXPECT_NE(rec.failedChecksums[0], good);
+    EXPECT_EQ(rec.failedChecksums[0].size(), 64u);
+    EXPECT_EQ(rec.finalSettings["destChecksum"].stringValue(), rec.failedChecksums[0]);
+    EXPECT_EQ(strings(rec.finalSettings["destChecksums"]),
+              (std::vector<std::string>{good, rec.failedChecksums[0], good}));
+    EXPECT_EQ(rec.finished, 1);
+    for (const auto& d : destinations) EXPECT_EQ(filestest::mtimeSeconds(d), 1500000000) << d;
+}
+
+TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
+{
+    TempDir scratch;
+    HookReset reset;
+    const size_t size = 48 * MiB;
+    const std::string source = makeFile(scratch / "take.mov", size);
+    Recorder rec;
+    rec.answer = false;
+    auto answered = rec.answeredNo.get_future().share();
+    // Once past the first question, the writers wait until the "no" has been given, so the
+    // copy cannot run to the end before it hears it.
+    TQFileManager::setCopyBlockHookForTesting([answered](const std::string&, uint64_t position, std::span<uint8_t>) {
+        if (position >= 21 * MiB && answered.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+            answered.wait_for(std::chrono::seconds(30));
+            // The flag is raised right after the answer; give that a moment.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov"};
+    EXPECT_FALSE(
+        TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::MD5, rec.delegate()));
+    const std::string whole = readFile(source);
+    for (const auto& d : destinations) {
+        const std::string part = readFile(d);
+        EXPECT_GE(part.size(), 20 * MiB);
+        EXPECT_LT(part.size(), size);
+        EXPECT_TRUE(whole.compare(0, part.size(), part) == 0) << d << " holds a prefix of the source";
+    }
+    std::lock_guard lock(rec.mutex);
+    EXPECT_EQ(rec.finished, 0);
+    EXPECT_TRUE(rec.failedFiles.empty());
+    for (const uint64_t p : rec.progress) EXPECT_LT(p, size) << "no final report";
+}
+
+TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
+{
+    TempDir scratch;
+    const std::string small = scratch / "small";
+    fs::create_directories(small);
+    if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount a tmpfs here";
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{small};
+    const std::string source = makeFile(scratch / "take.mov", 3 * MiB);
+    Recorder rec;
+    corvina::ScopedSystemLogCapture log;
+    // Write errors do not stop the copy; the short destination shows in the verification.
+    EXPECT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"},
+                                                    TQVerificationType::SHA1, rec.delegate()));
+    EXPECT_EQ(rec.failedFiles, std::vector<std::string>{small + "/full.mov"});
+    EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source));
+    EXPECT_LT(filestest::fileSize(small + "/full.mov"), filestest::fileSize(source));
+    const auto messages = log.messages();
+    EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
+}
+
+TEST(TQFileManagerCopy, UnreadableSourceFailsForAnOrdinaryUser)
+{
+    TempDir scratch;
+    const std::string source = makeFile(scratch / "locked.mov", 1000);
+    ::chmod(scratch.path().c_str(), 0755);
+    ::chmod(source.c_str(), 0000);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // As nobody, with the permission bits in force.
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+        corvina::ScopedSystemLogCapture log;
+        const bool copied = TQFileManager::copyFileWithProgress(source, scratch / "out.mov", nullptr);
+        const bool hashed = TQFileManager::md5HashForFile(source).has_value();
+        const auto m = log.messages();
+        const bool ok = !copied && !hashed && m.size() == 2 &&
+                        m[0] == "Error: Unable to read source file " + source + ". Aborting copy process..." &&
+                        m[1] == "Error: Unable to open destination file " + source + ". Aborting hash verification...";
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 3) GTEST_SKIP() << "cannot change user here";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_FALSE(fs::exists(scratch / "out.mov"));
+}
