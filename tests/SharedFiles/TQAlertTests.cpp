@@ -1,15 +1,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"
+#include "Foundation/UserDefaults.h"
+#include "Foundation/Value.h"
+#include "Process/Process.h"
 #include "TQAlert.h"
+#include "TestSupport.h"
 
+namespace fs = std::filesystem;
+using namespace corvina::test;
 using ::testing::Contains;
 
 namespace {
@@ -27,18 +38,33 @@ public:
     std::atomic<bool> dismissed{false};
 };
 
-// An alert nobody answers until the test does; remembers what it was asked to show.
+// An alert nobody answers until the test does, or, given an answer, a person who sets the
+// check box to `check` and presses the button at once. Remembers what it was asked to show.
 class ManualPresenter : public corvina::AlertPresenter {
 public:
+    ManualPresenter() = default;
+    ManualPresenter(int64_t code, bool check) : atOnce_(code), check_(check) {}
     std::string name() const override { return "manual"; }
     std::shared_ptr<corvina::AlertSession> present(const corvina::AlertContent& content, Completion completion) override
     {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         shown_ = content;
-        completion_ = std::move(completion);
+        all_.push_back(content);
         shownOnMain_ = corvina::isMainThread();
         session_ = std::make_shared<ManualSession>();
-        return session_;
+        if (!atOnce_) {
+            completion_ = std::move(completion);
+            return session_;
+        }
+        lock.unlock();
+        if (content.suppressionBinding && content.suppressionChoice) content.suppressionChoice(check_);
+        if (completion) completion(*atOnce_);
+        return nullptr;
+    }
+    std::vector<corvina::AlertContent> all()
+    {
+        std::lock_guard lock(mutex_);
+        return all_;
     }
     void answer(int64_t code)
     {
@@ -76,6 +102,9 @@ private:
     Completion completion_;
     std::shared_ptr<ManualSession> session_;
     bool shownOnMain_ = false;
+    std::vector<corvina::AlertContent> all_;
+    std::optional<int64_t> atOnce_;
+    bool check_ = false;
 };
 
 class RecordingDelegate : public TQAlertDelegate {
@@ -88,6 +117,24 @@ public:
     std::atomic<int> calls{0};
     std::atomic<int64_t> code{99};
 };
+
+class SaveSheet : public TQAlertDelegate {
+public:
+    void saveEnded(TQAlert&, int64_t code) { ended = code; }
+    int64_t ended = 99;
+};
+class OtherDelegate : public TQAlertDelegate {};
+
+// The child's answer: its return code and its stored check box, written where the parent
+// can read them.
+void reportResult(int64_t code)
+{
+    const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
+    const std::string result = childHome() + "/result";
+    std::ofstream(result + ".tmp") << code << " "
+                                   << (quiet.isNone() ? "unset" : quiet.boolValue() ? "checked" : "unchecked") << "\n";
+    fs::rename(result + ".tmp", result);
+}
 
 }  // namespace
 
@@ -249,4 +296,209 @@ TEST(TQAlertConcurrency, TimedAlertAnsweredFirstKeepsTheAnswer)
                                                       std::chrono::seconds(30)),
               corvina::kAlertAlternateReturn);
     answerer.join();
+}
+
+TEST(TQAlertSelector, DelegateMustAnswerTheEndMessage)
+{
+    auto presenter = std::make_shared<ManualPresenter>(corvina::kAlertAlternateReturn, false);
+    PresenterScope scope(presenter);
+    corvina::ScopedSystemLogCapture capture;
+    OtherDelegate other;
+    const TQAlert::Selector saveEnded(&SaveSheet::saveEnded, "saveEnded:");
+    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Save?", "Save", "Discard", nullptr, nullptr, nullptr, &other,
+                                                 saveEnded, true),
+              -1);
+    EXPECT_THAT(capture.messages(), Contains("Alert error: delegate does not respond to selector saveEnded:"));
+    EXPECT_FALSE(presenter->shown()) << "nothing shown";
+    // Without a delegate the alert object is the receiver, and it is no SaveSheet either.
+    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Save?", "Save", "Discard", nullptr, nullptr, nullptr, nullptr,
+                                                 saveEnded, false),
+              -1);
+
+    SaveSheet sheet;
+    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Save?", "Save", "Discard", nullptr, nullptr, nullptr, &sheet,
+                                                 saveEnded, true),
+              corvina::kAlertAlternateReturn);
+    EXPECT_EQ(sheet.ended, corvina::kAlertAlternateReturn);
+    EXPECT_EQ(presenter->all().size(), 1u);
+}
+
+TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
+{
+    if (!inChild()) return expectChildPasses();
+    auto person = std::make_shared<ManualPresenter>(corvina::kAlertDefaultReturn, true);
+    PresenterScope scope(person);
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
+                                       nullptr, "alerts.quiet");
+    ASSERT_EQ(person->all().size(), 1u);
+    EXPECT_EQ(person->all()[0].suppressionBinding, "alerts.quiet");
+    EXPECT_FALSE(person->all()[0].suppressionChecked) << "nothing stored yet";
+    // Stored in the file at once, under the key path.
+    corvina::UserDefaults onDisk("SharedFilesTests");
+    EXPECT_TRUE(onDisk.valueForKeyPath("alerts.quiet").boolValue());
+
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
+                                       nullptr, "alerts.quiet");
+    ASSERT_EQ(person->all().size(), 2u);
+    EXPECT_TRUE(person->all()[1].suppressionChecked) << "read back";
+
+    // Nobody to ask: the stored choice stays as it is.
+    PresenterScope headless(corvina::makeHeadlessAlertPresenter());
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
+                                       nullptr, "alerts.quiet");
+    EXPECT_TRUE(corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet").boolValue());
+}
+
+TEST(TQAlertPresenters, NobodyToAskLogsAndAnswersAtOnce)
+{
+    // The automatic choice in a child whose streams are pipes and which has no display.
+    if (!inChild()) return expectChildPasses();
+    ASSERT_EQ(std::getenv("DISPLAY"), nullptr);
+    corvina::ScopedSystemLogCapture capture;
+    EXPECT_EQ(TQAlert::timedAlertSheetWithMessageText("Nobody here", "Go", "Stop", nullptr, "Really?", nullptr,
+                                                      std::chrono::seconds(600)),
+              corvina::kAlertDefaultReturn);
+    EXPECT_THAT(capture.messages(), Contains("Alert: Nobody here - Really?"));
+}
+
+TEST(TQAlertChild, DISABLED_AsksOnTheTerminal)
+{
+    reportResult(TQAlert::alertSheetWithMessageText("Keep the partial movie?", "Keep", "Discard", nullptr,
+                                                    "The session was cut short.", nullptr, nullptr, nullptr, true,
+                                                    nullptr, "alerts.quiet"));
+}
+
+TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
+{
+    if (!corvina::isExecutablePath("/usr/bin/tmux")) GTEST_SKIP() << "tmux is not installed";
+    TempDir home;
+    const std::string socket = home / "tmux.sock";
+    const std::string command = "cd '" + home.path() + "' && env -u DISPLAY -u WAYLAND_DISPLAY HOME='" + home.path() +
+                                "' TQ_LOCAL_ROOT='" + home.path() + "' TQ_CONSOLE_USER= '" + fs::read_symlink("/proc/self/exe").string() +
+                                "' --gtest_also_run_disabled_tests --gtest_filter=TQAlertChild.DISABLED_AsksOnTheTerminal"
+                                ";"
+                                " echo $? > status";
+    ASSERT_EQ(runProgram({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status, 0);
+    auto screen = [&] { return runProgram({"/usr/bin/tmux", "-S", socket, "capture-pane", "-p"}).out; };
+    auto waitForScreen = [&](const std::string& wanted) {
+        for (int i = 0; i < 300; ++i) {
+            if (screen().find(wanted) != std::string::npos) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return false;
+    };
+    EXPECT_TRUE(waitForScreen("s) [ ] Do not show this message again")) << screen();
+    runProgram({"/usr/bin/tmux", "-S", socket, "send-keys", "s", "Enter"});
+    EXPECT_TRUE(waitForScreen("s) [x] Do not show this message again")) << screen();
+    runProgram({"/usr/bin/tmux", "-S", socket, "send-keys", "2", "Enter"});
+    const std::string result = waitForFile(home / "result", std::chrono::seconds(30));
+    runProgram({"/usr/bin/tmux", "-S", socket, "kill-server"});
+    EXPECT_EQ(result, "0 checked\n") << "the alternate button, with the box checked";
+    EXPECT_EQ(waitForFile(home / "status", std::chrono::seconds(10)), "0\n");
+}
+
+namespace {
+
+// A private X display for one test; empty when none could be started.
+class VirtualDisplay {
+public:
+    VirtualDisplay()
+    {
+        if (!corvina::isExecutablePath("/usr/bin/Xvfb")) return;
+        for (int attempt = 0; attempt < 5 && name_.empty(); ++attempt) {
+            const int number = 100 + static_cast<int>((::getpid() + attempt * 37) % 800);
+            if (fs::exists("/tmp/.X" + std::to_string(number) + "-lock")) continue;
+            server_ = std::make_unique<corvina::Process>();
+            server_->setLaunchPath("/usr/bin/Xvfb");
+            server_->setArguments({":" + std::to_string(number), "-screen", "0", "1024x768x24", "-nolisten", "tcp"});
+            server_->setStandardOutput(corvina::Process::Stream::Null);
+            server_->setStandardError(corvina::Process::Stream::Null);
+            server_->launch();
+            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+            for (int i = 0; i < 100 && server_->isRunning() && !fs::exists(socket); ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+            if (server_->isRunning() && fs::exists(socket)) {
+                name_ = ":" + std::to_string(number);
+            } else {
+                server_->terminate();
+                server_->waitUntilExit();
+            }
+        }
+    }
+    ~VirtualDisplay()
+    {
+        if (server_) {
+            server_->terminate();
+            server_->waitUntilExit();
+        }
+    }
+    const std::string& name() const { return name_; }
+
+private:
+    std::unique_ptr<corvina::Process> server_;
+    std::string name_;
+};
+
+}  // namespace
+
+TEST(TQAlertChild, DISABLED_AsksInADialog)
+{
+    reportResult(TQAlert::alertSheetWithMessageText("Replace the movie?", "Replace", "Keep", "Compare",
+                                                    "A movie of that name exists.", nullptr, nullptr, nullptr, true));
+}
+
+// Closing the question means the alternate button. (Return is not used: where the focus lands
+// in the dialog, on a button or on its text, varies from run to run.)
+TEST(TQAlertPresenters, DialogAnsweredThroughXdotool)
+{
+    if (!corvina::isExecutablePath("/usr/bin/zenity") || !corvina::isExecutablePath("/usr/bin/xdotool")) {
+        GTEST_SKIP() << "zenity or xdotool is not installed";
+    }
+    VirtualDisplay display;
+    if (display.name().empty()) GTEST_SKIP() << "Xvfb could not start a display";
+    const std::map<std::string, std::string> xenv = {{"DISPLAY", display.name()}, {"PATH", "/usr/bin:/bin"}};
+    TempDir home;
+    corvina::Process child;
+    child.setLaunchPath("/proc/self/exe");
+    child.setArguments(childArguments("TQAlertChild.DISABLED_AsksInADialog"));
+    child.setEnvironment(environmentWith(home.path(), {{"DISPLAY", display.name()}, {"DBUS_SESSION_BUS_ADDRESS", ""}}));
+    child.setStandardOutput(corvina::Process::Stream::Null);
+    child.setStandardError(corvina::Process::Stream::Null);
+    child.launch();
+    const auto found = runProgram(
+        {"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible", "--name", "Replace the movie"},
+        xenv);
+    ASSERT_EQ(found.status, 0) << "no dialog appeared";
+    const std::string window = found.out.substr(0, found.out.find('\n'));
+    // A dialog that is not ready for keys yet loses them: focus and press again until it
+    // answers (a busy machine may take a while to draw it).
+    std::string result;
+    for (int attempt = 0; attempt < 10 && result.empty(); ++attempt) {
+        runProgram({"/usr/bin/timeout", "10", "/usr/bin/xdotool", "windowfocus", "--sync", window}, xenv);
+        runProgram({"/usr/bin/xdotool", "key", "Escape"}, xenv);
+        result = waitForFile(home / "result", std::chrono::seconds(3));
+    }
+    if (result.empty()) child.terminate();
+    child.waitUntilExit();
+    EXPECT_EQ(result, "0 unset\n");
+}
+
+TEST(TQAlertPresenters, CheckBoxInDialogAndPromptFollowsTheStoredState)
+{
+    corvina::AlertContent content;
+    content.messageText = "m";
+    content.alternateButton = "Keep";
+    EXPECT_THAT(corvina::dialogArguments(content), Contains("--question"));
+    content.suppressionBinding = "quiet";
+    content.suppressionChecked = true;
+    const auto args = corvina::dialogArguments(content);
+    EXPECT_THAT(args, Contains("--checklist"));
+    ASSERT_GE(args.size(), 2u);
+    EXPECT_EQ(args[args.size() - 2], "TRUE");
+    EXPECT_EQ(args.back(), corvina::kSuppressionCheckBoxTitle);
+    EXPECT_NE(corvina::terminalPrompt(content, true).find("s) [x] "), std::string::npos);
+    EXPECT_TRUE(corvina::isSuppressionToggle(content, " S\r"));
+    content.suppressionBinding.reset();
+    EXPECT_FALSE(corvina::isSuppressionToggle(content, "s")) << "no box, no toggle";
 }

@@ -4,13 +4,13 @@
 #include <filesystem>
 #include <regex>
 
-#include "FileTestSupport.h"
+#include "PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
 #include "TQLocalPaths.h"
 
 namespace fs = std::filesystem;
 using namespace corvina::test;
-using Call = filestest::Tools::Call;
+using Call = Tools::Call;
 using ::testing::ElementsAre;
 
 namespace {
@@ -19,7 +19,7 @@ TQAuthorization& auth() { return TQAuthorization::sharedController(); }
 
 TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
 {
-    filestest::Tools tools;
+    Tools tools;
     corvina::ScopedSystemLogCapture capture;
     const std::string apps = TQLocalPaths::applicationDirectory(false).value();
     EXPECT_FALSE(auth().authTrashFile("/"));
@@ -51,7 +51,7 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
     writeFile(trash + "/Notes/n.txt", "older");
     fs::create_directories(h + "/empty");
     {
-        filestest::Tools tools;
+        Tools tools;
         EXPECT_TRUE(auth().authTrashFile(h + "/report.txt"));
         EXPECT_TRUE(auth().authTrashFile(h + "/Notes", false));
         EXPECT_TRUE(auth().authCopyFile("/usr", h + "/usr-copy")) << "protected folders may be copied";
@@ -68,7 +68,7 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
         EXPECT_EQ(c[4], (Call{"/bin/mv", "-f", h + "/in/a.mov", h + "/out/a.mov"}));
     }
     {
-        filestest::Tools failing(1);
+        Tools failing(1);
         EXPECT_FALSE(auth().authCreateDir(h + "/x"));
         EXPECT_FALSE(auth().authTrashFile(h + "/lost.mov"));
         EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move not started leaves no record";
@@ -77,7 +77,7 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
         EXPECT_EQ(failing.calls().size(), 4u) << "every entry is tried after a failure";
     }
     if (::getuid() != 0) return;
-    filestest::Tools tools;  // as root: removal when asked for, else the trash
+    Tools tools;  // as root: removal when asked for, else the trash
     EXPECT_TRUE(auth().authTrashFile(h + "/in/a.mov", true));
     EXPECT_TRUE(auth().authTrashFolderContents(h + "/in", true));
     EXPECT_TRUE(auth().authTrashFolderContents(h + "/missing", true));

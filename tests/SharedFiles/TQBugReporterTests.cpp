@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <cfenv>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -12,7 +13,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "ChildTest.h"
+#include "TestSupport.h"
 #include "Diagnostics/CrashHandler.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"

@@ -11,13 +11,11 @@
 #include <sstream>
 #include <thread>
 
-#include "FileServicesTestSupport.h"
+#include "TestSupport.h"
 #include "TQFileManager.h"
 #include "TQLog.h"
 
 namespace fs = std::filesystem;
-using filestest::quoted;
-using filestest::shell;
 using namespace corvina::test;
 
 namespace {
@@ -26,9 +24,9 @@ namespace {
 // read blocks and names with blanks.
 void makeTree(const std::string& root)
 {
-    filestest::makeFile(root + "/clip 1.mov", 3 * 1048576 + 11, 5);
-    filestest::makeFile(root + "/audio/take.pcm", 70000, 6);
-    filestest::makeFile(root + "/audio/deeper/notes.txt", 0);
+    makeFile(root + "/clip 1.mov", 3 * 1048576 + 11, 5);
+    makeFile(root + "/audio/take.pcm", 70000, 6);
+    makeFile(root + "/audio/deeper/notes.txt", 0);
     fs::create_directories(root + "/empty");
     fs::create_symlink("clip 1.mov", root + "/link.mov");
 }
@@ -50,7 +48,7 @@ std::map<std::string, std::string> treeContents(const std::string& root)
 std::vector<std::string> unzipNames(const std::string& archive)
 {
     std::vector<std::string> names;
-    std::stringstream ss(shell("unzip -Z1 " + quoted(archive)));
+    std::stringstream ss(runProgram({"unzip", "-Z1", archive}).out);
     for (std::string line; std::getline(ss, line);) names.push_back(line);
     std::sort(names.begin(), names.end());
     return names;
@@ -82,13 +80,13 @@ TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
         for (const auto& n : inside) expected.push_back(parent ? "Footage/" + n : n);
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(unzipNames(archive), expected);
-        EXPECT_NE(shell("unzip -tq " + quoted(archive)).find("No errors detected"), std::string::npos);
+        EXPECT_NE(runProgram({"unzip", "-tq", archive}).out.find("No errors detected"), std::string::npos);
 
         // Unpacked by us and by the independent tool: the same bytes as the folder.
         const std::string ours = home + (parent ? "/ours-with" : "/ours-without");
         const std::string theirs = home + (parent ? "/theirs-with" : "/theirs-without");
         ASSERT_TRUE(TQFileManager::decompressFile(archive, ours));
-        shell("unzip -q " + quoted(archive) + " -d " + quoted(theirs));
+        runProgram({"unzip", "-q", archive, "-d", theirs});
         EXPECT_EQ(treeContents(parent ? ours + "/Footage" : ours), original);
         EXPECT_EQ(treeContents(parent ? theirs + "/Footage" : theirs), original);
     }
@@ -107,7 +105,7 @@ TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
     if (!inChild()) return expectChildPasses();
     const std::string home = childHome();
     const std::string trash = home + "/.local/share/Trash";
-    filestest::makeFile(home + "/a/one.txt", 10);
+    makeFile(home + "/a/one.txt", 10);
     writeFile(home + "/pack.zip", "an older archive");
     writeFile(home + "/out/keep.txt", "older output");
 
@@ -134,16 +132,17 @@ TEST(TQFileManagerArchive, HostileOrBrokenArchivesStayInsideTheFolder)
 {
     TempDir scratch;
     const std::string zip = scratch / "evil.zip";
-    shell("cd " + quoted(scratch.path()) +
-          " && python3 -c \"import zipfile; z=zipfile.ZipFile('evil.zip','w'); "
-          "z.writestr('../escaped.txt','x'); z.writestr('/abs-escaped.txt','x'); z.writestr('fine.txt','ok'); z.close()\"");
+    runProgram({"python3", "-c",
+                "import sys, zipfile; z=zipfile.ZipFile(sys.argv[1],'w'); z.writestr('../escaped.txt','x'); "
+                "z.writestr('/abs-escaped.txt','x'); z.writestr('fine.txt','ok'); z.close()",
+                zip});
     ASSERT_TRUE(fs::exists(zip));
     EXPECT_TRUE(TQFileManager::decompressFile(zip, scratch / "out"));
     EXPECT_EQ(readFile(scratch / "out/fine.txt"), "ok");
     EXPECT_FALSE(fs::exists(scratch / "escaped.txt"));
     EXPECT_FALSE(fs::exists("/abs-escaped.txt"));
 
-    filestest::makeFile(scratch / "garbage.zip", 5000);
+    makeFile(scratch / "garbage.zip", 5000);
     TQFileManager::decompressFile(scratch / "garbage.zip", scratch / "g");  // must not crash
     EXPECT_FALSE(TQFileManager::decompressFile(scratch / "missing.zip", scratch / "m"));
     EXPECT_FALSE(TQFileManager::compressFile(scratch / "missing", scratch / "m.zip"));
@@ -167,10 +166,10 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
     TQFileManager::waitForFileWrites(home + "/missing.mov", lock);
 
     // Another process appends for a while; the wait ends only five seconds after its last write.
-    const std::string writer = "for i in 1 2 3 4 5 6; do echo $i >> " + quoted(file) + "; sleep 0.3; done";
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::execl("/bin/sh", "sh", "-c", writer.c_str(), static_cast<char*>(nullptr));
+        ::execl("/bin/sh", "sh", "-c", "for i in 1 2 3 4 5 6; do echo $i >> \"$1\"; sleep 0.3; done", "sh",
+                file.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     while (!fs::exists(file)) ::usleep(1000);
@@ -215,8 +214,7 @@ TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
     // Another process appending to it, even after the file was renamed.
     const pid_t pid = ::fork();
     if (pid == 0) {
-        const std::string cmd = "exec 3>>" + quoted(file) + "; exec sleep 60";
-        ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        ::execl("/bin/sh", "sh", "-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     bool seen = false;

@@ -10,12 +10,11 @@
 #include <mutex>
 #include <thread>
 
-#include "FileServicesTestSupport.h"
+#include "TestSupport.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 
 namespace fs = std::filesystem;
-using filestest::makeFile;
 using namespace corvina::test;
 
 namespace {
@@ -145,7 +144,7 @@ TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDa
                                                         rec.delegate(), corvina::Value("job"), corvina::Value(7)));
         for (const auto& d : destinations) {
             EXPECT_TRUE(readFile(d) == readFile(source)) << d;
-            EXPECT_EQ(filestest::mtimeSeconds(d), 1000000000);
+            EXPECT_EQ(mtimeSeconds(d), 1000000000);
         }
         EXPECT_EQ(rec.progress, std::vector<uint64_t>{size}) << "only the final report below 20 MiB";
         EXPECT_EQ(rec.finished, 1);
@@ -158,7 +157,7 @@ TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDa
         EXPECT_EQ(s["object2"].integerValue(), 7);
         EXPECT_TRUE(s["destChecksum"].isNone());
         if (const char* tool = toolFor(static_cast<TQVerificationType>(type))) {
-            const std::string expected = filestest::toolDigest(tool, source);
+            const std::string expected = toolDigest(tool, source);
             EXPECT_EQ(s["sourceChecksum"].stringValue(), expected);
             EXPECT_EQ(strings(s["destChecksums"]), (std::vector<std::string>{expected, expected}));
         } else {
@@ -176,8 +175,8 @@ TEST(TQFileManagerCopy, EmptySourceReportsZeroAndVerifies)
     Recorder rec;
     ASSERT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "old.mov", scratch / "new.mov"},
                                                     TQVerificationType::MD5, rec.delegate()));
-    EXPECT_EQ(filestest::fileSize(scratch / "old.mov"), 0);
-    EXPECT_EQ(filestest::fileSize(scratch / "new.mov"), 0);
+    EXPECT_EQ(fileSize(scratch / "old.mov"), 0);
+    EXPECT_EQ(fileSize(scratch / "new.mov"), 0);
     EXPECT_EQ(rec.progress, std::vector<uint64_t>{0});
     EXPECT_EQ(rec.questions, 0);
     EXPECT_TRUE(rec.failedFiles.empty());
@@ -212,7 +211,7 @@ TEST(TQFileManagerCopy, MismatchOnOneDestinationIsReportedAndTheCopyStillSucceed
     ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1500000000)), source));
     Recorder rec;
     EXPECT_TRUE(TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::SHA256, rec.delegate()));
-    const std::string good = filestest::toolDigest("sha256sum", source);
+    const std::string good = toolDigest("sha256sum", source);
     ASSERT_EQ(rec.failedFiles, std::vector<std::string>{destinations[1]});
     ASSERT_EQ(rec.failedChecksums.size(), 1u);
     EXPECT_NE(rec.failedChecksums[0], good);
@@ -221,7 +220,7 @@ TEST(TQFileManagerCopy, MismatchOnOneDestinationIsReportedAndTheCopyStillSucceed
     EXPECT_EQ(strings(rec.finalSettings["destChecksums"]),
               (std::vector<std::string>{good, rec.failedChecksums[0], good}));
     EXPECT_EQ(rec.finished, 1);
-    for (const auto& d : destinations) EXPECT_EQ(filestest::mtimeSeconds(d), 1500000000) << d;
+    for (const auto& d : destinations) EXPECT_EQ(mtimeSeconds(d), 1500000000) << d;
 }
 
 TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
@@ -276,7 +275,7 @@ TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
                                                     TQVerificationType::SHA1, rec.delegate()));
     EXPECT_EQ(rec.failedFiles, std::vector<std::string>{small + "/full.mov"});
     EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source));
-    EXPECT_LT(filestest::fileSize(small + "/full.mov"), filestest::fileSize(source));
+    EXPECT_LT(fileSize(small + "/full.mov"), fileSize(source));
     const auto messages = log.messages();
     EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
 }

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "FileServicesTestSupport.h"
+#include "TestSupport.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 
@@ -42,17 +42,17 @@ TEST(TQFileManagerHash, FilesAgreeWithCoreutilsAroundEveryBlockBoundary)
                             1048576, 1048577, 3 * 1048576 + 4097};
     for (const size_t size : sizes) {
         SCOPED_TRACE(size);
-        const std::string path = filestest::makeFile(scratch / ("f" + std::to_string(size)), size, size + 3);
-        EXPECT_EQ(TQFileManager::md5HashForFile(path).value_or(""), filestest::toolDigest("md5sum", path));
-        EXPECT_EQ(TQFileManager::sha1HashForFile(path).value_or(""), filestest::toolDigest("sha1sum", path));
-        EXPECT_EQ(TQFileManager::sha512HashForFile(path).value_or(""), filestest::toolDigest("sha512sum", path));
+        const std::string path = makeFile(scratch / ("f" + std::to_string(size)), size, size + 3);
+        EXPECT_EQ(TQFileManager::md5HashForFile(path).value_or(""), toolDigest("md5sum", path));
+        EXPECT_EQ(TQFileManager::sha1HashForFile(path).value_or(""), toolDigest("sha1sum", path));
+        EXPECT_EQ(TQFileManager::sha512HashForFile(path).value_or(""), toolDigest("sha512sum", path));
 
         // The same bytes fed from memory in uneven pieces.
         const std::string bytes = readFile(path);
         TQDigestState sha256(TQDigestAlgorithm::SHA256);
         for (size_t at = 0, piece = 1; at < bytes.size(); at += piece, piece = piece * 3 + 1)
             sha256.update(std::string_view(bytes).substr(at, piece));
-        EXPECT_EQ(TQFileManager::sha256HashWithContext(sha256).value_or(""), filestest::toolDigest("sha256sum", path));
+        EXPECT_EQ(TQFileManager::sha256HashWithContext(sha256).value_or(""), toolDigest("sha256sum", path));
     }
 }
 
@@ -91,7 +91,7 @@ TEST(TQFileManagerHash, DelegateIsAskedAfterEveryFiftyMebibytes)
         const std::string path = sparseFile(scratch / "zeros", row.size);
         std::atomic<int> asked{0};
         EXPECT_EQ(TQFileManager::md5HashForFile(path, countingDelegate(asked, true)),
-                  filestest::toolDigest("md5sum", path));
+                  toolDigest("md5sum", path));
         // The questions run on the global queue; wait for them (bounded) before counting.
         for (int i = 0; i < 3000 && asked.load() < row.questions; ++i) ::usleep(10000);
         ::usleep(20000);

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "FileTestSupport.h"
+#include "PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 #include "TQLog.h"
@@ -30,8 +30,8 @@ std::vector<std::string> loggedProblems()
 TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
 {
     if (!inChild()) return expectChildPasses();
-    filestest::ScopedMount flags(childHome() + "/tmpfs", "tmpfs", "size=1m");
-    filestest::ScopedMount none(childHome() + "/ramfs", "ramfs", "");
+    ScopedMount flags(childHome() + "/tmpfs", "tmpfs", "size=1m");
+    ScopedMount none(childHome() + "/ramfs", "ramfs", "");
     MOUNT_OR_SKIP(flags);
     MOUNT_OR_SKIP(none);
     TQLog::createNewLog("Services");
@@ -67,7 +67,7 @@ TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
     writeFile(file, "x");
     ::chmod(file.c_str(), 0);
     ::chown(file.c_str(), 65534, 65534);
-    filestest::becomeNobody();
+    becomeNobody();
     TQLog::createNewLog("Services");
     TQFileManager::unlockFile(file);
     EXPECT_TRUE(TQFileManager::removeFile(file, false));
@@ -80,22 +80,22 @@ TEST(TQFileManagerMetadata, AttributesAsOtherToolsReadThem)
     const std::string file = s / "take.mov";
     writeFile(file, "x");
     EXPECT_TRUE(TQFileManager::setMetadataValue("Reel 7 \xc3\xa9", "com.example.reel", file));
-    EXPECT_EQ(filestest::getfattr(file, "user.com.example.reel"), "Reel 7 \xc3\xa9");
+    EXPECT_EQ(getfattr(file, "user.com.example.reel"), "Reel 7 \xc3\xa9");
     EXPECT_EQ(TQFileManager::metadataValueForKey("com.example.reel", file), "Reel 7 \xc3\xa9");
     EXPECT_TRUE(TQFileManager::setMetadataValue("named", "user.explicit", file));
-    EXPECT_EQ(filestest::getfattr(file, "user.explicit"), "named") << "a namespace given is kept";
+    EXPECT_EQ(getfattr(file, "user.explicit"), "named") << "a namespace given is kept";
     corvina::ScopedSystemLogCapture capture;
     EXPECT_EQ(TQFileManager::metadataValueForKey("com.example.none", file), std::nullopt);
     EXPECT_THAT(capture.messages(), ElementsAre("buffer val: -1", "Error retrieving file attribute: 61"));
-    filestest::toolOutput("/usr/bin/setfattr", {"-n", "user.bad", "-v", "0xff00fe", file});
+    runProgram({"setfattr", "-n", "user.bad", "-v", "0xff00fe", file});
     EXPECT_EQ(TQFileManager::metadataValueForKey("bad", file), std::nullopt) << "not UTF-8";
     EXPECT_FALSE(TQFileManager::setMetadataValue("v", "k", s / "missing"));
     EXPECT_EQ(capture.messages().back(), "Error setting extended attribute for file " + (s / "missing") + " - -1");
 
     TQFileManager::setFinderProgress(0.25f, file);
-    EXPECT_EQ(filestest::getfattr(file, "user.com.apple.progress.fractionCompleted"), "0.250");
+    EXPECT_EQ(getfattr(file, "user.com.apple.progress.fractionCompleted"), "0.250");
     TQFileManager::removeFinderProgressForFile(file);
-    EXPECT_EQ(filestest::getfattr(file, "user.com.apple.progress.fractionCompleted"), "");
+    EXPECT_EQ(getfattr(file, "user.com.apple.progress.fractionCompleted"), "");
 }
 
 TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
@@ -106,12 +106,12 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     writeFile(file, "x");
     EXPECT_EQ(TQFileManager::finderColorIndexForPath(file), 0);
     TQFileManager::setFinderColorIndex(6, file);
-    EXPECT_EQ(filestest::getfattr(file, record), std::string(9, '\0') + '\x0c' + std::string(22, '\0'));
+    EXPECT_EQ(getfattr(file, record), std::string(9, '\0') + '\x0c' + std::string(22, '\0'));
     EXPECT_EQ(TQFileManager::finderColorIndexForPath(file), 6);
     // A record written by someone else keeps its other bits.
-    filestest::toolOutput("/usr/bin/setfattr", {"-n", record, "-v", "0x54455854545454540" "0F1" + std::string(42, '0') + "AB", file});
+    runProgram({"setfattr", "-n", record, "-v", "0x54455854545454540" "0F1" + std::string(42, '0') + "AB", file});
     TQFileManager::setFinderColorIndex(3, file);
-    const std::string info = filestest::getfattr(file, record);
+    const std::string info = getfattr(file, record);
     EXPECT_EQ(info.substr(0, 4) + info.substr(9, 1) + info.substr(31), "TEXT\xF7\xAB");
     EXPECT_EQ(TQFileManager::finderColorIndexForPath(file), 3);
     EXPECT_EQ(TQFileManager::finderColorForPath(file), TQFileManager::finderColorForColorIndex(3));
@@ -119,7 +119,7 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     writeFile(s / "plain", "x");
     TQFileManager::setFinderColorIndex(4, s / "plain");
     TQFileManager::setFinderColorIndex(0, s / "plain");
-    EXPECT_EQ(filestest::getfattr(s / "plain", record), "") << "an all-zero record goes";
+    EXPECT_EQ(getfattr(s / "plain", record), "") << "an all-zero record goes";
 
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(0), std::nullopt);
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(8), std::nullopt);

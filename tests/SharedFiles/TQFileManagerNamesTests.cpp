@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "FileServicesTestSupport.h"
+#include "TestSupport.h"
 #include "TQAuthorization.h"
 #include "TQFileManager.h"
 
@@ -98,7 +98,7 @@ TEST(TQFileManagerNames, EmptyFilesNeverReplaceAnything)
 {
     TempDir scratch;
     EXPECT_TRUE(TQFileManager::createEmptyFile(scratch / "new.mov"));
-    EXPECT_EQ(filestest::fileSize(scratch / "new.mov"), 0);
+    EXPECT_EQ(fileSize(scratch / "new.mov"), 0);
     writeFile(scratch / "footage.mov", "precious");
     EXPECT_FALSE(TQFileManager::createEmptyFile(scratch / "footage.mov"));
     EXPECT_EQ(readFile(scratch / "footage.mov"), "precious");
@@ -112,12 +112,12 @@ TEST(TQFileManagerNames, TouchAndModificationDates)
     writeFile(file, "x");
     const corvina::Date old(std::chrono::seconds(1234567890));
     ASSERT_TRUE(TQFileManager::setModificationDate(old, file));
-    EXPECT_EQ(filestest::mtimeSeconds(file), 1234567890);
+    EXPECT_EQ(mtimeSeconds(file), 1234567890);
     EXPECT_FALSE(TQFileManager::setModificationDate(old, scratch / "missing"));
 
     const auto before = std::chrono::duration_cast<std::chrono::seconds>(corvina::Clock::now().time_since_epoch()).count();
     EXPECT_TRUE(TQFileManager::touchFile(file));
-    EXPECT_GE(filestest::mtimeSeconds(file), before);
+    EXPECT_GE(mtimeSeconds(file), before);
 
     // A missing file cannot be written, so the privileged branch runs "touch -c", which
     // creates nothing.

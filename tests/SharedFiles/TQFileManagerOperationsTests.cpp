@@ -1,11 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <regex>
 
-#include "FileTestSupport.h"
+#include "PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 #include "TQLocalPaths.h"
@@ -70,7 +71,7 @@ TEST(TQFileManagerTrash, FolderWideTrashing)
 TEST(TQFileManagerMove, AcrossFileSystemsKeepsTreesWhole)
 {
     TempDir s;
-    filestest::ScopedMount card(s / "card");
+    ScopedMount card(s / "card");
     MOUNT_OR_SKIP(card);
     writeFile(card / "DCIM/clip.mov", "frames");
     writeFile(card / "DCIM/sub/audio.pcm", "pcm");
@@ -126,7 +127,7 @@ TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
 {
     TempDir s;
     corvina::ScopedSystemLogCapture capture;
-    filestest::Tools privileged;
+    Tools privileged;
     EXPECT_TRUE(TQFileManager::createDirectory(s / "a/b/c") && TQFileManager::createDirectory(s / "a/b/c", false));
     EXPECT_TRUE(TQFileManager::createDirectory(s / "d/e", std::chrono::seconds(0)));
     EXPECT_FALSE(TQFileManager::createDirectory("/Volumes/Gone/x"));
@@ -150,7 +151,7 @@ TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
     EXPECT_TRUE(TQFileManager::removeFolderIfEmpty(s / "missing"));
 
     // Contents are copied until the first failure; here everything is there already.
-    filestest::Tools refused(1);
+    Tools refused(1);
     for (const char* f : {"src/1.mov", "src/2.mov", "src/sub/3.mov"}) writeFile(s / f, f);
     EXPECT_TRUE(TQFileManager::copyContentsOfDirectory(s / "src", s / "d", std::chrono::seconds(1)));
     EXPECT_EQ(readFile(s / "d/sub/3.mov"), "src/sub/3.mov");
@@ -169,7 +170,7 @@ TEST(TQFileManagerPrivileged, FallbackRunsTheToolsAsRoot)
     // returns once the source is gone.
     EXPECT_TRUE(TQFileManager::moveFile(s / "a.mov", s / "b.mov", std::chrono::seconds(30)));
     EXPECT_EQ(readFile(s / "b.mov"), "a");
-    filestest::Tools tools;
+    Tools tools;
     EXPECT_TRUE(TQFileManager::copyFile(s / "b.mov", s / "b.mov") && TQFileManager::createDirectory(s / "b.mov/x"));
     EXPECT_EQ(tools.calls().size(), 2u);
 }
@@ -180,7 +181,7 @@ TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)
     const std::string h = childHome();
     writeFile(h + "/rootonly/take.mov", "x");  // a folder of root's that nobody may change
     fs::create_directories(h + "/mine");
-    filestest::becomeNobody();
+    becomeNobody();
     ASSERT_FALSE(TQAuthorization::sharedController(false).isAuthorized());
     corvina::ScopedSystemLogCapture capture;
     EXPECT_FALSE(TQFileManager::removeFile(h + "/rootonly/take.mov"));

@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
-#include "FileTestSupport.h"
+#include "TestSupport.h"
 #include "TQFileManager.h"
 
 namespace fs = std::filesystem;
@@ -93,7 +94,7 @@ TEST(TQFileManagerQueries, VolumesFolderRules)
 TEST(TQFileManagerQueries, MountedVolumesAndTheirDisks)
 {
     TempDir s;
-    filestest::ScopedMount memory(s / "Media Card");  // the kernel's table escapes the space
+    ScopedMount memory(s / "Media Card");  // the kernel's table escapes the space
     MOUNT_OR_SKIP(memory);
     fs::create_directories(s / "Media Cardboard");
     const auto volumes = TQFileManager::mountedLocalVolumePaths();

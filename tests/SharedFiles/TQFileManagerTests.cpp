@@ -92,29 +92,27 @@ TEST(TQFileManagerLock, LockedItemIsUnlockedThenRemoved)
 
 TEST(TQFileManagerLog, MissingItemLogsTheUnlockFailure)
 {
-    TempDir home;
-    const ChildResult child = runInChild(home.path(), [&](Checks&) {
-        const std::string missing = home.path() + "/gone.mov";
-        TQLog::createNewLog("Services");
-        EXPECT_TRUE(TQFileManager::removeFile(missing));
-        TQLog::finishWriting();
-        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
-        EXPECT_EQ(std::ranges::count(log, "Unable to unlock file " + missing + ": No such file or directory"), 1);
-    });
-    EXPECT_TRUE(child.passed()) << child.failures;
+    if (!inChild()) return expectChildPasses();
+    const std::string missing = childHome() + "/gone.mov";
+    TQLog::createNewLog("Services");
+    EXPECT_TRUE(TQFileManager::removeFile(missing));
+    TQLog::finishWriting();
+    EXPECT_EQ(std::ranges::count(logEntries(childLogPath()),
+                                 "Unable to unlock file " + missing + ": No such file or directory"),
+              1);
 }
 
 TEST(TQFileManagerLog, UnremovableItemFailsWithoutAuthorization)
 {
     // A file inside a locked folder cannot be removed, not even by root: unlocking the file
     // itself does not help, the folder's entry cannot change.
-    TempDir home;
-    const std::string folder = home / "sealed";
+    if (!inChild()) return expectChildPasses();
+    const std::string folder = childHome() + "/sealed";
     const std::string file = folder + "/take.mov";
     writeFile(file, "x");
     UnlockOnExit cleanup{folder};
     LOCK_OR_SKIP(folder);
-    const ChildResult child = runInChild(home.path(), [&](Checks&) {
+    {
         TQLog::createNewLog("Services");
         int privileged = 0;
         TQAuthorization::setExecHookForTesting([&](const std::string&, const std::vector<std::string>&, bool) {
@@ -126,10 +124,10 @@ TEST(TQFileManagerLog, UnremovableItemFailsWithoutAuthorization)
         EXPECT_EQ(privileged, 0);
         EXPECT_TRUE(fs::exists(file));
         TQLog::finishWriting();
-        const auto log = logEntries(home / "Library/Logs/Brantwell/Services.1.log");
-        EXPECT_EQ(std::ranges::count(log, "Error removing file: Operation not permitted. Authorizing..."), 1);
-    });
-    EXPECT_TRUE(child.passed()) << child.failures;
+        EXPECT_EQ(std::ranges::count(logEntries(childLogPath()),
+                                     "Error removing file: Operation not permitted. Authorizing..."),
+                  1);
+    }
 }
 
 TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemoval)

@@ -264,33 +264,30 @@ TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
 {
     if (getuid() != 0)
         GTEST_SKIP() << "needs root to change user";
+    if (inChild()) {
+        const std::string home = childHome();
+        if (childCase() == 0) {
+            setenv("TQ_CONSOLE_USER", "root", 1);
+            ASSERT_EQ(setresgid(65534, 65534, 65534), 0);
+            ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
+            EXPECT_EQ(TQLocalPaths::userDirectory(), home);
+            EXPECT_EQ(TQLocalPaths::libraryDirectory(true), home + "/Library");
+            EXPECT_EQ(TQLocalPaths::libraryDirectory(false), home + "/Library") << "TQ_LOCAL_ROOT honoured";
+            EXPECT_EQ(TQLocalPaths::currentConsoleUser(), std::optional<std::string>("root"));
+        } else {
+            setenv("TQ_CONSOLE_USER", "nobody", 1);
+            // Real user 65534, effective root: the test variables do not count.
+            ASSERT_EQ(setresuid(65534, 0, 0), 0);
+            EXPECT_EQ(TQLocalPaths::localRoot(), "/");
+            EXPECT_EQ(TQLocalPaths::libraryDirectory(false), "/Library");
+            EXPECT_EQ(TQLocalPaths::libraryDirectory(true), home + "/Library") << "not root: own home";
+        }
+        return;
+    }
     TempDir dir;
     chmod(dir.path().c_str(), 0777);
-    auto r = runInChild(dir.path(), [&](Checks& c) {
-        setenv("TQ_CONSOLE_USER", "root", 1);
-        if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
-            c.expect(false, "could not drop privileges");
-            return;
-        }
-        c.expect(TQLocalPaths::userDirectory() == dir.path(), "own home");
-        c.expect(TQLocalPaths::libraryDirectory(true) == dir.path() + "/Library", "own library");
-        c.expect(TQLocalPaths::libraryDirectory(false) == dir.path() + "/Library", "TQ_LOCAL_ROOT honoured");
-        c.expect(TQLocalPaths::currentConsoleUser() == std::optional<std::string>("root"), "console user read");
-    });
-    EXPECT_TRUE(r.exitedCleanly()) << r.status;
-    EXPECT_EQ(r.failures, "");
-
-    auto r2 = runInChild(dir.path(), [&](Checks& c) {
-        setenv("TQ_CONSOLE_USER", "nobody", 1);
-        // Real user 65534, effective root: the test variables do not count.
-        if (setresuid(65534, 0, 0) != 0) {
-            c.expect(false, "could not change the real user");
-            return;
-        }
-        c.expect(TQLocalPaths::localRoot() == "/", "TQ_LOCAL_ROOT ignored");
-        c.expect(TQLocalPaths::libraryDirectory(false) == "/Library", "machine library");
-        c.expect(TQLocalPaths::libraryDirectory(true) == dir.path() + "/Library", "not root: own home");
-    });
-    EXPECT_TRUE(r2.exitedCleanly()) << r2.status;
-    EXPECT_EQ(r2.failures, "");
+    for (const char* row : {"0", "1"}) {
+        const TestRun run = runTest({}, dir.path(), {{"CORVINA_CASE", row}});
+        EXPECT_EQ(run.status, 0) << run.output;
+    }
 }

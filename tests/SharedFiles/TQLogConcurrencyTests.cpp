@@ -21,8 +21,9 @@ namespace fs = std::filesystem;
 // limit.
 TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
 {
-    TempDir dir;
-    auto r = runInChild(dir.path(), [&](Checks& c) {
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    {
         TQLog::createNewLog("Tool");
         constexpr int kThreads = 4;
         constexpr int kLines = 6000;  // about 1.7 MB in all: three restarts
@@ -40,9 +41,9 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
         for (auto& th : threads)
             th.join();
         TQLog::finishWriting();
-        c.expect(TQLog::sharedController().bytesInQueue() == 0, "queue drained");
+        EXPECT_EQ(TQLog::sharedController().bytesInQueue(), 0u);
 
-        const std::string folder = dir.path() + "/Library/Logs/Brantwell";
+        const std::string folder = root + "/Library/Logs/Brantwell";
         std::vector<int> next(kThreads, 0);
         int truncations = 0;
         for (int n = 5; n >= 1; --n) {
@@ -53,16 +54,14 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
             auto ls = splitLines(text);
             if (n > 1) {
                 const size_t lastEntry = ls.empty() ? 0 : ls.back().size() + 1;
-                c.expect(text.size() >= 500000 && text.size() - lastEntry < 500000,
-                         "file ." + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
+                EXPECT_TRUE(text.size() >= 500000 && text.size() - lastEntry < 500000)
+                    << "file ." << n << " ends with the crossing entry, size " << text.size();
             }
             for (const auto& l : ls) {
                 const std::string e = entryText(l);
                 int t = -1, i = -1;
                 if (std::sscanf(e.c_str(), "thread %d line %d", &t, &i) == 2 && t >= 0 && t < kThreads) {
-                    if (i != next[t])
-                        c.expect(false, "thread " + std::to_string(t) + " expected line " + std::to_string(next[t]) +
-                                            " got " + std::to_string(i));
+                    EXPECT_EQ(i, next[t]) << "thread " << t;
                     next[t] = i + 1;
                 }
                 truncations += e == "Log truncated at 500KB";
@@ -70,17 +69,16 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
         }
         // Only five files are kept: the oldest lines may be gone, never the newest.
         for (int t = 0; t < kThreads; ++t)
-            c.expect(next[t] == kLines, "thread " + std::to_string(t) + " ends at " + std::to_string(next[t]));
-        c.expect(truncations >= 3, "restarts: " + std::to_string(truncations));
-    });
-    EXPECT_TRUE(r.exitedCleanly()) << r.status;
-    EXPECT_EQ(r.failures, "");
+            EXPECT_EQ(next[t], kLines) << "thread " << t;
+        EXPECT_GE(truncations, 3) << "restarts";
+    }
 }
 
 TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 {
-    TempDir dir;
-    auto r = runInChild(dir.path(), [&](Checks& c) {
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    {
         TQLog::createNewLog("Tool");
         std::vector<std::thread> threads;
         std::atomic<int> ok{0};
@@ -95,15 +93,13 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
         }
         for (auto& th : threads)
             th.join();
-        c.expect(ok == 4, "all threads done");
-        auto ls = splitLines(readFile(dir.path() + "/Library/Logs/Brantwell/Tool.1.log"));
+        EXPECT_EQ(ok, 4);
+        auto ls = splitLines(readFile(root + "/Library/Logs/Brantwell/Tool.1.log"));
         int flushed = 0;
         for (const auto& l : ls)
             flushed += entryText(l).rfind("flush ", 0) == 0;
-        c.expect(flushed == 800, "all lines written: " + std::to_string(flushed));
-    });
-    EXPECT_TRUE(r.exitedCleanly()) << r.status;
-    EXPECT_EQ(r.failures, "");
+        EXPECT_EQ(flushed, 800);
+    }
 }
 
 namespace {
@@ -114,10 +110,13 @@ struct Described {
 };
 
 // Per-thread "t<thread> <line>" texts: each line exactly once, each thread's in order, up to
-// its last; from line 0 when fromStart.
-void expectEachLineOnceInOrder(const std::vector<std::string>& texts, int threads, int lines, bool fromStart,
-                               const std::function<void(bool, const std::string&)>& expect)
+// its last; from line 0 when fromStart. Returns the first faults found ("" for none).
+std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, int lines, bool fromStart)
 {
+    std::string faults;
+    auto expect = [&](bool ok, const std::string& what) {
+        if (!ok && faults.size() < 2000) faults += what + "\n";
+    };
     std::vector<int> next(threads, -1);
     for (const auto& text : texts) {
         int t = -1, i = -1;
@@ -135,6 +134,7 @@ void expectEachLineOnceInOrder(const std::vector<std::string>& texts, int thread
     for (int t = 0; t < threads; ++t)
         if (fromStart || next[t] >= 0)
             expect(next[t] == lines, "thread " + std::to_string(t) + " ends at " + std::to_string(next[t]));
+    return faults;
 }
 
 }  // namespace
@@ -179,12 +179,7 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
     const std::string expected = "t1 8 2.5 obj1 c " + std::string(60, 'p') + " (null)";
     EXPECT_NE(std::find(got.begin(), got.end(), expected), got.end()) << "formatted on the writer as on the caller";
     EXPECT_NE(std::find(got.begin(), got.end(), "t2 3 text"), got.end()) << "texts trimmed";
-    std::string failures;
-    expectEachLineOnceInOrder(got, kThreads, kLines, true, [&](bool ok, const std::string& what) {
-        if (!ok && failures.size() < 2000)
-            failures += what + "\n";
-    });
-    EXPECT_EQ(failures, "");
+    EXPECT_EQ(lineOrderFaults(got, kThreads, kLines, true), "");
 }
 
 namespace {
@@ -202,12 +197,13 @@ std::string withoutDates(const std::string& text)
 // exactly when five or more restarts rotate them out.
 TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
-    TempDir dir;
-    auto r = runInChild(dir.path(), [&](Checks& c) {
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    {
         for (int restarts : {3, 4, 5, 6, 12}) {
             std::string files[2];
             for (int shortcut = 0; shortcut < 2; ++shortcut) {
-                const std::string home = dir.path() + "/r" + std::to_string(restarts) + "s" + std::to_string(shortcut);
+                const std::string home = root + "/r" + std::to_string(restarts) + "s" + std::to_string(shortcut);
                 setenv("HOME", home.c_str(), 1);
                 setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
                 const std::string folder = home + "/Library/Logs/Brantwell";
@@ -216,7 +212,7 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                 std::atomic<bool> disabled{false}, noPrinting{false};
                 TQLogFile file(disabled, noPrinting);
                 file.setBatchShortcut(shortcut == 1);
-                c.expect(file.open("Tool"), "opened");
+                EXPECT_TRUE(file.open("Tool"));
                 TQLogTexts texts;
                 // 100-byte entries: 5000 to a file.
                 const int count = restarts * 5000 - 2500;
@@ -229,19 +225,17 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                 file.write(texts);  // a second batch goes on from where the first ended
                 const std::string what = std::to_string(restarts) + (shortcut ? " with" : " without");
                 const uint64_t taken = file.shortcutsTaken();
-                c.expect(shortcut ? (restarts >= 6 ? taken > 0 : restarts > 4 || taken == 0) : taken == 0,
-                         what + " shortcuts " + std::to_string(taken));
+                EXPECT_TRUE(shortcut ? (restarts >= 6 ? taken > 0 : restarts > 4 || taken == 0) : taken == 0)
+                    << what << " shortcuts " << taken;
                 for (int n = 1; n <= 5; ++n)
                     files[shortcut] += "--" + std::to_string(n) + "\n" +
                                        withoutDates(readFile(folder + "/Tool." + std::to_string(n) + ".log"));
-                c.expect(file.bytesWritten() == fs::file_size(folder + "/Tool.1.log"), what + " bytesWritten");
+                EXPECT_EQ(file.bytesWritten(), fs::file_size(folder + "/Tool.1.log")) << what;
             }
-            c.expect(files[0] == files[1], std::to_string(restarts) + " restarts: files differ");
-            c.expect(files[0].find("old ") == std::string::npos, std::to_string(restarts) + " old files rotated out");
+            EXPECT_EQ(files[0], files[1]) << restarts << " restarts";
+            EXPECT_EQ(files[0].find("old "), std::string::npos) << restarts << " restarts: old files rotated out";
         }
-    });
-    EXPECT_TRUE(r.exitedCleanly()) << r.status;
-    EXPECT_EQ(r.failures, "");
+    }
 }
 
 // Three producers across many restarts, the writer held now and then so that batches cross
@@ -252,8 +246,9 @@ class TQLogConcurrencyRestarts : public ::testing::TestWithParam<bool> {};
 TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
 {
     const bool shortcut = GetParam();
-    TempDir dir;
-    auto r = runInChild(dir.path(), [&](Checks& c) {
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    {
         TQLog::setBatchShortcutForTesting(shortcut);
         TQLog::createNewLog("Tool");
         constexpr int kThreads = 3, kLines = 40000;
@@ -280,33 +275,28 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
         for (auto& th : threads)
             th.join();
         TQLog::finishWriting();
-        c.expect(TQLog::sharedController().bytesInQueue() == 0, "queue drained");
-        c.expect((TQLog::batchShortcutsForTesting() > 0) == shortcut,
-                 "shortcuts taken: " + std::to_string(TQLog::batchShortcutsForTesting()));
+        EXPECT_EQ(TQLog::sharedController().bytesInQueue(), 0u);
+        EXPECT_EQ(TQLog::batchShortcutsForTesting() > 0, shortcut);
 
-        const std::string folder = dir.path() + "/Library/Logs/Brantwell";
+        const std::string folder = root + "/Library/Logs/Brantwell";
         std::vector<std::string> texts;
         for (int n = 5; n >= 1; --n) {
             const std::string text = readFile(folder + "/Tool." + std::to_string(n) + ".log");
             const auto ls = splitLines(text);
-            c.expect(ls.size() > 6, "file " + std::to_string(n) + " has lines");
+            EXPECT_GT(ls.size(), 6u) << "file " << n;
             if (ls.size() <= 6)
                 continue;
-            c.expect(entryText(ls[0]).rfind("Log started: ", 0) == 0, "file " + std::to_string(n) + " header");
-            c.expect(entryText(ls[5]) == "Log truncated at 500KB", "file " + std::to_string(n) + " truncation line");
-            if (n > 1)
-                c.expect(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000,
-                         "file " + std::to_string(n) + " ends with the crossing entry, size " + std::to_string(text.size()));
+            EXPECT_EQ(entryText(ls[0]).rfind("Log started: ", 0), 0u) << "file " << n;
+            EXPECT_EQ(entryText(ls[5]), "Log truncated at 500KB") << "file " << n;
+            if (n > 1) {
+                EXPECT_TRUE(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000)
+                    << "file " << n << " ends with the crossing entry, size " << text.size();
+            }
             for (const auto& l : ls)
                 texts.push_back(entryText(l));
         }
-        expectEachLineOnceInOrder(texts, kThreads, kLines, false, [&](bool ok, const std::string& what) {
-            if (c.failures.size() < 2000)
-                c.expect(ok, what);
-        });
-    });
-    EXPECT_TRUE(r.exitedCleanly()) << r.status;
-    EXPECT_EQ(r.failures, "");
+        EXPECT_EQ(lineOrderFaults(texts, kThreads, kLines, false), "");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Shortcut, TQLogConcurrencyRestarts, ::testing::Bool());

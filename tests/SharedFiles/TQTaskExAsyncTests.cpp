@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "ChildTest.h"
+#include "TestSupport.h"
 #include "TQLog.h"
 #include "TQTaskEx.h"
 
