@@ -8,16 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <functional>
-#include <memory>
-#include <sstream>
 
 namespace corvina::test {
 
 namespace {
 
+// Reads byte ranges of a file; movies above 4 GB are read where needed, never whole.
 class Fd {
 public:
     explicit Fd(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
@@ -30,15 +27,7 @@ public:
     bool ok() const { return fd_ >= 0; }
     bool readAt(uint64_t offset, void* out, size_t size) const
     {
-        auto* p = static_cast<uint8_t*>(out);
-        while (size) {
-            ssize_t n = ::pread(fd_, p, size, off_t(offset));
-            if (n <= 0) return false;
-            p += n;
-            size -= size_t(n);
-            offset += uint64_t(n);
-        }
-        return true;
+        return ::pread(fd_, out, size, off_t(offset)) == ssize_t(size);
     }
     uint64_t size() const
     {
@@ -305,9 +294,8 @@ private:
         c.skip(4);
         uint32_t n = c.u32();
         for (uint32_t i = 0; i < n && !c.bad; ++i) {
-            uint32_t count = c.u32();
-            uint32_t delta = c.u32();
-            t_.timeToSample.emplace_back(count, delta);
+            const uint32_t count = c.u32();
+            t_.timeToSample.emplace_back(count, c.u32());
         }
         checked(c, "stts");
     }
@@ -390,13 +378,13 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
     if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first > t.chunkOffsets.size())
         problem("stsc names chunks that do not exist");
     if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first <= t.chunkOffsets.size()) {
+        const auto per = t.samplesPerChunk();
         uint64_t stscCount = 0;
-        for (uint32_t n : t.samplesPerChunk()) stscCount += n;
-        if (stscCount != t.sampleCount)
+        for (uint32_t n : per) stscCount += n;
+        if (stscCount != t.sampleCount) {
             problem("stsc covers " + std::to_string(stscCount) + " samples, stsz " + std::to_string(t.sampleCount));
-        else {
+        } else {
             // Every chunk inside mdat.
-            auto per = t.samplesPerChunk();
             uint64_t sample = 0;
             for (size_t c = 0; c < per.size(); ++c) {
                 uint64_t bytes = 0;
@@ -428,22 +416,6 @@ std::vector<uint32_t> MovieTrack::samplesPerChunk() const
         size_t first = sampleToChunk[r].first;
         size_t last = r + 1 < sampleToChunk.size() ? sampleToChunk[r + 1].first - 1 : chunkOffsets.size();
         for (size_t c = first; c <= last && c >= 1 && c <= out.size(); ++c) out[c - 1] = sampleToChunk[r].second;
-    }
-    return out;
-}
-
-std::vector<uint64_t> MovieTrack::sampleOffsets() const
-{
-    std::vector<uint64_t> out;
-    out.reserve(sampleCount);
-    auto per = samplesPerChunk();
-    uint64_t sample = 0;
-    for (size_t c = 0; c < per.size(); ++c) {
-        uint64_t at = chunkOffsets[c];
-        for (uint32_t i = 0; i < per[c] && sample < sampleCount; ++i) {
-            out.push_back(at);
-            at += sampleSize(sample++);
-        }
     }
     return out;
 }
@@ -563,11 +535,9 @@ std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& trac
 
 std::vector<KeyValues> ffprobeStreams(const std::string& path)
 {
-    const std::string out = runProgram({"ffprobe", "-v", "error", "-show_streams", "-of", "default", path}).out;
     std::vector<KeyValues> streams;
-    std::istringstream lines(out);
-    std::string line;
-    while (std::getline(lines, line)) {
+    for (const auto& line :
+         splitLines(runProgram({"ffprobe", "-v", "error", "-show_streams", "-of", "default", path}).out)) {
         if (line == "[STREAM]") {
             streams.emplace_back();
         } else if (!streams.empty() && line != "[/STREAM]") {
@@ -610,9 +580,7 @@ bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics)
     // Probing decodes a few frames; synthetic essence makes decoders complain. Only the
     // demuxer's own messages (and lines of no context) count.
     std::string kept;
-    std::istringstream lines(r.err);
-    std::string line;
-    while (std::getline(lines, line)) {
+    for (const auto& line : splitLines(r.err)) {
         bool decoderLine = !line.empty() && line[0] == '[' && line.rfind("[mov,", 0) != 0;
         bool repeat = line.find("Last message repeated") != std::string::npos;
         if (!decoderLine && !repeat) kept += line + "\n";

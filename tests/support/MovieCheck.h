@@ -44,8 +44,6 @@ struct MovieTrack {
     uint32_t sampleSize(uint64_t i) const { return constantSize ? constantSize : sampleSizes[i]; }
     // Samples in each chunk, from the sample-to-chunk runs.
     std::vector<uint32_t> samplesPerChunk() const;
-    // File offset of every sample.
-    std::vector<uint64_t> sampleOffsets() const;
 };
 
 struct MovieSummary {

@@ -93,11 +93,32 @@ inline std::unique_ptr<SampleBuffer> oneSample(const FormatDescriptionRef& forma
                       {bytes.size()});
 }
 
-inline std::string problemsText(const std::vector<std::string>& problems)
+// The movie's summary; each structural problem found fails the test.
+inline MovieSummary checkedSummary(const std::string& path)
 {
-    std::string s;
-    for (const auto& p : problems) s += p + "\n";
-    return s;
+    MovieSummary m;
+    EXPECT_EQ(checkMovieStructure(path, &m), std::vector<std::string>{}) << path;
+    return m;
 }
+
+// A QuickTime writer with a video and, when withAudio, an audio input, started.
+struct OpenWriter {
+    std::unique_ptr<AssetWriter> writer;
+    std::shared_ptr<AssetWriterInput> video = AssetWriterInput::create(MediaType::Video);
+    std::shared_ptr<AssetWriterInput> audio = AssetWriterInput::create(MediaType::Audio);
+
+    explicit OpenWriter(const std::string& path, bool withAudio = true, bool startSession = true)
+    {
+        Error error;
+        writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+        EXPECT_TRUE(writer) << error.localizedDescription;
+        if (!writer) return;
+        EXPECT_TRUE(writer->canAddInput(*video));
+        writer->addInput(video);
+        if (withAudio) writer->addInput(audio);
+        EXPECT_TRUE(writer->startWriting());
+        if (startSession) writer->startSessionAtSourceTime(MediaTime::zero());
+    }
+};
 
 }  // namespace corvina::test

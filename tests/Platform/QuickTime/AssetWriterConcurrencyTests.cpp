@@ -60,18 +60,14 @@ struct Pump {
 TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
 {
     TempDir dir;
-    std::string path = dir / "pull.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    auto audio = AssetWriterInput::create(MediaType::Audio);
+    const std::string path = dir / "pull.mov";
+    OpenWriter w(path);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
+    auto& video = w.video;
+    auto& audio = w.audio;
     video->setExpectsMediaDataInRealTime(true);
     audio->setExpectsMediaDataInRealTime(true);
-    writer->addInput(video);
-    writer->addInput(audio);
-    ASSERT_TRUE(writer->startWriting());
-    writer->startSessionAtSourceTime(MediaTime::zero());
 
     auto vf = videoFormat(fourCC("dvcp"), 720, 576);
     auto af = audioFormat(48000, Layout::Stereo, true);
@@ -116,9 +112,7 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
     EXPECT_EQ(v.failures, 0) << "video ran ahead of the window";
     EXPECT_EQ(a.failures, 0) << "audio ran ahead of the window";
 
-    MovieSummary m;
-    auto problems = checkMovieStructure(path, &m);
-    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 2u);
     std::vector<std::pair<uint64_t, int>> chunks;
     for (int k = 0; k < 2; ++k)
@@ -149,15 +143,11 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
 TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
 {
     TempDir dir;
-    std::string path = dir / "videoonly.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    auto audio = AssetWriterInput::create(MediaType::Audio);
-    writer->addInput(video);
-    writer->addInput(audio);
-    ASSERT_TRUE(writer->startWriting());
+    const std::string path = dir / "videoonly.mov";
+    OpenWriter w(path, true, false);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
+    auto& video = w.video;
     auto vf = videoFormat(fourCC("dvc "), 720, 480);
     auto frame = randomBytes(5000, 1);
     Pump v;
@@ -174,9 +164,7 @@ TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
     v.start(group, nullptr);
     ASSERT_TRUE(group.wait(std::chrono::minutes(1))) << "the video pump was held back";
     EXPECT_TRUE(writer->finishWriting());
-    MovieSummary m;
-    auto problems = checkMovieStructure(path, &m);
-    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 1u);
     EXPECT_EQ(m.tracks[0].sampleCount, 120u);
 }

@@ -19,43 +19,16 @@ using namespace test;
 using test::checkMovieStructure;
 using test::MovieSummary;
 
-// A small tmpfs mounted for the lifetime of the object; unmounted lazily at the end.
-class SmallDisk {
-public:
-    SmallDisk(const std::string& where, const char* size) : path_(where)
-    {
-        ::mkdir(path_.c_str(), 0755);
-        std::string options = std::string("size=") + size;
-        mounted_ = ::mount("tmpfs", path_.c_str(), "tmpfs", 0, options.c_str()) == 0;
-        if (!mounted_) why_ = std::strerror(errno);
-    }
-    ~SmallDisk()
-    {
-        if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
-    }
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
-    bool mounted() const { return mounted_; }
-    const std::string& why() const { return why_; }
-
-private:
-    std::string path_;
-    bool mounted_ = false;
-    std::string why_;
-};
-
 TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
 {
     TempDir dir;
-    SmallDisk disk(dir / "disk", "1m");
-    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
-    std::string path = dir / "disk/full.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer) << error.description();
-    auto video = AssetWriterInput::create(MediaType::Video);
-    writer->addInput(video);
-    ASSERT_TRUE(writer->startWriting());
+    ScopedMount disk(dir / "disk", "tmpfs", "size=1m");
+    MOUNT_OR_SKIP(disk);
+    const std::string path = dir / "disk/full.mov";
+    OpenWriter w(path, false, false);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
+    auto& video = w.video;
     auto f = videoFormat(fourCC("dvcp"), 720, 576);
     auto frame = randomBytes(144000, 5);
     int accepted = 0;
@@ -82,16 +55,11 @@ TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
 TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
 {
     TempDir dir;
-    SmallDisk disk(dir / "disk", "1m");
-    if (!disk.mounted()) GTEST_SKIP() << "cannot mount a 1 MB tmpfs here: " << disk.why();
-    Error error;
-    auto writer = AssetWriter::create(dir / "disk/pumps.mov", kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    auto audio = AssetWriterInput::create(MediaType::Audio);
-    writer->addInput(video);
-    writer->addInput(audio);
-    ASSERT_TRUE(writer->startWriting());
+    ScopedMount disk(dir / "disk", "tmpfs", "size=1m");
+    MOUNT_OR_SKIP(disk);
+    OpenWriter w(dir / "disk/pumps.mov", true, false);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
     auto vf = videoFormat(fourCC("dvc "), 720, 480);
     auto af = audioFormat(48000, Layout::Mono, false);
     auto frame = randomBytes(120000, 2);
@@ -122,8 +90,8 @@ TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
             }
         });
     };
-    pump(video, DispatchQueue::createSerial("video"), true);
-    pump(audio, DispatchQueue::createSerial("audio"), false);
+    pump(w.video, DispatchQueue::createSerial("video"), true);
+    pump(w.audio, DispatchQueue::createSerial("audio"), false);
     ASSERT_TRUE(group.wait(std::chrono::minutes(2))) << "a pump waited forever after the failure";
     EXPECT_GT(refused.load(), 0);
     EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
@@ -133,14 +101,11 @@ TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
 TEST(AssetWriter, CancelRemovesThePartialMovie)
 {
     TempDir dir;
-    std::string path = dir / "cancelled.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    writer->addInput(video);
-    ASSERT_TRUE(writer->startWriting());
-    EXPECT_TRUE(video->appendSampleBuffer(
+    const std::string path = dir / "cancelled.mov";
+    OpenWriter w(path, false, false);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
+    EXPECT_TRUE(w.video->appendSampleBuffer(
         *oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1), MediaTime::zero(), MediaTime::make(1001, 30000))));
     writer->cancelWriting();
     EXPECT_EQ(writer->status(), AssetWriterStatus::Cancelled);
@@ -158,15 +123,12 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     struct statvfs fs {};
     if (::statvfs(dir.path().c_str(), &fs) != 0 || uint64_t(fs.f_bavail) * fs.f_frsize < (10ull << 30))
         GTEST_SKIP() << "needs 10 GB free in " << dir.path();
-    std::string path = dir / "large.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    ASSERT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    auto audio = AssetWriterInput::create(MediaType::Audio);
-    writer->addInput(video);
-    writer->addInput(audio);
-    ASSERT_TRUE(writer->startWriting());
+    const std::string path = dir / "large.mov";
+    OpenWriter w(path, true, false);
+    ASSERT_TRUE(w.writer);
+    auto& writer = w.writer;
+    auto& video = w.video;
+    auto& audio = w.audio;
     auto vf = videoFormat(fourCC("ap4x"), 3840, 2160);
     auto af = audioFormat(48000, Layout::Stereo, false);
     const size_t frameSize = 8u << 20;
@@ -189,9 +151,7 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     }
     ASSERT_TRUE(writer->finishWriting());
 
-    MovieSummary m;
-    auto problems = checkMovieStructure(path, &m);
-    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    const MovieSummary m = checkedSummary(path);
     EXPECT_TRUE(m.mdat64);
     EXPECT_EQ(m.mdatDataStart, 36u);
     ASSERT_EQ(m.tracks.size(), 2u);

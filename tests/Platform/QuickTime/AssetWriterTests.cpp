@@ -17,25 +17,6 @@ using test::MovieSummary;
 constexpr uint32_t kVide = fourCC("vide");
 constexpr uint32_t kSoun = fourCC("soun");
 
-struct Writer {
-    std::unique_ptr<AssetWriter> writer;
-    std::shared_ptr<AssetWriterInput> video = AssetWriterInput::create(MediaType::Video);
-    std::shared_ptr<AssetWriterInput> audio = AssetWriterInput::create(MediaType::Audio);
-
-    explicit Writer(const std::string& path)
-    {
-        Error error;
-        writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-        EXPECT_TRUE(writer) << error.localizedDescription;
-        if (!writer) return;
-        EXPECT_TRUE(writer->canAddInput(*video));
-        writer->addInput(video);
-        writer->addInput(audio);
-        EXPECT_TRUE(writer->startWriting());
-        writer->startSessionAtSourceTime(MediaTime::zero());
-    }
-};
-
 // Video frames of 1001/30000 s with sizes from a pattern; returns the bytes appended.
 std::vector<uint8_t> appendFrames(AssetWriterInput& input, const FormatDescriptionRef& f, int frames,
                                   const std::vector<size_t>& sizePattern, uint32_t seed)
@@ -70,15 +51,13 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
         std::string path = dir / "video.mov";
         std::vector<uint8_t> bytes;
         {
-            Writer w(path);
+            OpenWriter w(path);
             ASSERT_TRUE(w.writer);
             bytes = appendFrames(*w.video, videoFormat(r.codec, r.width, r.height), 45, r.sizes, 7);
             EXPECT_TRUE(w.writer->finishWriting());
             EXPECT_EQ(w.writer->status(), AssetWriterStatus::Completed);
         }
-        MovieSummary m;
-        auto problems = checkMovieStructure(path, &m);
-        EXPECT_TRUE(problems.empty()) << problemsText(problems);
+        const MovieSummary m = checkedSummary(path);
         ASSERT_EQ(m.tracks.size(), 1u);
         const auto& t = m.tracks[0];
         EXPECT_EQ(t.handler, kVide);
@@ -138,7 +117,7 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         auto pcm = pcmTone(frames, channels, r.bigEndian, r.rate);
         auto format = audioFormat(r.rate, r.layout, r.bigEndian);
         {
-            Writer w(path);
+            OpenWriter w(path);
             ASSERT_TRUE(w.writer);
             for (size_t at = 0; at < frames; at += size_t(r.framesPerBuffer)) {
                 auto s = makeSample(format, &pcm[at * bpf], bpf * size_t(r.framesPerBuffer), r.framesPerBuffer,
@@ -149,9 +128,7 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
             }
             EXPECT_TRUE(w.writer->finishWriting());
         }
-        MovieSummary m;
-        auto problems = checkMovieStructure(path, &m);
-        EXPECT_TRUE(problems.empty()) << problemsText(problems);
+        const MovieSummary m = checkedSummary(path);
         ASSERT_EQ(m.tracks.size(), 1u);
         const auto& t = m.tracks[0];
         EXPECT_EQ(t.handler, kSoun);
@@ -203,7 +180,7 @@ TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
     auto bytes = randomBytes(9000, 3);
     const MediaTime d = MediaTime::make(1001, 30000);
     {
-        Writer w(path);
+        OpenWriter w(path);
         ASSERT_TRUE(w.writer);
         // Three samples with their own sizes and one shared timing entry.
         EXPECT_TRUE(w.video->appendSampleBuffer(
@@ -222,9 +199,7 @@ TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
             {100, 100})));
         EXPECT_TRUE(w.writer->finishWriting());
     }
-    MovieSummary m;
-    auto problems = checkMovieStructure(path, &m);
-    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 1u);
     const auto& t = m.tracks[0];
     EXPECT_EQ(t.sampleCount, 9u);
@@ -249,7 +224,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
     auto pcm = pcmTone(1602, 2, false, 48000);
     const int frames = 150;  // 5 s
     {
-        Writer w(path);
+        OpenWriter w(path);
         ASSERT_TRUE(w.writer);
         int64_t audioFrames = 0;
         for (int i = 0; i < frames; ++i) {
@@ -265,9 +240,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
         }
         EXPECT_TRUE(w.writer->finishWriting());
     }
-    MovieSummary m;
-    auto problems = checkMovieStructure(path, &m);
-    EXPECT_TRUE(problems.empty()) << problemsText(problems);
+    const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 2u);
     EXPECT_EQ(m.tracks[0].trackID, 1u);
     EXPECT_EQ(m.tracks[1].trackID, 2u);
@@ -295,7 +268,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
 TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
 {
     TempDir dir;
-    Writer w(dir / "refuse.mov");
+    OpenWriter w(dir / "refuse.mov");
     ASSERT_TRUE(w.writer);
     auto audioSample = oneSample(audioFormat(48000, Layout::Mono, false), {1, 2}, MediaTime::zero(), MediaTime::make(1, 48000));
     EXPECT_FALSE(w.video->appendSampleBuffer(*audioSample)) << "audio on a video track";
