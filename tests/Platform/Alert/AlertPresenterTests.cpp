@@ -193,13 +193,20 @@ TEST(TerminalAlertAnswers, NumbersSelectOnlyButtonsThatExist)
     EXPECT_EQ(terminalPrompt(one).find("2)"), std::string::npos);
 }
 
-TEST(TerminalAlertPresenterConcurrency, ReadsTheAnswerFromTheTerminal)
-{
-    PipePair input;
-    PipePair output;
+// An alert on a terminal whose keyboard and screen are pipes.
+class TerminalAlertPresenterConcurrency : public ::testing::Test {
+protected:
+    std::shared_ptr<AlertSession> present(const AlertContent& c)
+    {
+        return makeTerminalAlertPresenter(input.readEnd(), output.writeEnd())->present(c, answer.completion());
+    }
+    PipePair input, output;
     Answer answer;
-    auto session = makeTerminalAlertPresenter(input.readEnd(), output.writeEnd())
-                       ->present(content("Save?", "Unsaved changes", "Save", "Discard"), answer.completion());
+};
+
+TEST_F(TerminalAlertPresenterConcurrency, ReadsTheAnswerFromTheTerminal)
+{
+    auto session = present(content("Save?", "Unsaved changes", "Save", "Discard"));
     input.write("9\n2\n");
     EXPECT_EQ(answer.wait(), kAlertAlternateReturn);
     session.reset();
@@ -208,24 +215,16 @@ TEST(TerminalAlertPresenterConcurrency, ReadsTheAnswerFromTheTerminal)
     EXPECT_NE(shown.find("Please answer"), std::string::npos) << "9 is not a button";
 }
 
-TEST(TerminalAlertPresenterConcurrency, EndOfInputMeansTheDefaultButton)
+TEST_F(TerminalAlertPresenterConcurrency, EndOfInputMeansTheDefaultButton)
 {
-    PipePair input;
-    PipePair output;
-    Answer answer;
-    auto session =
-        makeTerminalAlertPresenter(input.readEnd(), output.writeEnd())->present(content("Go on?"), answer.completion());
+    auto session = present(content("Go on?"));
     input.closeWrite();
     EXPECT_EQ(answer.wait(), kAlertDefaultReturn);
 }
 
-TEST(TerminalAlertPresenterConcurrency, DismissedAlertNeverAnswers)
+TEST_F(TerminalAlertPresenterConcurrency, DismissedAlertNeverAnswers)
 {
-    PipePair input;
-    PipePair output;
-    Answer answer;
-    auto session =
-        makeTerminalAlertPresenter(input.readEnd(), output.writeEnd())->present(content("Wait"), answer.completion());
+    auto session = present(content("Wait"));
     session->dismiss();
     session.reset();  // joins the reader
     EXPECT_EQ(answer.calls(), 0);
