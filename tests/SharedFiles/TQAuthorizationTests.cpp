@@ -22,41 +22,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using namespace corvina::test;
 
-namespace {
-
-struct ToolCall {
-    std::string tool;
-    std::vector<std::string> parameters;
-    bool async;
-};
-
-// Records the tools the controller would run instead of running them, so that no test can
-// remove anything it should not.
-class RecordedTools {
-public:
-    explicit RecordedTools(int32_t status = 0)
-    {
-        TQAuthorization::setExecHookForTesting([this, status](const std::string& tool,
-                                                              const std::vector<std::string>& parameters, bool async) {
-            std::lock_guard lock(mutex_);
-            calls_.push_back({tool, parameters, async});
-            return status;
-        });
-    }
-    ~RecordedTools() { TQAuthorization::setExecHookForTesting(nullptr); }
-    std::vector<ToolCall> calls()
-    {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<ToolCall> calls_;
-};
-
-}  // namespace
-
 TEST(TQAuthorizationShared, OneControllerWhateverTheLaterCallsAsk)
 {
     TQAuthorization& first = TQAuthorization::sharedController(true);
@@ -66,7 +31,7 @@ TEST(TQAuthorizationShared, OneControllerWhateverTheLaterCallsAsk)
 
 TEST(TQAuthorizationRemove, ProtectedFoldersAreRefusedWithoutRunningATool)
 {
-    RecordedTools tools;
+    Tools tools;
     corvina::ScopedSystemLogCapture capture;
     auto& auth = TQAuthorization::sharedController();
     EXPECT_FALSE(auth.authRemoveFile("/"));
@@ -82,21 +47,20 @@ TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
 {
     TempDir scratch;
     const std::string inside = scratch / "movie.mov";
-    RecordedTools tools;
+    Tools tools;
     EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
     const auto calls = tools.calls();
     ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].tool, "/bin/rm");
-    EXPECT_THAT(calls[0].parameters, ElementsAre("-Rdf", inside));
-    EXPECT_FALSE(calls[0].async) << "true must mean removed";
+    EXPECT_THAT(calls[0], ElementsAre("/bin/rm", "-Rdf", inside));
+    EXPECT_FALSE(tools.async()[0]) << "true must mean removed";
 
-    RecordedTools failing(1);
+    Tools failing(1);
     EXPECT_FALSE(TQAuthorization::sharedController().authRemoveFile(inside)) << "a failed start is a failure";
 }
 
 TEST(TQAuthorizationExec, MissingToolIsReportedWithoutAskingForRights)
 {
-    RecordedTools tools;
+    Tools tools;
     corvina::ScopedSystemLogCapture capture;
     EXPECT_EQ(TQAuthorization::sharedController().authExecTask("/nonexistent/tool", {"x"}), -2);
     EXPECT_THAT(capture.messages(), Contains("Unable to execute task: path /nonexistent/tool doesn't exist"));

@@ -15,16 +15,18 @@
 
 namespace corvina::test {
 
-// Privileged tools recorded (tool, then arguments) instead of run; each answers `status`.
+// Privileged tools recorded (tool, then arguments, and whether it was started without waiting)
+// instead of run, so that no test can remove anything it should not; each answers `status`.
 class Tools {
 public:
     using Call = std::vector<std::string>;
     explicit Tools(int32_t status = 0)
     {
-        TQAuthorization::setExecHookForTesting([this, status](const std::string& tool, Call args, bool) {
+        TQAuthorization::setExecHookForTesting([this, status](const std::string& tool, Call args, bool async) {
             args.insert(args.begin(), tool);
             std::lock_guard lock(mutex_);
             calls_.push_back(std::move(args));
+            async_.push_back(async);
             return status;
         });
     }
@@ -36,10 +38,16 @@ public:
         std::lock_guard lock(mutex_);
         return calls_;
     }
+    std::vector<bool> async()
+    {
+        std::lock_guard lock(mutex_);
+        return async_;
+    }
 
 private:
     std::mutex mutex_;
     std::vector<Call> calls_;
+    std::vector<bool> async_;
 };
 
 // Drops this (child) process to the user nobody, handing it the child's home first.
