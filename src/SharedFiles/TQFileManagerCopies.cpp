@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -100,6 +101,7 @@ struct Destination {
     tqfiles::Descriptor file;
     std::optional<TQDigestState> digest;
     tqfiles::AlignedBuffer readBack;
+    bool shortWrite = false;  // some block did not reach the file whole
 };
 
 struct Block {
@@ -172,8 +174,10 @@ private:
 
     void writeBlock(Destination& d, const Block& block)
     {
-        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size)
+        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size) {
             corvina::systemLog("Error writing file %@: %i", d.path, errno);
+            d.shortWrite = true;
+        }
         std::span<uint8_t> readBack;
         if (d.digest && block.size) {
             // What the file holds now at the block's place, not the bytes we handed it.
@@ -392,5 +396,9 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
 
     carryMetadata(sourceInfo, outputs);
     if (delegate && delegate->fileCopyFinished) delegate->fileCopyFinished(*settings);
-    return true;
+    // A destination that missed bytes (a full disk, a failing device) did not receive the
+    // whole file: the caller must not take it for a copy it can rely on.
+    const bool whole = std::ranges::none_of(outputs, [](const Destination& d) { return d.shortWrite; });
+    if (!whole) corvina::systemLog("Error: copied file size does not match original source %@", source);
+    return whole;
 }
