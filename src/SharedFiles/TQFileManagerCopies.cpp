@@ -89,7 +89,7 @@ bool createFolder(const std::string& folder, std::chrono::seconds timeout)
     std::error_code ec;
     std::filesystem::create_directories(folder, ec);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!tqfiles::isDirectory(folder)) {
+    while (!TQFileManager::isDirectoryAtPath(folder)) {
         if (ec || std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(10ms);
     }
@@ -238,7 +238,7 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
                                          std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object,
                                          const corvina::Value& object2)
 {
-    if (!tqfiles::exists(source)) {
+    if (!TQFileManager::fileExistsAtPath(source)) {
         corvina::systemLog("Error: File %@ doesn't exist. Aborting copy process...", source);
         return false;
     }
@@ -254,7 +254,7 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     }
     for (const auto& d : destinations) {
         const std::string folder = corvina::deletingLastPathComponent(d);
-        if (!folder.empty() && !tqfiles::isDirectory(folder) && !createFolder(folder, 10s)) {
+        if (!folder.empty() && !TQFileManager::isDirectoryAtPath(folder) && !createFolder(folder, 10s)) {
             corvina::systemLog("Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
                                source, folder);
             return false;
