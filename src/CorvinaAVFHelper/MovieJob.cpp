@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -79,6 +80,7 @@ private:
         bool empty = false;  // <name/>
     };
     static constexpr int kMaxDepth = 256;
+    static constexpr size_t kSizingEntries = 64;
 
     static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
@@ -380,9 +382,18 @@ private:
         }
         if (tag.empty) return true;
         std::string key;
+        const char* const first = p_;
         for (;;) {
+            if (table.size() == kSizingEntries) reserveFor(table, first);
             Tag next;
-            if (!skipMisc() || !readTag(next)) return false;
+            if (!skipMisc()) return false;
+            if (startsWith("<dict>")) {
+                // The usual entry, read without the tag machinery.
+                p_ += 6;
+                next.name = "dict";
+            } else if (!readTag(next)) {
+                return false;
+            }
             if (next.closing) return next.name == "array";
             if (next.name != "dict" || next.empty) {
                 Value item;
@@ -392,6 +403,7 @@ private:
             }
             MediaEntry entry;
             for (;;) {
+                if (readPlainField(entry)) continue;
                 bool done = false;
                 if (!readKey(key, done)) return false;
                 if (done) break;
@@ -405,6 +417,58 @@ private:
             }
             table.push_back(entry);
         }
+    }
+
+    bool startsWith(std::string_view text) const
+    {
+        return size_t(end_ - p_) >= text.size() && std::memcmp(p_, text.data(), text.size()) == 0;
+    }
+
+    // One field of an entry in its usual spelling, white space, <key>name</key>, white space,
+    // <integer>digits</integer>, stored in the entry. Anything else (signs, entities,
+    // comments, other types, numbers past 64 bits, the end of the dictionary) leaves the
+    // position as it was and returns false for the general path to read.
+    bool readPlainField(MediaEntry& entry)
+    {
+        const char* q = p_;
+        while (q < end_ && isSpace(*q)) ++q;
+        constexpr std::string_view kKeyOpen = "<key>", kKeyClose = "</key>";
+        constexpr std::string_view kIntOpen = "<integer>", kIntClose = "</integer>";
+        const auto take = [&](std::string_view text) {
+            if (size_t(end_ - q) < text.size() || std::memcmp(q, text.data(), text.size()) != 0) return false;
+            q += text.size();
+            return true;
+        };
+        if (!take(kKeyOpen)) return false;
+        const char* const keyStart = q;
+        while (q < end_ && *q != '<' && *q != '&') ++q;
+        const std::string_view key(keyStart, size_t(q - keyStart));
+        if (!take(kKeyClose)) return false;
+        while (q < end_ && isSpace(*q)) ++q;
+        if (!take(kIntOpen)) return false;
+        const char* const digits = q;
+        while (q < end_ && *q >= '0' && *q <= '9') ++q;
+        uint64_t value = 0;
+        auto [ptr, ec] = std::from_chars(digits, q, value);
+        if (digits == q || ec != std::errc() || ptr != q || !take(kIntClose)) return false;
+        // What the accessors make of a non-negative integer.
+        if (key == "offset") entry.offset = value;
+        else if (key == "length") entry.length = value;
+        else if (key == "frameCount") entry.frameCount = static_cast<int64_t>(value);
+        p_ = q;
+        maybeRelease();
+        return true;
+    }
+
+    // Sizes the table once its first entries show how long an entry is written: enough room
+    // for the rest of the document spelled the same way, so that a long table is not copied
+    // as it grows. Only the room used is ever touched, and the room asked for never exceeds
+    // the bytes of the document left to read (an entry is written in more than 24 bytes).
+    void reserveFor(MediaEntryTable& table, const char* arrayStart)
+    {
+        const size_t left = size_t(end_ - p_);
+        const size_t perEntry = std::max<size_t>(size_t(p_ - arrayStart) / table.size(), sizeof(MediaEntry));
+        table.reserve(table.size() + left / perEntry + 16);
     }
 
     // Pages of a mapped document that have been read are given back now and then, so that
