@@ -258,18 +258,20 @@ private:
         }
         if (tag.name == "integer") {
             if (tag.empty) return false;
-            // Digits without entities are read in place, the common case of an entry table.
+            // Read in place. A number spelled with entities is the tree's business: it does
+            // not decode them there.
             const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
-            if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
-                const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
-                p_ = lt;
-                Tag close;
-                return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
-            }
-            return readText(tag.name, text_) && parseInteger(trimmed(text_), out);
+            if (!lt || std::memchr(p_, '&', size_t(lt - p_))) return false;
+            const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
+            p_ = lt;
+            Tag close;
+            return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
         }
         if (tag.name == "real") {
-            if (tag.empty || !readText(tag.name, text_)) return false;
+            if (tag.empty) return false;
+            const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+            if (!lt || std::memchr(p_, '&', size_t(lt - p_))) return false;
+            if (!readText(tag.name, text_)) return false;
             const std::string_view digits = trimmed(text_);
             double v = 0;
             auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
@@ -333,19 +335,16 @@ private:
             done = true;
             return tag.name == "dict";
         }
-        if (tag.name != "key") return false;
-        if (tag.empty) {
-            key.clear();
-            return true;
-        }
+        // An empty key is refused by the property-list reader: left to it.
+        if (tag.name != "key" || tag.empty) return false;
         const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
         if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
             key.assign(p_, size_t(lt - p_));
             p_ = lt;
             Tag close;
-            return readTag(close) && close.closing && close.name == "key";
+            return !key.empty() && readTag(close) && close.closing && close.name == "key";
         }
-        return readText("key", key);
+        return readText("key", key) && !key.empty();
     }
 
     bool readTopLevel(const Tag& tag)
@@ -443,7 +442,7 @@ private:
         const char* const keyStart = q;
         while (q < end_ && *q != '<' && *q != '&') ++q;
         const std::string_view key(keyStart, size_t(q - keyStart));
-        if (!take(kKeyClose)) return false;
+        if (key.empty() || !take(kKeyClose)) return false;
         while (q < end_ && isSpace(*q)) ++q;
         if (!take(kIntOpen)) return false;
         const char* const digits = q;
