@@ -98,17 +98,41 @@ private:
                 const char* close = find("-->", p_ + 4);
                 if (!close) return false;
                 p_ = close + 3;
-            } else if (end_ - p_ >= 2 && (std::memcmp(p_, "<?", 2) == 0 || std::memcmp(p_, "<!", 2) == 0)) {
-                if (end_ - p_ >= 9 && std::memcmp(p_, "<![CDATA[", 9) == 0) return false;
-                const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
-                if (!close) return false;
-                // A document type with an internal subset is more than this reader takes.
-                if (std::memchr(p_, '[', size_t(close - p_))) return false;
-                p_ = close + 1;
+            } else if (end_ - p_ >= 2 && std::memcmp(p_, "<?", 2) == 0) {
+                if (!skipDeclaration()) return false;
+            } else if (end_ - p_ >= 2 && std::memcmp(p_, "<!", 2) == 0) {
+                // The document type only, in its usual spelling.
+                if (end_ - p_ < 10 || std::memcmp(p_, "<!DOCTYPE", 9) != 0 || !isSpace(p_[9])) return false;
+                // Quoted identifiers are passed over whole and must be closed; a document
+                // type with an internal subset is more than this reader takes.
+                const char* q = p_ + 10;
+                while (q < end_ && *q != '>') {
+                    if (*q == '[' || *q == '<') return false;
+                    if (*q == '"' || *q == '\'') {
+                        const char* closeQuote = static_cast<const char*>(std::memchr(q + 1, *q, size_t(end_ - q - 1)));
+                        if (!closeQuote) return false;
+                        q = closeQuote;
+                    }
+                    ++q;
+                }
+                if (q >= end_) return false;
+                p_ = q + 1;
             } else {
                 return true;
             }
         }
+    }
+
+    // A processing instruction or XML declaration: a name, then name="value" pairs only.
+    // Anything looser is left to the property-list reader, which is stricter about them.
+    bool skipDeclaration()
+    {
+        const char* q = p_ + 2;
+        const char* const nameStart = q;
+        while (q < end_ && isNameChar(*q)) ++q;
+        if (q == nameStart || !skipAttributes(q, '?', true) || end_ - q < 2 || q[1] != '>') return false;
+        p_ = q + 2;
+        return true;
     }
 
     const char* find(std::string_view what, const char* from) const
@@ -131,14 +155,44 @@ private:
         const char* nameStart = p_;
         while (p_ < end_ && *p_ != '>' && *p_ != '/' && !isSpace(*p_)) ++p_;
         tag.name = std::string_view(nameStart, size_t(p_ - nameStart));
-        // Attributes (the plist version) are passed over.
-        const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
-        if (!close || tag.name.empty()) return false;
-        if (close > p_ && close[-1] == '/') tag.empty = true;
+        if (tag.name.empty()) return false;
+        // Attributes (the plist version) are passed over when well formed; a closing tag has none.
+        const char* q = p_;
+        if (!skipAttributes(q, '>', !tag.closing)) return false;
+        if (q[-1] == '/' && q - 1 >= p_) tag.empty = true;
         if (tag.closing && tag.empty) return false;
-        p_ = close + 1;
+        p_ = q + 1;
         maybeRelease();
         return true;
+    }
+
+    static bool isNameChar(char c)
+    {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+               c == '.' || c == ':';
+    }
+
+    // Moves q past white space and name="value" pairs (each after white space) to the closing
+    // character, or to "/" + close for an empty element when allowed. False for anything else.
+    bool skipAttributes(const char*& q, char close, bool attributesAllowed) const
+    {
+        for (;;) {
+            const char* const beforeSpace = q;
+            while (q < end_ && isSpace(*q)) ++q;
+            if (q < end_ && *q == close) return true;
+            if (close == '>' && end_ - q >= 2 && q[0] == '/' && q[1] == '>') {
+                ++q;
+                return true;
+            }
+            if (q == beforeSpace || !attributesAllowed) return false;
+            const char* const attribute = q;
+            while (q < end_ && isNameChar(*q)) ++q;
+            if (q == attribute || q >= end_ || *q != '=' || ++q >= end_ || (*q != '"' && *q != '\'')) return false;
+            const char quote = *q++;
+            while (q < end_ && *q != quote && *q != '<' && *q != '&') ++q;
+            if (q >= end_ || *q != quote) return false;
+            ++q;
+        }
     }
 
     // The text up to the closing tag of name, entities decoded.

@@ -110,6 +110,8 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
         plist("<key>tmpFilename</key><string>a &bogus; b</string>"),
         plist("<key>offsetArray</key><array>"),
         "<plist version=\"1.0\"><array><integer>1</integer></array></plist>",
+        "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>",
+        "<!DOCTY PE plist><plist version=\"1.0\"><dict/></plist>",
         "",
         "bplist00 but nothing after",
     };
