@@ -7,13 +7,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "Foundation/StringUtils.h"
+#include "Workspace/Workspace.h"
 #include "TQFileManager.h"
 #include "TQFileManagerSupport.h"
 #include "TQLocalPaths.h"
@@ -32,96 +31,14 @@ bool recentlyModified(const std::optional<corvina::Date>& date, corvina::Date no
     return date && *date >= now - kStillWritingAge && *date <= now + kStillWritingAge;
 }
 
-// ---- Trash ------------------------------------------------------------------------------
-
-std::string percentEncoded(std::string_view path)
-{
-    std::string out;
-    for (const unsigned char c : path) {
-        if (std::isalnum(c) || std::strchr("/-_.~", c)) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            char hex[4];
-            std::snprintf(hex, sizeof hex, "%%%02X", c);
-            out += hex;
-        }
-    }
-    return out;
-}
-
-std::string localTimestamp(const char* pattern)
-{
-    const std::time_t now = std::time(nullptr);
-    std::tm tm {};
-    ::localtime_r(&now, &tm);
-    char text[64];
-    std::strftime(text, sizeof text, pattern, &tm);
-    return text;
-}
-
-// The top folder of the file system the path is on.
-std::string mountTop(const std::string& path)
-{
-    std::filesystem::path p = std::filesystem::absolute(path).parent_path();
-    struct stat here {};
-    if (::stat(p.c_str(), &here) != 0) return "/";
-    while (p.has_relative_path()) {
-        struct stat up {};
-        if (::stat(p.parent_path().c_str(), &up) != 0 || up.st_dev != here.st_dev) break;
-        p = p.parent_path();
-    }
-    return p.string();
-}
-
-bool moveInto(const std::string& path, const std::string& trashFiles, bool createFolders)
-{
-    const std::string info = corvina::appendPathComponent(corvina::deletingLastPathComponent(trashFiles), "info");
-    if (createFolders) {
-        std::error_code ec;
-        std::filesystem::create_directories(trashFiles, ec);
-        std::filesystem::create_directories(info, ec);
-    }
-    std::string name = corvina::lastPathComponent(path);
-    if (tqfiles::exists(corvina::appendPathComponent(trashFiles, name)) ||
-        tqfiles::exists(corvina::appendPathComponent(info, name + ".trashinfo"))) {
-        const std::string ext = corvina::pathExtension(name);
-        name = corvina::deletingPathExtension(name) + "_" + localTimestamp("%Y%m%d%H%M%S") + (ext.empty() ? "" : "." + ext);
-    }
-    const std::string record = corvina::appendPathComponent(info, name + ".trashinfo");
-    {
-        std::ofstream out(record, std::ios::binary | std::ios::trunc);
-        out << "[Trash Info]\nPath=" << percentEncoded(std::filesystem::absolute(path).string())
-            << "\nDeletionDate=" << localTimestamp("%Y-%m-%dT%H:%M:%S") << "\n";
-        if (!out) return false;
-    }
-    if (::rename(path.c_str(), corvina::appendPathComponent(trashFiles, name).c_str()) == 0) return true;
-    ::unlink(record.c_str());
-    return false;
-}
-
 }  // namespace
-
-bool tqfiles::moveToTrash(const std::string& path)
-{
-    struct stat item {};
-    if (::lstat(path.c_str(), &item) != 0) return false;
-    if (const auto home = TQLocalPaths::trashDirectory()) {
-        std::error_code ec;
-        std::filesystem::create_directories(*home, ec);
-        struct stat trash {};
-        if (::stat(home->c_str(), &trash) == 0 && trash.st_dev == item.st_dev) return moveInto(path, *home, true);
-    }
-    // Another file system: its own trash folder at its top, as desktop file managers use.
-    const std::string top = mountTop(path);
-    return moveInto(path, corvina::appendPathComponent(top, ".Trash-" + std::to_string(::getuid()) + "/files"), true);
-}
 
 // ---- Waiting on files ----------------------------------------------------------------------
 
 void TQFileManager::waitForFileWrites(const std::string& path, const std::optional<std::string>& lockFile)
 {
-    auto date = tqfiles::modificationDate(path);
-    const bool writing = recentlyModified(date, corvina::Clock::now()) || (lockFile && tqfiles::exists(*lockFile));
+    auto date = modificationDateForFile(path);
+    const bool writing = recentlyModified(date, corvina::Clock::now()) || (lockFile && fileExistsAtPath(*lockFile));
     if (!writing) return;
     TQLog::appendLog("File %@ is currently being written to. Waiting...", path);
     // The answer changes only when the date does or when it grows old, so sleep until the
@@ -129,7 +46,7 @@ void TQFileManager::waitForFileWrites(const std::string& path, const std::option
     while (recentlyModified(date, corvina::Clock::now())) {
         const auto due = *date + kStillWritingAge + 1ms;
         std::this_thread::sleep_for(std::clamp<corvina::Clock::duration>(due - corvina::Clock::now(), 500us, 1s));
-        date = tqfiles::modificationDate(path);
+        date = modificationDateForFile(path);
     }
     TQLog::appendLog("File %@ finished writing.", path);
 }
@@ -280,7 +197,7 @@ bool staysInside(std::string_view name)
 
 bool TQFileManager::compressFile(const std::string& path, const std::string& archivePath, bool includeParent)
 {
-    if (tqfiles::exists(archivePath) && !tqfiles::moveToTrash(archivePath)) {
+    if (fileExistsAtPath(archivePath) && !trashFile(archivePath)) {
         TQLog::appendLog("Unable to move the existing archive %@ to the trash", archivePath);
         return false;
     }
@@ -306,12 +223,16 @@ bool TQFileManager::compressFile(const std::string& path, const std::string& arc
     }
     if (ok) ok = ::rename(partial.c_str(), archivePath.c_str()) == 0;
     if (!ok) ::unlink(partial.c_str());
-    return tqfiles::exists(archivePath);
+    return fileExistsAtPath(archivePath);
 }
 
 bool TQFileManager::decompressFile(const std::string& archivePath, const std::string& destinationFolder)
 {
-    if (tqfiles::exists(destinationFolder)) tqfiles::moveToTrash(destinationFolder);
+    // Out of the way without the privileged fallback; whether it went is not looked at, as
+    // only the folder's existence afterwards is the result.
+    if (fileExistsAtPath(destinationFolder)) {
+        if (const auto trash = TQLocalPaths::trashDirectory()) corvina::trash::recycle(destinationFolder, *trash);
+    }
 
     ArchiveReader reader;
     std::unique_ptr<archive, int (*)(archive*)> disk(archive_write_disk_new(), archive_write_free);
@@ -361,5 +282,5 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     }
     if (status == ARCHIVE_FATAL) TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
     archive_write_close(disk.get());
-    return tqfiles::exists(destinationFolder);
+    return fileExistsAtPath(destinationFolder);
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -88,7 +89,7 @@ bool createFolder(const std::string& folder, std::chrono::seconds timeout)
     std::error_code ec;
     std::filesystem::create_directories(folder, ec);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!tqfiles::isDirectory(folder)) {
+    while (!TQFileManager::isDirectoryAtPath(folder)) {
         if (ec || std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(10ms);
     }
@@ -100,6 +101,7 @@ struct Destination {
     tqfiles::Descriptor file;
     std::optional<TQDigestState> digest;
     tqfiles::AlignedBuffer readBack;
+    bool shortWrite = false;  // some block did not reach the file whole
 };
 
 struct Block {
@@ -172,8 +174,10 @@ private:
 
     void writeBlock(Destination& d, const Block& block)
     {
-        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size)
+        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size) {
             corvina::systemLog("Error writing file %@: %i", d.path, errno);
+            d.shortWrite = true;
+        }
         std::span<uint8_t> readBack;
         if (d.digest && block.size) {
             // What the file holds now at the block's place, not the bytes we handed it.
@@ -234,7 +238,7 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
                                          std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object,
                                          const corvina::Value& object2)
 {
-    if (!tqfiles::exists(source)) {
+    if (!TQFileManager::fileExistsAtPath(source)) {
         corvina::systemLog("Error: File %@ doesn't exist. Aborting copy process...", source);
         return false;
     }
@@ -250,7 +254,7 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     }
     for (const auto& d : destinations) {
         const std::string folder = corvina::deletingLastPathComponent(d);
-        if (!folder.empty() && !tqfiles::isDirectory(folder) && !createFolder(folder, 10s)) {
+        if (!folder.empty() && !TQFileManager::isDirectoryAtPath(folder) && !createFolder(folder, 10s)) {
             corvina::systemLog("Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
                                source, folder);
             return false;
@@ -392,5 +396,9 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
 
     carryMetadata(sourceInfo, outputs);
     if (delegate && delegate->fileCopyFinished) delegate->fileCopyFinished(*settings);
-    return true;
+    // A destination that missed bytes (a full disk, a failing device) did not receive the
+    // whole file: the caller must not take it for a copy it can rely on.
+    const bool whole = std::ranges::none_of(outputs, [](const Destination& d) { return d.shortWrite; });
+    if (!whole) corvina::systemLog("Error: copied file size does not match original source %@", source);
+    return whole;
 }

@@ -115,7 +115,7 @@ std::vector<std::string> TQFileManager::filesMatchingWildcardPath(const std::str
         } else {
             for (const auto& candidate : candidates) {
                 std::string path = corvina::appendPathComponent(candidate, component);
-                if (tqfiles::exists(path)) next.push_back(std::move(path));
+                if (TQFileManager::fileExistsAtPath(path)) next.push_back(std::move(path));
             }
         }
         candidates = std::move(next);

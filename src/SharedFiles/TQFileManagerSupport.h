@@ -13,10 +13,8 @@
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <optional>
 #include <string>
 
-#include "Foundation/Date.h"
 
 namespace tqfiles {
 
@@ -182,30 +180,5 @@ private:
     bool stopping_ = false;
     std::thread thread_;
 };
-
-// Something is at the path (a dangling link counts as nothing, as the platform's test does).
-inline bool exists(const std::string& path)
-{
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0;
-}
-
-inline bool isDirectory(const std::string& path)
-{
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-inline std::optional<corvina::Date> modificationDate(const std::string& path)
-{
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-    return corvina::Date(std::chrono::duration_cast<corvina::Clock::duration>(
-        std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
-}
-
-// Moves the item into the user's trash (with its .trashinfo record) under a free name.
-// False when it could not be moved; the item is then where it was.
-bool moveToTrash(const std::string& path);
 
 }  // namespace tqfiles

@@ -271,14 +271,19 @@ TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
     const std::string source = makeFile(scratch / "take.mov", 3 * MiB);
     Recorder rec;
     corvina::ScopedSystemLogCapture log;
-    // Write errors do not stop the copy; the short destination shows in the verification.
-    EXPECT_TRUE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"},
-                                                    TQVerificationType::SHA1, rec.delegate()));
+    // Write errors do not stop the copy; the short destination shows in the verification
+    // and makes the result no, with or without a verification.
+    EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"},
+                                                     TQVerificationType::SHA1, rec.delegate()));
     EXPECT_EQ(rec.failedFiles, std::vector<std::string>{small + "/full.mov"});
     EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source));
     EXPECT_LT(filestest::fileSize(small + "/full.mov"), filestest::fileSize(source));
     const auto messages = log.messages();
     EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
+    EXPECT_EQ(std::ranges::count(messages, "Error: copied file size does not match original source " + source), 1);
+
+    fs::remove(small + "/full.mov");
+    EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, small + "/unverified.mov", nullptr));
 }
 
 TEST(TQFileManagerCopy, UnreadableSourceFailsForAnOrdinaryUser)
