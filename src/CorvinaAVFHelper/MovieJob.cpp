@@ -269,9 +269,17 @@ private:
         return s;
     }
 
+    // Decimal numbers only: the property-list reader takes a leading 0 for octal (and 0x for
+    // hexadecimal), so those are left to it.
+    static bool hasRadixPrefix(std::string_view digits)
+    {
+        if (!digits.empty() && (digits[0] == '-' || digits[0] == '+')) digits.remove_prefix(1);
+        return digits.size() > 1 && digits[0] == '0';
+    }
+
     static bool parseInteger(std::string_view digits, Value& out)
     {
-        if (digits.empty()) return false;
+        if (digits.empty() || hasRadixPrefix(digits)) return false;
         const char* last = digits.data() + digits.size();
         if (digits[0] == '-') {
             int64_t v = 0;
@@ -503,7 +511,9 @@ private:
         while (q < end_ && *q >= '0' && *q <= '9') ++q;
         uint64_t value = 0;
         auto [ptr, ec] = std::from_chars(digits, q, value);
-        if (digits == q || ec != std::errc() || ptr != q || !take(kIntClose)) return false;
+        if (digits == q || ec != std::errc() || ptr != q || hasRadixPrefix({digits, size_t(q - digits)}) ||
+            !take(kIntClose))
+            return false;
         // What the accessors make of a non-negative integer.
         if (key == "offset") entry.offset = value;
         else if (key == "length") entry.length = value;

@@ -154,7 +154,8 @@ TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
     const std::string plain = "<dict><key>offset</key><integer>8</integer><key>length</key><integer>4</integer></dict>";
     // Each spelling, and whether the stream must read it itself.
     const std::pair<std::string, bool> spellings[] = {
-        {"<dict>\n\t<key>length</key>\n\t<integer>0004</integer>\n\t<key>offset</key>\n\t<integer>12</integer>\n</dict>", true},
+        {"<dict>\n\t<key>length</key>\n\t<integer>4</integer>\n\t<key>offset</key>\n\t<integer>12</integer>\n</dict>", true},
+        {"<dict><key>offset</key><integer>044</integer><key>length</key><integer>-010</integer></dict>", false},
         {"<dict><key>offset</key><integer>+5</integer><key>length</key><integer>-5</integer></dict>", false},
         {"<dict><key>offset</key><integer> 5 </integer><key>frameCount</key><integer>9223372036854775808</integer></dict>", false},
         {"<dict><key>offset</key><integer>18446744073709551616</integer></dict>", false},
