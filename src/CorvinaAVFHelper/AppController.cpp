@@ -256,8 +256,8 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     TQLog::appendLog("Video format: %@", TQAVFoundation::fourCCString(video->codecType));
     TQLog::appendLog("1");
 
-    // The job is checked as a whole before anything is touched. The check's own copies of the
-    // tables are gone before the first sample.
+    // The job is checked as a whole before anything is touched, straight from its tables:
+    // a document of a million entries must not cost a second copy of them.
     const MediaEntryTable& videoEntries = *job.videoEntries;
     const MediaEntryTable& audioEntries = *job.audioEntries;
     const size_t videoCount = videoEntries.size();
@@ -267,23 +267,12 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     uint64_t videoHeld = 0;
     uint64_t audioHeld = 0;
     {
-        std::vector<int64_t> frameCounts(videoCount);
-        std::vector<jobcheck::ByteRange> videoRanges(videoCount);
-        for (size_t i = 0; i < videoCount; ++i) {
-            const MediaEntry& entry = videoEntries[i];
-            frameCounts[i] = entry.frameCount;
-            videoRanges[i] = {entry.offset, entry.length};
+        for (const MediaEntry& entry : videoEntries)
             videoFrames =
-                jobcheck::addSaturating(videoFrames, frameCounts[i] < 1 ? 1 : static_cast<uint64_t>(frameCounts[i]));
-        }
-        std::vector<uint64_t> audioLengths(audioCount);
-        std::vector<jobcheck::ByteRange> audioRanges(audioCount);
-        for (size_t i = 0; i < audioCount; ++i) {
-            const MediaEntry& entry = audioEntries[i];
-            audioLengths[i] = entry.length;
-            audioRanges[i] = {entry.offset, entry.length};
-            audioFrames = jobcheck::addSaturating(audioFrames, audioLengths[i] / audio->feederBytesPerFrame);
-        }
+                jobcheck::addSaturating(videoFrames, entry.frameCount < 1 ? 1 : static_cast<uint64_t>(entry.frameCount));
+        if (audio)
+            for (const MediaEntry& entry : audioEntries)
+                audioFrames = jobcheck::addSaturating(audioFrames, entry.length / audio->feederBytesPerFrame);
         {
             std::lock_guard lock(mutex_);
             summary_.video = {format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
@@ -310,16 +299,21 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
             summary_.video.format = format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
                                            static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType));
         }
-        if (auto problem = jobcheck::videoCountsProblem(frameCounts)) return fail(*problem);
-        if (audio)
-            if (auto problem = jobcheck::audioCountsProblem(audioLengths, audio->feederBytesPerFrame))
-                return fail(*problem);
+        if (auto problem = jobcheck::videoFramesProblem(videoFrames)) return fail(*problem);
+        if (audio && audio->feederBytesPerFrame > 0)
+            if (auto problem = jobcheck::audioFramesProblem(audioFrames)) return fail(*problem);
         if (videoCount == 0 && audioFrames == 0)
             return fail("Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
                         "the movie would have no track.");
-        videoHeld = jobcheck::bytesHeld(videoRanges, regularFileSize(tmpFilename));
-        if (audio)
-            audioHeld = jobcheck::bytesHeld(audioRanges, regularFileSize(job.tmpAudioFilename), audio->feederBytesPerFrame);
+        const uint64_t videoFileSize = regularFileSize(tmpFilename);
+        for (const MediaEntry& entry : videoEntries)
+            videoHeld = jobcheck::addSaturating(videoHeld, jobcheck::bytesHeld({entry.offset, entry.length}, videoFileSize));
+        if (audio) {
+            const uint64_t audioFileSize = regularFileSize(job.tmpAudioFilename);
+            for (const MediaEntry& entry : audioEntries)
+                audioHeld = jobcheck::addSaturating(
+                    audioHeld, jobcheck::bytesHeld({entry.offset, entry.length}, audioFileSize, audio->feederBytesPerFrame));
+        }
     }
 
     const std::string settingsPath = summary().settingsDocument;

@@ -52,6 +52,11 @@ std::optional<std::string> videoCountsProblem(std::span<const int64_t> frameCoun
 {
     uint64_t frames = 0;
     for (const int64_t count : frameCounts) frames = addSaturating(frames, count < 1 ? 1 : static_cast<uint64_t>(count));
+    return videoFramesProblem(frames);
+}
+
+std::optional<std::string> videoFramesProblem(uint64_t frames)
+{
     if (frames <= kMaxFramesPerTrack) return std::nullopt;
     return "Error: the video entries describe " + countText(frames) +
            " frames; a track holds at most 4294967295 frames.";
@@ -62,6 +67,11 @@ std::optional<std::string> audioCountsProblem(std::span<const uint64_t> lengths,
     if (bytesPerFrame == 0) return std::nullopt;
     uint64_t frames = 0;
     for (const uint64_t length : lengths) frames = addSaturating(frames, length / bytesPerFrame);
+    return audioFramesProblem(frames);
+}
+
+std::optional<std::string> audioFramesProblem(uint64_t frames)
+{
     if (frames <= kMaxFramesPerTrack) return std::nullopt;
     return "Error: the audio entries describe " + countText(frames) +
            " frames; a track holds at most 4294967295 frames.";
@@ -69,15 +79,18 @@ std::optional<std::string> audioCountsProblem(std::span<const uint64_t> lengths,
 
 uint64_t bytesHeld(std::span<const ByteRange> ranges, uint64_t fileSize, uint64_t unit)
 {
-    if (unit == 0) unit = 1;
     uint64_t total = 0;
-    for (const auto& range : ranges) {
-        if (range.offset >= fileSize) continue;
-        const uint64_t available = fileSize - range.offset;
-        const uint64_t wanted = range.length < available ? range.length : available;
-        total = addSaturating(total, wanted / unit * unit);
-    }
+    for (const auto& range : ranges) total = addSaturating(total, bytesHeld(range, fileSize, unit));
     return total;
+}
+
+uint64_t bytesHeld(ByteRange range, uint64_t fileSize, uint64_t unit)
+{
+    if (unit == 0) unit = 1;
+    if (range.offset >= fileSize) return 0;
+    const uint64_t available = fileSize - range.offset;
+    const uint64_t wanted = range.length < available ? range.length : available;
+    return wanted / unit * unit;
 }
 
 uint64_t movieHeaderAllowance(uint64_t videoEntries, uint64_t audioEntries)

@@ -34,6 +34,9 @@ inline constexpr size_t kProResHeaderBytes = 20;
 std::optional<std::string> videoCountsProblem(std::span<const int64_t> frameCounts);
 // The audio entries' lengths in bytes, whole frames only.
 std::optional<std::string> audioCountsProblem(std::span<const uint64_t> lengths, uint64_t bytesPerFrame);
+// The same checks over frame totals already added up (saturating) by the caller.
+std::optional<std::string> videoFramesProblem(uint64_t frames);
+std::optional<std::string> audioFramesProblem(uint64_t frames);
 
 // Saturating sum: UINT64_MAX stands for "more than fits".
 uint64_t addSaturating(uint64_t a, uint64_t b);
@@ -45,6 +48,8 @@ struct ByteRange {
 // Bytes of the ranges that a file of fileSize bytes really holds, counted in whole units
 // (1 for video samples, the bytes per frame for audio), saturating.
 uint64_t bytesHeld(std::span<const ByteRange> ranges, uint64_t fileSize, uint64_t unit = 1);
+// One range's share of that sum.
+uint64_t bytesHeld(ByteRange range, uint64_t fileSize, uint64_t unit = 1);
 
 // Room the movie needs besides its essence: file headers, the movie atom and its sample
 // tables, generously counted per entry.

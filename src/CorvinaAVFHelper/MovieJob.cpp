@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -79,6 +80,7 @@ private:
         bool empty = false;  // <name/>
     };
     static constexpr int kMaxDepth = 256;
+    static constexpr size_t kSizingEntries = 64;
 
     static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
@@ -96,17 +98,41 @@ private:
                 const char* close = find("-->", p_ + 4);
                 if (!close) return false;
                 p_ = close + 3;
-            } else if (end_ - p_ >= 2 && (std::memcmp(p_, "<?", 2) == 0 || std::memcmp(p_, "<!", 2) == 0)) {
-                if (end_ - p_ >= 9 && std::memcmp(p_, "<![CDATA[", 9) == 0) return false;
-                const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
-                if (!close) return false;
-                // A document type with an internal subset is more than this reader takes.
-                if (std::memchr(p_, '[', size_t(close - p_))) return false;
-                p_ = close + 1;
+            } else if (end_ - p_ >= 2 && std::memcmp(p_, "<?", 2) == 0) {
+                if (!skipDeclaration()) return false;
+            } else if (end_ - p_ >= 2 && std::memcmp(p_, "<!", 2) == 0) {
+                // The document type only, in its usual spelling.
+                if (end_ - p_ < 10 || std::memcmp(p_, "<!DOCTYPE", 9) != 0 || !isSpace(p_[9])) return false;
+                // Quoted identifiers are passed over whole and must be closed; a document
+                // type with an internal subset is more than this reader takes.
+                const char* q = p_ + 10;
+                while (q < end_ && *q != '>') {
+                    if (*q == '[' || *q == '<') return false;
+                    if (*q == '"' || *q == '\'') {
+                        const char* closeQuote = static_cast<const char*>(std::memchr(q + 1, *q, size_t(end_ - q - 1)));
+                        if (!closeQuote) return false;
+                        q = closeQuote;
+                    }
+                    ++q;
+                }
+                if (q >= end_) return false;
+                p_ = q + 1;
             } else {
                 return true;
             }
         }
+    }
+
+    // A processing instruction or XML declaration: a name, then name="value" pairs only.
+    // Anything looser is left to the property-list reader, which is stricter about them.
+    bool skipDeclaration()
+    {
+        const char* q = p_ + 2;
+        const char* const nameStart = q;
+        while (q < end_ && isNameChar(*q)) ++q;
+        if (q == nameStart || !skipAttributes(q, '?', true) || end_ - q < 2 || q[1] != '>') return false;
+        p_ = q + 2;
+        return true;
     }
 
     const char* find(std::string_view what, const char* from) const
@@ -129,14 +155,44 @@ private:
         const char* nameStart = p_;
         while (p_ < end_ && *p_ != '>' && *p_ != '/' && !isSpace(*p_)) ++p_;
         tag.name = std::string_view(nameStart, size_t(p_ - nameStart));
-        // Attributes (the plist version) are passed over.
-        const char* close = static_cast<const char*>(std::memchr(p_, '>', size_t(end_ - p_)));
-        if (!close || tag.name.empty()) return false;
-        if (close > p_ && close[-1] == '/') tag.empty = true;
+        if (tag.name.empty()) return false;
+        // Attributes (the plist version) are passed over when well formed; a closing tag has none.
+        const char* q = p_;
+        if (!skipAttributes(q, '>', !tag.closing)) return false;
+        if (q[-1] == '/' && q - 1 >= p_) tag.empty = true;
         if (tag.closing && tag.empty) return false;
-        p_ = close + 1;
+        p_ = q + 1;
         maybeRelease();
         return true;
+    }
+
+    static bool isNameChar(char c)
+    {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+               c == '.' || c == ':';
+    }
+
+    // Moves q past white space and name="value" pairs (each after white space) to the closing
+    // character, or to "/" + close for an empty element when allowed. False for anything else.
+    bool skipAttributes(const char*& q, char close, bool attributesAllowed) const
+    {
+        for (;;) {
+            const char* const beforeSpace = q;
+            while (q < end_ && isSpace(*q)) ++q;
+            if (q < end_ && *q == close) return true;
+            if (close == '>' && end_ - q >= 2 && q[0] == '/' && q[1] == '>') {
+                ++q;
+                return true;
+            }
+            if (q == beforeSpace || !attributesAllowed) return false;
+            const char* const attribute = q;
+            while (q < end_ && isNameChar(*q)) ++q;
+            if (q == attribute || q >= end_ || *q != '=' || ++q >= end_ || (*q != '"' && *q != '\'')) return false;
+            const char quote = *q++;
+            while (q < end_ && *q != quote && *q != '<' && *q != '&') ++q;
+            if (q >= end_ || *q != quote) return false;
+            ++q;
+        }
     }
 
     // The text up to the closing tag of name, entities decoded.
@@ -213,9 +269,17 @@ private:
         return s;
     }
 
+    // Decimal numbers only: the property-list reader takes a leading 0 for octal (and 0x for
+    // hexadecimal), so those are left to it.
+    static bool hasRadixPrefix(std::string_view digits)
+    {
+        if (!digits.empty() && (digits[0] == '-' || digits[0] == '+')) digits.remove_prefix(1);
+        return digits.size() > 1 && digits[0] == '0';
+    }
+
     static bool parseInteger(std::string_view digits, Value& out)
     {
-        if (digits.empty()) return false;
+        if (digits.empty() || hasRadixPrefix(digits)) return false;
         const char* last = digits.data() + digits.size();
         if (digits[0] == '-') {
             int64_t v = 0;
@@ -256,18 +320,20 @@ private:
         }
         if (tag.name == "integer") {
             if (tag.empty) return false;
-            // Digits without entities are read in place, the common case of an entry table.
+            // Read in place. A number spelled with entities is the tree's business: it does
+            // not decode them there.
             const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
-            if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
-                const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
-                p_ = lt;
-                Tag close;
-                return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
-            }
-            return readText(tag.name, text_) && parseInteger(trimmed(text_), out);
+            if (!lt || std::memchr(p_, '&', size_t(lt - p_))) return false;
+            const std::string_view digits = trimmed(std::string_view(p_, size_t(lt - p_)));
+            p_ = lt;
+            Tag close;
+            return parseInteger(digits, out) && readTag(close) && close.closing && close.name == "integer";
         }
         if (tag.name == "real") {
-            if (tag.empty || !readText(tag.name, text_)) return false;
+            if (tag.empty) return false;
+            const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
+            if (!lt || std::memchr(p_, '&', size_t(lt - p_))) return false;
+            if (!readText(tag.name, text_)) return false;
             const std::string_view digits = trimmed(text_);
             double v = 0;
             auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
@@ -331,19 +397,16 @@ private:
             done = true;
             return tag.name == "dict";
         }
-        if (tag.name != "key") return false;
-        if (tag.empty) {
-            key.clear();
-            return true;
-        }
+        // An empty key is refused by the property-list reader: left to it.
+        if (tag.name != "key" || tag.empty) return false;
         const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
         if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
             key.assign(p_, size_t(lt - p_));
             p_ = lt;
             Tag close;
-            return readTag(close) && close.closing && close.name == "key";
+            return !key.empty() && readTag(close) && close.closing && close.name == "key";
         }
-        return readText("key", key);
+        return readText("key", key) && !key.empty();
     }
 
     bool readTopLevel(const Tag& tag)
@@ -380,9 +443,18 @@ private:
         }
         if (tag.empty) return true;
         std::string key;
+        const char* const first = p_;
         for (;;) {
+            if (table.size() == kSizingEntries) reserveFor(table, first);
             Tag next;
-            if (!skipMisc() || !readTag(next)) return false;
+            if (!skipMisc()) return false;
+            if (startsWith("<dict>")) {
+                // The usual entry, read without the tag machinery.
+                p_ += 6;
+                next.name = "dict";
+            } else if (!readTag(next)) {
+                return false;
+            }
             if (next.closing) return next.name == "array";
             if (next.name != "dict" || next.empty) {
                 Value item;
@@ -392,6 +464,7 @@ private:
             }
             MediaEntry entry;
             for (;;) {
+                if (readPlainField(entry)) continue;
                 bool done = false;
                 if (!readKey(key, done)) return false;
                 if (done) break;
@@ -405,6 +478,60 @@ private:
             }
             table.push_back(entry);
         }
+    }
+
+    bool startsWith(std::string_view text) const
+    {
+        return size_t(end_ - p_) >= text.size() && std::memcmp(p_, text.data(), text.size()) == 0;
+    }
+
+    // One field of an entry in its usual spelling, white space, <key>name</key>, white space,
+    // <integer>digits</integer>, stored in the entry. Anything else (signs, entities,
+    // comments, other types, numbers past 64 bits, the end of the dictionary) leaves the
+    // position as it was and returns false for the general path to read.
+    bool readPlainField(MediaEntry& entry)
+    {
+        const char* q = p_;
+        while (q < end_ && isSpace(*q)) ++q;
+        constexpr std::string_view kKeyOpen = "<key>", kKeyClose = "</key>";
+        constexpr std::string_view kIntOpen = "<integer>", kIntClose = "</integer>";
+        const auto take = [&](std::string_view text) {
+            if (size_t(end_ - q) < text.size() || std::memcmp(q, text.data(), text.size()) != 0) return false;
+            q += text.size();
+            return true;
+        };
+        if (!take(kKeyOpen)) return false;
+        const char* const keyStart = q;
+        while (q < end_ && *q != '<' && *q != '&') ++q;
+        const std::string_view key(keyStart, size_t(q - keyStart));
+        if (key.empty() || !take(kKeyClose)) return false;
+        while (q < end_ && isSpace(*q)) ++q;
+        if (!take(kIntOpen)) return false;
+        const char* const digits = q;
+        while (q < end_ && *q >= '0' && *q <= '9') ++q;
+        uint64_t value = 0;
+        auto [ptr, ec] = std::from_chars(digits, q, value);
+        if (digits == q || ec != std::errc() || ptr != q || hasRadixPrefix({digits, size_t(q - digits)}) ||
+            !take(kIntClose))
+            return false;
+        // What the accessors make of a non-negative integer.
+        if (key == "offset") entry.offset = value;
+        else if (key == "length") entry.length = value;
+        else if (key == "frameCount") entry.frameCount = static_cast<int64_t>(value);
+        p_ = q;
+        maybeRelease();
+        return true;
+    }
+
+    // Sizes the table once its first entries show how long an entry is written: enough room
+    // for the rest of the document spelled the same way, so that a long table is not copied
+    // as it grows. Only the room used is ever touched, and the room asked for never exceeds
+    // the bytes of the document left to read (an entry is written in more than 24 bytes).
+    void reserveFor(MediaEntryTable& table, const char* arrayStart)
+    {
+        const size_t left = size_t(end_ - p_);
+        const size_t perEntry = std::max<size_t>(size_t(p_ - arrayStart) / table.size(), sizeof(MediaEntry));
+        table.reserve(table.size() + left / perEntry + 16);
     }
 
     // Pages of a mapped document that have been read are given back now and then, so that

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <new>
 
 #include "Foundation/Exception.h"
 #include "Foundation/FileHandle.h"
@@ -85,9 +86,12 @@ struct HeaderFacts {
     std::string system;
 };
 
+// Built once and never destroyed: the writer thread may still write a header while the
+// process runs its exit handlers, after ordinary statics are gone.
 const HeaderFacts& headerFacts()
 {
-    static const HeaderFacts facts = [] {
+    alignas(HeaderFacts) static unsigned char storage[sizeof(HeaderFacts)];
+    static const HeaderFacts* const facts = ::new (storage) HeaderFacts([] {
         namespace pi = corvina::processinfo;
         HeaderFacts f;
         if (auto v = pi::version())
@@ -99,8 +103,8 @@ const HeaderFacts& headerFacts()
                                    static_cast<double>(pi::physicalMemory()) / 1024.0 / 1024.0 / 1024.0);
         f.system = std::string(corvina::trimWhitespaceAndNewlines(f.system));
         return f;
-    }();
-    return facts;
+    }());
+    return *facts;
 }
 
 }  // namespace

@@ -110,6 +110,8 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
         plist("<key>tmpFilename</key><string>a &bogus; b</string>"),
         plist("<key>offsetArray</key><array>"),
         "<plist version=\"1.0\"><array><integer>1</integer></array></plist>",
+        "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>",
+        "<!DOCTY PE plist><plist version=\"1.0\"><dict/></plist>",
         "",
         "bplist00 but nothing after",
     };
@@ -142,6 +144,51 @@ TEST(MovieJobReader, LargeDocumentsBecomePackedTables)
     EXPECT_EQ(job->audioEntries->back(), (MediaEntry{(kEntries - 1) * 10, 4, 0}));
     EXPECT_EQ((*job->audioEntries)[12345], (MediaEntry{123450, 4, 0}));
     EXPECT_EQ(job->frameTiming().frameDuration, 1001);
+}
+
+// Entries in and around their usual spelling, among enough plain ones for the table to be
+// sized from the first of them: whatever the tree makes of each, the stream makes the same
+// or leaves the document to the tree.
+TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
+{
+    const std::string plain = "<dict><key>offset</key><integer>8</integer><key>length</key><integer>4</integer></dict>";
+    // Each spelling, and whether the stream must read it itself.
+    const std::pair<std::string, bool> spellings[] = {
+        {"<dict>\n\t<key>length</key>\n\t<integer>4</integer>\n\t<key>offset</key>\n\t<integer>12</integer>\n</dict>", true},
+        {"<dict><key>offset</key><integer>044</integer><key>length</key><integer>-010</integer></dict>", false},
+        {"<dict><key>offset</key><integer>+5</integer><key>length</key><integer>-5</integer></dict>", false},
+        {"<dict><key>offset</key><integer> 5 </integer><key>frameCount</key><integer>9223372036854775808</integer></dict>", false},
+        {"<dict><key>offset</key><integer>18446744073709551616</integer></dict>", false},
+        {"<dict><key>offset</key><integer>18446744073709551615</integer><key>offset</key><integer>3</integer></dict>", true},
+        {"<dict><key>off&#115;et</key><integer>7</integer><key>length</key><integer>1&#48;</integer></dict>", false},
+        {"<dict><key>offset</key><!-- c --><integer>1</integer><!-- d --></dict>", true},
+        {"<dict ><key >offset</key><integer>2</integer ><key>length</key ><integer>3</integer></dict >", true},
+        {"<dict><key>offset</key><string>5</string><key>length</key><real>6.5</real></dict>", true},
+        {"<dict><key>offset</key><integer/><key>length</key><integer>1</integer></dict>", false},
+        {"<dict><key></key><integer>3</integer><key/><integer>4</integer><key>Offset</key><integer>5</integer></dict>", false},
+        {"<dict><key>offset</key><integer>0x10</integer></dict>", false},
+        {"<dict><key>offset</key><integer>1</integer><key>length</key></dict>", false},
+        {"<dict><key>offset</key><integer>1</integer>", false},
+        {"<dict/>", true},
+    };
+    for (const auto& [spelling, mustStream] : spellings) {
+        SCOPED_TRACE(spelling);
+        std::string entries;
+        for (int i = 0; i < 100; ++i) entries += plain;
+        entries += spelling;
+        for (int i = 0; i < 30; ++i) entries += plain;
+        const std::string text = plist("<key>audioOffsetArray</key><array>" + entries + "</array><key>offsetArray</key><array>" +
+                                       spelling + entries + "</array>");
+        const auto tree = Value::fromPropertyListData(text.data(), text.size());
+        const auto streamed = MovieJob::readXMLDocument(text.data(), text.size());
+        EXPECT_TRUE(streamed || !mustStream);
+        if (!tree || !tree->asDictionary()) {
+            EXPECT_FALSE(streamed);
+        } else if (streamed) {
+            expectSameJob(*streamed, MovieJob::fromSettings(*tree));
+            EXPECT_EQ(streamed->audioEntries->size(), 131u);
+        }
+    }
 }
 
 TEST(FrameTimingTest, RatesBecomeExactFractions)

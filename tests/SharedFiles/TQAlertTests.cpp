@@ -392,9 +392,11 @@ TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
     EXPECT_TRUE(waitForScreen("s) [x] Do not show this message again")) << screen();
     runProgram({"/usr/bin/tmux", "-S", socket, "send-keys", "2", "Enter"});
     const std::string result = waitForFile(home / "result", std::chrono::seconds(30));
+    // The shell writes the status once the child has exited: only then may the server go.
+    const std::string status = waitForFile(home / "status", std::chrono::seconds(30));
     runProgram({"/usr/bin/tmux", "-S", socket, "kill-server"});
     EXPECT_EQ(result, "0 checked\n") << "the alternate button, with the box checked";
-    EXPECT_EQ(waitForFile(home / "status", std::chrono::seconds(10)), "0\n");
+    EXPECT_EQ(status, "0\n");
 }
 
 namespace {

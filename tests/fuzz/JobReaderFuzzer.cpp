@@ -1,0 +1,33 @@
+// Fuzzes the helper's streaming job reader against the property-list reader: whatever the
+// bytes, a job the stream reads must be the job the tree reads, and bytes the tree refuses
+// must not read as a job at all.
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "Foundation/Value.h"
+#include "MovieJob.h"
+
+namespace {
+
+bool sameJob(const MovieJob& a, const MovieJob& b)
+{
+    const bool sameRate = a.frameRate == b.frameRate || (std::isnan(a.frameRate) && std::isnan(b.frameRate));
+    return a.tmpFilename == b.tmpFilename && a.tmpAudioFilename == b.tmpAudioFilename &&
+           a.destFilename == b.destFilename && a.formatType == b.formatType && a.audioFormat == b.audioFormat &&
+           sameRate && a.fWidth == b.fWidth && a.fHeight == b.fHeight && *a.videoEntries == *b.videoEntries &&
+           *a.audioEntries == *b.audioEntries;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const auto streamed = MovieJob::readXMLDocument(reinterpret_cast<const char*>(data), size);
+    if (!streamed) return 0;  // left to the tree, which reads or refuses it itself
+    const auto tree = corvina::Value::fromPropertyListData(data, size);
+    if (!tree || !tree->asDictionary()) std::abort();  // the stream took what the tree refuses
+    if (!sameJob(*streamed, MovieJob::fromSettings(*tree))) std::abort();
+    return 0;
+}
