@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -87,7 +88,8 @@ private:
     Stream stdin_ = Stream::Pipe;
     std::string stdinData_;
 
-    pid_t pid_ = -1;
+    // Written once by launch under the lock; read from any thread (processIdentifier).
+    std::atomic<pid_t> pid_{-1};
     int outFd_ = -1;
     int errFd_ = -1;
     std::mutex mutex_;
