@@ -11,7 +11,7 @@ case "$kind" in
   plain) ;;
   # The fuzz targets alone, built by clang with libFuzzer.
   fuzz) extra=(-DCORVINA_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++)
-        targets=(--target PlistFuzzer SessionFuzzer) ;;
+        targets=(--target fuzzers) ;;
   *) san="$kind" ;;
 esac
 # ccache, when it is installed, shares compiled objects between checkouts of the tree.

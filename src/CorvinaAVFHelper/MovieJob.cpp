@@ -57,6 +57,9 @@ public:
 
     std::optional<MovieJob> read()
     {
+        // A NUL anywhere (in a key, a string, a number) is left to the property-list reader,
+        // whose library has rules of its own for it.
+        if (std::memchr(p_, '\0', size_t(end_ - p_))) return std::nullopt;
         if (end_ - p_ >= 3 && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
         if (!skipMisc()) return std::nullopt;
         Tag tag;
@@ -212,6 +215,8 @@ private:
             p_ = amp;
             if (!readEntity(out)) return false;
         }
+        // A NUL in a text is left to the property-list reader, which has its own rule for it.
+        if (out.find('\0') != std::string::npos) return false;
         Tag tag;
         return readTag(tag) && tag.closing && tag.name == name;
     }
@@ -400,7 +405,7 @@ private:
         // An empty key is refused by the property-list reader: left to it.
         if (tag.name != "key" || tag.empty) return false;
         const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
-        if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
+        if (lt && !std::memchr(p_, '&', size_t(lt - p_)) && !std::memchr(p_, '\0', size_t(lt - p_))) {
             key.assign(p_, size_t(lt - p_));
             p_ = lt;
             Tag close;
@@ -411,8 +416,8 @@ private:
 
     bool readTopLevel(const Tag& tag)
     {
-        if (tag.closing || tag.name != "dict") return false;
-        if (tag.empty) return true;
+        // An empty-element dictionary is left to the property-list reader, which may refuse it.
+        if (tag.closing || tag.name != "dict" || tag.empty) return false;
         std::string key;
         for (;;) {
             bool done = false;

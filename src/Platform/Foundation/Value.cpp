@@ -457,14 +457,17 @@ std::optional<Value> fromNode(plist_t node, int depth)
         plist_get_real_val(node, &d);
         return Value(d);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-        char* s = nullptr;
-        if (plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &s);
-        else plist_get_key_val(node, &s);
-        CPtr<char> owned(s);
-        return Value(std::string(s ? s : ""));
+    case PLIST_STRING: {
+        // By pointer and length: a string may hold a NUL, which the copying getter refuses
+        // with an assertion.
+        uint64_t length = 0;
+        const char* s = plist_get_string_ptr(node, &length);
+        return Value(s ? std::string(s, static_cast<size_t>(length)) : std::string());
     }
+    case PLIST_KEY:
+        // A key outside a dictionary is not a property list (and the library's getter for
+        // it asserts on a key holding a NUL).
+        return std::nullopt;
     case PLIST_DATE: {
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
@@ -568,22 +571,39 @@ BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
         uint64_t first = 0;  // byte position of the first reference
         uint64_t count = 0;
     };
+    // The count in an object's marker, or in the integer that follows it; false when that
+    // integer is malformed.
+    const auto countOf = [&](uint64_t at, uint64_t* n, uint64_t* pos) -> bool {
+        *n = data[at] & 0x0F;
+        *pos = at + 1;
+        if (*n != 0x0F) return true;
+        if (*pos >= tableOffset || (data[*pos] >> 4) != 0x1) return false;
+        const unsigned size = 1u << (data[*pos] & 0x0F);
+        if (size > 8 || *pos + 1 + size > tableOffset) return false;
+        *n = readBigEndian(data + *pos + 1, size);
+        *pos += 1 + size;
+        return true;
+    };
     const auto refsOf = [&](uint64_t object, Refs* refs) -> bool {
         const uint64_t at = readBigEndian(data + tableOffset + object * offsetSize, offsetSize);
         if (at < kHeader || at >= tableOffset) return false;
-        const uint8_t marker = data[at];
-        const unsigned type = marker >> 4;
+        const unsigned type = data[at] >> 4;
         *refs = {};
-        if (type != 0xA && type != 0xC && type != 0xD) return true;
-        uint64_t n = marker & 0x0F;
-        uint64_t pos = at + 1;
-        if (n == 0x0F) {
-            if (pos >= tableOffset || (data[pos] >> 4) != 0x1) return false;
-            const unsigned size = 1u << (data[pos] & 0x0F);
-            if (size > 8 || pos + 1 + size > tableOffset) return false;
-            n = readBigEndian(data + pos + 1, size);
-            pos += 1 + size;
+        uint64_t n = 0;
+        uint64_t pos = 0;
+        if (type == 0x5 || type == 0x6) {
+            // A string holding a NUL is refused: the library's text getters assert on one.
+            if (!countOf(at, &n, &pos)) return false;
+            const uint64_t unit = type == 0x6 ? 2 : 1;
+            if (n > (tableOffset - pos) / unit) return true;  // the library judges the length
+            for (uint64_t i = 0; i < n; ++i) {
+                const uint8_t* c = data + pos + i * unit;
+                if (c[0] == 0 && (unit == 1 || c[1] == 0)) return false;
+            }
+            return true;
         }
+        if (type != 0xA && type != 0xC && type != 0xD) return true;
+        if (!countOf(at, &n, &pos)) return false;
         const uint64_t refs2 = type == 0xD ? 2 : 1;
         if (n > (tableOffset - pos) / refSize / refs2) return false;
         *refs = {pos, n * refs2};
@@ -727,6 +747,11 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
         }
         bytes = utf8.data();
         length = utf8.size();
+    }
+    // A UTF-8 byte order mark, as some editors write, is not part of the document.
+    if (length > 3 && std::memcmp(bytes, "\xEF\xBB\xBF", 3) == 0) {
+        bytes = static_cast<const char*>(bytes) + 3;
+        length -= 3;
     }
     const bool binary = length >= 6 && std::memcmp(bytes, "bplist", 6) == 0;
     if (binary) {
