@@ -295,9 +295,9 @@ void TQAVExport::completion()
 void TQAVExport::readingAndWritingDidFinishSuccessfully(bool success, const std::optional<Error>& error)
 {
     if (success) {
+        // The finished flags stay set until the next start clears them: a cancel step queued
+        // on a track's queue may still run after this, and must find its track finished.
         cancelled_ = false;
-        if (video_) video_->finished = false;
-        if (audio_) audio_->finished = false;
         DispatchQueue::main().async([this] {
             if (TQAVExportDelegate* d = delegate_.load()) d->avExportFinished(*this);
         });
