@@ -42,7 +42,8 @@ double cpuSeconds()
 }
 
 // Medians of three timed runs; prepare() runs untimed before each.
-Timing median3(const std::function<void()>& run, const std::function<void()>& prepare = [] {})
+Timing median3(
+    const std::function<void()>& run, const std::function<void()>& prepare = [] {})
 {
     std::vector<double> wall, cpu;
     for (int i = 0; i < 3; ++i) {
@@ -122,7 +123,10 @@ int main(int argc, char** argv)
         sh("sync");
     };
     const Timing copy = median3(
-        [&] { TQFileManager::copyFileWithProgress(source, {a, b}, TQVerificationType::SHA256, nullptr); }, clean);
+        [&] {
+            TQFileManager::copyFileWithProgress(source, {a, b}, TQVerificationType::SHA256, nullptr);
+        },
+        clean);
     const Timing pipeline = median3(
         [&] {
             sh("cp '" + source + "' '" + a + "' && cp '" + source + "' '" + b + "' && sha256sum '" + source +
@@ -139,16 +143,16 @@ int main(int argc, char** argv)
         writePattern(folder + "/small/frame" + std::to_string(i) + ".txt", 1000 + (i * 37) % 20000, i + 2, true);
     writePattern(folder + "/clip.mov", 200000000, 99, false);
     const std::string ourZip = root + "/ours.zip", toolZip = root + "/tools.zip";
-    const Timing pack = median3([&] { TQFileManager::compressFile(folder, ourZip, true); },
-                                [&] { fs::remove(ourZip); });
-    const Timing zipTool = median3([&] { sh("cd '" + root + "' && zip -qr '" + toolZip + "' Footage"); },
-                                   [&] { fs::remove(toolZip); });
+    const Timing pack =
+        median3([&] { TQFileManager::compressFile(folder, ourZip, true); }, [&] { fs::remove(ourZip); });
+    const Timing zipTool =
+        median3([&] { sh("cd '" + root + "' && zip -qr '" + toolZip + "' Footage"); }, [&] { fs::remove(toolZip); });
     report("compressFile vs zip -r", pack, zipTool);
     const std::string ourOut = root + "/ours-out", toolOut = root + "/tools-out";
-    const Timing unpack = median3([&] { TQFileManager::decompressFile(ourZip, ourOut); },
-                                  [&] { fs::remove_all(ourOut); });
-    const Timing unzipTool = median3([&] { sh("unzip -qo '" + toolZip + "' -d '" + toolOut + "'"); },
-                                     [&] { fs::remove_all(toolOut); });
+    const Timing unpack =
+        median3([&] { TQFileManager::decompressFile(ourZip, ourOut); }, [&] { fs::remove_all(ourOut); });
+    const Timing unzipTool =
+        median3([&] { sh("unzip -qo '" + toolZip + "' -d '" + toolOut + "'"); }, [&] { fs::remove_all(toolOut); });
     report("decompressFile vs unzip", unpack, unzipTool);
     std::printf("archive sizes: ours %lld, zip %lld bytes\n", static_cast<long long>(fs::file_size(ourZip)),
                 static_cast<long long>(fs::file_size(toolZip)));

@@ -55,7 +55,8 @@ static void BM_SnprintfTwoUnsigned(benchmark::State& state)
     unsigned index = 0;
     char buf[128];
     for (auto _ : state) {
-        int n = std::snprintf(buf, sizeof buf, "Requesting next audio sample at sample index %u,%u...", index, index + 1);
+        int n =
+            std::snprintf(buf, sizeof buf, "Requesting next audio sample at sample index %u,%u...", index, index + 1);
         std::string s(buf, static_cast<size_t>(n));
         benchmark::DoNotOptimize(s);
         ++index;

@@ -51,11 +51,9 @@ void runThreads(long lines, Body body)
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([=] {
-            for (long i = 0; i < lines; ++i)
-                body(static_cast<unsigned>(t), static_cast<unsigned>(i));
+            for (long i = 0; i < lines; ++i) body(static_cast<unsigned>(t), static_cast<unsigned>(i));
         });
-    for (auto& th : threads)
-        th.join();
+    for (auto& th : threads) th.join();
 }
 
 // Lines missing from the five files kept: each thread's lines there must run without a gap
@@ -66,13 +64,13 @@ unsigned long long missingInKeptFiles(const std::string& base, long lines)
     unsigned long long missing = 0;
     for (int n = 5; n >= 1; --n) {
         FILE* f = std::fopen((base + "." + std::to_string(n) + ".log").c_str(), "r");
-        if (!f)
-            continue;
+        if (!f) continue;
         char line[512];
         while (std::fgets(line, sizeof line, f)) {
             unsigned i = 0, t = 0;
             if (std::strlen(line) < 28 ||
-                std::sscanf(line + 28, "Requesting next audio sample at sample index %u,%u...", &i, &t) != 2 || t >= kThreads)
+                std::sscanf(line + 28, "Requesting next audio sample at sample index %u,%u...", &i, &t) != 2 ||
+                t >= kThreads)
                 continue;
             if (next[t] >= 0 && static_cast<long>(i) != next[t])
                 missing += static_cast<long>(i) > next[t] ? static_cast<unsigned long long>(i - next[t]) : 1;
@@ -81,8 +79,7 @@ unsigned long long missingInKeptFiles(const std::string& base, long lines)
         std::fclose(f);
     }
     for (long n : next)
-        if (n >= 0 && n != lines)
-            missing += static_cast<unsigned long long>(lines - n);
+        if (n >= 0 && n != lines) missing += static_cast<unsigned long long>(lines - n);
     return missing;
 }
 
@@ -102,8 +99,7 @@ void tqlogRun(long lines, const std::string& folder, int fd)
     RunResult r;
     r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     r.dropped = missingInKeptFiles(folder + "/Library/Logs/Brantwell/LogBench", lines);
-    if (write(fd, &r, sizeof r) != sizeof r)
-        _exit(2);
+    if (write(fd, &r, sizeof r) != sizeof r) _exit(2);
 }
 
 #ifdef CORVINA_HAVE_SPDLOG
@@ -127,8 +123,7 @@ void spdlogRun(long lines, const std::string& folder, bool block, int fd)
     pool.reset();
     spdlog::shutdown();  // joins the worker once the queue is drained
     r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    if (write(fd, &r, sizeof r) != sizeof r)
-        _exit(2);
+    if (write(fd, &r, sizeof r) != sizeof r) _exit(2);
 }
 #endif
 
@@ -137,12 +132,10 @@ RunResult inChild(Body body)
 {
     RunResult r;
     char pattern[] = "/tmp/log_bench.XXXXXX";
-    if (!mkdtemp(pattern))
-        return r;
+    if (!mkdtemp(pattern)) return r;
     const std::string folder = pattern;
     int fds[2];
-    if (pipe(fds) != 0)
-        return r;
+    if (pipe(fds) != 0) return r;
     std::fflush(stdout);
     pid_t pid = fork();
     if (pid == 0) {
@@ -151,8 +144,7 @@ RunResult inChild(Body body)
         _exit(0);
     }
     close(fds[1]);
-    if (read(fds[0], &r, sizeof r) != sizeof r)
-        r.seconds = 0;
+    if (read(fds[0], &r, sizeof r) != sizeof r) r.seconds = 0;
     close(fds[0]);
     int status = 0;
     rusage usage{};
@@ -174,8 +166,7 @@ template <class Body>
 Summary measure(const char* name, long lines, Body body)
 {
     std::vector<RunResult> runs;
-    for (int i = 0; i < kRuns; ++i)
-        runs.push_back(inChild(body));
+    for (int i = 0; i < kRuns; ++i) runs.push_back(inChild(body));
     std::sort(runs.begin(), runs.end(), [](const RunResult& a, const RunResult& b) { return a.seconds < b.seconds; });
     const RunResult& median = runs[kRuns / 2];
     Summary s{name};
@@ -196,18 +187,21 @@ int main(int argc, char** argv)
     std::vector<Summary> rows;
     const auto wanted = [&](const char* name) { return only.empty() || only.find(name) != std::string::npos; };
     if (wanted("tqlog"))
-        rows.push_back(measure("TQLog fastAppendLog", lines, [&](const std::string& f, int fd) { tqlogRun(lines, f, fd); }));
+        rows.push_back(
+            measure("TQLog fastAppendLog", lines, [&](const std::string& f, int fd) { tqlogRun(lines, f, fd); }));
 #ifdef CORVINA_HAVE_SPDLOG
     if (wanted("block"))
-        rows.push_back(measure("spdlog async, block", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, true, fd); }));
+        rows.push_back(measure("spdlog async, block", lines,
+                               [&](const std::string& f, int fd) { spdlogRun(lines, f, true, fd); }));
     if (wanted("overrun"))
-        rows.push_back(
-            measure("spdlog async, overrun_oldest", lines, [&](const std::string& f, int fd) { spdlogRun(lines, f, false, fd); }));
+        rows.push_back(measure("spdlog async, overrun_oldest", lines,
+                               [&](const std::string& f, int fd) { spdlogRun(lines, f, false, fd); }));
 #endif
     std::printf("%-30s %14s %12s %12s %10s\n", "logger", "lines/s", "peak RSS MB", "dropped", "TQLog x");
     for (const auto& row : rows) {
         const double ratio = row.linesPerSecond > 0 ? rows[0].linesPerSecond / row.linesPerSecond : 0;
-        std::printf("%-30s %14.0f %12.1f %12llu %10.2f\n", row.name, row.linesPerSecond, row.peakMB, row.dropped, ratio);
+        std::printf("%-30s %14.0f %12.1f %12llu %10.2f\n", row.name, row.linesPerSecond, row.peakMB, row.dropped,
+                    ratio);
     }
     return 0;
 }

@@ -82,10 +82,7 @@ AppController::AppController() = default;
 
 AppController::~AppController() = default;
 
-std::string AppController::description() const
-{
-    return format("<AppController: %p>", static_cast<const void*>(this));
-}
+std::string AppController::description() const { return format("<AppController: %p>", static_cast<const void*>(this)); }
 
 RunSummary AppController::summary() const
 {
@@ -268,8 +265,8 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     uint64_t audioHeld = 0;
     {
         for (const MediaEntry& entry : videoEntries)
-            videoFrames =
-                jobcheck::addSaturating(videoFrames, entry.frameCount < 1 ? 1 : static_cast<uint64_t>(entry.frameCount));
+            videoFrames = jobcheck::addSaturating(videoFrames,
+                                                  entry.frameCount < 1 ? 1 : static_cast<uint64_t>(entry.frameCount));
         if (audio)
             for (const MediaEntry& entry : audioEntries)
                 audioFrames = jobcheck::addSaturating(audioFrames, entry.length / audio->feederBytesPerFrame);
@@ -277,7 +274,11 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
             std::lock_guard lock(mutex_);
             summary_.video = {format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
                                      static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType)),
-                              0, videoCount, 0, videoFrames, {}};
+                              0,
+                              videoCount,
+                              0,
+                              videoFrames,
+                              {}};
             if (audio) summary_.audio = {std::string(audio->logLine).substr(16), 0, audioCount, 0, audioFrames, {}};
         }
 
@@ -289,30 +290,35 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
                                               firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes))
                                         : std::nullopt;
             if (!fromHeader)
-                return fail(format("Error: the frame size of this %s movie is unknown: the document gives none "
-                                   "(fWidth, fHeight) and the first frame of %@ does not tell it.",
-                                   video->name, tmpFilename));
+                return fail(
+                    format("Error: the frame size of this %s movie is unknown: the document gives none "
+                           "(fWidth, fHeight) and the first frame of %@ does not tell it.",
+                           video->name, tmpFilename));
             size = *fromHeader;
             TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
                              static_cast<int>(size.height));
             std::lock_guard lock(mutex_);
-            summary_.video.format = format("%s %ix%i (%@)", video->name, static_cast<int>(size.width),
-                                           static_cast<int>(size.height), TQAVFoundation::fourCCString(video->codecType));
+            summary_.video.format =
+                format("%s %ix%i (%@)", video->name, static_cast<int>(size.width), static_cast<int>(size.height),
+                       TQAVFoundation::fourCCString(video->codecType));
         }
         if (auto problem = jobcheck::videoFramesProblem(videoFrames)) return fail(*problem);
         if (audio && audio->feederBytesPerFrame > 0)
             if (auto problem = jobcheck::audioFramesProblem(audioFrames)) return fail(*problem);
         if (videoCount == 0 && audioFrames == 0)
-            return fail("Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
-                        "the movie would have no track.");
+            return fail(
+                "Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
+                "the movie would have no track.");
         const uint64_t videoFileSize = regularFileSize(tmpFilename);
         for (const MediaEntry& entry : videoEntries)
-            videoHeld = jobcheck::addSaturating(videoHeld, jobcheck::bytesHeld({entry.offset, entry.length}, videoFileSize));
+            videoHeld =
+                jobcheck::addSaturating(videoHeld, jobcheck::bytesHeld({entry.offset, entry.length}, videoFileSize));
         if (audio) {
             const uint64_t audioFileSize = regularFileSize(job.tmpAudioFilename);
             for (const MediaEntry& entry : audioEntries)
                 audioHeld = jobcheck::addSaturating(
-                    audioHeld, jobcheck::bytesHeld({entry.offset, entry.length}, audioFileSize, audio->feederBytesPerFrame));
+                    audioHeld,
+                    jobcheck::bytesHeld({entry.offset, entry.length}, audioFileSize, audio->feederBytesPerFrame));
         }
     }
 
@@ -337,9 +343,10 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
                                                     jobcheck::movieHeaderAllowance(videoCount, audioCount));
     const auto available = MovieDestination::freeBytes(MovieDestination::folderOf(destFilename));
     if (available && *available < needed)
-        return fail(format("Error: not enough free space for %@: the movie needs %llu bytes, the volume has %llu "
-                           "bytes free.",
-                           destFilename, needed, *available));
+        return fail(
+            format("Error: not enough free space for %@: the movie needs %llu bytes, the volume has %llu "
+                   "bytes free.",
+                   destFilename, needed, *available));
 
     if (const int64_t status = openWriter(job, session)) return status;
     if (const int64_t status = openReaders(job, session)) return status;
@@ -404,8 +411,8 @@ int64_t AppController::openReaders(const MovieJob& job, Session&)
     std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
     if (!videoReader) {
         TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
-        return fail(format("Error: cannot read the video data file %@: %@", job.tmpFilename,
-                           openError.localizedDescription));
+        return fail(
+            format("Error: cannot read the video data file %@: %@", job.tmpFilename, openError.localizedDescription));
     }
     setVideoHandle(videoReader);
     videoFeeder_ = std::make_unique<VideoTrackFeeder>(videoHandle_, videoEntries_);
@@ -456,7 +463,8 @@ void AppController::startPump(Session& session)
                     noteTrackError(isVideo,
                                    format("the writer failed at entry %llu: %@", index, error->localizedDescription));
                 else if (index < count)
-                    noteTrackError(isVideo, format("entry %llu of %llu could not be read from the data file", index, count));
+                    noteTrackError(isVideo,
+                                   format("entry %llu of %llu could not be read from the data file", index, count));
             }
             input.markAsFinished();
             group->leave();

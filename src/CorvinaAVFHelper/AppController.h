@@ -33,9 +33,9 @@ class AssetWriter;
 // One row of the video format table.
 struct VideoFormatInfo {
     int64_t formatType;
-    const char* name;               // as the log line names it
+    const char* name;  // as the log line names it
     corvina::FourCharCode codecType;
-    int32_t width;                  // 0: taken from the document's fWidth/fHeight
+    int32_t width;  // 0: taken from the document's fWidth/fHeight
     int32_t height;
 };
 

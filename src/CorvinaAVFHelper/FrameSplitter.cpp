@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-using corvina::FourCharCode;
 using corvina::fourCC;
+using corvina::FourCharCode;
 
 namespace {
 
@@ -92,14 +92,22 @@ size_t FrameSplitter::dvFrameSize(FourCharCode codecType)
     // channel at 60 fields, 12 at 50, one channel for DV, two for DVCPRO50 and 720p, four
     // for the 1080-line formats.
     switch (codecType) {
-    case fourCC("dvc "): return 120000;
-    case fourCC("dvcp"): return 144000;
-    case fourCC("dv5n"): return 240000;
-    case fourCC("dv5p"): return 288000;
-    case fourCC("dvhp"): return 240000;
-    case fourCC("dvh6"): return 480000;
-    case fourCC("dvh5"): return 576000;
-    default: return 0;
+    case fourCC("dvc "):
+        return 120000;
+    case fourCC("dvcp"):
+        return 144000;
+    case fourCC("dv5n"):
+        return 240000;
+    case fourCC("dv5p"):
+        return 288000;
+    case fourCC("dvhp"):
+        return 240000;
+    case fourCC("dvh6"):
+        return 480000;
+    case fourCC("dvh5"):
+        return 576000;
+    default:
+        return 0;
     }
 }
 
@@ -117,9 +125,14 @@ FrameSplitter FrameSplitter::forCodec(FourCharCode codecType)
     case fourCC("apcs"):
     case fourCC("apco"):
     case fourCC("ap4h"):
-    case fourCC("ap4x"): splitter.rule_ = Rule::ProRes; break;
-    case fourCC("jpeg"): splitter.rule_ = Rule::JPEG; break;
-    default: break;
+    case fourCC("ap4x"):
+        splitter.rule_ = Rule::ProRes;
+        break;
+    case fourCC("jpeg"):
+        splitter.rule_ = Rule::JPEG;
+        break;
+    default:
+        break;
     }
     return splitter;
 }
@@ -134,9 +147,14 @@ bool FrameSplitter::split(std::span<const uint8_t> bytes, uint64_t frameCount, s
         ok = bytes.size() / fixedSize_ == frameCount && bytes.size() % fixedSize_ == 0;
         if (ok) sizes.assign(1, fixedSize_);  // one entry covers every frame
         break;
-    case Rule::ProRes: ok = splitProRes(bytes, frameCount, sizes); break;
-    case Rule::JPEG: ok = splitJPEG(bytes, frameCount, sizes); break;
-    case Rule::None: break;
+    case Rule::ProRes:
+        ok = splitProRes(bytes, frameCount, sizes);
+        break;
+    case Rule::JPEG:
+        ok = splitJPEG(bytes, frameCount, sizes);
+        break;
+    case Rule::None:
+        break;
     }
     if (!ok) sizes.clear();
     return ok;

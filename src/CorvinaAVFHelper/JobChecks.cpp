@@ -51,7 +51,8 @@ std::optional<FrameSize> frameSizeFromProResFrame(std::span<const uint8_t> frame
 std::optional<std::string> videoCountsProblem(std::span<const int64_t> frameCounts)
 {
     uint64_t frames = 0;
-    for (const int64_t count : frameCounts) frames = addSaturating(frames, count < 1 ? 1 : static_cast<uint64_t>(count));
+    for (const int64_t count : frameCounts)
+        frames = addSaturating(frames, count < 1 ? 1 : static_cast<uint64_t>(count));
     return videoFramesProblem(frames);
 }
 

@@ -166,7 +166,8 @@ bool MovieDestination::acquire(std::string* problem)
                            : format("Error: cannot lock %@: %@.", lockPath_, errnoText(err));
             return false;
         }
-        struct stat held {}, named {};
+        struct stat held {
+        }, named{};
         if (::fstat(fd, &held) == 0 && ::lstat(lockPath_.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
             held.st_ino == named.st_ino) {
             std::lock_guard lock(registryMutex());
@@ -189,7 +190,8 @@ bool MovieDestination::acquire(std::string* problem)
     if (DIR* dir = ::opendir(folder_.c_str())) {
         while (const dirent* entry = ::readdir(dir)) {
             if (!isTemporaryNameFor(entry->d_name, name_)) continue;
-            if (looksLikeOurPartialMovie(::dirfd(dir), entry->d_name) && ::unlinkat(::dirfd(dir), entry->d_name, 0) == 0)
+            if (looksLikeOurPartialMovie(::dirfd(dir), entry->d_name) &&
+                ::unlinkat(::dirfd(dir), entry->d_name, 0) == 0)
                 ++staleRemoved_;
         }
         ::closedir(dir);

@@ -51,7 +51,8 @@ void readScalars(const Value& settings, MovieJob& job)
 
 class XMLJobReader {
 public:
-    XMLJobReader(const char* text, size_t length, void* mapping) : p_(text), begin_(text), end_(text + length), mapping_(mapping)
+    XMLJobReader(const char* text, size_t length, void* mapping)
+        : p_(text), begin_(text), end_(text + length), mapping_(mapping)
     {
     }
 
@@ -227,11 +228,16 @@ private:
         if (!semi) return false;
         const std::string_view name(p_ + 1, size_t(semi - p_ - 1));
         p_ = semi + 1;
-        if (name == "amp") out += '&';
-        else if (name == "lt") out += '<';
-        else if (name == "gt") out += '>';
-        else if (name == "quot") out += '"';
-        else if (name == "apos") out += '\'';
+        if (name == "amp")
+            out += '&';
+        else if (name == "lt")
+            out += '<';
+        else if (name == "gt")
+            out += '>';
+        else if (name == "quot")
+            out += '"';
+        else if (name == "apos")
+            out += '\'';
         else if (name.size() > 1 && name[0] == '#') {
             uint32_t code = 0;
             const bool hex = name[1] == 'x' || name[1] == 'X';
@@ -477,9 +483,12 @@ private:
                 if (!skipMisc() || !readTag(valueTag)) return false;
                 Value item;
                 if (!readValue(valueTag, item, 3)) return false;
-                if (key == "offset") entry.offset = item.unsignedLongLongValue();
-                else if (key == "length") entry.length = item.unsignedLongLongValue();
-                else if (key == "frameCount") entry.frameCount = item.integerValue();
+                if (key == "offset")
+                    entry.offset = item.unsignedLongLongValue();
+                else if (key == "length")
+                    entry.length = item.unsignedLongLongValue();
+                else if (key == "frameCount")
+                    entry.frameCount = item.integerValue();
             }
             table.push_back(entry);
         }
@@ -520,9 +529,12 @@ private:
             !take(kIntClose))
             return false;
         // What the accessors make of a non-negative integer.
-        if (key == "offset") entry.offset = value;
-        else if (key == "length") entry.length = value;
-        else if (key == "frameCount") entry.frameCount = static_cast<int64_t>(value);
+        if (key == "offset")
+            entry.offset = value;
+        else if (key == "length")
+            entry.length = value;
+        else if (key == "frameCount")
+            entry.frameCount = static_cast<int64_t>(value);
         p_ = q;
         maybeRelease();
         return true;
@@ -603,8 +615,7 @@ std::optional<MovieJob> MovieJob::readDocument(const std::string& path, Error* e
             if (mapping != MAP_FAILED) {
                 ::madvise(mapping, size, MADV_SEQUENTIAL);
                 const char* text = static_cast<const char*>(mapping);
-                if (!(size >= 6 && std::memcmp(text, "bplist", 6) == 0))
-                    job = XMLJobReader(text, size, mapping).read();
+                if (!(size >= 6 && std::memcmp(text, "bplist", 6) == 0)) job = XMLJobReader(text, size, mapping).read();
                 ::munmap(mapping, size);
             }
         }

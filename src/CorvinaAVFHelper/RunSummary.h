@@ -8,19 +8,19 @@
 
 struct RunSummary {
     struct Track {
-        std::string format;         // empty: the track was not described
+        std::string format;  // empty: the track was not described
         uint64_t entriesRead = 0;
         uint64_t entriesDescribed = 0;
         uint64_t framesWritten = 0;
         uint64_t framesDescribed = 0;
-        std::string firstError;     // what ended the track before its last entry
+        std::string firstError;  // what ended the track before its last entry
     };
 
     std::string settingsDocument;
     Track video;
     Track audio;
-    std::string firstError;         // the first line that ended the run
-    std::string moviePath;          // empty: no movie was put in place
+    std::string firstError;  // the first line that ended the run
+    std::string moviePath;   // empty: no movie was put in place
     std::optional<uint64_t> movieBytes;
     double elapsedSeconds = 0;
     int64_t status = 1;

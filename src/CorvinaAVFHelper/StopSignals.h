@@ -13,7 +13,7 @@ namespace stopsignals {
 
 void install(std::function<void(int signalNumber)> onStop, std::chrono::milliseconds grace);
 bool stopRequested();
-int stopSignal();                     // 0 until a signal arrived
-const char* signalName(int number);   // "SIGTERM", ...
+int stopSignal();                    // 0 until a signal arrived
+const char* signalName(int number);  // "SIGTERM", ...
 
 }  // namespace stopsignals

@@ -41,7 +41,7 @@ std::string settingsProblem(const std::optional<corvina::Value>& settings, const
 {
     if (!settings) return error.localizedDescription.empty() ? "unreadable" : error.localizedDescription;
     const char* kinds[] = {"nothing", "a string", "an integer", "a real number", "a boolean",
-                           "a date", "data", "an array", "a dictionary"};
+                           "a date",  "data",     "an array",   "a dictionary"};
     return corvina::format("its root is %s, not a dictionary", kinds[static_cast<int>(settings->type())]);
 }
 

@@ -18,10 +18,7 @@ namespace {
 
 constexpr const char* kExportErrorDomain = "TQAVExportErrorDomain";
 
-Error exportError(const std::string& text)
-{
-    return Error{kExportErrorDomain, -1, text};
-}
+Error exportError(const std::string& text) { return Error{kExportErrorDomain, -1, text}; }
 
 bool isStoredAsIs(FourCharCode code)
 {
@@ -41,10 +38,7 @@ struct TQAVExport::Track {
 
     // Sets the finished flag; the caller that set it marks the input finished and leaves the
     // group, so each track leaves exactly once.
-    bool finish()
-    {
-        return !finished.exchange(true);
-    }
+    bool finish() { return !finished.exchange(true); }
 };
 
 TQAVExport::TQAVExport()
@@ -64,10 +58,7 @@ TQAVExport::~TQAVExport()
     mainQueue_->sync([] {});
 }
 
-std::string TQAVExport::description() const
-{
-    return format("<TQAVExport: %p>", static_cast<const void*>(this));
-}
+std::string TQAVExport::description() const { return format("<TQAVExport: %p>", static_cast<const void*>(this)); }
 
 AssetRef TQAVExport::asset() const
 {
@@ -111,7 +102,7 @@ void TQAVExport::exportAsset()
     std::optional<Error> error;
     // Whatever is at the output path stays until a complete movie replaces it; only a folder
     // (which a movie cannot replace) stops the export here.
-    struct stat st{};
+    struct stat st {};
     const std::string path = outputPath();
     if (!path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
         error = Error::fromErrno(EISDIR, path);
@@ -155,14 +146,15 @@ bool TQAVExport::setupAssetReaderAndAssetWriter(std::optional<Error>* error)
             settings.keyFrameInterval = int64_t(videoKeyFrameInterval);
             video_->output = AssetReaderTrackOutput::createVideo(track, settings);
             if (!video_->output)
-                return fail(exportError(format("Video cannot be encoded as %@",
-                                               TQAVFoundation::fourCCString(videoFourCC))));
+                return fail(
+                    exportError(format("Video cannot be encoded as %@", TQAVFoundation::fourCCString(videoFourCC))));
         } else if (isStoredAsIs(stored)) {
             video_->output = AssetReaderTrackOutput::create(track);
         } else {
-            return fail(exportError(format("Video coded as %@ cannot be copied unchanged into the movie; "
-                                           "choose a codec to encode it with",
-                                           TQAVFoundation::fourCCString(stored))));
+            return fail(
+                exportError(format("Video coded as %@ cannot be copied unchanged into the movie; "
+                                   "choose a codec to encode it with",
+                                   TQAVFoundation::fourCCString(stored))));
         }
     }
     const auto audioTracks = source->tracksWithMediaType(MediaType::Audio);

@@ -112,10 +112,7 @@ MediaTime TQAVFoundation::frameLengthForFPS(double fps)
     return MediaTime::make(1000, timescale);
 }
 
-MediaTime TQAVFoundation::frameLengthForAsset(const Asset& asset)
-{
-    return frameLengthForFPS(fpsForAsset(asset));
-}
+MediaTime TQAVFoundation::frameLengthForAsset(const Asset& asset) { return frameLengthForFPS(fpsForAsset(asset)); }
 
 MediaTime TQAVFoundation::timeFromFrameCount(uint64_t frameCount, double fps)
 {
@@ -234,10 +231,7 @@ uint32_t TQAVFoundation::fourCCForTrack(const Track& track)
     return track->formatDescriptions().front()->mediaSubType();
 }
 
-std::string TQAVFoundation::fourCCString(uint32_t code)
-{
-    return fourCCText(code, true);
-}
+std::string TQAVFoundation::fourCCString(uint32_t code) { return fourCCText(code, true); }
 
 std::string TQAVFoundation::codecNameForTrack(const Track& track)
 {

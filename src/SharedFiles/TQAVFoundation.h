@@ -32,7 +32,7 @@ inline constexpr uint32_t kSMPTETimeValid = 1;
 // counted with the description's frames per second and flags. An all-zero record when the
 // description is not a timecode description.
 SMPTETime timecodeForFrameNumber32UsingFormatDescription(uint32_t frameNumber,
-                                                        const corvina::FormatDescription& description);
+                                                         const corvina::FormatDescription& description);
 
 class TQAVFoundation {
 public:

@@ -78,10 +78,7 @@ void TQAlert::setDelegate(TQAlertDelegate* delegate)
     state_->delegate = delegate;
 }
 
-bool TQAlert::alertEnded() const
-{
-    return state_->ended;
-}
+bool TQAlert::alertEnded() const { return state_->ended; }
 
 void TQAlert::setAlertEnded(bool ended)
 {
@@ -92,15 +89,9 @@ void TQAlert::setAlertEnded(bool ended)
     }
 }
 
-int64_t TQAlert::returnCode() const
-{
-    return state_->returnCode;
-}
+int64_t TQAlert::returnCode() const { return state_->returnCode; }
 
-void TQAlert::setReturnCode(int64_t code)
-{
-    state_->returnCode = code;
-}
+void TQAlert::setReturnCode(int64_t code) { state_->returnCode = code; }
 
 std::shared_ptr<corvina::AlertSession> TQAlert::alert() const
 {
@@ -189,8 +180,8 @@ void TQAlert::waitUntilEnded()
 
 void TQAlert::alertSheetWithMessageText(const Text& messageText, const Text& informativeText, Window parentWindow)
 {
-    alertSheetWithMessageText(messageText, nullptr, nullptr, nullptr, informativeText, parentWindow, nullptr,
-                              nullptr, true);
+    alertSheetWithMessageText(messageText, nullptr, nullptr, nullptr, informativeText, parentWindow, nullptr, nullptr,
+                              true);
 }
 
 int64_t TQAlert::alertSheetWithMessageText(const Text& messageText, const Text& defaultButton,
@@ -203,9 +194,9 @@ int64_t TQAlert::alertSheetWithMessageText(const Text& messageText, const Text& 
 
 int64_t TQAlert::alertSheetWithMessageText(const Text& messageText, const Text& defaultButton,
                                            const Text& alternateButton, const Text& otherButton,
-                                           const Text& informativeText, Window parentWindow,
-                                           TQAlertDelegate* delegate, DidEnd didEnd, bool block,
-                                           TQAlert* alertObject, const Text& suppressionBinding)
+                                           const Text& informativeText, Window parentWindow, TQAlertDelegate* delegate,
+                                           DidEnd didEnd, bool block, TQAlert* alertObject,
+                                           const Text& suppressionBinding)
 {
     return run(messageText, defaultButton, alternateButton, otherButton, informativeText, parentWindow, delegate,
                std::move(didEnd), block, alertObject, suppressionBinding, nullptr);

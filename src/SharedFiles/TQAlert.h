@@ -59,8 +59,8 @@ public:
         Selector() = default;
         Selector(std::nullptr_t) {}
         template <class F>
-            requires std::is_invocable_v<F&, TQAlert&, int64_t> && (!std::is_same_v<std::decay_t<F>, Selector>)
-        Selector(F closure)
+        requires std::is_invocable_v<F&, TQAlert&, int64_t> &&
+            (!std::is_same_v<std::decay_t<F>, Selector>)Selector(F closure)
             : name_("block"),
               send_([closure = std::move(closure)](TQAlertDelegate*, TQAlert& alert, int64_t code) mutable {
                   closure(alert, code);
@@ -69,8 +69,7 @@ public:
         {
         }
         template <class D>
-            requires std::is_base_of_v<TQAlertDelegate, D>
-        Selector(void (D::*method)(TQAlert&, int64_t), std::string name)
+        requires std::is_base_of_v<TQAlertDelegate, D> Selector(void (D::*method)(TQAlert&, int64_t), std::string name)
             : name_(std::move(name)),
               send_([method](TQAlertDelegate* delegate, TQAlert& alert, int64_t code) {
                   auto* receiver = dynamic_cast<D*>(delegate);

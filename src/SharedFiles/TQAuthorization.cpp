@@ -158,15 +158,9 @@ TQAuthorization::TQAuthorization(bool withGUI) : hasGUI_(withGUI)
     if (!runningAsRoot()) userDirectory_ = TQLocalPaths::userDirectory();
 }
 
-TQAuthorization::~TQAuthorization()
-{
-    authEnd();
-}
+TQAuthorization::~TQAuthorization() { authEnd(); }
 
-bool TQAuthorization::runningAsRoot()
-{
-    return ::getuid() == 0;
-}
+bool TQAuthorization::runningAsRoot() { return ::getuid() == 0; }
 
 bool TQAuthorization::isAuthorized() const
 {
@@ -174,10 +168,7 @@ bool TQAuthorization::isAuthorized() const
     return runningAsRoot() || authRef_.has_value();
 }
 
-bool TQAuthorization::canAuthorize() const
-{
-    return hasGUI() || runningAsRoot();
-}
+bool TQAuthorization::canAuthorize() const { return hasGUI() || runningAsRoot(); }
 
 std::optional<TQAuthorization::AuthRef> TQAuthorization::authRef() const
 {

@@ -65,8 +65,8 @@ public:
     int32_t authExecTask(const std::string& tool, const std::vector<std::string>& parameters, bool async = true);
 
     // Tests replace the running of tools (after all checks) with their own. Null restores it.
-    using ExecHook = std::function<int32_t(const std::string& tool, const std::vector<std::string>& parameters,
-                                           bool async)>;
+    using ExecHook =
+        std::function<int32_t(const std::string& tool, const std::vector<std::string>& parameters, bool async)>;
     static void setExecHookForTesting(ExecHook hook);
 
     // The tool could not be started.

@@ -55,9 +55,9 @@ bool TQAuthorization::authMoveFolderContents(const std::string& folder, const st
     if (refused(folder, "Unable to move contents of path %@ because it is a system directory.")) return false;
     bool allMoved = true;
     for (const auto& name : corvina::directoryContents(folder)) {
-        allMoved = authMoveFile(corvina::appendPathComponent(folder, name),
-                                corvina::appendPathComponent(destination, name)) &&
-                   allMoved;
+        allMoved =
+            authMoveFile(corvina::appendPathComponent(folder, name), corvina::appendPathComponent(destination, name)) &&
+            allMoved;
     }
     return allMoved;
 }

@@ -131,10 +131,7 @@ void installHandler(const std::string& program)
 
 }  // namespace
 
-void TQBugReporter::startBugReporter()
-{
-    startBugReporter(std::nullopt, std::nullopt, nullptr);
-}
+void TQBugReporter::startBugReporter() { startBugReporter(std::nullopt, std::nullopt, nullptr); }
 
 void TQBugReporter::startBugReporterWithDelegate(TQBugReporterDelegate* delegate)
 {
@@ -145,7 +142,8 @@ void TQBugReporter::startBugReporter(const Name& name, const RecordPath& plistPa
 {
     const auto report = checkForCrashes(name, plistPath);
     if (report && delegate) {
-        corvina::DispatchQueue::main().async([delegate, path = *report] { delegate->applicationDidCrashWithLog(path); });
+        corvina::DispatchQueue::main().async(
+            [delegate, path = *report] { delegate->applicationDidCrashWithLog(path); });
     }
     recordDate(plistPath, kLaunchKey);
     installHandler(programName(name));
@@ -217,7 +215,8 @@ std::optional<std::string> TQBugReporter::bugReporterPath()
 {
     const std::string exe = corvina::processinfo::executablePath();
     if (!exe.empty()) {
-        const std::string beside = corvina::appendPathComponent(corvina::deletingLastPathComponent(exe), kBugReporterName);
+        const std::string beside =
+            corvina::appendPathComponent(corvina::deletingLastPathComponent(exe), kBugReporterName);
         if (corvina::isExecutablePath(beside)) return beside;
     }
     return corvina::findProgramOnPath(kBugReporterName);

@@ -35,7 +35,8 @@ public:
     static void startBugReporter();
     static void startBugReporterWithDelegate(TQBugReporterDelegate* delegate);
     // Name: the program's name in report names (the executable's name when none).
-    static void startBugReporter(const Name& name, const RecordPath& plistPath, TQBugReporterDelegate* delegate = nullptr);
+    static void startBugReporter(const Name& name, const RecordPath& plistPath,
+                                 TQBugReporterDelegate* delegate = nullptr);
     static void stopBugReporter(const RecordPath& plistPath = std::nullopt);
 
     // The report left by the previous run when it did not end normally; none otherwise.

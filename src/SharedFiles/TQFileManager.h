@@ -240,12 +240,11 @@ public:
     // modification date is carried over. True when every destination received the whole
     // file; a cancelled copy returns false and leaves the destinations as far as written.
     static bool copyFileWithProgress(const std::string& source, const std::vector<std::string>& destinations,
-                                     TQVerificationType verificationType,
-                                     std::shared_ptr<TQCopyDelegate> delegate,
+                                     TQVerificationType verificationType, std::shared_ptr<TQCopyDelegate> delegate,
                                      const corvina::Value& object = {}, const corvina::Value& object2 = {});
     static bool copyFileWithProgress(const std::string& source, const std::string& destination,
-                                     std::shared_ptr<TQCopyDelegate> delegate,
-                                     const corvina::Value& object = {}, const corvina::Value& object2 = {});
+                                     std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object = {},
+                                     const corvina::Value& object2 = {});
 
     // Tests look at (and may change) the bytes of every block as each destination holds
     // them: called after the block was written (and read back, when verifying; the span
@@ -294,8 +293,7 @@ public:
     // ---- Waiting on files and archives ----------------------------------------------------
     // Returns once the file's modification date is more than 5 seconds old; an old file with
     // an existing lock file is waited for in the same way. A missing file ends the wait.
-    static void waitForFileWrites(const std::string& path,
-                                  const std::optional<std::string>& lockFile = std::nullopt);
+    static void waitForFileWrites(const std::string& path, const std::optional<std::string>& lockFile = std::nullopt);
     // True when any process (this one included) has the file open for writing.
     static bool fileIsOpenForWriting(const std::string& path);
     // Returns once something of non-zero size is at the path, or the time-out has passed.

@@ -218,8 +218,9 @@ bool TQFileManager::compressFile(const std::string& path, const std::string& arc
         }
         const bool closed = writer.a && archive_write_close(writer.a) == ARCHIVE_OK;
         if (ok && !closed) ok = false;
-        if (!ok && writer.a) TQLog::appendLog("Error packing %@ into %@: %@", path, archivePath,
-                                              archive_error_string(writer.a) ? archive_error_string(writer.a) : "");
+        if (!ok && writer.a)
+            TQLog::appendLog("Error packing %@ into %@: %@", path, archivePath,
+                             archive_error_string(writer.a) ? archive_error_string(writer.a) : "");
     }
     if (ok) ok = ::rename(partial.c_str(), archivePath.c_str()) == 0;
     if (!ok) ::unlink(partial.c_str());
@@ -239,8 +240,7 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     if (!reader.a || !disk) return false;
     archive_read_support_format_zip(reader.a);
     archive_write_disk_set_options(disk.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
-                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS);
+                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_SYMLINKS);
     archive_write_disk_set_standard_lookup(disk.get());
     if (archive_read_open_filename(reader.a, archivePath.c_str(), tqfiles::kCopyBlockSize) != ARCHIVE_OK) {
         TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
@@ -280,7 +280,8 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
         archive_write_finish_entry(disk.get());
         if (r == ARCHIVE_FATAL) break;
     }
-    if (status == ARCHIVE_FATAL) TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
+    if (status == ARCHIVE_FATAL)
+        TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
     archive_write_close(disk.get());
     return fileExistsAtPath(destinationFolder);
 }

@@ -64,21 +64,30 @@ TQFileManager::CopyBlockHook gBlockHook;
 std::optional<TQDigestAlgorithm> algorithmFor(TQVerificationType type)
 {
     switch (type) {
-    case TQVerificationType::MD5: return TQDigestAlgorithm::MD5;
-    case TQVerificationType::SHA1: return TQDigestAlgorithm::SHA1;
-    case TQVerificationType::SHA256: return TQDigestAlgorithm::SHA256;
-    case TQVerificationType::SHA512: return TQDigestAlgorithm::SHA512;
-    default: return std::nullopt;
+    case TQVerificationType::MD5:
+        return TQDigestAlgorithm::MD5;
+    case TQVerificationType::SHA1:
+        return TQDigestAlgorithm::SHA1;
+    case TQVerificationType::SHA256:
+        return TQDigestAlgorithm::SHA256;
+    case TQVerificationType::SHA512:
+        return TQDigestAlgorithm::SHA512;
+    default:
+        return std::nullopt;
     }
 }
 
 std::optional<std::string> finishedText(const TQDigestState& state)
 {
     switch (state.algorithm()) {
-    case TQDigestAlgorithm::MD5: return TQFileManager::md5HashWithContext(state);
-    case TQDigestAlgorithm::SHA1: return TQFileManager::sha1HashWithContext(state);
-    case TQDigestAlgorithm::SHA256: return TQFileManager::sha256HashWithContext(state);
-    case TQDigestAlgorithm::SHA512: return TQFileManager::sha512HashWithContext(state);
+    case TQDigestAlgorithm::MD5:
+        return TQFileManager::md5HashWithContext(state);
+    case TQDigestAlgorithm::SHA1:
+        return TQFileManager::sha1HashWithContext(state);
+    case TQDigestAlgorithm::SHA256:
+        return TQFileManager::sha256HashWithContext(state);
+    case TQDigestAlgorithm::SHA512:
+        return TQFileManager::sha512HashWithContext(state);
     }
     return std::nullopt;
 }
@@ -201,10 +210,7 @@ private:
     std::vector<std::thread> threads_;
 };
 
-bool sameFile(const struct stat& a, const struct stat& b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
+bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
 // Carries the source's modification date over. Creation dates cannot be set here, and the
 // other attributes of the set (hidden extension, type and creator codes) do not exist.
@@ -234,9 +240,8 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::s
 }
 
 bool TQFileManager::copyFileWithProgress(const std::string& source, const std::vector<std::string>& destinations,
-                                         TQVerificationType verificationType,
-                                         std::shared_ptr<TQCopyDelegate> delegate, const corvina::Value& object,
-                                         const corvina::Value& object2)
+                                         TQVerificationType verificationType, std::shared_ptr<TQCopyDelegate> delegate,
+                                         const corvina::Value& object, const corvina::Value& object2)
 {
     if (!TQFileManager::fileExistsAtPath(source)) {
         corvina::systemLog("Error: File %@ doesn't exist. Aborting copy process...", source);
@@ -255,8 +260,9 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     for (const auto& d : destinations) {
         const std::string folder = corvina::deletingLastPathComponent(d);
         if (!folder.empty() && !TQFileManager::isDirectoryAtPath(folder) && !createFolder(folder, 10s)) {
-            corvina::systemLog("Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
-                               source, folder);
+            corvina::systemLog(
+                "Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...", source,
+                folder);
             return false;
         }
     }
@@ -344,16 +350,15 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
             // A short block means the end of the file; otherwise read ahead while the
             // destinations take this one.
             const bool atEnd = size < tqfiles::kCopyBlockSize;
-            const ssize_t next = atEnd ? 0 : tqfiles::readFull(input.get(), buffers[1 - current].data(),
-                                                               tqfiles::kCopyBlockSize);
+            const ssize_t next =
+                atEnd ? 0 : tqfiles::readFull(input.get(), buffers[1 - current].data(), tqfiles::kCopyBlockSize);
             crew.wait();
             copied += size;
             if (copied - lastReported >= interval) {
                 lastReported = copied;
                 if (reports) {
-                    corvina::DispatchQueue::global().async([delegate, settings, count = copied] {
-                        delegate->fileCopyBytesWritten(count, *settings);
-                    });
+                    corvina::DispatchQueue::global().async(
+                        [delegate, settings, count = copied] { delegate->fileCopyBytesWritten(count, *settings); });
                 }
                 if (asks) {
                     corvina::DispatchQueue::global().async([delegate, settings, cancelled] {

@@ -44,8 +44,7 @@ struct TQDigestState::Context {
 
 TQDigestState::TQDigestState(TQDigestAlgorithm algorithm) : algorithm_(algorithm), context_(std::make_unique<Context>())
 {
-    if (!context_->ctx || EVP_DigestInit_ex2(context_->ctx, digestFor(algorithm), nullptr) != 1)
-        throw std::bad_alloc();
+    if (!context_->ctx || EVP_DigestInit_ex2(context_->ctx, digestFor(algorithm), nullptr) != 1) throw std::bad_alloc();
 }
 
 TQDigestState::~TQDigestState() = default;
@@ -170,12 +169,14 @@ std::optional<std::string> TQFileManager::sha512HashWithContext(const TQDigestSt
     return textOf(state, TQDigestAlgorithm::SHA512);
 }
 
-std::optional<std::string> TQFileManager::md5HashForFile(const std::string& path, std::shared_ptr<TQHashDelegate> delegate)
+std::optional<std::string> TQFileManager::md5HashForFile(const std::string& path,
+                                                         std::shared_ptr<TQHashDelegate> delegate)
 {
     return hashFile(path, TQDigestAlgorithm::MD5, delegate);
 }
 
-std::optional<std::string> TQFileManager::sha1HashForFile(const std::string& path, std::shared_ptr<TQHashDelegate> delegate)
+std::optional<std::string> TQFileManager::sha1HashForFile(const std::string& path,
+                                                          std::shared_ptr<TQHashDelegate> delegate)
 {
     return hashFile(path, TQDigestAlgorithm::SHA1, delegate);
 }

@@ -24,10 +24,7 @@ constexpr const char* kFinderInfoAttribute = "com.apple.FinderInfo";
 constexpr size_t kFinderInfoSize = 32;
 constexpr size_t kLabelByte = 9;
 
-std::string errorDescription(int err)
-{
-    return corvina::Error::fromErrno(err).localizedDescription;
-}
+std::string errorDescription(int err) { return corvina::Error::fromErrno(err).localizedDescription; }
 
 // The item's immutable flag as statx reports it, without opening the item. `known` is
 // false where the file system does not report the flag (it has none).
@@ -140,7 +137,7 @@ bool validUtf8(const std::string& s)
 
 std::array<uint8_t, kFinderInfoSize> readFinderInfo(const std::string& path, bool* present = nullptr)
 {
-    std::array<uint8_t, kFinderInfoSize> info {};
+    std::array<uint8_t, kFinderInfoSize> info{};
     const ssize_t n = ::getxattr(path.c_str(), attributeName(kFinderInfoAttribute).c_str(), info.data(), info.size());
     if (present) *present = n > 0;
     if (n < 0) info.fill(0);
@@ -240,10 +237,7 @@ void TQFileManager::setFinderProgress(float fraction, const std::string& path)
     ::setxattr(path.c_str(), name.c_str(), text.data(), text.size(), 0);
 }
 
-void TQFileManager::removeFinderProgressForFile(const std::string& path)
-{
-    setFinderProgress(-1.0f, path);
-}
+void TQFileManager::removeFinderProgressForFile(const std::string& path) { setFinderProgress(-1.0f, path); }
 
 long TQFileManager::finderColorIndexForPath(const std::string& path)
 {
@@ -294,10 +288,7 @@ void TQFileManager::notifyFileSystemChanged(const std::string& path)
     SendFinderSyncEvent(&ref);
 }
 
-bool TQFileManager::registerApplicationWithLaunchServices(const std::string&)
-{
-    return false;
-}
+bool TQFileManager::registerApplicationWithLaunchServices(const std::string&) { return false; }
 
 int32_t SendFinderSyncEvent(const TQFileManager::FSRef* ref)
 {

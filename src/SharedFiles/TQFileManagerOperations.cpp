@@ -109,7 +109,8 @@ bool TQFileManager::createDirectory(const std::string& path, bool shouldAuth)
     std::filesystem::create_directories(path, ec);
     if (!ec && isDirectoryAtPath(path)) return true;
     if (!ec) ec = std::make_error_code(std::errc::file_exists);
-    TQLog::appendLog("Error creating folder: %@. Authorizing...", corvina::Error::fromErrno(ec.value()).localizedDescription);
+    TQLog::appendLog("Error creating folder: %@. Authorizing...",
+                     corvina::Error::fromErrno(ec.value()).localizedDescription);
     if (!shouldAuth) return false;
     return TQAuthorization::sharedController().authCreateDir(path);
 }
@@ -188,9 +189,8 @@ bool TQFileManager::trashDirectoryContents(const std::string& folder, bool shoul
 
 std::vector<std::string> TQFileManager::trashFilesOfType(const std::string& extension, const std::string& folder)
 {
-    return trashMatching(folder, [&](const std::string& name) {
-        return equalIgnoringCase(corvina::pathExtension(name), extension);
-    });
+    return trashMatching(
+        folder, [&](const std::string& name) { return equalIgnoringCase(corvina::pathExtension(name), extension); });
 }
 
 std::vector<std::string> TQFileManager::trashFilesNamed(const std::string& name, const std::string& folder)
@@ -198,8 +198,7 @@ std::vector<std::string> TQFileManager::trashFilesNamed(const std::string& name,
     return trashMatching(folder, [&](const std::string& entry) { return entry == name; });
 }
 
-bool TQFileManager::copyContentsOfDirectory(const std::string& source, const std::string& destination,
-                                            Seconds timeout)
+bool TQFileManager::copyContentsOfDirectory(const std::string& source, const std::string& destination, Seconds timeout)
 {
     for (const auto& name : corvina::directoryContents(source)) {
         TQLog::fastAppendLog("File: %@", name);

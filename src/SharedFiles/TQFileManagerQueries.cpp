@@ -65,10 +65,7 @@ bool emptyBelow(const std::string& path, std::set<Identity>& visited)
     return true;
 }
 
-bool underVolumes(const std::string& path, const std::string& prefix)
-{
-    return path.rfind(prefix, 0) == 0;
-}
+bool underVolumes(const std::string& path, const std::string& prefix) { return path.rfind(prefix, 0) == 0; }
 
 bool volumeOfPathExists(const std::string& path)
 {
@@ -113,10 +110,7 @@ bool TQFileManager::isDirectoryAtPath(const std::string& path)
     return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool TQFileManager::isPackageAtPath(const std::string& path)
-{
-    return corvina::isFilePackageAtPath(path);
-}
+bool TQFileManager::isPackageAtPath(const std::string& path) { return corvina::isFilePackageAtPath(path); }
 
 bool TQFileManager::isSymbolicLinkAtPath(const std::string& path)
 {
@@ -134,10 +128,7 @@ bool TQFileManager::isDriveMountedForPath(const std::string& path)
     return !underVolumes(path, "/Volumes/") || volumeOfPathExists(path);
 }
 
-std::vector<std::string> TQFileManager::mountedLocalVolumePaths()
-{
-    return corvina::mountedLocalVolumePaths();
-}
+std::vector<std::string> TQFileManager::mountedLocalVolumePaths() { return corvina::mountedLocalVolumePaths(); }
 
 std::optional<std::string> TQFileManager::volumeMountPointForPath(const std::string& path)
 {
@@ -145,9 +136,9 @@ std::optional<std::string> TQFileManager::volumeMountPointForPath(const std::str
     std::optional<std::string> best;
     for (const auto& volume : mountedLocalVolumePaths()) {
         if (volume == "/") continue;
-        const bool inside = path == volume ||
-                            (path.size() > volume.size() && path.compare(0, volume.size(), volume) == 0 &&
-                             path[volume.size()] == '/');
+        const bool inside =
+            path == volume ||
+            (path.size() > volume.size() && path.compare(0, volume.size(), volume) == 0 && path[volume.size()] == '/');
         if (inside && (!best || volume.size() > best->size())) best = volume;
     }
     if (best) return best;
@@ -165,7 +156,8 @@ std::optional<corvina::Date> TQFileManager::modificationDateForFile(const std::s
 std::optional<corvina::Date> TQFileManager::creationDateForFile(const std::string& path)
 {
     struct statx stx {};
-    if (path.empty() || ::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) != 0) return std::nullopt;
+    if (path.empty() || ::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) != 0)
+        return std::nullopt;
     if (!(stx.stx_mask & STATX_BTIME)) return std::nullopt;
     return toDate(stx.stx_btime.tv_sec, stx.stx_btime.tv_nsec);
 }

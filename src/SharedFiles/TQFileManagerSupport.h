@@ -15,7 +15,6 @@
 #include <thread>
 #include <string>
 
-
 namespace tqfiles {
 
 // Reads and writes move this much at a time: sixteen of the 64 KiB blocks the file services

@@ -25,8 +25,7 @@ bool testVariablesHonoured() { return getuid() == geteuid(); }
 std::optional<std::string> environment(const char* name)
 {
     const char* v = std::getenv(name);
-    if (!v)
-        return std::nullopt;
+    if (!v) return std::nullopt;
     return std::string(v);
 }
 
@@ -37,16 +36,14 @@ std::optional<passwd> lookupUser(uid_t uid, const char* name, std::string& buffe
     buffer.assign(16384, '\0');
     int rc = name ? getpwnam_r(name, &pw, buffer.data(), buffer.size(), &result)
                   : getpwuid_r(uid, &pw, buffer.data(), buffer.size(), &result);
-    if (rc != 0 || !result)
-        return std::nullopt;
+    if (rc != 0 || !result) return std::nullopt;
     return pw;
 }
 
 // The process's own home folder: $HOME, else the user database.
 std::optional<std::string> ownHome()
 {
-    if (auto home = environment("HOME"); home && !home->empty())
-        return home;
+    if (auto home = environment("HOME"); home && !home->empty()) return home;
     std::string buffer;
     if (auto pw = lookupUser(getuid(), nullptr, buffer); pw && pw->pw_dir && *pw->pw_dir)
         return std::string(pw->pw_dir);
@@ -56,18 +53,15 @@ std::optional<std::string> ownHome()
 std::optional<std::string> homeOfUser(const std::string& name)
 {
     std::string buffer;
-    if (auto pw = lookupUser(0, name.c_str(), buffer); pw && pw->pw_dir && *pw->pw_dir)
-        return std::string(pw->pw_dir);
+    if (auto pw = lookupUser(0, name.c_str(), buffer); pw && pw->pw_dir && *pw->pw_dir) return std::string(pw->pw_dir);
     return std::nullopt;
 }
 
 std::string ownUserName()
 {
     std::string buffer;
-    if (auto pw = lookupUser(getuid(), nullptr, buffer); pw && pw->pw_name)
-        return pw->pw_name;
-    if (auto user = environment("USER"))
-        return *user;
+    if (auto pw = lookupUser(getuid(), nullptr, buffer); pw && pw->pw_name) return pw->pw_name;
+    if (auto user = environment("USER")) return *user;
     return std::to_string(getuid());
 }
 
@@ -75,8 +69,7 @@ std::string ownUserName()
 std::optional<std::string> effectiveHome()
 {
     if (getuid() == 0) {
-        if (auto console = TQLocalPaths::currentConsoleUser())
-            return homeOfUser(*console);
+        if (auto console = TQLocalPaths::currentConsoleUser()) return homeOfUser(*console);
     }
     return ownHome();
 }
@@ -92,32 +85,29 @@ std::optional<std::string> xdgUserDir(const std::string& home, std::string_view 
 {
     std::string config = appendPathComponent(home, ".config");
     if (isOwnHome(home)) {
-        if (auto xdg = environment("XDG_CONFIG_HOME"); xdg && !xdg->empty() && (*xdg)[0] == '/')
-            config = *xdg;
+        if (auto xdg = environment("XDG_CONFIG_HOME"); xdg && !xdg->empty() && (*xdg)[0] == '/') config = *xdg;
     }
     std::ifstream in(appendPathComponent(config, "user-dirs.dirs"));
     std::string line;
     std::optional<std::string> found;
     while (std::getline(in, line)) {
         std::string_view l = corvina::trimWhitespace(line);
-        if (l.empty() || l[0] == '#' || l.substr(0, key.size()) != key || l.size() <= key.size() || l[key.size()] != '=')
+        if (l.empty() || l[0] == '#' || l.substr(0, key.size()) != key || l.size() <= key.size() ||
+            l[key.size()] != '=')
             continue;
         std::string_view value = l.substr(key.size() + 1);
-        if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
-            value = value.substr(1, value.size() - 2);
+        if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
         std::string resolved;
         if (value.substr(0, 5) == "$HOME") {
             std::string_view rest = value.substr(5);
-            if (!rest.empty() && rest[0] != '/')
-                continue;
+            if (!rest.empty() && rest[0] != '/') continue;
             resolved = home + std::string(rest);
         } else if (!value.empty() && value[0] == '/') {
             resolved = std::string(value);
         } else {
             continue;
         }
-        while (resolved.size() > 1 && resolved.back() == '/')
-            resolved.pop_back();
+        while (resolved.size() > 1 && resolved.back() == '/') resolved.pop_back();
         // An entry pointing at the home folder itself means the folder is switched off.
         if (resolved == home || resolved.empty())
             found.reset();
@@ -131,30 +121,47 @@ std::optional<std::string> userDomainPath(TQLocalPaths::Directory code, const st
 {
     using D = TQLocalPaths::Directory;
     auto xdgOr = [&](std::string_view key, const char* fallback) {
-        if (auto dir = xdgUserDir(home, key))
-            return *dir;
+        if (auto dir = xdgUserDir(home, key)) return *dir;
         return appendPathComponent(home, fallback);
     };
     switch (code) {
-    case D::Application: return appendPathComponent(home, "Applications");
-    case D::AdminApplication: return appendPathComponent(home, "Applications/Utilities");
-    case D::DemoApplication: return appendPathComponent(home, "Applications/Demos");
-    case D::DeveloperApplication: return appendPathComponent(home, "Developer/Applications");
-    case D::Developer: return appendPathComponent(home, "Developer");
-    case D::Library: return appendPathComponent(home, "Library");
-    case D::Documentation: return appendPathComponent(home, "Library/Documentation");
-    case D::AutosavedInformation: return appendPathComponent(home, "Library/Autosave Information");
-    case D::Caches: return appendPathComponent(home, "Library/Caches");
-    case D::ApplicationSupport: return appendPathComponent(home, "Library/Application Support");
-    case D::InputMethods: return appendPathComponent(home, "Library/Input Methods");
-    case D::Document: return xdgOr("XDG_DOCUMENTS_DIR", "Documents");
-    case D::Desktop: return xdgOr("XDG_DESKTOP_DIR", "Desktop");
-    case D::Movies: return xdgOr("XDG_VIDEOS_DIR", "Videos");
-    case D::Downloads: return xdgOr("XDG_DOWNLOAD_DIR", "Downloads");
-    case D::Music: return xdgOr("XDG_MUSIC_DIR", "Music");
-    case D::Pictures: return xdgOr("XDG_PICTURES_DIR", "Pictures");
+    case D::Application:
+        return appendPathComponent(home, "Applications");
+    case D::AdminApplication:
+        return appendPathComponent(home, "Applications/Utilities");
+    case D::DemoApplication:
+        return appendPathComponent(home, "Applications/Demos");
+    case D::DeveloperApplication:
+        return appendPathComponent(home, "Developer/Applications");
+    case D::Developer:
+        return appendPathComponent(home, "Developer");
+    case D::Library:
+        return appendPathComponent(home, "Library");
+    case D::Documentation:
+        return appendPathComponent(home, "Library/Documentation");
+    case D::AutosavedInformation:
+        return appendPathComponent(home, "Library/Autosave Information");
+    case D::Caches:
+        return appendPathComponent(home, "Library/Caches");
+    case D::ApplicationSupport:
+        return appendPathComponent(home, "Library/Application Support");
+    case D::InputMethods:
+        return appendPathComponent(home, "Library/Input Methods");
+    case D::Document:
+        return xdgOr("XDG_DOCUMENTS_DIR", "Documents");
+    case D::Desktop:
+        return xdgOr("XDG_DESKTOP_DIR", "Desktop");
+    case D::Movies:
+        return xdgOr("XDG_VIDEOS_DIR", "Videos");
+    case D::Downloads:
+        return xdgOr("XDG_DOWNLOAD_DIR", "Downloads");
+    case D::Music:
+        return xdgOr("XDG_MUSIC_DIR", "Music");
+    case D::Pictures:
+        return xdgOr("XDG_PICTURES_DIR", "Pictures");
     case D::User:
-    case D::CoreService: return std::nullopt;
+    case D::CoreService:
+        return std::nullopt;
     }
     return std::nullopt;
 }
@@ -165,18 +172,41 @@ std::optional<std::string> localDomainPath(TQLocalPaths::Directory code)
     const std::string root = TQLocalPaths::localRoot();
     const char* relative = nullptr;
     switch (code) {
-    case D::Application: relative = "Applications"; break;
-    case D::AdminApplication: relative = "Applications/Utilities"; break;
-    case D::DemoApplication: relative = "Applications/Demos"; break;
-    case D::DeveloperApplication: relative = "Developer/Applications"; break;
-    case D::Developer: relative = "Developer"; break;
-    case D::Library: relative = "Library"; break;
-    case D::Documentation: relative = "Library/Documentation"; break;
-    case D::Caches: relative = "Library/Caches"; break;
-    case D::ApplicationSupport: relative = "Library/Application Support"; break;
-    case D::InputMethods: relative = "Library/Input Methods"; break;
-    case D::User: relative = "home"; break;
-    default: return std::nullopt;
+    case D::Application:
+        relative = "Applications";
+        break;
+    case D::AdminApplication:
+        relative = "Applications/Utilities";
+        break;
+    case D::DemoApplication:
+        relative = "Applications/Demos";
+        break;
+    case D::DeveloperApplication:
+        relative = "Developer/Applications";
+        break;
+    case D::Developer:
+        relative = "Developer";
+        break;
+    case D::Library:
+        relative = "Library";
+        break;
+    case D::Documentation:
+        relative = "Library/Documentation";
+        break;
+    case D::Caches:
+        relative = "Library/Caches";
+        break;
+    case D::ApplicationSupport:
+        relative = "Library/Application Support";
+        break;
+    case D::InputMethods:
+        relative = "Library/Input Methods";
+        break;
+    case D::User:
+        relative = "home";
+        break;
+    default:
+        return std::nullopt;
     }
     return appendPathComponent(root, relative);
 }
@@ -186,17 +216,20 @@ std::optional<std::string> systemDomainPath(TQLocalPaths::Directory code)
     using D = TQLocalPaths::Directory;
     const std::string root = TQLocalPaths::localRoot();
     switch (code) {
-    case D::Library: return appendPathComponent(root, "System/Library");
-    case D::CoreService: return appendPathComponent(root, "System/Library/CoreServices");
-    case D::Application: return appendPathComponent(root, "System/Applications");
-    default: return std::nullopt;
+    case D::Library:
+        return appendPathComponent(root, "System/Library");
+    case D::CoreService:
+        return appendPathComponent(root, "System/Library/CoreServices");
+    case D::Application:
+        return appendPathComponent(root, "System/Applications");
+    default:
+        return std::nullopt;
     }
 }
 
 std::optional<std::string> appended(const std::optional<std::string>& path, std::string_view component)
 {
-    if (!path)
-        return std::nullopt;
+    if (!path) return std::nullopt;
     return appendPathComponent(*path, component);
 }
 
@@ -204,8 +237,7 @@ bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0
 
 bool processAlive(pid_t pid)
 {
-    if (pid <= 0)
-        return true;
+    if (pid <= 0) return true;
     return kill(pid, 0) == 0 || errno == EPERM;
 }
 
@@ -214,8 +246,7 @@ bool processAlive(pid_t pid)
 std::string TQLocalPaths::localRoot()
 {
     if (testVariablesHonoured()) {
-        if (auto root = environment("TQ_LOCAL_ROOT"); root && !root->empty())
-            return *root;
+        if (auto root = environment("TQ_LOCAL_ROOT"); root && !root->empty()) return *root;
     }
     return "/";
 }
@@ -225,46 +256,81 @@ std::optional<std::string> TQLocalPaths::pathForDirectory(Directory code, unsign
     if (domainMask & UserDomainMask) {
         // As root the user domain is the console user's; their own user-dirs apply.
         if (auto home = domainMask == UserDomainMask ? effectiveHome() : ownHome()) {
-            if (auto path = userDomainPath(code, *home))
-                return path;
+            if (auto path = userDomainPath(code, *home)) return path;
         } else if (domainMask == UserDomainMask) {
             return std::nullopt;
         }
     }
     if (domainMask & LocalDomainMask) {
-        if (auto path = localDomainPath(code))
-            return path;
+        if (auto path = localDomainPath(code)) return path;
     }
     if (domainMask & SystemDomainMask) {
-        if (auto path = systemDomainPath(code))
-            return path;
+        if (auto path = systemDomainPath(code)) return path;
     }
     return std::nullopt;
 }
 
-static TQLocalPaths::DomainMask domainFor(bool user) { return user ? TQLocalPaths::UserDomainMask : TQLocalPaths::LocalDomainMask; }
+static TQLocalPaths::DomainMask domainFor(bool user)
+{
+    return user ? TQLocalPaths::UserDomainMask : TQLocalPaths::LocalDomainMask;
+}
 
-std::optional<std::string> TQLocalPaths::applicationDirectory(bool user) { return pathForDirectory(Directory::Application, domainFor(user)); }
-std::optional<std::string> TQLocalPaths::adminApplicationDirectory(bool user) { return pathForDirectory(Directory::AdminApplication, domainFor(user)); }
-std::optional<std::string> TQLocalPaths::documentDirectory(bool user) { return pathForDirectory(Directory::Document, domainFor(user)); }
-std::optional<std::string> TQLocalPaths::libraryDirectory(bool user) { return pathForDirectory(Directory::Library, domainFor(user)); }
-std::optional<std::string> TQLocalPaths::prefsDirectory(bool user) { return appended(libraryDirectory(user), "Preferences"); }
-std::optional<std::string> TQLocalPaths::cacheDirectory(bool user) { return pathForDirectory(Directory::Caches, domainFor(user)); }
-std::optional<std::string> TQLocalPaths::appSupportDirectory(bool user) { return pathForDirectory(Directory::ApplicationSupport, domainFor(user)); }
+std::optional<std::string> TQLocalPaths::applicationDirectory(bool user)
+{
+    return pathForDirectory(Directory::Application, domainFor(user));
+}
+std::optional<std::string> TQLocalPaths::adminApplicationDirectory(bool user)
+{
+    return pathForDirectory(Directory::AdminApplication, domainFor(user));
+}
+std::optional<std::string> TQLocalPaths::documentDirectory(bool user)
+{
+    return pathForDirectory(Directory::Document, domainFor(user));
+}
+std::optional<std::string> TQLocalPaths::libraryDirectory(bool user)
+{
+    return pathForDirectory(Directory::Library, domainFor(user));
+}
+std::optional<std::string> TQLocalPaths::prefsDirectory(bool user)
+{
+    return appended(libraryDirectory(user), "Preferences");
+}
+std::optional<std::string> TQLocalPaths::cacheDirectory(bool user)
+{
+    return pathForDirectory(Directory::Caches, domainFor(user));
+}
+std::optional<std::string> TQLocalPaths::appSupportDirectory(bool user)
+{
+    return pathForDirectory(Directory::ApplicationSupport, domainFor(user));
+}
 std::optional<std::string> TQLocalPaths::logDirectory(bool user) { return appended(libraryDirectory(user), "Logs"); }
-std::optional<std::string> TQLocalPaths::movieDirectory() { return pathForDirectory(Directory::Movies, UserDomainMask); }
-std::optional<std::string> TQLocalPaths::desktopDirectory() { return pathForDirectory(Directory::Desktop, UserDomainMask); }
-std::optional<std::string> TQLocalPaths::downloadsDirectory() { return pathForDirectory(Directory::Downloads, UserDomainMask); }
-std::optional<std::string> TQLocalPaths::systemLibraryDirectory() { return pathForDirectory(Directory::Library, SystemDomainMask); }
-std::optional<std::string> TQLocalPaths::localDocumentationDirectory() { return pathForDirectory(Directory::Documentation, LocalDomainMask); }
+std::optional<std::string> TQLocalPaths::movieDirectory()
+{
+    return pathForDirectory(Directory::Movies, UserDomainMask);
+}
+std::optional<std::string> TQLocalPaths::desktopDirectory()
+{
+    return pathForDirectory(Directory::Desktop, UserDomainMask);
+}
+std::optional<std::string> TQLocalPaths::downloadsDirectory()
+{
+    return pathForDirectory(Directory::Downloads, UserDomainMask);
+}
+std::optional<std::string> TQLocalPaths::systemLibraryDirectory()
+{
+    return pathForDirectory(Directory::Library, SystemDomainMask);
+}
+std::optional<std::string> TQLocalPaths::localDocumentationDirectory()
+{
+    return pathForDirectory(Directory::Documentation, LocalDomainMask);
+}
 
 std::optional<std::string> TQLocalPaths::userDirectory() { return effectiveHome(); }
 
 std::string TQLocalPaths::username()
 {
     if (getuid() == 0) {
-        if (auto console = currentConsoleUser())
-            return *console;
+        if (auto console = currentConsoleUser()) return *console;
     }
     return ownUserName();
 }
@@ -272,12 +338,10 @@ std::string TQLocalPaths::username()
 std::optional<std::string> TQLocalPaths::trashDirectory()
 {
     auto home = effectiveHome();
-    if (!home)
-        return std::nullopt;
+    if (!home) return std::nullopt;
     std::string data = appendPathComponent(*home, ".local/share");
     if (isOwnHome(*home)) {
-        if (auto xdg = environment("XDG_DATA_HOME"); xdg && !xdg->empty() && (*xdg)[0] == '/')
-            data = *xdg;
+        if (auto xdg = environment("XDG_DATA_HOME"); xdg && !xdg->empty() && (*xdg)[0] == '/') data = *xdg;
     }
     return appendPathComponent(data, "Trash/files");
 }
@@ -285,17 +349,14 @@ std::optional<std::string> TQLocalPaths::trashDirectory()
 std::string TQLocalPaths::tempDirectory()
 {
     std::string dir = "/tmp";
-    if (auto tmp = environment("TMPDIR"); tmp && !tmp->empty())
-        dir = *tmp;
+    if (auto tmp = environment("TMPDIR"); tmp && !tmp->empty()) dir = *tmp;
     return *ensureTrailingSlash(dir);
 }
 
 std::optional<std::string> TQLocalPaths::darwinCacheDirectory()
 {
-    if (auto cache = environment("XDG_CACHE_HOME"); cache && !cache->empty())
-        return cache;
-    if (auto home = ownHome())
-        return appendPathComponent(*home, ".cache");
+    if (auto cache = environment("XDG_CACHE_HOME"); cache && !cache->empty()) return cache;
+    if (auto home = ownHome()) return appendPathComponent(*home, ".cache");
     return std::nullopt;
 }
 
@@ -306,72 +367,75 @@ std::string TQLocalPaths::uuid() { return corvina::processinfo::globallyUniqueSt
 std::string TQLocalPaths::randomString(size_t length)
 {
     static constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-    srand(static_cast<unsigned>(static_cast<unsigned long long>(clock()) * static_cast<unsigned long long>(time(nullptr))));
+    srand(static_cast<unsigned>(static_cast<unsigned long long>(clock()) *
+                                static_cast<unsigned long long>(time(nullptr))));
     std::string out;
     out.reserve(length);
-    for (size_t i = 0; i < length; ++i)
-        out += kAlphabet[rand() % 36];
+    for (size_t i = 0; i < length; ++i) out += kAlphabet[rand() % 36];
     return out;
 }
 
 std::optional<std::string> TQLocalPaths::ensureTrailingSlash(const std::optional<std::string>& path)
 {
-    if (!path || path->empty() || path->back() == '/')
-        return path;
+    if (!path || path->empty() || path->back() == '/') return path;
     return *path + "/";
 }
 
 std::optional<std::string> TQLocalPaths::stripTrailingSlash(const std::optional<std::string>& path)
 {
-    if (!path || path->size() < 2 || path->back() != '/')
-        return path;
+    if (!path || path->size() < 2 || path->back() != '/') return path;
     return path->substr(0, path->size() - 1);
 }
 
 bool TQLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMatch)
 {
-    if (input == "/")
-        return true;
-    if (input.size() < 3)
-        return false;
+    if (input == "/") return true;
+    if (input.size() < 3) return false;
     std::string path = input;
-    if (path.back() == '/')
-        path.pop_back();
+    if (path.back() == '/') path.pop_back();
 
     const std::optional<std::string> listed[] = {
-        applicationDirectory(true), applicationDirectory(false),
-        adminApplicationDirectory(true), adminApplicationDirectory(false),
-        documentDirectory(true), documentDirectory(false),
-        libraryDirectory(true), libraryDirectory(false),
-        prefsDirectory(true), prefsDirectory(false),
-        cacheDirectory(true), cacheDirectory(false),
-        appSupportDirectory(true), appSupportDirectory(false),
-        desktopDirectory(), userDirectory(), systemLibraryDirectory(), localDocumentationDirectory(),
-        std::string("/Users/Shared"), std::string("/usr"), std::string("/var"), std::string("/bin"),
-        std::string("/sbin"), std::string("/System"),
+        applicationDirectory(true),
+        applicationDirectory(false),
+        adminApplicationDirectory(true),
+        adminApplicationDirectory(false),
+        documentDirectory(true),
+        documentDirectory(false),
+        libraryDirectory(true),
+        libraryDirectory(false),
+        prefsDirectory(true),
+        prefsDirectory(false),
+        cacheDirectory(true),
+        cacheDirectory(false),
+        appSupportDirectory(true),
+        appSupportDirectory(false),
+        desktopDirectory(),
+        userDirectory(),
+        systemLibraryDirectory(),
+        localDocumentationDirectory(),
+        std::string("/Users/Shared"),
+        std::string("/usr"),
+        std::string("/var"),
+        std::string("/bin"),
+        std::string("/sbin"),
+        std::string("/System"),
     };
     for (const auto& dir : listed) {
-        if (dir && *dir == path)
-            return true;
+        if (dir && *dir == path) return true;
     }
-    if (exactMatch)
-        return false;
-    if (startsWith(path, "/usr/") && !startsWith(path, "/usr/local/"))
-        return true;
+    if (exactMatch) return false;
+    if (startsWith(path, "/usr/") && !startsWith(path, "/usr/local/")) return true;
     for (const char* prefix : {"/var/", "/bin/", "/sbin/", "/private/var/", "/System/"}) {
-        if (startsWith(path, prefix))
-            return true;
+        if (startsWith(path, prefix)) return true;
     }
     return false;
 }
 
 bool TQLocalPaths::isPathOnTimeMachineVolume(const std::string& path)
 {
-    if (!startsWith(path, "/Volumes/"))
-        return false;
+    if (!startsWith(path, "/Volumes/")) return false;
     for (const auto& component : corvina::pathComponents(path)) {
-        if (component == "Backups.backupdb")
-            return true;
+        if (component == "Backups.backupdb") return true;
     }
     return false;
 }
@@ -379,18 +443,15 @@ bool TQLocalPaths::isPathOnTimeMachineVolume(const std::string& path)
 std::optional<std::string> TQLocalPaths::currentConsoleUser()
 {
     if (testVariablesHonoured()) {
-        if (auto user = environment("TQ_CONSOLE_USER"))
-            return user->empty() ? std::nullopt : user;
+        if (auto user = environment("TQ_CONSOLE_USER")) return user->empty() ? std::nullopt : user;
     }
     // Read the utmp file directly: the getutxent family keeps hidden state per process.
     FILE* f = std::fopen(_PATH_UTMPX, "rb");
-    if (!f)
-        return std::nullopt;
+    if (!f) return std::nullopt;
     std::optional<std::string> found;
     utmpx entry{};
     while (std::fread(&entry, sizeof entry, 1, f) == 1) {
-        if (entry.ut_type != USER_PROCESS)
-            continue;
+        if (entry.ut_type != USER_PROCESS) continue;
         std::string line(entry.ut_line, strnlen(entry.ut_line, sizeof entry.ut_line));
         std::string host(entry.ut_host, strnlen(entry.ut_host, sizeof entry.ut_host));
         std::string user(entry.ut_user, strnlen(entry.ut_user, sizeof entry.ut_user));
@@ -404,4 +465,7 @@ std::optional<std::string> TQLocalPaths::currentConsoleUser()
     return found;
 }
 
-std::optional<std::string> TQLocalPaths::replaySettingsPath() { return appended(downloadsDirectory(), "corvina.plist"); }
+std::optional<std::string> TQLocalPaths::replaySettingsPath()
+{
+    return appended(downloadsDirectory(), "corvina.plist");
+}

@@ -33,10 +33,8 @@ std::terminate_handler previousTerminate = nullptr;
 [[noreturn]] void onTerminate()
 {
     static std::atomic<bool> entered{false};
-    if (!entered.exchange(true))
-        TQLog::reportUncaughtException(std::current_exception());
-    if (previousTerminate)
-        previousTerminate();
+    if (!entered.exchange(true)) TQLog::reportUncaughtException(std::current_exception());
+    if (previousTerminate) previousTerminate();
     std::abort();
 }
 
@@ -88,12 +86,10 @@ void TQLog::createNewLog(std::optional<std::string> name) { sharedController().c
 
 void TQLog::createNewLogImpl(std::optional<std::string> name)
 {
-    if (loggingDisabled())
-        return;
+    if (loggingDisabled()) return;
     // What was queued before a new log is opened belongs to the file it was meant for.
     finishWriting();
-    if (!file_->open(std::move(name)))
-        return;
+    if (!file_->open(std::move(name))) return;
     for (const TQLogFile::HeaderLine& line : file_->header(corvina::currentDateDescription()))
         appendFormatted(line.waits ? Mode::Wait : Mode::Fast, line.text);
 }
@@ -142,8 +138,7 @@ void TQLog::appendFormatted(Mode mode, std::string_view text)
         std::string_view message = corvina::trimWhitespaceAndNewlines(text);
         log.queueText(message);
         waitIfShort(message);
-        if (mode == Mode::Print && !log.noPrinting())
-            std::puts(consoleCopy(message).c_str());
+        if (mode == Mode::Print && !log.noPrinting()) std::puts(consoleCopy(message).c_str());
         return;
     }
     }
@@ -151,15 +146,13 @@ void TQLog::appendFormatted(Mode mode, std::string_view text)
 
 void TQLog::appendMessageAndPrint(std::string_view message)
 {
-    if (sharedController().loggingDisabled())
-        return;
+    if (sharedController().loggingDisabled()) return;
     appendFormatted(Mode::Print, message);
 }
 
 bool TQLog::isShort(std::string_view formatted)
 {
-    if (formatted.empty() || formatted.size() > 4 * 99)
-        return false;
+    if (formatted.empty() || formatted.size() > 4 * 99) return false;
     const size_t length = corvina::utf16Length(formatted);
     return length >= 1 && length <= 99;
 }
@@ -168,16 +161,13 @@ bool TQLog::isShort(std::string_view formatted)
 // returns only once it is written.
 void TQLog::waitIfShort(std::string_view formatted)
 {
-    if (corvina::isMainThread() || !isShort(formatted))
-        return;
-    if (sharedController().bytesInQueue() <= 99)
-        finishWriting();
+    if (corvina::isMainThread() || !isShort(formatted)) return;
+    if (sharedController().bytesInQueue() <= 99) finishWriting();
 }
 
 std::string TQLog::escapeTextForLogging(std::string_view text)
 {
-    if (!needsEscaping(text))
-        return std::string(text);
+    if (!needsEscaping(text)) return std::string(text);
     // A "%" followed by one of these is doubled (one pass does what the eight successive
     // replacements do: each only inserts a "%" before a "%" it matched).
     static constexpr std::string_view kLiteralAfter = kLiteralAfterPercent;
@@ -188,18 +178,15 @@ std::string TQLog::escapeTextForLogging(std::string_view text)
         if (text[i] == '%' && i + 1 < text.size() && kLiteralAfter.find(text[i + 1]) != std::string_view::npos)
             out += '%';
     }
-    if (out.find("%%%") != std::string::npos)
-        out = corvina::replaceAll(out, "%%%", "%%");
+    if (out.find("%%%") != std::string::npos) out = corvina::replaceAll(out, "%%%", "%%");
     return out;
 }
 
 bool TQLog::needsEscaping(std::string_view text)
 {
     for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
-        if (at + 1 < text.size() && kLiteralAfterPercent.find(text[at + 1]) != std::string_view::npos)
-            return true;
-        if (text.compare(at, 3, "%%%") == 0)
-            return true;
+        if (at + 1 < text.size() && kLiteralAfterPercent.find(text[at + 1]) != std::string_view::npos) return true;
+        if (text.compare(at, 3, "%%%") == 0) return true;
     }
     return false;
 }
@@ -216,8 +203,7 @@ std::string TQLog::consoleCopy(std::string_view message)
 void TQLog::finishWriting()
 {
     TQLog& log = sharedController();
-    if (log.queue_->isWriterThread())
-        return;
+    if (log.queue_->isWriterThread()) return;
     std::lock_guard<std::mutex> classLock(classMutex());
     log.queue_->waitUntilWritten();
 }
@@ -264,8 +250,7 @@ void TQLog::atforkChild()
 
 void TQLog::reportUncaughtException(std::exception_ptr exception)
 {
-    if (!exception)
-        return;
+    if (!exception) return;
     std::string reason;
     try {
         std::rethrow_exception(exception);

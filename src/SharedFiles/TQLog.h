@@ -65,8 +65,7 @@ public:
     template <class... A>
     static void appendLog(Format fmt, const A&... args)
     {
-        if (fmt && !sharedController().loggingDisabled())
-        {
+        if (fmt && !sharedController().loggingDisabled()) {
             Scratch scratch;
             appendEscaped(scratch.text(), fmt.view(), args...);
             appendFormatted(Mode::Wait, scratch.text());
@@ -75,11 +74,9 @@ public:
     template <class... A>
     static void fastAppendLog(Format fmt, const A&... args)
     {
-        if (!fmt)
-            return;
+        if (!fmt) return;
         TQLog& log = sharedController();
-        if (log.loggingDisabled())
-            return;
+        if (log.loggingDisabled()) return;
         if constexpr (sizeof...(A) == 0) {
             log.queueFormat(fmt.view(), {});
         } else {
@@ -90,8 +87,7 @@ public:
     template <class... A>
     static void appendLogAndPrint(Format fmt, const A&... args)
     {
-        if (fmt && !sharedController().loggingDisabled())
-        {
+        if (fmt && !sharedController().loggingDisabled()) {
             Scratch scratch;
             appendEscaped(scratch.text(), fmt.view(), args...);
             appendFormatted(Mode::Print, scratch.text());
@@ -100,8 +96,7 @@ public:
     template <class... A>
     static void appendLogAndDebugPrint(Format fmt, const A&... args)
     {
-        if (fmt && !sharedController().loggingDisabled())
-        {
+        if (fmt && !sharedController().loggingDisabled()) {
             Scratch scratch;
             appendEscaped(scratch.text(), fmt.view(), args...);
             appendFormatted(Mode::DebugPrint, scratch.text());
@@ -156,8 +151,7 @@ private:
     public:
         Scratch() : nested_(depth()++ > 0)
         {
-            if (!nested_)
-                pooled().clear();
+            if (!nested_) pooled().clear();
         }
         ~Scratch()
         {

@@ -30,22 +30,18 @@ constexpr size_t kKeptBuffer = 1 << 20;
 bool preferencesDisableLogging()
 {
     auto prefs = TQLocalPaths::prefsDirectory(true);
-    if (!prefs)
-        return false;
+    if (!prefs) return false;
     auto plist = corvina::Value::fromPropertyListFile(corvina::appendPathComponent(*prefs, kGlobalPrefs));
-    if (!plist || !plist->asDictionary())
-        return false;
+    if (!plist || !plist->asDictionary()) return false;
     const corvina::Value& value = (*plist)["disable-logging"];
-    if (const std::string* s = value.asString())
-        return *s == "1";
+    if (const std::string* s = value.asString()) return *s == "1";
     return value.isNumber() && value.doubleValue() == 1.0;
 }
 
 std::optional<std::string> logFolder(bool asRoot)
 {
     auto library = TQLocalPaths::libraryDirectory(!asRoot);
-    if (!library)
-        return std::nullopt;
+    if (!library) return std::nullopt;
     return *library + kLogFolder;
 }
 
@@ -94,8 +90,7 @@ const HeaderFacts& headerFacts()
     static const HeaderFacts* const facts = ::new (storage) HeaderFacts([] {
         namespace pi = corvina::processinfo;
         HeaderFacts f;
-        if (auto v = pi::version())
-            f.version = std::string(corvina::trimWhitespaceAndNewlines("Version: " + *v));
+        if (auto v = pi::version()) f.version = std::string(corvina::trimWhitespaceAndNewlines("Version: " + *v));
         if (std::string exe = pi::executablePath(); !exe.empty())
             f.path = std::string(corvina::trimWhitespaceAndNewlines("Path: " + exe));
         f.system = corvina::format("System: macOS %@, %li CPU(s), %0.2f GB RAM", pi::operatingSystemVersionString(),
@@ -131,8 +126,7 @@ TQLogFile::~TQLogFile() = default;
 std::string TQLogFile::appName() const
 {
     std::lock_guard<std::mutex> lock(nameMutex_);
-    if (appName_)
-        return *appName_;
+    if (appName_) return *appName_;
     return corvina::deletingPathExtension(corvina::processinfo::processName());
 }
 
@@ -150,8 +144,7 @@ bool TQLogFile::isOpen() const
 
 void TQLogFile::print(std::string_view text) const
 {
-    if (noPrinting_.load(std::memory_order_relaxed))
-        return;
+    if (noPrinting_.load(std::memory_order_relaxed)) return;
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
 }
@@ -159,15 +152,13 @@ void TQLogFile::print(std::string_view text) const
 std::optional<std::string> TQLogFile::currentPath() const
 {
     auto folder = logFolder(getuid() == 0);
-    if (!folder)
-        return std::nullopt;
+    if (!folder) return std::nullopt;
     return *folder + corvina::format("/%@.1.log", appName());
 }
 
 bool TQLogFile::open(std::optional<std::string> name)
 {
-    if (disabled_.load())
-        return false;
+    if (disabled_.load()) return false;
     std::lock_guard<std::mutex> lock(mutex_);
     return startFile(std::move(name), false);
 }
@@ -190,12 +181,10 @@ bool TQLogFile::startFile(std::optional<std::string> name, bool clearAll)
     }
     {
         std::lock_guard<std::mutex> lock(nameMutex_);
-        if (name && !appName_)
-            appName_ = std::move(name);
+        if (name && !appName_) appName_ = std::move(name);
     }
     bytesWritten_.store(0);
-    if (appName().empty())
-        setAppName("Unknown");
+    if (appName().empty()) setAppName("Unknown");
     const std::string base = appName();
 
     auto folder = logFolder(getuid() == 0);
@@ -213,14 +202,12 @@ bool TQLogFile::startFile(std::optional<std::string> name, bool clearAll)
     }
     const std::string current = numberedPath(*folder, base, 1);
     if (clearAll) {
-        for (long n = 1; n <= kKeptFiles; ++n)
-            std::remove(numberedPath(*folder, base, n).c_str());
+        for (long n = 1; n <= kKeptFiles; ++n) std::remove(numberedPath(*folder, base, n).c_str());
     } else if (existsAt(current)) {
         std::remove(numberedPath(*folder, base, kKeptFiles).c_str());
         for (long n = kKeptFiles - 1; n >= 1; --n) {
             const std::string from = numberedPath(*folder, base, n);
-            if (!existsAt(from))
-                continue;
+            if (!existsAt(from)) continue;
             const std::string to = numberedPath(*folder, base, n + 1);
             // A move never replaces an existing item.
             if (existsAt(to) || std::rename(from.c_str(), to.c_str()) != 0) {
@@ -243,10 +230,8 @@ std::vector<TQLogFile::HeaderLine> TQLogFile::header(std::string_view date) cons
     const HeaderFacts& facts = headerFacts();
     std::vector<HeaderLine> lines;
     lines.push_back({"Log started: " + std::string(date)});
-    if (facts.version)
-        lines.push_back({*facts.version});
-    if (!facts.path.empty())
-        lines.push_back({facts.path});
+    if (facts.version) lines.push_back({*facts.version});
+    if (!facts.path.empty()) lines.push_back({facts.path});
     lines.push_back({facts.system, true});
     lines.push_back({"Running in 64-bit mode"});
     return lines;
@@ -256,13 +241,11 @@ std::vector<std::string> TQLogFile::availableLogs(const std::string& appName)
 {
     std::vector<std::string> logs;
     auto folder = logFolder(false);
-    if (!folder)
-        return logs;
+    if (!folder) return logs;
     std::error_code ec;
     for (long n = 1; n <= kKeptFiles; ++n) {
         std::string path = corvina::format("%@/%@.%li.log", *folder, appName, n);
-        if (fs::exists(path, ec))
-            logs.push_back(std::move(path));
+        if (fs::exists(path, ec)) logs.push_back(std::move(path));
     }
     return logs;
 }
@@ -270,8 +253,7 @@ std::vector<std::string> TQLogFile::availableLogs(const std::string& appName)
 void TQLogFile::write(const TQLogTexts& texts)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (disabled_.load())
-        return;
+    if (disabled_.load()) return;
 
     // "{date} - "; the date's text changes once a second.
     char prefix[64];
@@ -299,8 +281,7 @@ void TQLogFile::write(const TQLogTexts& texts)
     // One entry; true when the file has reached the size limit.
     auto put = [&](std::string_view text) {
         if (!handle_) {
-            if (auto path = currentPath())
-                handle_ = corvina::FileHandle::forUpdatingAtPath(*path);
+            if (auto path = currentPath()) handle_ = corvina::FileHandle::forUpdatingAtPath(*path);
             if (!handle_) {
                 print(corvina::format("Unable to log the following information: %s\n", text));
                 print("Unable to open log for output\n");
@@ -316,33 +297,26 @@ void TQLogFile::write(const TQLogTexts& texts)
     auto restart = [&](bool clearAll) {
         flush();
         startFile(appName(), clearAll);
-        if (disabled_.load())
-            return false;
+        if (disabled_.load()) return false;
         written = bytesWritten_.load();
         if (handle_) {
-            for (const HeaderLine& line : header(date))
-                put(line.text);
+            for (const HeaderLine& line : header(date)) put(line.text);
         }
         put(kTruncated);
         return true;
     };
 
     size_t next = 0;
-    if (shortcut_.load(std::memory_order_relaxed) && handle_)
-        next = firstKeptText(texts, written, prefixSize);
-    if (next > 0 && !restart(true))
-        return;
+    if (shortcut_.load(std::memory_order_relaxed) && handle_) next = firstKeptText(texts, written, prefixSize);
+    if (next > 0 && !restart(true)) return;
 
     for (size_t i = next; i < texts.size(); ++i) {
-        if ((i - next) % kDateEvery == kDateEvery - 1)
-            lookAtClock();
-        if (put(texts[i]) && !restart(false))
-            return;
+        if ((i - next) % kDateEvery == kDateEvery - 1) lookAtClock();
+        if (put(texts[i]) && !restart(false)) return;
     }
     flush();
     bytesWritten_.store(written);
-    if (out_.capacity() > kKeptBuffer)
-        out_.shrink_to_fit();
+    if (out_.capacity() > kKeptBuffer) out_.shrink_to_fit();
 }
 
 // The index of the first text of the oldest file that outlives the batch, when the batch
@@ -364,19 +338,16 @@ size_t TQLogFile::firstKeptText(const TQLogTexts& texts, uint64_t written, size_
             position = headerBytes;
         }
     }
-    if (restarts < static_cast<uint64_t>(kKeptFiles))
-        return 0;
+    if (restarts < static_cast<uint64_t>(kKeptFiles)) return 0;
     // The files this batch ends with are the last kKeptFiles it begins; the earlier ones (and
     // every file from before the batch) end up rotated out. The shortcut stands aside when a
     // restart would end differently: logging turned off, or an item that cannot be removed.
-    if (preferencesDisableLogging())
-        return 0;
+    if (preferencesDisableLogging()) return 0;
     if (auto folder = logFolder(getuid() == 0)) {
         std::error_code ec;
         const std::string base = appName();
         for (long n = 1; n <= kKeptFiles; ++n)
-            if (fs::is_directory(fs::symlink_status(numberedPath(*folder, base, n), ec)))
-                return 0;
+            if (fs::is_directory(fs::symlink_status(numberedPath(*folder, base, n), ec))) return 0;
     }
     shortcutsTaken_.fetch_add(1, std::memory_order_relaxed);
     const uint64_t firstKept = restarts - (kKeptFiles - 1);

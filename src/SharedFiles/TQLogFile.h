@@ -34,8 +34,7 @@ public:
     std::string& buffer() { return bytes_; }
     void commit(size_t start)
     {
-        if (bytes_.size() > start)
-            slots_.push_back({nullptr, bytes_.size() - start, start});
+        if (bytes_.size() > start) slots_.push_back({nullptr, bytes_.size() - start, start});
     }
     size_t size() const { return slots_.size(); }
     bool empty() const { return slots_.empty(); }

@@ -70,12 +70,10 @@ uint64_t utf16LengthFast(std::string_view text)
     for (; i + 8 <= text.size(); i += 8) {
         uint64_t word;
         std::memcpy(&word, text.data() + i, 8);
-        if (word & 0x8080808080808080ull)
-            return corvina::utf16Length(text);
+        if (word & 0x8080808080808080ull) return corvina::utf16Length(text);
     }
     for (; i < text.size(); ++i) {
-        if (static_cast<unsigned char>(text[i]) & 0x80)
-            return corvina::utf16Length(text);
+        if (static_cast<unsigned char>(text[i]) & 0x80) return corvina::utf16Length(text);
     }
     return text.size();
 }
@@ -109,8 +107,7 @@ TQLogQueue::~TQLogQueue() { shutdown(std::numeric_limits<size_t>::max()); }
 void TQLogQueue::pushText(std::string_view text)
 {
     const std::string_view trimmed = corvina::trimWhitespaceAndNewlines(text);
-    if (trimmed.empty())
-        return;
+    if (trimmed.empty()) return;
     const uint64_t length16 = utf16LengthFast(trimmed);
     const size_t size = kTextHead + trimmed.size();
     EntryBuffer entry(size);
@@ -131,11 +128,21 @@ void TQLogQueue::pushFormat(std::string_view format, std::span<const FormatArg> 
     bool objects = false;
     for (const FormatArg& arg : args) {
         switch (arg.kind()) {
-        case Kind::None: size += 1; break;
-        case Kind::Char: size += 2; break;
-        case Kind::String: size += 5 + arg.stringView().size(); break;
-        case Kind::Object: objects = true; break;
-        default: size += 9; break;
+        case Kind::None:
+            size += 1;
+            break;
+        case Kind::Char:
+            size += 2;
+            break;
+        case Kind::String:
+            size += 5 + arg.stringView().size();
+            break;
+        case Kind::Object:
+            objects = true;
+            break;
+        default:
+            size += 9;
+            break;
         }
     }
     // Objects describe themselves before anything is queued (a description may log too).
@@ -201,8 +208,7 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
     bool wake = false;
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (shutDown_)
-            return;
+        if (shutDown_) return;
         startWriterLocked();
         // Full: wait for the writer to take what is there (never on the writer itself).
         if (pending_.size() >= kCapacity && writerRunning_ && !isWriterThread()) {
@@ -210,8 +216,7 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
             queueCv_.notify_one();
             roomCv_.wait(lock, [&] { return pending_.size() < kCapacity || shutDown_; });
             --roomWaiters_;
-            if (shutDown_)
-                return;
+            if (shutDown_) return;
         }
         bytesInQueue_.fetch_add(length16, std::memory_order_relaxed);
         wake = pending_.empty() && writerIdle_;
@@ -220,8 +225,7 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
         if (pending_.size() >= kCapacity / 2 && !behind_.load(std::memory_order_relaxed))
             behind_.store(true, std::memory_order_relaxed);
     }
-    if (wake)
-        queueCv_.notify_one();
+    if (wake) queueCv_.notify_one();
 }
 
 // ---- the writer
@@ -229,10 +233,8 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
 void TQLogQueue::startWriterLocked()
 {
     // A fork()ed child clears writerRunning_ (resetInChild), so no pid check is needed here.
-    if (writerRunning_)
-        return;
-    if (pthread_create(&writerThread_, nullptr, &TQLogQueue::writerMain, this) != 0)
-        return;
+    if (writerRunning_) return;
+    if (pthread_create(&writerThread_, nullptr, &TQLogQueue::writerMain, this) != 0) return;
     writerRunning_ = true;
     writerPid_ = getpid();
 }
@@ -255,10 +257,10 @@ void TQLogQueue::writerLoop()
     pending_.reserve(kReserved);
     for (;;) {
         writerIdle_ = true;
-        queueCv_.wait(lock, [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
+        queueCv_.wait(lock,
+                      [&] { return (stop_ && pending_.empty()) || (!pending_.empty() && (!suspended_ || stop_)); });
         writerIdle_ = false;
-        if (pending_.empty())
-            break;
+        if (pending_.empty()) break;
         batch.swap(pending_);
         behind_.store(false, std::memory_order_relaxed);
         const uint64_t last = pushedSeq_;
@@ -266,23 +268,19 @@ void TQLogQueue::writerLoop()
         takenSeq_ = last;
         const bool room = roomWaiters_ > 0;
         lock.unlock();
-        if (room)
-            roomCv_.notify_all();
+        if (room) roomCv_.notify_all();
 
         const uint64_t handled16 = unpack(batch, texts);
-        if (!texts.empty())
-            sink_(texts);
+        if (!texts.empty()) sink_(texts);
         bytesInQueue_.fetch_sub(handled16, std::memory_order_relaxed);
         texts.clear();
         batch.clear();
-        if (batch.capacity() > kKeptCapacity)
-            batch.shrink_to_fit();
+        if (batch.capacity() > kKeptCapacity) batch.shrink_to_fit();
         texts.trim(kKeptCapacity);
 
         lock.lock();
         writtenSeq_ = last;
-        if (flushWaiters_ > 0)
-            doneCv_.notify_all();
+        if (flushWaiters_ > 0) doneCv_.notify_all();
         // Under a steady stream, pause briefly so that the next batch is a large one: one
         // write call and no wake-ups for thousands of lines. Anyone waiting for the writer
         // (a flush, a full queue, shutdown) cuts the pause short.
@@ -319,19 +317,35 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
         }
         for (uint8_t i = 0; i < count; ++i) {
             switch (get<uint8_t>(at)) {
-            case kSigned: args[i] = FormatArg(get<int64_t>(at)); break;
-            case kUnsigned: args[i] = FormatArg(get<uint64_t>(at)); break;
-            case kDouble: args[i] = FormatArg(get<double>(at)); break;
-            case kFloat: args[i] = FormatArg(static_cast<float>(get<double>(at))); break;
-            case kChar: args[i] = FormatArg(static_cast<char>(get<uint8_t>(at))); break;
-            case kString: args[i] = FormatArg(getBytes(at)); break;
-            case kPointer: args[i] = FormatArg(reinterpret_cast<const void*>(get<uint64_t>(at))); break;
+            case kSigned:
+                args[i] = FormatArg(get<int64_t>(at));
+                break;
+            case kUnsigned:
+                args[i] = FormatArg(get<uint64_t>(at));
+                break;
+            case kDouble:
+                args[i] = FormatArg(get<double>(at));
+                break;
+            case kFloat:
+                args[i] = FormatArg(static_cast<float>(get<double>(at)));
+                break;
+            case kChar:
+                args[i] = FormatArg(static_cast<char>(get<uint8_t>(at)));
+                break;
+            case kString:
+                args[i] = FormatArg(getBytes(at));
+                break;
+            case kPointer:
+                args[i] = FormatArg(reinterpret_cast<const void*>(get<uint64_t>(at)));
+                break;
             case kObject: {
                 const auto object = reinterpret_cast<const void*>(get<uint64_t>(at));
                 args[i] = FormatArg::describedObject(object, getBytes(at));
                 break;
             }
-            default: args[i] = FormatArg(); break;
+            default:
+                args[i] = FormatArg();
+                break;
             }
         }
         std::string& out = texts.buffer();
@@ -341,8 +355,7 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
         const std::string_view all(out.data() + start, out.size() - start);
         const std::string_view kept = corvina::trimWhitespaceAndNewlines(all);
         const size_t lead = static_cast<size_t>(kept.data() - all.data());
-        if (lead > 0 && !kept.empty())
-            std::memmove(out.data() + start, kept.data(), kept.size());
+        if (lead > 0 && !kept.empty()) std::memmove(out.data() + start, kept.data(), kept.size());
         out.resize(start + kept.size());
         texts.commit(start);
         at = entry + size;
@@ -372,14 +385,11 @@ uint64_t TQLogQueue::totalLength16(std::string_view entries)
 
 void TQLogQueue::waitUntilWritten()
 {
-    if (isWriterThread())
-        return;
+    if (isWriterThread()) return;
     std::unique_lock<std::mutex> lock(mutex_);
-    if (shutDown_)
-        return;
+    if (shutDown_) return;
     const uint64_t target = pushedSeq_;
-    if (writtenSeq_ >= target)
-        return;
+    if (writtenSeq_ >= target) return;
     startWriterLocked();
     ++flushWaiters_;
     queueCv_.notify_all();
@@ -418,8 +428,7 @@ void TQLogQueue::shutdown(size_t keepAtMost)
 {
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (shutDown_)
-            return;
+        if (shutDown_) return;
         suspended_ = false;
         if (pushedSeq_ - writtenSeq_ > keepAtMost) {
             // Too much left: what the writer has not taken is never written.
@@ -443,8 +452,7 @@ void TQLogQueue::shutdown(size_t keepAtMost)
     queueCv_.notify_all();
     doneCv_.notify_all();
     roomCv_.notify_all();
-    if (join)
-        pthread_join(writerThread_, nullptr);
+    if (join) pthread_join(writerThread_, nullptr);
 }
 
 // ---- fork

@@ -47,8 +47,8 @@ bool isRunnableTool(const std::string& path)
 
 std::optional<TQTaskEx::Data> runForData(const std::string& path, const TQTaskEx::Arguments& args,
                                          const Publish& publish,
-                                         const std::optional<TQTaskEx::Environment>& environment,
-                                         bool logOutput, bool logError)
+                                         const std::optional<TQTaskEx::Environment>& environment, bool logOutput,
+                                         bool logError)
 {
     if (!isRunnableTool(path)) {
         TQLog::appendLogAndPrint("Error: %@ is not executable", path);
@@ -270,7 +270,8 @@ struct TQTaskEx::AsyncRun {
     void wakeReader()
     {
         const char byte = 1;
-        if (wake[1] >= 0) [[maybe_unused]] auto n = ::write(wake[1], &byte, 1);
+        if (wake[1] >= 0) [[maybe_unused]]
+            auto n = ::write(wake[1], &byte, 1);
     }
 };
 
@@ -294,8 +295,8 @@ TQTaskEx::~TQTaskEx()
     }
 }
 
-void TQTaskEx::asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler,
-                                 std::any object, const std::optional<Environment>& environment)
+void TQTaskEx::asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler, std::any object,
+                                 const std::optional<Environment>& environment)
 {
     terminateAsyncTask();
     auto task = std::make_shared<Process>();
@@ -443,14 +444,14 @@ void TQTaskEx::setObject(std::any object)
 // --- Class forms ---------------------------------------------------------------------------
 
 std::optional<TQTaskEx::Data> TQTaskEx::dataFromTask(const std::string& path, const Arguments& args, Task* task,
-                                                     const std::optional<Environment>& environment,
-                                                     bool logOutput, bool logError)
+                                                     const std::optional<Environment>& environment, bool logOutput,
+                                                     bool logError)
 {
     return runForData(path, args, publishTo(task), environment, logOutput, logError);
 }
 
-std::optional<TQTaskEx::Data> TQTaskEx::dataFromTask(const std::string& path, const Arguments& args,
-                                                     Timeout timeout, bool logOutput, bool logError)
+std::optional<TQTaskEx::Data> TQTaskEx::dataFromTask(const std::string& path, const Arguments& args, Timeout timeout,
+                                                     bool logOutput, bool logError)
 {
     TQTaskEx runner;
     return runner.dataFromTaskWithTimeout(path, args, timeout, logOutput, logError);
@@ -461,21 +462,19 @@ std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, con
     return stringFromTask(path, args, Encoding::ASCII, task);
 }
 
-std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args,
-                                                    Encoding encoding, Task* task)
+std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args, Encoding encoding,
+                                                    Task* task)
 {
     return decode(dataFromTask(path, args, task), encoding);
 }
 
-std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args,
-                                                    Timeout timeout)
+std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args, Timeout timeout)
 {
     return stringFromTask(path, args, Encoding::ASCII, timeout);
 }
 
-std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args,
-                                                    Encoding encoding, Timeout timeout, bool logOutput,
-                                                    bool logError)
+std::optional<std::string> TQTaskEx::stringFromTask(const std::string& path, const Arguments& args, Encoding encoding,
+                                                    Timeout timeout, bool logOutput, bool logError)
 {
     return decode(dataFromTask(path, args, timeout, logOutput, logError), encoding);
 }
@@ -532,8 +531,7 @@ std::optional<TQTaskEx::Data> TQTaskEx::dataFromTaskWithTimeout(const std::strin
     });
 }
 
-int32_t TQTaskEx::terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args,
-                                                     Timeout timeout)
+int32_t TQTaskEx::terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args, Timeout timeout)
 {
     return runWithTimeout(timeout, [&](const Publish& publish) { return runForStatus(path, args, publish); });
 }

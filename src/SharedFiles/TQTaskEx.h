@@ -51,8 +51,7 @@ public:
     // The tool's standard output when it printed anything, else its standard error, else an
     // empty buffer; none when the tool could not be run. `task` receives the task before it
     // is launched. An environment replaces the caller's whole environment.
-    static std::optional<Data> dataFromTask(const std::string& path, const Arguments& args,
-                                            Task* task = nullptr,
+    static std::optional<Data> dataFromTask(const std::string& path, const Arguments& args, Task* task = nullptr,
                                             const std::optional<Environment>& environment = std::nullopt,
                                             bool logOutput = true, bool logError = true);
     static std::optional<Data> dataFromTask(const std::string& path, const Arguments& args, Timeout timeout,
@@ -61,13 +60,11 @@ public:
     // --- Output as text (empty when the tool could not be run) -------------------------------
     static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args,
                                                      Task* task = nullptr);
-    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args,
-                                                     Encoding encoding, Task* task = nullptr);
-    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args,
-                                                     Timeout timeout);
-    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args,
-                                                     Encoding encoding, Timeout timeout,
-                                                     bool logOutput = true, bool logError = true);
+    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args, Encoding encoding,
+                                                     Task* task = nullptr);
+    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args, Timeout timeout);
+    static std::optional<std::string> stringFromTask(const std::string& path, const Arguments& args, Encoding encoding,
+                                                     Timeout timeout, bool logOutput = true, bool logError = true);
 
     // --- Success: true when the tool ran, whatever its exit status ---------------------------
     static bool runTask(const std::string& path, const Arguments& args = {}, Task* task = nullptr);
@@ -77,16 +74,14 @@ public:
     static Task runTaskAndReturn(const std::string& path, const Arguments& args = {});
 
     // --- Exit status (-1 when the path is not a tool) ----------------------------------------
-    static int32_t terminationCodeFromTask(const std::string& path, const Arguments& args = {},
-                                           Task* task = nullptr);
+    static int32_t terminationCodeFromTask(const std::string& path, const Arguments& args = {}, Task* task = nullptr);
     static int32_t terminationCodeFromTask(const std::string& path, const Arguments& args, Timeout timeout);
 
     // --- Instance forms with a time-out ------------------------------------------------------
     void runTaskWithTimeout(const std::string& path, const Arguments& args, Timeout timeout);
-    std::optional<Data> dataFromTaskWithTimeout(const std::string& path, const Arguments& args,
-                                                Timeout timeout, bool logOutput = true, bool logError = true);
-    int32_t terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args,
-                                               Timeout timeout);
+    std::optional<Data> dataFromTaskWithTimeout(const std::string& path, const Arguments& args, Timeout timeout,
+                                                bool logOutput = true, bool logError = true);
+    int32_t terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args, Timeout timeout);
 
     // The time-out check: marks the time-out of the run in progress as expired and
     // terminates its tool, with one log line. A tool launched after the expiry is terminated
@@ -98,8 +93,8 @@ public:
     // handler chunk by chunk, in order, on the reader thread, then one empty chunk; standard
     // error goes to the null device, standard input is the caller's. A null handler drops the
     // chunks; the run still ends. A run in progress on this instance is terminated first.
-    void asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler,
-                           std::any object = {}, const std::optional<Environment>& environment = std::nullopt);
+    void asyncDataFromTask(const std::string& path, const Arguments& args, ChunkHandler handler, std::any object = {},
+                           const std::optional<Environment>& environment = std::nullopt);
     // Delivers one chunk (the record's data item); an empty one ends the run.
     void asyncTaskReturnData(const corvina::Notification& notification);
     // Ends the background run at once, from any thread: no chunk arrives afterwards.
@@ -138,6 +133,6 @@ private:
     std::any object_;
     std::shared_ptr<AsyncRun> asyncRun_;
     std::thread reader_;
-    std::mutex readerMutex_;  // starting and joining the reader
+    std::mutex readerMutex_;              // starting and joining the reader
     std::recursive_mutex deliveryMutex_;  // held while a chunk is handed to the handler
 };

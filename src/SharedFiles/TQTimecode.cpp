@@ -54,10 +54,7 @@ int64_t wrapMul(int64_t a, int64_t b)
 }
 
 int64_t effectiveTimebase(int64_t timebase) { return timebase > 0 ? timebase : 30; }
-int64_t effectiveStartFrame(int64_t startFrame)
-{
-    return startFrame < 0 ? TQTimecode::kDefaultStartFrame : startFrame;
-}
+int64_t effectiveStartFrame(int64_t startFrame) { return startFrame < 0 ? TQTimecode::kDefaultStartFrame : startFrame; }
 
 std::string formatTimecode(long hours, long minutes, long seconds, long frames, bool dropFrame)
 {
@@ -66,10 +63,8 @@ std::string formatTimecode(long hours, long minutes, long seconds, long frames, 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
     int length = dropFrame
-                     ? std::snprintf(text, sizeof text, "%0.2li:%0.2li:%0.2li;%0.2li", hours,
-                                     minutes, seconds, frames)
-                     : std::snprintf(text, sizeof text, "%0.2li:%0.2li:%0.2li:%0.2li", hours,
-                                     minutes, seconds, frames);
+                     ? std::snprintf(text, sizeof text, "%0.2li:%0.2li:%0.2li;%0.2li", hours, minutes, seconds, frames)
+                     : std::snprintf(text, sizeof text, "%0.2li:%0.2li:%0.2li:%0.2li", hours, minutes, seconds, frames);
 #pragma GCC diagnostic pop
     if (length < 0) return {};
     return std::string(text, static_cast<size_t>(length) < sizeof text ? length : sizeof text - 1);
@@ -174,10 +169,7 @@ int64_t leadingInteger(std::string_view text)
 
 }  // namespace
 
-double modulus(double x, double y)
-{
-    return x - trunc32(x / y) * y;
-}
+double modulus(double x, double y) { return x - trunc32(x / y) * y; }
 
 // --- Drop frame -------------------------------------------------------------------------
 
@@ -187,8 +179,8 @@ uint64_t TQTimecode::addDroppedFrames(uint64_t frames, double fps)
     const double dropsPerMinute = std::round(fps * 0.06666666666666667);
     const double perTenMinutes = std::round(fps * 60 * 10);
     const double perMinute = std::round(fps) * 60 - dropsPerMinute;
-    if (!(dropsPerMinute > 0) || !(perTenMinutes >= 1) || !(perMinute >= 1) ||
-        perTenMinutes >= kTwo63 || perMinute >= kTwo63)
+    if (!(dropsPerMinute > 0) || !(perTenMinutes >= 1) || !(perMinute >= 1) || perTenMinutes >= kTwo63 ||
+        perMinute >= kTwo63)
         return frames;
 
     const auto d = static_cast<int64_t>(dropsPerMinute);
@@ -222,15 +214,18 @@ uint64_t TQTimecode::subtractDroppedFrames(uint64_t frames, double fps)
     uint64_t low = 0, high = frames;
     while (low < high) {
         const uint64_t mid = low + (high - low) / 2;
-        if (addDroppedFrames(mid, fps) < frames) low = mid + 1; else high = mid;
+        if (addDroppedFrames(mid, fps) < frames)
+            low = mid + 1;
+        else
+            high = mid;
     }
     return low;
 }
 
 // --- Frame counts and timecodes ---------------------------------------------------------
 
-std::string TQTimecode::timecodeFromFrameCount(int64_t count, int64_t timebase, bool ntsc,
-                                               bool dropFrame, int64_t startFrame)
+std::string TQTimecode::timecodeFromFrameCount(int64_t count, int64_t timebase, bool ntsc, bool dropFrame,
+                                               int64_t startFrame)
 {
     const double tb = static_cast<double>(effectiveTimebase(timebase));
     int64_t n = wrapAdd(count, effectiveStartFrame(startFrame));
@@ -245,8 +240,8 @@ std::string TQTimecode::timecodeFromFrameCount(int64_t count, int64_t timebase, 
                           static_cast<long>(s % 60), static_cast<long>(f), dropFrame);
 }
 
-int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t timebase,
-                                           bool ntsc, bool dropFrame, int64_t startFrame)
+int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t timebase, bool ntsc, bool dropFrame,
+                                           int64_t startFrame)
 {
     const std::string_view text = trimmed(timecode);
     int64_t fields[4] = {};
@@ -261,8 +256,7 @@ int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t ti
     if (parts < 4) return 0;
 
     const int64_t tb = effectiveTimebase(timebase);
-    const int64_t seconds =
-        wrapAdd(wrapAdd(wrapMul(fields[0], 3600), wrapMul(fields[1], 60)), fields[2]);
+    const int64_t seconds = wrapAdd(wrapAdd(wrapMul(fields[0], 3600), wrapMul(fields[1], 60)), fields[2]);
     int64_t n = wrapAdd(wrapMul(seconds, tb), fields[3]);
     if (dropFrame) {
         const double fps = ntsc ? static_cast<double>(tb) * kNTSCFactor : static_cast<double>(tb);
@@ -271,25 +265,23 @@ int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t ti
     return wrapSub(n, effectiveStartFrame(startFrame));
 }
 
-std::string TQTimecode::timecode(std::string_view timecode, int64_t incrementBy,
-                                 int64_t timebase, bool ntsc, bool dropFrame)
+std::string TQTimecode::timecode(std::string_view timecode, int64_t incrementBy, int64_t timebase, bool ntsc,
+                                 bool dropFrame)
 {
     const int64_t count = frameCountFromTimecode(timecode, timebase, ntsc, dropFrame, 0);
     return timecodeFromFrameCount(wrapAdd(count, incrementBy), timebase, ntsc, dropFrame, 0);
 }
 
-std::string TQTimecode::addTimecode(std::string_view a, std::string_view toTimecode,
-                                    int64_t timebase, bool ntsc, bool dropFrame)
+std::string TQTimecode::addTimecode(std::string_view a, std::string_view toTimecode, int64_t timebase, bool ntsc,
+                                    bool dropFrame)
 {
     const int64_t sum = wrapAdd(frameCountFromTimecode(a, timebase, ntsc, dropFrame, 0),
                                 frameCountFromTimecode(toTimecode, timebase, ntsc, dropFrame, 0));
     return timecodeFromFrameCount(sum, timebase, ntsc, dropFrame, 0);
 }
 
-std::optional<std::string> TQTimecode::subtractTimecode(std::string_view a,
-                                                        std::string_view fromTimecode,
-                                                        int64_t timebase, bool ntsc,
-                                                        bool dropFrame)
+std::optional<std::string> TQTimecode::subtractTimecode(std::string_view a, std::string_view fromTimecode,
+                                                        int64_t timebase, bool ntsc, bool dropFrame)
 {
     const int64_t subtrahend = frameCountFromTimecode(a, timebase, ntsc, dropFrame, 0);
     const int64_t minuend = frameCountFromTimecode(fromTimecode, timebase, ntsc, dropFrame, 0);
@@ -297,8 +289,7 @@ std::optional<std::string> TQTimecode::subtractTimecode(std::string_view a,
     return timecodeFromFrameCount(wrapSub(minuend, subtrahend), timebase, ntsc, dropFrame, 0);
 }
 
-bool TQTimecode::timecodeInRange(std::string_view timecode, std::string_view start,
-                                 std::string_view end)
+bool TQTimecode::timecodeInRange(std::string_view timecode, std::string_view start, std::string_view end)
 {
     if (timecode == start || timecode == end) return true;
     const auto weigh = [](std::string_view text) {
@@ -311,15 +302,13 @@ bool TQTimecode::timecodeInRange(std::string_view timecode, std::string_view sta
 double TQTimecode::frameRateFromTimebase(int64_t timebase, bool isNTSC)
 {
     if (!isNTSC) return static_cast<double>(timebase);
-    if (timebase == 24 || timebase == 30 || timebase == 60)
-        return static_cast<double>(timebase) * 1000.0 / 1001.0;
+    if (timebase == 24 || timebase == 30 || timebase == 60) return static_cast<double>(timebase) * 1000.0 / 1001.0;
     return 0.0;
 }
 
 // --- Timecode strings from other sources ------------------------------------------------
 
-std::string TQTimecode::timecodeFromUserString(const std::optional<std::string>& text,
-                                               bool dropFrame,
+std::string TQTimecode::timecodeFromUserString(const std::optional<std::string>& text, bool dropFrame,
                                                const std::optional<std::string>& startTimecode)
 {
     const std::string_view typed = text ? std::string_view(*text) : std::string_view();
@@ -395,8 +384,7 @@ std::string TQTimecode::timecodeFromUserString(const std::optional<std::string>&
     std::string_view start = startTimecode ? std::string_view(*startTimecode) : std::string_view();
     if (start.empty()) start = dropFrame ? "00:00:00;00" : "00:00:00:00";
     const size_t startLength = characterCount(start);
-    if (startLength > length)
-        result.insert(0, start.substr(0, offsetOfCharacter(start, startLength - length)));
+    if (startLength > length) result.insert(0, start.substr(0, offsetOfCharacter(start, startLength - length)));
     return result;
 }
 
@@ -414,8 +402,8 @@ std::string TQTimecode::timeOfDayTimecode(int64_t timebase, bool ntsc, bool drop
     return timeOfDayTimecode(std::chrono::system_clock::now(), timebase, ntsc, dropFrame);
 }
 
-std::string TQTimecode::timeOfDayTimecode(std::chrono::system_clock::time_point when,
-                                          int64_t timebase, bool ntsc, bool dropFrame)
+std::string TQTimecode::timeOfDayTimecode(std::chrono::system_clock::time_point when, int64_t timebase, bool ntsc,
+                                          bool dropFrame)
 {
     const double rate = frameRateFromTimebase(timebase, ntsc);
     const auto sinceEpoch = when.time_since_epoch();
@@ -431,16 +419,14 @@ std::string TQTimecode::timeOfDayTimecode(std::chrono::system_clock::time_point 
     const auto field = [](int64_t value) { return value < 10 ? "0" : ""; };
     char text[128];
     const int length = std::snprintf(
-        text, sizeof text, "%s%li:%s%li:%s%li%s%s%li", field(local.tm_hour),
-        static_cast<long>(local.tm_hour), field(local.tm_min), static_cast<long>(local.tm_min),
-        field(local.tm_sec), static_cast<long>(local.tm_sec), dropFrame ? ";" : ":",
-        field(frames), static_cast<long>(frames));
+        text, sizeof text, "%s%li:%s%li:%s%li%s%s%li", field(local.tm_hour), static_cast<long>(local.tm_hour),
+        field(local.tm_min), static_cast<long>(local.tm_min), field(local.tm_sec), static_cast<long>(local.tm_sec),
+        dropFrame ? ";" : ":", field(frames), static_cast<long>(frames));
     if (length < 0) return {};
     return std::string(text, static_cast<size_t>(length) < sizeof text ? length : sizeof text - 1);
 }
 
-std::optional<std::string> TQTimecode::sanitizeTimecodeForFilename(
-    const std::optional<std::string>& timecode)
+std::optional<std::string> TQTimecode::sanitizeTimecodeForFilename(const std::optional<std::string>& timecode)
 {
     if (!timecode) return std::nullopt;
     std::string result = *timecode;

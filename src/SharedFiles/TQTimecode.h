@@ -31,33 +31,30 @@ public:
 
     // Timecode of frame `count` of material whose first frame is `startFrame`. Wraps at
     // 24 hours.
-    static std::string timecodeFromFrameCount(int64_t count, int64_t timebase, bool ntsc,
-                                              bool dropFrame, int64_t startFrame);
+    static std::string timecodeFromFrameCount(int64_t count, int64_t timebase, bool ntsc, bool dropFrame,
+                                              int64_t startFrame);
 
     // Frame count of `timecode` relative to `startFrame`. A string of fewer than four
     // fields counts as frame 0 (the start frame is then not applied).
-    static int64_t frameCountFromTimecode(std::string_view timecode, int64_t timebase,
-                                          bool ntsc, bool dropFrame, int64_t startFrame);
+    static int64_t frameCountFromTimecode(std::string_view timecode, int64_t timebase, bool ntsc, bool dropFrame,
+                                          int64_t startFrame);
 
     // `timecode` moved on by `incrementBy` frames.
-    static std::string timecode(std::string_view timecode, int64_t incrementBy,
-                                int64_t timebase, bool ntsc, bool dropFrame);
+    static std::string timecode(std::string_view timecode, int64_t incrementBy, int64_t timebase, bool ntsc,
+                                bool dropFrame);
 
     // Timecode of the sum of the frame counts of `a` and `b`.
-    static std::string addTimecode(std::string_view a, std::string_view toTimecode,
-                                   int64_t timebase, bool ntsc, bool dropFrame);
+    static std::string addTimecode(std::string_view a, std::string_view toTimecode, int64_t timebase, bool ntsc,
+                                   bool dropFrame);
 
     // Timecode of `fromTimecode` minus `a`; none when that would be negative.
-    static std::optional<std::string> subtractTimecode(std::string_view a,
-                                                       std::string_view fromTimecode,
-                                                       int64_t timebase, bool ntsc,
-                                                       bool dropFrame);
+    static std::optional<std::string> subtractTimecode(std::string_view a, std::string_view fromTimecode,
+                                                       int64_t timebase, bool ntsc, bool dropFrame);
 
     // True when start <= timecode <= end. Strings equal to start or end are in range at
     // once; otherwise all three are weighed at a fixed timebase of 24 (no NTSC, no drop
     // frame), so frame fields of 24 and more count as whole seconds.
-    static bool timecodeInRange(std::string_view timecode, std::string_view start,
-                                std::string_view end);
+    static bool timecodeInRange(std::string_view timecode, std::string_view start, std::string_view end);
 
     // The true rate of a timebase: the timebase itself without ntsc; with ntsc,
     // timebase x 1000/1001 for 24, 30 and 60 and 0.0 for any other timebase.
@@ -77,8 +74,7 @@ public:
     // fields of `startTimecode` (none or empty: 00:00:00:00, or 00:00:00;00 in drop-frame
     // mode). An entry of exactly 11 characters is returned as it is. Lengths count
     // characters (Unicode code points of the UTF-8 text).
-    static std::string timecodeFromUserString(const std::optional<std::string>& text,
-                                              bool dropFrame,
+    static std::string timecodeFromUserString(const std::optional<std::string>& text, bool dropFrame,
                                               const std::optional<std::string>& startTimecode);
 
     // Timecode of a time in seconds at a (possibly fractional) rate; a fractional rate is
@@ -90,10 +86,9 @@ public:
     // changes.
     static std::string timeOfDayTimecode(int64_t timebase, bool ntsc, bool dropFrame);
     // The same for a given moment (local time).
-    static std::string timeOfDayTimecode(std::chrono::system_clock::time_point when,
-                                         int64_t timebase, bool ntsc, bool dropFrame);
+    static std::string timeOfDayTimecode(std::chrono::system_clock::time_point when, int64_t timebase, bool ntsc,
+                                         bool dropFrame);
 
     // `timecode` with every ":" and ";" replaced by ".", for use in file names.
-    static std::optional<std::string> sanitizeTimecodeForFilename(
-        const std::optional<std::string>& timecode);
+    static std::optional<std::string> sanitizeTimecodeForFilename(const std::optional<std::string>& timecode);
 };

@@ -36,7 +36,8 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     fs::create_directories(prefs);
     ASSERT_TRUE(Value(Value::DictionaryType{{"launch", Value::date(launched)}})
                     .writeToFile(prefs + "/CorvinaAVFHelper.plist", true));
-    const std::string report = home.path() + "/Library/Logs/DiagnosticReports/CorvinaAVFHelper_2026-11-23-120000_box.crash";
+    const std::string report =
+        home.path() + "/Library/Logs/DiagnosticReports/CorvinaAVFHelper_2026-11-23-120000_box.crash";
     fs::create_directories(fs::path(report).parent_path());
     std::ofstream(report) << "Signal: 11 (SIGSEGV)\n";
 

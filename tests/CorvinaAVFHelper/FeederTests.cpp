@@ -84,7 +84,7 @@ TEST_F(VideoFeeder, RatesGiveTheirTimescales)
         float fps;
         int32_t timescale;
         int64_t duration;
-    } cases[] = {{25, 25000, 1000}, {30, 30000, 1000}, {24, 24000, 1000},
+    } cases[] = {{25, 25000, 1000},      {30, 30000, 1000},     {24, 24000, 1000},
                  {23.976f, 24000, 1001}, {59.94f, 60000, 1001}, {29.97f, 30000, 1001}};
     for (const auto& c : cases) {
         AppController local;
@@ -119,8 +119,8 @@ TEST_F(VideoFeeder, AbsurdLengthsAndMissingTablesNeverCrash)
 
 TEST_F(VideoFeeder, FrameCountsBelowOneCountAsOneAndUnsplittableEntriesStayWhole)
 {
-    controller.setVideoOffsets(Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3),
-                                                      entry(50, 10, 3), entry(60, 10)}));
+    controller.setVideoOffsets(
+        Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3), entry(50, 10, 3), entry(60, 10)}));
     auto first = controller.copyNextVideoSampleBuffer(format, 25);
     auto second = controller.copyNextVideoSampleBuffer(format, 25);
     ASSERT_TRUE(first && second);

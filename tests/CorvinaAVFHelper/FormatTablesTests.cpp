@@ -21,7 +21,7 @@ TEST(AudioFormatTable, EveryRowBuildsADescriptionTheFeederAgreesWith)
         EXPECT_EQ(info->feederBytesPerFrame, channels * 2u);
         EXPECT_TRUE(info->sampleRate == 32000 || info->sampleRate == 44100 || info->sampleRate == 48000);
         const auto description = controller.audioFormatDescriptionForChannels(info->channels, info->stereo, 16,
-                                                                             info->sampleRate, info->bigEndian);
+                                                                              info->sampleRate, info->bigEndian);
         ASSERT_NE(description, nullptr);
         const AudioStreamBasicDescription* asbd = description->streamBasicDescription();
         ASSERT_NE(asbd, nullptr);
@@ -30,11 +30,12 @@ TEST(AudioFormatTable, EveryRowBuildsADescriptionTheFeederAgreesWith)
                                                       channels, 16, 0}));
         const AudioChannelLayout* layout = description->channelLayout();
         ASSERT_NE(layout, nullptr);
-        EXPECT_EQ(layout->mChannelLayoutTag, ltrt ? kAudioChannelLayoutTag_UseChannelDescriptions
-                                                  : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                  : kAudioChannelLayoutTag_Mono);
+        EXPECT_EQ(layout->mChannelLayoutTag, ltrt            ? kAudioChannelLayoutTag_UseChannelDescriptions
+                                             : channels == 2 ? kAudioChannelLayoutTag_Stereo
+                                                             : kAudioChannelLayoutTag_Mono);
         ASSERT_EQ(layout->mChannelDescriptions.size(), ltrt ? 2u : 0u);
-        for (const auto& channel : layout->mChannelDescriptions) EXPECT_EQ(channel.mChannelLabel, kAudioChannelLabel_Mono);
+        for (const auto& channel : layout->mChannelDescriptions)
+            EXPECT_EQ(channel.mChannelLabel, kAudioChannelLabel_Mono);
     }
 }
 

@@ -26,8 +26,10 @@ namespace {
 Value withKey(const Value& settings, const std::string& key, Value value)
 {
     Value::DictionaryType d = *settings.asDictionary();
-    if (value.isNone()) d.erase(key);
-    else d[key] = std::move(value);
+    if (value.isNone())
+        d.erase(key);
+    else
+        d[key] = std::move(value);
     return Value(std::move(d));
 }
 
@@ -49,9 +51,12 @@ Snapshot snapshot(std::initializer_list<std::string> roots)
                 text.find("/Library/Preferences/CorvinaAVFHelper.plist") != std::string::npos)
                 continue;
             const auto status = fs::symlink_status(path);
-            if (fs::is_regular_file(status)) out[path] = readFile(path);
-            else if (fs::is_symlink(status)) out[path] = "link to " + fs::read_symlink(path).string();
-            else out[path] = "kind " + std::to_string(static_cast<int>(status.type()));
+            if (fs::is_regular_file(status))
+                out[path] = readFile(path);
+            else if (fs::is_symlink(status))
+                out[path] = "link to " + fs::read_symlink(path).string();
+            else
+                out[path] = "kind " + std::to_string(static_cast<int>(status.type()));
         }
     }
     return out;
@@ -60,7 +65,8 @@ Snapshot snapshot(std::initializer_list<std::string> roots)
 bool logHas(const HelperHome& home, const std::string& text)
 {
     const auto entries = home.logEntries();
-    return std::any_of(entries.begin(), entries.end(), [&](const auto& e) { return e.find(text) != std::string::npos; });
+    return std::any_of(entries.begin(), entries.end(),
+                       [&](const auto& e) { return e.find(text) != std::string::npos; });
 }
 
 // Starts the helper in the background, waits for its temporary movie file in `folder`, then
@@ -84,7 +90,9 @@ protected:
         fs::create_directories(home.path() + "/root/Library/Logs/Brantwell");
         fs::create_directories(home.path() + "/Library/Logs/Brantwell");
         movie = job / "movie.mov";
-        { std::ofstream(movie) << "the previous movie"; }
+        {
+            std::ofstream(movie) << "the previous movie";
+        }
         doc = withKey(*made, "destFilename", movie);
     }
     // Runs the document; the run must fail with `line` and leave every file as it was.
@@ -116,7 +124,9 @@ TEST_F(HostileRun, DestinationsThatWouldDestroyDataAreRefused)
     const std::string video = doc["tmpFilename"].stringValue();
     const std::string audio = doc["tmpAudioFilename"].stringValue();
     fs::create_directories(job / "project/footage");
-    { std::ofstream(job / "project/footage/clip.dv") << "footage"; }
+    {
+        std::ofstream(job / "project/footage/clip.dv") << "footage";
+    }
     ASSERT_EQ(::mkfifo((job / "fifo.mov").c_str(), 0644), 0);
     fs::create_symlink(video, job / "link.mov");
     fs::create_symlink(job / "nowhere", job / "dangling.mov");
@@ -191,19 +201,24 @@ TEST_F(HostileRun, FifosFoldersAndUnreadableDocuments)
     const std::string xml = doc.toXMLPropertyList();
     const struct {
         std::string bytes, cause;  // "fifo"/"folder": no file but that
-    } cases[] = {{"fifo", "It is a FIFO"}, {"folder", "Is a directory"},
+    } cases[] = {{"fifo", "It is a FIFO"},
+                 {"folder", "Is a directory"},
                  {Value(Value::ArrayType{Value(1)}).toXMLPropertyList(), "its root is an array, not a dictionary"},
                  {xml.substr(0, xml.size() / 2), "The data couldn't be read because it isn't in the correct format."}};
     const std::string path = home.replaySettingsPath();
     for (const auto& c : cases) {
         fs::remove_all(path);
-        if (c.bytes == "fifo") ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
-        else if (c.bytes == "folder") fs::create_directory(path);
-        else std::ofstream(path, std::ios::binary) << c.bytes;
+        if (c.bytes == "fifo")
+            ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
+        else if (c.bytes == "folder")
+            fs::create_directory(path);
+        else
+            std::ofstream(path, std::ios::binary) << c.bytes;
         const ProcessResult run = home.runHelper();
         EXPECT_EQ(run.status, 1);
         EXPECT_NE(run.err.find("Unable to open settings dictionary\n"), std::string::npos) << run.err;
-        EXPECT_NE(run.err.find("Cannot read the settings document " + path + ": " + c.cause), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("Cannot read the settings document " + path + ": " + c.cause), std::string::npos)
+            << run.err;
     }
 
     // UTF-16 XML reads like UTF-8, and the document is not rewritten.
@@ -230,10 +245,18 @@ TEST_F(HostileRun, AnotherRunsLockAndStaleTemporaryFiles)
     std::string partial(28, '\0');
     partial.replace(4, 8, "ftypqt  ");
     partial.replace(20, 8, std::string("\0\0\0\x08wide", 8));
-    { std::ofstream(job / "movie.mov.incomplete-4242", std::ios::binary) << partial << "half a movie"; }
-    { std::ofstream(job / "movie.mov.incomplete-4343"); }
-    { std::ofstream(job / "movie.mov.incomplete-77") << "a user's notes"; }
-    { std::ofstream(job / "movie.mov.incomplete-x1", std::ios::binary) << partial; }
+    {
+        std::ofstream(job / "movie.mov.incomplete-4242", std::ios::binary) << partial << "half a movie";
+    }
+    {
+        std::ofstream(job / "movie.mov.incomplete-4343");
+    }
+    {
+        std::ofstream(job / "movie.mov.incomplete-77") << "a user's notes";
+    }
+    {
+        std::ofstream(job / "movie.mov.incomplete-x1", std::ios::binary) << partial;
+    }
     ASSERT_TRUE(home.writeSettings(doc));
     ASSERT_EQ(home.runHelper().status, 0);
     EXPECT_TRUE(logHas(home, "Removed 2 temporary file(s) that an interrupted run left for " + movie));
@@ -264,21 +287,24 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
         ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
     } unmount{disk.path()};
     const std::string target = disk / "movie.mov";
-    { std::ofstream(target) << "the previous movie"; }
+    {
+        std::ofstream(target) << "the previous movie";
+    }
     // Too little room is seen before anything is written...
     {
         std::ofstream filler(disk / "filler", std::ios::binary);
         const std::vector<char> block(1 << 20, 0);
         for (int i = 0; i < 40; ++i) filler.write(block.data(), std::streamsize(block.size()));
     }
-    expectRefused(withKey(doc, "destFilename", target), "Error: not enough free space for " + target + ": the movie needs ",
-                  disk.path());
+    expectRefused(withKey(doc, "destFilename", target),
+                  "Error: not enough free space for " + target + ": the movie needs ", disk.path());
     fs::remove(disk / "filler");
     // ...and room that runs out while writing ends the run too. The whole job, audio and its
     // log lines included, takes long enough to be caught while it writes.
     ASSERT_TRUE(home.writeSettings(withKey(doc, "destFilename", target)));
     const ProcessResult run = runInterrupted(
-        home, disk.path(), "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid");
+        home, disk.path(),
+        "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid");
     EXPECT_EQ(run.out, "1\n");
     fs::remove(disk / "filler");
     EXPECT_EQ(readFile(target), "the previous movie");

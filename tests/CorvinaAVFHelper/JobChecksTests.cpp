@@ -13,16 +13,19 @@ namespace {
 TEST(JobChecks, FrameRatesOutsideOneToAThousandAreRefused)
 {
     const float inf = std::numeric_limits<float>::infinity();
-    for (const float usable : {1.0f, 23.976f, 29.97f, 59.94f, 1000.0f}) EXPECT_FALSE(frameRateProblem(usable)) << usable;
+    for (const float usable : {1.0f, 23.976f, 29.97f, 59.94f, 1000.0f})
+        EXPECT_FALSE(frameRateProblem(usable)) << usable;
     for (const float refused : {0.0f, 0.999f, -25.0f, 1000.5f, 1e9f, inf, -inf, std::nanf("")})
         EXPECT_TRUE(frameRateProblem(refused)) << refused;
-    EXPECT_EQ(*frameRateProblem(inf), "Error: frame rate inf is not usable. A movie needs 1 to 1000 frames per second.");
+    EXPECT_EQ(*frameRateProblem(inf),
+              "Error: frame rate inf is not usable. A movie needs 1 to 1000 frames per second.");
 }
 
 TEST(JobChecks, ProResFrameSizeComesFromTheFrameHeader)
 {
     // frame size, 'icpf', header size 148, reserved, version, encoder, 1920, 1080
-    const std::vector<uint8_t> frame = {0, 0, 0x10, 0, 'i', 'c', 'p', 'f', 0, 148, 0, 0, 'a', 'p', 'l', '0', 0x07, 0x80, 0x04, 0x38};
+    const std::vector<uint8_t> frame = {0, 0, 0x10, 0,   'i', 'c', 'p',  'f',  0,    148,
+                                        0, 0, 'a',  'p', 'l', '0', 0x07, 0x80, 0x04, 0x38};
     ASSERT_TRUE(frameSizeFromProResFrame(frame));
     EXPECT_EQ(frameSizeFromProResFrame(frame)->width, 1920);
     EXPECT_EQ(frameSizeFromProResFrame(frame)->height, 1080);

@@ -31,8 +31,8 @@ private:
 };
 
 // Entries of `count` pieces with `junk` bytes before each, written to path.
-MediaEntryTable writeEssence(const std::string& path, Random& random, size_t count, uint64_t minSize,
-                             uint64_t maxSize, int64_t framesPerEntry = 1)
+MediaEntryTable writeEssence(const std::string& path, Random& random, size_t count, uint64_t minSize, uint64_t maxSize,
+                             int64_t framesPerEntry = 1)
 {
     MediaEntryTable entries;
     std::ofstream out(path, std::ios::binary);
@@ -92,8 +92,8 @@ TEST(MovieDigests, FixedJobsWriteTheSameBytes)
         job.fHeight = 1080;
         job.videoEntries = std::make_shared<MediaEntryTable>(
             writeEssence(job.tmpFilename, random, c.videoEntries, c.minFrame, c.maxFrame, c.framesPerEntry));
-        job.audioEntries =
-            std::make_shared<MediaEntryTable>(writeEssence(job.tmpAudioFilename, random, c.audioRuns, c.minRun, c.maxRun));
+        job.audioEntries = std::make_shared<MediaEntryTable>(
+            writeEssence(job.tmpAudioFilename, random, c.audioRuns, c.minRun, c.maxRun));
         AppController controller;
         ASSERT_EQ(controller.createQuickTimeMovie(std::move(job)), 0);
         const ProcessResult sum = runProgram({"/usr/bin/sha256sum", dir / "movie.mov"});

@@ -31,8 +31,10 @@ void expectSameJob(const MovieJob& a, const MovieJob& b)
 std::string plist(const std::string& body)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-           "<plist version=\"1.0\">\n<dict>\n" + body + "</dict>\n</plist>\n";
+           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<plist version=\"1.0\">\n<dict>\n" +
+           body + "</dict>\n</plist>\n";
 }
 
 MovieJob viaTree(const std::string& text)
@@ -89,7 +91,8 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
         {"tmpFilename", "/v.raw"},
         {"frameRate", 25.0},
         {"made", Value::date(Date{})},
-        {"offsetArray", Value::ArrayType{Value::DictionaryType{{"offset", 5}, {"length", 6}, {"blob", Value::data({1, 2})}}}}});
+        {"offsetArray",
+         Value::ArrayType{Value::DictionaryType{{"offset", 5}, {"length", 6}, {"blob", Value::data({1, 2})}}}}});
     const std::string xml = settings.toXMLPropertyList();
     // Dates and data are the tree's business: the stream gives up, the file is still read.
     EXPECT_FALSE(MovieJob::readXMLDocument(xml.data(), xml.size()));
@@ -154,18 +157,23 @@ TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
     const std::string plain = "<dict><key>offset</key><integer>8</integer><key>length</key><integer>4</integer></dict>";
     // Each spelling, and whether the stream must read it itself.
     const std::pair<std::string, bool> spellings[] = {
-        {"<dict>\n\t<key>length</key>\n\t<integer>4</integer>\n\t<key>offset</key>\n\t<integer>12</integer>\n</dict>", true},
+        {"<dict>\n\t<key>length</key>\n\t<integer>4</integer>\n\t<key>offset</key>\n\t<integer>12</integer>\n</dict>",
+         true},
         {"<dict><key>offset</key><integer>044</integer><key>length</key><integer>-010</integer></dict>", false},
         {"<dict><key>offset</key><integer>+5</integer><key>length</key><integer>-5</integer></dict>", false},
-        {"<dict><key>offset</key><integer> 5 </integer><key>frameCount</key><integer>9223372036854775808</integer></dict>", false},
+        {"<dict><key>offset</key><integer> 5 "
+         "</integer><key>frameCount</key><integer>9223372036854775808</integer></dict>",
+         false},
         {"<dict><key>offset</key><integer>18446744073709551616</integer></dict>", false},
-        {"<dict><key>offset</key><integer>18446744073709551615</integer><key>offset</key><integer>3</integer></dict>", true},
+        {"<dict><key>offset</key><integer>18446744073709551615</integer><key>offset</key><integer>3</integer></dict>",
+         true},
         {"<dict><key>off&#115;et</key><integer>7</integer><key>length</key><integer>1&#48;</integer></dict>", false},
         {"<dict><key>offset</key><!-- c --><integer>1</integer><!-- d --></dict>", true},
         {"<dict ><key >offset</key><integer>2</integer ><key>length</key ><integer>3</integer></dict >", true},
         {"<dict><key>offset</key><string>5</string><key>length</key><real>6.5</real></dict>", true},
         {"<dict><key>offset</key><integer/><key>length</key><integer>1</integer></dict>", false},
-        {"<dict><key></key><integer>3</integer><key/><integer>4</integer><key>Offset</key><integer>5</integer></dict>", false},
+        {"<dict><key></key><integer>3</integer><key/><integer>4</integer><key>Offset</key><integer>5</integer></dict>",
+         false},
         {"<dict><key>offset</key><integer>0x10</integer></dict>", false},
         {"<dict><key>offset</key><integer>1</integer><key>length</key></dict>", false},
         {"<dict><key>offset</key><integer>1</integer>", false},
@@ -177,8 +185,8 @@ TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
         for (int i = 0; i < 100; ++i) entries += plain;
         entries += spelling;
         for (int i = 0; i < 30; ++i) entries += plain;
-        const std::string text = plist("<key>audioOffsetArray</key><array>" + entries + "</array><key>offsetArray</key><array>" +
-                                       spelling + entries + "</array>");
+        const std::string text = plist("<key>audioOffsetArray</key><array>" + entries +
+                                       "</array><key>offsetArray</key><array>" + spelling + entries + "</array>");
         const auto tree = Value::fromPropertyListData(text.data(), text.size());
         const auto streamed = MovieJob::readXMLDocument(text.data(), text.size());
         EXPECT_TRUE(streamed || !mustStream);
@@ -197,9 +205,16 @@ TEST(FrameTimingTest, RatesBecomeExactFractions)
         float rate;
         int32_t timescale;
         int64_t duration;
-    } cases[] = {{29.97f, 30000, 1001}, {25, 25000, 1000}, {23.976f, 24000, 1001}, {59.94f, 60000, 1001},
-                 {0.5f, 1000, 1001},    {0, 0, 0},         {-25, 0, 0},          {3e9f, 0, 0},
-                 {std::numeric_limits<float>::quiet_NaN(), 0, 0}, {std::numeric_limits<float>::infinity(), 0, 0}};
+    } cases[] = {{29.97f, 30000, 1001},
+                 {25, 25000, 1000},
+                 {23.976f, 24000, 1001},
+                 {59.94f, 60000, 1001},
+                 {0.5f, 1000, 1001},
+                 {0, 0, 0},
+                 {-25, 0, 0},
+                 {3e9f, 0, 0},
+                 {std::numeric_limits<float>::quiet_NaN(), 0, 0},
+                 {std::numeric_limits<float>::infinity(), 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.rate);
         const FrameTiming t = FrameTiming::fromRate(c.rate);

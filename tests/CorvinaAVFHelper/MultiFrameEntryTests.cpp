@@ -29,16 +29,25 @@ Encoded encode(const TempDir& dir, const std::string& size, const std::string& r
     Encoded out;
     const std::string nut = dir / "frames.nut";
     const std::string raw = dir / "frames.raw";
-    std::vector<std::string> args = {"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
-                                     "testsrc=size=" + size + ":rate=" + rate, "-frames:v", std::to_string(frames)};
+    std::vector<std::string> args = {"/usr/bin/ffmpeg",
+                                     "-v",
+                                     "error",
+                                     "-nostdin",
+                                     "-y",
+                                     "-f",
+                                     "lavfi",
+                                     "-i",
+                                     "testsrc=size=" + size + ":rate=" + rate,
+                                     "-frames:v",
+                                     std::to_string(frames)};
     args.insert(args.end(), codec.begin(), codec.end());
     args.push_back(nut);
     if (runProgram(args).status != 0) return out;
     if (runProgram({"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y", "-i", nut, "-c", "copy", "-f", "rawvideo", raw})
             .status != 0)
         return out;
-    const ProcessResult probe = runProgram(
-        {"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "packet=size", "-of", "csv=p=0", nut});
+    const ProcessResult probe = runProgram({"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v", "-show_entries",
+                                            "packet=size", "-of", "csv=p=0", nut});
     for (const auto& line : splitLines(probe.out))
         if (!line.empty()) out.sizes.push_back(std::stoul(line));
     out.bytes = readBytes(raw);
@@ -97,7 +106,8 @@ TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSampleOfItsOwnBytes)
         const Encoded frames = encode(dir, row.size, row.rate, kFrames, row.codec);
         ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
         // The whole run as one entry of four frames, then its first frame again on its own.
-        const std::string movie = assemble(row, frames, {{kLead, frames.bytes.size(), kFrames}, {kLead, frames.sizes[0], 1}});
+        const std::string movie =
+            assemble(row, frames, {{kLead, frames.bytes.size(), kFrames}, {kLead, frames.sizes[0], 1}});
 
         MovieSummary summary;
         ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
@@ -160,9 +170,9 @@ TEST(FrameSplitterTest, RulesFollowTheCodecAndRefuseWhatDoesNotAddUp)
 
     // JPEG: an end-of-image marker inside a segment (a thumbnail, say) does not end the image;
     // stuffed and restart markers inside the scan do not either.
-    const std::vector<uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xE1, 0x00, 0x04, 0xFF, 0xD9, 0xFF, 0xDA, 0x00, 0x02,
-                                       0x12, 0xFF, 0x00, 0x34, 0xFF, 0xD3, 0x56, 0xFF, 0xD9,
-                                       0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x02, 0x01, 0xFF, 0xD9};
+    const std::vector<uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xE1, 0x00, 0x04, 0xFF, 0xD9, 0xFF, 0xDA,
+                                       0x00, 0x02, 0x12, 0xFF, 0x00, 0x34, 0xFF, 0xD3, 0x56, 0xFF,
+                                       0xD9, 0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x02, 0x01, 0xFF, 0xD9};
     const FrameSplitter mjpeg = FrameSplitter::forCodec(fourCC("jpeg"));
     EXPECT_TRUE(mjpeg.split(jpeg, 2, sizes));
     EXPECT_EQ(sizes, (std::vector<size_t>{21, 9}));

@@ -24,9 +24,9 @@ std::vector<std::string> logFrom(const std::vector<std::string>& entries, const 
 // Entries other than the feeders' per-sample lines and the header of each restarted file.
 std::vector<std::string> sessionLines(const std::vector<std::string>& entries)
 {
-    static const char* const skipped[] = {"Requesting next", "number of audio samples", "Log started: ", "Version: ",
-                                          "Path: ", "System: ", "Running in 64-bit mode", "Log truncated at 500KB",
-                                          "Summary: "};
+    static const char* const skipped[] = {
+        "Requesting next", "number of audio samples", "Log started: ",          "Version: ", "Path: ",
+        "System: ",        "Running in 64-bit mode",  "Log truncated at 500KB", "Summary: "};
     std::vector<std::string> out;
     for (const auto& e : entries) {
         bool skip = false;
@@ -93,20 +93,20 @@ protected:
 struct VideoRow {
     int formatType;
     const char* tag;
-    int width, height;        // the sample description's frame size
-    int codedWidth;           // what the decoder reports (DVCPRO HD is stored at a smaller raster)
+    int width, height;  // the sample description's frame size
+    int codedWidth;     // what the decoder reports (DVCPRO HD is stored at a smaller raster)
     const char* timeBase;
     bool decodable;
 };
 
 const VideoRow kVideoRows[] = {
-    {0, "dvc ", 720, 480, 720, "1/30000", true},      {1, "dvcp", 720, 576, 720, "1/25000", true},
-    {2, "dv5n", 720, 480, 720, "1/30000", true},      {3, "dv5p", 720, 576, 720, "1/25000", true},
-    {4, "jpeg", 720, 576, 720, "1/25000", true},      {10, "dvhp", 1280, 720, 960, "1/60000", true},
-    {11, "dvh6", 1920, 1080, 1280, "1/30000", true},  {12, "dvh5", 1920, 1080, 1440, "1/25000", true},
-    {20, "icod", 320, 240, 320, "1/30000", false},    {30, "apch", 320, 240, 320, "1/30000", true},
-    {31, "apcn", 320, 240, 320, "1/30000", true},     {32, "apcs", 320, 240, 320, "1/30000", true},
-    {33, "apco", 320, 240, 320, "1/30000", true},     {34, "ap4h", 320, 240, 320, "1/30000", true},
+    {0, "dvc ", 720, 480, 720, "1/30000", true},     {1, "dvcp", 720, 576, 720, "1/25000", true},
+    {2, "dv5n", 720, 480, 720, "1/30000", true},     {3, "dv5p", 720, 576, 720, "1/25000", true},
+    {4, "jpeg", 720, 576, 720, "1/25000", true},     {10, "dvhp", 1280, 720, 960, "1/60000", true},
+    {11, "dvh6", 1920, 1080, 1280, "1/30000", true}, {12, "dvh5", 1920, 1080, 1440, "1/25000", true},
+    {20, "icod", 320, 240, 320, "1/30000", false},   {30, "apch", 320, 240, 320, "1/30000", true},
+    {31, "apcn", 320, 240, 320, "1/30000", true},    {32, "apcs", 320, 240, 320, "1/30000", true},
+    {33, "apco", 320, 240, 320, "1/30000", true},    {34, "ap4h", 320, 240, 320, "1/30000", true},
     {35, "ap4x", 320, 240, 320, "1/30000", true},
 };
 
@@ -224,8 +224,25 @@ TEST_F(HelperSession, ASuccessfulRunLogsEveryStageInOrder)
         "Audio format is 16-bit Linear PCM 44.1KHz Mono Little Endian",
         "Video format is ProRes 422 1920x1080",
         "Video format: apcn",
-        "1", "2", "3", "4", "added video input", "5", "6", "added audio input", "7", "8", "9", "10", "11", "12",
-        "13", "14", "15", "17", "File created successfully",
+        "1",
+        "2",
+        "3",
+        "4",
+        "added video input",
+        "5",
+        "6",
+        "added audio input",
+        "7",
+        "8",
+        "9",
+        "10",
+        "11",
+        "12",
+        "13",
+        "14",
+        "15",
+        "17",
+        "File created successfully",
     };
     const auto lines = sessionLines(logFrom(home.logEntries(), "Preparing QuickTime movie..."));
     ASSERT_GE(lines.size(), expected.size());
@@ -267,12 +284,21 @@ TEST_F(HelperSession, AnUnreadableAudioFileStopsBeforeAnyWriting)
     const ProcessResult run = home.runHelper();
     EXPECT_EQ(run.status, 1);
     const auto lines = sessionLines(logFrom(home.logEntries(), "Video format: dvc"));
-    const std::vector<std::string> expected = {"Video format: dvc", "1", "2", "3", "4", "added video input", "5", "6",
-                                               "added audio input", "7", "8",
-                                               "Error creating audio read handle for " + missing,
-                                               "Error: cannot read the audio data file " + missing +
-                                                   ": No such file or directory",
-                                               "Removing temp data files..."};
+    const std::vector<std::string> expected = {
+        "Video format: dvc",
+        "1",
+        "2",
+        "3",
+        "4",
+        "added video input",
+        "5",
+        "6",
+        "added audio input",
+        "7",
+        "8",
+        "Error creating audio read handle for " + missing,
+        "Error: cannot read the audio data file " + missing + ": No such file or directory",
+        "Removing temp data files..."};
     EXPECT_EQ(lines, expected);
     EXPECT_FALSE(std::filesystem::exists(job / "movie.mov"));
 }
@@ -329,8 +355,8 @@ TEST_F(HelperSession, DocumentsTheSessionRefuses)
         const auto lines = sessionLines(caseHome.logEntries());
         ASSERT_GE(lines.size(), 2u);
         EXPECT_EQ(lines.back(), "Removing temp data files...");
-        const bool found = std::any_of(lines.begin(), lines.end(),
-                                       [&](const std::string& l) { return l.rfind(c.line, 0) == 0; });
+        const bool found =
+            std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(c.line, 0) == 0; });
         EXPECT_TRUE(found) << c.line;
         EXPECT_FALSE(std::filesystem::exists(job / "movie.mov"));
     }

@@ -36,8 +36,26 @@ TEST(SettingsModeTest, ReferenceMoviesOfEveryRowGiveSettingsThatAssemble)
         {10, "960x720:r=60000/1001", "yuv422p", {"-c:v", "dvvideo"}, "", "", 59.94, 1280, 720, 0},
         {11, "1280x1080:r=30000/1001", "yuv422p", {"-c:v", "dvvideo"}, "", "", 29.97, 1920, 1080, 0},
         {12, "1440x1080:r=25", "yuv422p", {"-c:v", "dvvideo"}, "", "", 25, 1920, 1080, 0},
-        {30, "128x96:r=24000/1001", "yuv422p10le", {"-c:v", "prores_ks", "-profile:v", "3"}, "", "", 23.976, 128, 96, 0},
-        {31, "128x96:r=25", "yuv422p10le", {"-c:v", "prores_ks", "-profile:v", "2"}, "sine=r=48000", "pcm_s24le", 25, 128, 96, 0},
+        {30,
+         "128x96:r=24000/1001",
+         "yuv422p10le",
+         {"-c:v", "prores_ks", "-profile:v", "3"},
+         "",
+         "",
+         23.976,
+         128,
+         96,
+         0},
+        {31,
+         "128x96:r=25",
+         "yuv422p10le",
+         {"-c:v", "prores_ks", "-profile:v", "2"},
+         "sine=r=48000",
+         "pcm_s24le",
+         25,
+         128,
+         96,
+         0},
         {32, "128x96:r=25", "yuv422p10le", {"-c:v", "prores_ks", "-profile:v", "1"}, "", "", 25, 128, 96, 0},
         {33, "128x96:r=25", "yuv422p10le", {"-c:v", "prores_ks", "-profile:v", "0"}, "", "", 25, 128, 96, 0},
         {34, "128x96:r=25", "yuv444p10le", {"-c:v", "prores_ks", "-profile:v", "4"}, "", "", 25, 128, 96, 0},
@@ -72,9 +90,9 @@ TEST(SettingsModeTest, ReferenceMoviesOfEveryRowGiveSettingsThatAssemble)
 
         // The printed settings as the skeleton of a job: the helper assembles it.
         TempDir job;
-        auto made = makeSampleJob(job.path(), {"--video", std::to_string(r.formatType), "--audio",
-                                               std::to_string(r.audioFormat), "--seconds", "0.1", "--width",
-                                               std::to_string(r.width), "--height", std::to_string(r.height)});
+        auto made = makeSampleJob(
+            job.path(), {"--video", std::to_string(r.formatType), "--audio", std::to_string(r.audioFormat), "--seconds",
+                         "0.1", "--width", std::to_string(r.width), "--height", std::to_string(r.height)});
         ASSERT_TRUE(made);
         Value::DictionaryType document = *s.asDictionary();
         for (const char* key : {"tmpFilename", "tmpAudioFilename", "offsetArray", "audioOffsetArray"})

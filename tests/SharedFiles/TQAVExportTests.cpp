@@ -121,8 +121,8 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
 
 TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
 {
-    const std::string input = source("yuv.avi", "testsrc=s=720x576:r=25:d=0.4",
-                                     {"-c:v", "rawvideo", "-pix_fmt", "yuv420p"});
+    const std::string input =
+        source("yuv.avi", "testsrc=s=720x576:r=25:d=0.4", {"-c:v", "rawvideo", "-pix_fmt", "yuv420p"});
     ASSERT_FALSE(input.empty());
     TempDir dir;
     const std::string output = dir / "dv.mov";

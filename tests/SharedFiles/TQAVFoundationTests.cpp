@@ -31,7 +31,7 @@ TEST(TQAVFoundationTest, TimingAndStartTimecodeAtCommonRates)
         const char* timecode;  // nullptr: no timecode track
         double fps;
         bool dropFrame;
-        const char* start;      // with default start "00:00:00:00"
+        const char* start;  // with default start "00:00:00:00"
         const char* atOneSecond;
     };
     const Case cases[] = {
@@ -45,9 +45,9 @@ TEST(TQAVFoundationTest, TimingAndStartTimecodeAtCommonRates)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const bool mxf = std::string(c.name).find(".mxf") != std::string::npos;
-        std::vector<std::string> arguments = join(
-            {lavfi(std::string("testsrc=s=") + (mxf ? "720x576" : "64x48") + ":r=" + c.rate + ":d=0.3"),
-             {"-c:v", mxf ? "mpeg2video" : "mjpeg"}});
+        std::vector<std::string> arguments =
+            join({lavfi(std::string("testsrc=s=") + (mxf ? "720x576" : "64x48") + ":r=" + c.rate + ":d=0.3"),
+                  {"-c:v", mxf ? "mpeg2video" : "mjpeg"}});
         if (c.timecode) arguments.insert(arguments.end(), {"-timecode", c.timecode});
         const AssetRef asset = movie(c.name, arguments);
         EXPECT_TRUE(TQAVFoundation::isReadable(asset));
@@ -82,7 +82,9 @@ TEST(TQAVFoundationTest, FrameTimesAndTimecodeRecords)
                                       kTimeCodeFlag_DropFrame | kTimeCodeFlag_24HourMax, &df);
     FormatDescription::createTimecode(fourCC("tmcd"), MediaTime::make(1, 25), 25, kTimeCodeFlag_24HourMax, &ndf24);
     FormatDescription::createVideo(fourCC("jpeg"), 64, 48, &video);
-    const auto be = [](uint32_t n) { return (n & 0xFF) << 24 | ((n >> 8) & 0xFF) << 16 | ((n >> 16) & 0xFF) << 8 | n >> 24; };
+    const auto be = [](uint32_t n) {
+        return (n & 0xFF) << 24 | ((n >> 8) & 0xFF) << 16 | ((n >> 16) & 0xFF) << 8 | n >> 24;
+    };
     struct Case {
         const FormatDescription* format;
         uint32_t stored;
@@ -93,7 +95,7 @@ TEST(TQAVFoundationTest, FrameTimesAndTimecodeRecords)
         {df.get(), be(107892), 1, 0, 0, 0, 1},
         {df.get(), be(1800), 0, 1, 0, 2, 1},
         {ndf24.get(), be(25 * 3600 * 25 + 3), 1, 0, 0, 3, 1},  // 25 hours wrap to 1
-        {ndf24.get(), be(uint32_t(-25)), 23, 0, 1, 0, 1},       // negative: 23 - hours
+        {ndf24.get(), be(uint32_t(-25)), 23, 0, 1, 0, 1},      // negative: 23 - hours
         {video.get(), be(107892), 0, 0, 0, 0, 0},
     };
     for (const Case& c : cases) {
@@ -109,10 +111,12 @@ TEST(TQAVFoundationTest, Readability)
     const std::string path = makeTestMovie("r.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg"}}));
     EXPECT_TRUE(TQAVFoundation::isReadable(Asset::assetWithPath(path)));
     EXPECT_TRUE(TQAVFoundation::isReadable(Asset::assetWithURL("file://" + path)));
-    const std::string playlist = makeTestMovie("list.M3U8", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg", "-f", "mov"}}));
+    const std::string playlist =
+        makeTestMovie("list.M3U8", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg", "-f", "mov"}}));
     EXPECT_TRUE(Asset::assetWithPath(playlist)->isReadable());
     EXPECT_FALSE(TQAVFoundation::isReadable(Asset::assetWithPath(playlist)));
-    for (const char* url : {"https://example.invalid/a.mov", "http://example.invalid/a.mov", "ftp://example.invalid/a.mov"})
+    for (const char* url :
+         {"https://example.invalid/a.mov", "http://example.invalid/a.mov", "ftp://example.invalid/a.mov"})
         EXPECT_FALSE(TQAVFoundation::isReadable(Asset::assetWithURL(url))) << url;
     EXPECT_FALSE(TQAVFoundation::isReadable(nullptr));
 }
@@ -128,9 +132,10 @@ TEST(TQAVFoundationTest, FourCharacterCodesAndCodecNames)
     EXPECT_EQ(TQAVFoundation::fourCCString(0x61E95C0A), "a\\xE9\\\\\\x0A");
     EXPECT_EQ(TQAVFoundation::fourCCString(0), "\\x00\\x00\\x00\\x00");
 
-    const AssetRef asset = movie("codecs.mov", join({lavfi("testsrc=s=64x48:r=30000/1001:d=0.1"),
-                                                     lavfi(constantAudio({1}, 48000, 0.1)),
-                                                     {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:00:00;00"}}));
+    const AssetRef asset =
+        movie("codecs.mov", join({lavfi("testsrc=s=64x48:r=30000/1001:d=0.1"),
+                                  lavfi(constantAudio({1}, 48000, 0.1)),
+                                  {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:00:00;00"}}));
     const AssetRef aac = movie("codecs.mp4", join({lavfi(constantAudio({1}, 48000, 0.1)), {"-c:a", "aac"}}));
     const auto first = [](const AssetRef& a, MediaType t) { return a->tracksWithMediaType(t).at(0); };
     EXPECT_EQ(TQAVFoundation::fourCCForTrack(first(asset, MediaType::Video)), fourCC("jpeg"));
@@ -153,7 +158,7 @@ TEST(TQAVFoundationTest, WaveformLevels)
         float level;
     };
     const Case cases[] = {
-        {"w1000.mov", {1000}, 48000, "pcm_s16le", 49, 1000},   // 48000 / 961, the last 911 dropped
+        {"w1000.mov", {1000}, 48000, "pcm_s16le", 49, 1000},  // 48000 / 961, the last 911 dropped
         {"wneg.mov", {-1000}, 48000, "pcm_s16be", 49, 1000},
         {"wstereo.mov", {1000, -30000}, 44100, "pcm_s16le", 49, 1000},  // 44100 / 883
         {"w6.avi", {-250, 9, 9, 9, 9, 9}, 48000, "pcm_s16le", 49, 250},
@@ -162,7 +167,8 @@ TEST(TQAVFoundationTest, WaveformLevels)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const double seconds = c.levels ? 1.0 : 0.01;
-        const AssetRef asset = movie(c.name, join({lavfi(constantAudio(c.channels, c.rate, seconds)), {"-c:a", c.codec}}));
+        const AssetRef asset =
+            movie(c.name, join({lavfi(constantAudio(c.channels, c.rate, seconds)), {"-c:a", c.codec}}));
         float maximum = 7;
         const auto levels = TQAVFoundation::waveformDataForAsset(asset, &maximum);
         ASSERT_TRUE(levels);
@@ -182,9 +188,10 @@ TEST(TQAVFoundationTest, WaveformPictureTool)
 {
     const std::string tool = std::string(CORVINA_BINARY_DIR) + "/tools/waveform_png/waveform_png";
     TempDir dir;
-    const std::string withAudio = makeTestMovie(
-        "picture.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.5"), lavfi(constantAudio({3000}, 48000, 0.5)),
-                             {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:59:59:24"}}));
+    const std::string withAudio =
+        makeTestMovie("picture.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.5"),
+                                           lavfi(constantAudio({3000}, 48000, 0.5)),
+                                           {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:59:59:24"}}));
     ProcessResult run = runProgram({tool, withAudio, dir / "w.png", "--width", "300", "--height", "100"});
     ASSERT_EQ(run.status, 0) << run.err;
     const auto png = readBytes(dir / "w.png");

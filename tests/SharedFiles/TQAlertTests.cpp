@@ -28,7 +28,10 @@ namespace {
 // Puts a presenter in charge for one test and restores the automatic choice afterwards.
 class PresenterScope {
 public:
-    explicit PresenterScope(std::shared_ptr<corvina::AlertPresenter> p) { corvina::setAlertPresenterOverride(std::move(p)); }
+    explicit PresenterScope(std::shared_ptr<corvina::AlertPresenter> p)
+    {
+        corvina::setAlertPresenterOverride(std::move(p));
+    }
     ~PresenterScope() { corvina::setAlertPresenterOverride(nullptr); }
 };
 
@@ -132,7 +135,10 @@ void reportResult(int64_t code)
     const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
     const std::string result = childHome() + "/result";
     std::ofstream(result + ".tmp") << code << " "
-                                   << (quiet.isNone() ? "unset" : quiet.boolValue() ? "checked" : "unchecked") << "\n";
+                                   << (quiet.isNone()      ? "unset"
+                                       : quiet.boolValue() ? "checked"
+                                                           : "unchecked")
+                                   << "\n";
     fs::rename(result + ".tmp", result);
 }
 
@@ -151,8 +157,8 @@ TEST(TQAlertHeadless, WaitingFormsReturnTheDefaultButton)
 {
     PresenterScope scope(corvina::makeHeadlessAlertPresenter());
     corvina::ScopedSystemLogCapture capture;
-    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Replace?", "Replace", "Keep", nullptr, "50% done %@ %d", nullptr, true),
-              1);
+    EXPECT_EQ(
+        TQAlert::alertSheetWithMessageText("Replace?", "Replace", "Keep", nullptr, "50% done %@ %d", nullptr, true), 1);
     EXPECT_THAT(capture.messages(), Contains("Alert: Replace? - 50% done %@ %d"));
     EXPECT_EQ(TQAlert::alertSheetWithMessageText(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true), 1);
     EXPECT_THAT(capture.messages(), Contains("Alert: "));
@@ -162,13 +168,15 @@ TEST(TQAlertDelegates, NotWaitingReturnsMinusOneAndTheDelegateHearsTheEnd)
 {
     PresenterScope scope(corvina::makeHeadlessAlertPresenter());
     RecordingDelegate delegate;
-    EXPECT_EQ(TQAlert::alertSheetWithMessageText("m", nullptr, nullptr, nullptr, "i", nullptr, &delegate, nullptr, false),
-              -1);
+    EXPECT_EQ(
+        TQAlert::alertSheetWithMessageText("m", nullptr, nullptr, nullptr, "i", nullptr, &delegate, nullptr, false),
+        -1);
     EXPECT_EQ(delegate.calls, 1);
     EXPECT_EQ(delegate.code, 1);
 
     RecordingDelegate waited;
-    EXPECT_EQ(TQAlert::alertSheetWithMessageText("m", nullptr, nullptr, nullptr, "i", nullptr, &waited, nullptr, true), 1);
+    EXPECT_EQ(TQAlert::alertSheetWithMessageText("m", nullptr, nullptr, nullptr, "i", nullptr, &waited, nullptr, true),
+              1);
     EXPECT_EQ(waited.calls, 1);
 }
 
@@ -292,9 +300,9 @@ TEST(TQAlertConcurrency, TimedAlertAnsweredFirstKeepsTheAnswer)
         while (!presenter->shown()) std::this_thread::yield();
         presenter->answer(corvina::kAlertAlternateReturn);
     });
-    EXPECT_EQ(TQAlert::timedAlertSheetWithMessageText("m", "Go", "Stop", nullptr, nullptr, nullptr,
-                                                      std::chrono::seconds(30)),
-              corvina::kAlertAlternateReturn);
+    EXPECT_EQ(
+        TQAlert::timedAlertSheetWithMessageText("m", "Go", "Stop", nullptr, nullptr, nullptr, std::chrono::seconds(30)),
+        corvina::kAlertAlternateReturn);
     answerer.join();
 }
 
@@ -328,8 +336,8 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
     if (!inChild()) return expectChildPasses();
     auto person = std::make_shared<ManualPresenter>(corvina::kAlertDefaultReturn, true);
     PresenterScope scope(person);
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
-                                       nullptr, "alerts.quiet");
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                       true, nullptr, "alerts.quiet");
     ASSERT_EQ(person->all().size(), 1u);
     EXPECT_EQ(person->all()[0].suppressionBinding, "alerts.quiet");
     EXPECT_FALSE(person->all()[0].suppressionChecked) << "nothing stored yet";
@@ -337,15 +345,15 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
     corvina::UserDefaults onDisk("SharedFilesTests");
     EXPECT_TRUE(onDisk.valueForKeyPath("alerts.quiet").boolValue());
 
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
-                                       nullptr, "alerts.quiet");
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                       true, nullptr, "alerts.quiet");
     ASSERT_EQ(person->all().size(), 2u);
     EXPECT_TRUE(person->all()[1].suppressionChecked) << "read back";
 
     // Nobody to ask: the stored choice stays as it is.
     PresenterScope headless(corvina::makeHeadlessAlertPresenter());
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true,
-                                       nullptr, "alerts.quiet");
+    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                       true, nullptr, "alerts.quiet");
     EXPECT_TRUE(corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet").boolValue());
 }
 
@@ -373,12 +381,14 @@ TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
     if (!corvina::isExecutablePath("/usr/bin/tmux")) GTEST_SKIP() << "tmux is not installed";
     TempDir home;
     const std::string socket = home / "tmux.sock";
-    const std::string command = "cd '" + home.path() + "' && env -u DISPLAY -u WAYLAND_DISPLAY HOME='" + home.path() +
-                                "' TQ_LOCAL_ROOT='" + home.path() + "' TQ_CONSOLE_USER= '" + fs::read_symlink("/proc/self/exe").string() +
-                                "' --gtest_also_run_disabled_tests --gtest_filter=TQAlertChild.DISABLED_AsksOnTheTerminal"
-                                ";"
-                                " echo $? > status";
-    ASSERT_EQ(runProgram({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status, 0);
+    const std::string command =
+        "cd '" + home.path() + "' && env -u DISPLAY -u WAYLAND_DISPLAY HOME='" + home.path() + "' TQ_LOCAL_ROOT='" +
+        home.path() + "' TQ_CONSOLE_USER= '" + fs::read_symlink("/proc/self/exe").string() +
+        "' --gtest_also_run_disabled_tests --gtest_filter=TQAlertChild.DISABLED_AsksOnTheTerminal"
+        ";"
+        " echo $? > status";
+    ASSERT_EQ(runProgram({"/usr/bin/tmux", "-S", socket, "new-session", "-d", "-x", "100", "-y", "30", command}).status,
+              0);
     auto screen = [&] { return runProgram({"/usr/bin/tmux", "-S", socket, "capture-pane", "-p"}).out; };
     auto waitForScreen = [&](const std::string& wanted) {
         for (int i = 0; i < 300; ++i) {
@@ -468,9 +478,9 @@ TEST(TQAlertPresenters, DialogAnsweredThroughXdotool)
     child.setStandardOutput(corvina::Process::Stream::Null);
     child.setStandardError(corvina::Process::Stream::Null);
     child.launch();
-    const auto found = runProgram(
-        {"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible", "--name", "Replace the movie"},
-        xenv);
+    const auto found = runProgram({"/usr/bin/timeout", "30", "/usr/bin/xdotool", "search", "--sync", "--onlyvisible",
+                                   "--name", "Replace the movie"},
+                                  xenv);
     ASSERT_EQ(found.status, 0) << "no dialog appeared";
     const std::string window = found.out.substr(0, found.out.find('\n'));
     // A dialog that is not ready for keys yet loses them: focus and press again until it

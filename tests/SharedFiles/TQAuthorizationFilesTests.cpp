@@ -60,8 +60,10 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
         EXPECT_TRUE(auth().authMoveFolderContents(h + "/in", h + "/out"));
         const auto c = tools.calls();
         ASSERT_EQ(c.size(), 5u);
-        EXPECT_THAT(c[0], ElementsAre("/bin/mv", "-f", h + "/report.txt", ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
-        EXPECT_THAT(c[1], ElementsAre("/bin/mv", "-f", h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
+        EXPECT_THAT(c[0], ElementsAre("/bin/mv", "-f", h + "/report.txt",
+                                      ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
+        EXPECT_THAT(c[1],
+                    ElementsAre("/bin/mv", "-f", h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
         EXPECT_TRUE(fs::exists(info + fs::path(c[0][3]).filename().string() + ".trashinfo"));
         EXPECT_EQ(c[2], (Call{"/bin/cp", "-f", "-p", "-R", "/usr", h + "/usr-copy"}));
         EXPECT_EQ(c[3], (Call{"/bin/mkdir", "-p", h + "/new/deep"}));

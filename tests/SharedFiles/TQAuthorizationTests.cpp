@@ -177,7 +177,7 @@ TEST(TQAuthorizationUnprivileged, RefusesCleanlyWithoutAnyPrompt)
     if (!corvina::isExecutablePath("/usr/bin/sudo")) GTEST_SKIP() << "sudo is not installed";
     TempDir home;
     const auto run = runTestOnTerminal("TQAuthorizationChild.DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt",
-                                                  home.path(), {}, std::chrono::seconds(120));
+                                       home.path(), {}, std::chrono::seconds(120));
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output.find("assword"), std::string::npos) << "asked on the terminal:\n" << run.output;
 }

@@ -34,10 +34,7 @@ namespace {
 
 constexpr const char* kProgram = "SharedFilesTests";
 
-std::string reportsFolder(const std::string& home)
-{
-    return home + "/Library/Logs/DiagnosticReports";
-}
+std::string reportsFolder(const std::string& home) { return home + "/Library/Logs/DiagnosticReports"; }
 
 std::vector<std::string> filesIn(const std::string& folder)
 {
@@ -66,7 +63,7 @@ TEST(CrashReportName, ProgramLocalTimeAndHost)
     } cases[] = {
         {1795444538, 0, "Helper_2026-11-23-143538_box.crash"},
         {1795444538, -15 * 3600, "Helper_2026-11-22-233538_box.crash"},  // the day before
-        {1709164800, 3600, "Helper_2024-02-29-010000_box.crash"},         // a leap day
+        {1709164800, 3600, "Helper_2024-02-29-010000_box.crash"},        // a leap day
         {0, 0, "Helper_1970-01-01-000000_box.crash"},
     };
     for (const auto& c : cases) EXPECT_EQ(corvina::crashReportName("Helper", c.when, c.offset, "box"), c.expected);
@@ -85,33 +82,33 @@ TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
     TQLog::appendLog("Last words before the crash");
     TQLog::finishWriting();
     switch (sig) {
-        case SIGSEGV: {
-            // A page with no access: a real fault, and not a null store that a sanitizer
-            // would stop first.
-            auto* page = static_cast<volatile int*>(::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-            std::fprintf(stderr, "fault at %p\n", const_cast<int*>(page));
-            *page = 1;
-            break;
-        }
-        case SIGBUS: {
-            // A mapping past the end of an empty file.
-            const std::string path = childHome() + "/empty";
-            writeFile(path, "");
-            const int fd = ::open(path.c_str(), O_RDONLY);
-            auto* page = static_cast<volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0));
-            [[maybe_unused]] char c = page[0];
-            break;
-        }
-        case SIGILL:
-            __builtin_trap();
-        case SIGFPE: {
-            feenableexcept(FE_DIVBYZERO);
-            volatile double zero = 0.0;
-            [[maybe_unused]] volatile double infinite = 1.0 / zero;
-            break;
-        }
-        case SIGABRT:
-            std::abort();
+    case SIGSEGV: {
+        // A page with no access: a real fault, and not a null store that a sanitizer
+        // would stop first.
+        auto* page = static_cast<volatile int*>(::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        std::fprintf(stderr, "fault at %p\n", const_cast<int*>(page));
+        *page = 1;
+        break;
+    }
+    case SIGBUS: {
+        // A mapping past the end of an empty file.
+        const std::string path = childHome() + "/empty";
+        writeFile(path, "");
+        const int fd = ::open(path.c_str(), O_RDONLY);
+        auto* page = static_cast<volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0));
+        [[maybe_unused]] char c = page[0];
+        break;
+    }
+    case SIGILL:
+        __builtin_trap();
+    case SIGFPE: {
+        feenableexcept(FE_DIVBYZERO);
+        volatile double zero = 0.0;
+        [[maybe_unused]] volatile double infinite = 1.0 / zero;
+        break;
+    }
+    case SIGABRT:
+        std::abort();
     }
     FAIL() << "still alive";
 }
@@ -140,11 +137,12 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         SCOPED_TRACE(s.line);
         TempDir home;
         const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
-                                                {{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}});
+                                     {{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}});
         EXPECT_EQ(crashed.status, 128 + s.sig) << crashed.output;
         const auto reports = filesIn(reportsFolder(home.path()));
         ASSERT_EQ(reports.size(), 1u) << crashed.output;
-        EXPECT_THAT(reports[0], ::testing::MatchesRegex(std::string(kProgram) + "_[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{6}_.+\\.crash"));
+        EXPECT_THAT(reports[0],
+                    ::testing::MatchesRegex(std::string(kProgram) + "_[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{6}_.+\\.crash"));
         const std::string report = reportsFolder(home.path()) + "/" + reports[0];
         const std::string text = readFile(report);
         EXPECT_THAT(text, HasSubstr(s.line));
@@ -161,7 +159,7 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         // The next launch: the crash is logged and the report goes to the stand-in.
         writeRecorder(home / "bin/Bug Reporter");
         const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
-                                             {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
+                                  {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
         EXPECT_EQ(next.status, 0) << next.output;
         const auto log = logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
         EXPECT_EQ(std::ranges::count(log, "Application crashed on last launch"), 1);
@@ -224,13 +222,13 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         EXPECT_EQ(TQBugReporter::checkForCrashes(std::string("Tool"), record), machineReport) << "found where it is";
         const auto user = plantReport(home + "/Library/Logs/CrashReporter", "Tool_2026-01-01-000000_h.crash", now);
         EXPECT_EQ(TQBugReporter::checkForCrashes(std::string("Tool"), record), user) << "the user's folders first";
-        const std::vector<std::string> expected = {
-            home + "/Library/Logs/CrashReporter", home + "/Library/Logs/DiagnosticReports",
-            home + "/root/Library/Logs/CrashReporter", machine};
+        const std::vector<std::string> expected = {home + "/Library/Logs/CrashReporter",
+                                                   home + "/Library/Logs/DiagnosticReports",
+                                                   home + "/root/Library/Logs/CrashReporter", machine};
         EXPECT_EQ(TQBugReporter::reportFolders(), expected);
     } else if (scenario == "disabled") {
         writeFile(home + "/Library/Preferences/com.brantwell.global.plist",
-                                Value(Value::DictionaryType{{"disable-crash-reporter", Value("1")}}).toXMLPropertyList());
+                  Value(Value::DictionaryType{{"disable-crash-reporter", Value("1")}}).toXMLPropertyList());
         corvina::ScopedSystemLogCapture capture;
         const auto report = plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
         // In the defaults this time: launch recorded, no exit.
@@ -247,8 +245,8 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
         EXPECT_THAT(capture.messages(), Contains("Crash reporter disabled"));
         TQLog::finishWriting();
         // As root the log is the machine-wide one.
-        const auto log = logEntries(*TQLocalPaths::libraryDirectory(::getuid() != 0) +
-                                                  "/Logs/Brantwell/SharedFilesTests.1.log");
+        const auto log =
+            logEntries(*TQLocalPaths::libraryDirectory(::getuid() != 0) + "/Logs/Brantwell/SharedFilesTests.1.log");
         EXPECT_EQ(std::ranges::count(log, "Crash reporter disabled"), 1);
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         EXPECT_FALSE(fs::exists(home + "/bin/handed-over.txt")) << "nothing opened";
@@ -278,9 +276,9 @@ TEST(TQBugReporterCheck, Scenarios)
                                  "folder-order", "disabled", "record-file-keeps-other-keys"}) {
         TempDir home;
         const auto run = runTest("TQBugReporterChild.DISABLED_CheckScenarios", home.path(),
-                                            {{"CORVINA_SCENARIO", scenario},
-                                             {"TQ_LOCAL_ROOT", home / "root"},
-                                             {"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
+                                 {{"CORVINA_SCENARIO", scenario},
+                                  {"TQ_LOCAL_ROOT", home / "root"},
+                                  {"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
         EXPECT_EQ(run.status, 0) << scenario << "\n" << run.output;
     }
 }

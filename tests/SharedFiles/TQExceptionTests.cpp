@@ -31,10 +31,10 @@ TEST(TQException, LogExceptionWritesTheMessageAsItStands)
         "Exception in -[TQTaskEx launchAsyncTask]. NSInvalidArgumentException - path %@ has 5% and %d.";
     if (inChild()) {
         TQLog::createNewLog("Services");
-        EXPECT_EQ(TQException::logException(corvina::PlatformException("NSInvalidArgumentException",
-                                                                        "path %@ has 5% and %d"),
-                                            "-[TQTaskEx launchAsyncTask]"),
-                  expected);
+        EXPECT_EQ(
+            TQException::logException(corvina::PlatformException("NSInvalidArgumentException", "path %@ has 5% and %d"),
+                                      "-[TQTaskEx launchAsyncTask]"),
+            expected);
         TQLog::finishWriting();
         const auto log = logEntries(childLogPath());
         if (childCase() == 0) {

@@ -37,9 +37,12 @@ std::map<std::string, std::string> treeContents(const std::string& root)
     std::map<std::string, std::string> out;
     for (const auto& e : fs::recursive_directory_iterator(root)) {
         const std::string rel = fs::relative(e.path(), root).string();
-        if (e.is_symlink()) out[rel] = "-> " + fs::read_symlink(e.path()).string();
-        else if (e.is_directory()) out[rel] = "/";
-        else out[rel] = readFile(e.path());
+        if (e.is_symlink())
+            out[rel] = "-> " + fs::read_symlink(e.path()).string();
+        else if (e.is_directory())
+            out[rel] = "/";
+        else
+            out[rel] = readFile(e.path());
     }
     return out;
 }
@@ -69,8 +72,8 @@ TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
     makeTree(tree);
     const auto original = treeContents(tree);
 
-    const std::vector<std::string> inside = {"audio/",     "audio/deeper/", "audio/deeper/notes.txt", "audio/take.pcm",
-                                             "clip 1.mov", "empty/",        "link.mov"};
+    const std::vector<std::string> inside = {
+        "audio/", "audio/deeper/", "audio/deeper/notes.txt", "audio/take.pcm", "clip 1.mov", "empty/", "link.mov"};
     for (const bool parent : {true, false}) {
         SCOPED_TRACE(parent);
         const std::string archive = home + (parent ? "/with.zip" : "/without.zip");
@@ -112,8 +115,7 @@ TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
     ASSERT_TRUE(TQFileManager::compressFile(home + "/a", home + "/pack.zip"));
     EXPECT_EQ(unzipNames(home + "/pack.zip"), (std::vector<std::string>{"a/", "a/one.txt"}));
     EXPECT_EQ(readFile(trash + "/files/pack.zip"), "an older archive");
-    EXPECT_NE(readFile(trash + "/info/pack.zip.trashinfo").find("Path=" + home + "/pack.zip"),
-              std::string::npos);
+    EXPECT_NE(readFile(trash + "/info/pack.zip.trashinfo").find("Path=" + home + "/pack.zip"), std::string::npos);
 
     ASSERT_TRUE(TQFileManager::decompressFile(home + "/pack.zip", home + "/out"));
     EXPECT_TRUE(fs::exists(home + "/out/a/one.txt"));
@@ -186,10 +188,12 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
     TQLog::finishWriting();
     const auto log = logEntries(childLogPath());
     const std::vector<std::string> expected = {
-        "File " + old + " is currently being written to. Waiting...", "File " + old + " finished writing.",
+        "File " + old + " is currently being written to. Waiting...",
+        "File " + old + " finished writing.",
         "File " + home + "/missing.mov is currently being written to. Waiting...",
         "File " + home + "/missing.mov finished writing.",
-        "File " + file + " is currently being written to. Waiting...", "File " + file + " finished writing."};
+        "File " + file + " is currently being written to. Waiting...",
+        "File " + file + " finished writing."};
     std::vector<std::string> waits;
     for (const auto& l : log)
         if (l.rfind("File ", 0) == 0) waits.push_back(l);
@@ -214,7 +218,8 @@ TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
     // Another process appending to it, even after the file was renamed.
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::execl("/bin/sh", "sh", "-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file.c_str(), static_cast<char*>(nullptr));
+        ::execl("/bin/sh", "sh", "-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file.c_str(),
+                static_cast<char*>(nullptr));
         ::_exit(127);
     }
     bool seen = false;

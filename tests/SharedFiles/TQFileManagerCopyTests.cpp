@@ -77,11 +77,16 @@ struct HookReset {
 const char* toolFor(TQVerificationType t)
 {
     switch (t) {
-    case TQVerificationType::MD5: return "md5sum";
-    case TQVerificationType::SHA1: return "sha1sum";
-    case TQVerificationType::SHA256: return "sha256sum";
-    case TQVerificationType::SHA512: return "sha512sum";
-    default: return nullptr;
+    case TQVerificationType::MD5:
+        return "md5sum";
+    case TQVerificationType::SHA1:
+        return "sha1sum";
+    case TQVerificationType::SHA256:
+        return "sha256sum";
+    case TQVerificationType::SHA512:
+        return "sha512sum";
+    default:
+        return nullptr;
     }
 }
 
@@ -106,16 +111,25 @@ TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
         uint64_t type;
         std::string message;
     } rows[] = {
-        {scratch / "missing.mov", {scratch / "out.mov"}, 0,
+        {scratch / "missing.mov",
+         {scratch / "out.mov"},
+         0,
          "Error: File " + scratch / "missing.mov" + " doesn't exist. Aborting copy process..."},
         {source, {}, 0, "Error: You must have at least one destination. Aborting copy process..."},
         {source, {scratch / "out.mov"}, 5, "Error: Unknown verification type 5. Aborting copy process..."},
-        {source, {scratch / "out.mov", source}, 3,
+        {source,
+         {scratch / "out.mov", source},
+         3,
          "Error: Unable to open destination file " + source + ". Aborting copy process..."},
-        {source, {scratch / "folder"}, 0,
+        {source,
+         {scratch / "folder"},
+         0,
          "Error: Unable to open destination file " + scratch / "folder" + ". Aborting copy process..."},
-        {source, {scratch / "take.mov/inside"}, 0,
-         "Unable to copy file " + source + " - destination directory " + source + " doesn't exist. Aborting copy process..."},
+        {source,
+         {scratch / "take.mov/inside"},
+         0,
+         "Unable to copy file " + source + " - destination directory " + source +
+             " doesn't exist. Aborting copy process..."},
     };
     for (const auto& row : rows) {
         corvina::ScopedSystemLogCapture log;
@@ -242,8 +256,7 @@ TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
         }
     });
     const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov"};
-    EXPECT_FALSE(
-        TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::MD5, rec.delegate()));
+    EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::MD5, rec.delegate()));
     const std::string whole = readFile(source);
     for (const auto& d : destinations) {
         const std::string part = readFile(d);

@@ -37,9 +37,25 @@ TEST(TQFileManagerHash, FilesAgreeWithCoreutilsAroundEveryBlockBoundary)
 {
     TempDir scratch;
     // Digest blocks (64 and 128 bytes), the 64 KiB and 1 MiB read blocks, either side of each.
-    const size_t sizes[] = {0,      1,      55,      56,      63,          64,          65,         111,
-                            112,    127,    128,     129,     65535,       65536,       65537,      1048575,
-                            1048576, 1048577, 3 * 1048576 + 4097};
+    const size_t sizes[] = {0,
+                            1,
+                            55,
+                            56,
+                            63,
+                            64,
+                            65,
+                            111,
+                            112,
+                            127,
+                            128,
+                            129,
+                            65535,
+                            65536,
+                            65537,
+                            1048575,
+                            1048576,
+                            1048577,
+                            3 * 1048576 + 4097};
     for (const size_t size : sizes) {
         SCOPED_TRACE(size);
         const std::string path = makeFile(scratch / ("f" + std::to_string(size)), size, size + 3);
@@ -90,8 +106,7 @@ TEST(TQFileManagerHash, DelegateIsAskedAfterEveryFiftyMebibytes)
         SCOPED_TRACE(row.size);
         const std::string path = sparseFile(scratch / "zeros", row.size);
         std::atomic<int> asked{0};
-        EXPECT_EQ(TQFileManager::md5HashForFile(path, countingDelegate(asked, true)),
-                  toolDigest("md5sum", path));
+        EXPECT_EQ(TQFileManager::md5HashForFile(path, countingDelegate(asked, true)), toolDigest("md5sum", path));
         // The questions run on the global queue; wait for them (bounded) before counting.
         for (int i = 0; i < 3000 && asked.load() < row.questions; ++i) ::usleep(10000);
         ::usleep(20000);

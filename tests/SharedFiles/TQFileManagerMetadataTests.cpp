@@ -38,7 +38,8 @@ TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
     for (const char* f : {"card/a.mov", "card/sub/b.mov", "outside.mov"}) writeFile(flags / f, "x");
     fs::create_symlink(flags / "outside.mov", flags / "card/link");
     TQFileManager::lockFolder(flags / "card");
-    EXPECT_TRUE(TQFileManager::isFileLocked(flags / "card/a.mov") && TQFileManager::isFileLocked(flags / "card/sub/b.mov"));
+    EXPECT_TRUE(TQFileManager::isFileLocked(flags / "card/a.mov") &&
+                TQFileManager::isFileLocked(flags / "card/sub/b.mov"));
     EXPECT_FALSE(TQFileManager::isFileLocked(flags / "card") || TQFileManager::isFileLocked(flags / "card/sub"));
     EXPECT_FALSE(TQFileManager::isFileLocked(flags / "outside.mov")) << "links are not followed";
     std::error_code ec;
@@ -55,9 +56,10 @@ TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
     TQFileManager::setPosixPermissions(0644, flags / "missing");
     struct stat st {};
     EXPECT_EQ(::stat((flags / "outside.mov").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0640u);
-    EXPECT_THAT(loggedProblems(), ElementsAre("Unable to lock file " + flags / "card/link: Operation not supported",
-                                              "Unable to lock file " + none / "c.mov: Operation not supported",
-                                              "Error setting permissions for file " + flags / "missing: No such file or directory"));
+    EXPECT_THAT(loggedProblems(),
+                ElementsAre("Unable to lock file " + flags / "card/link: Operation not supported",
+                            "Unable to lock file " + none / "c.mov: Operation not supported",
+                            "Error setting permissions for file " + flags / "missing: No such file or directory"));
 }
 
 TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
@@ -109,7 +111,11 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     EXPECT_EQ(getfattr(file, record), std::string(9, '\0') + '\x0c' + std::string(22, '\0'));
     EXPECT_EQ(TQFileManager::finderColorIndexForPath(file), 6);
     // A record written by someone else keeps its other bits.
-    runProgram({"setfattr", "-n", record, "-v", "0x54455854545454540" "0F1" + std::string(42, '0') + "AB", file});
+    runProgram({"setfattr", "-n", record, "-v",
+                "0x54455854545454540"
+                "0F1" +
+                    std::string(42, '0') + "AB",
+                file});
     TQFileManager::setFinderColorIndex(3, file);
     const std::string info = getfattr(file, record);
     EXPECT_EQ(info.substr(0, 4) + info.substr(9, 1) + info.substr(31), "TEXT\xF7\xAB");

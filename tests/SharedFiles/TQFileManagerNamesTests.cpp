@@ -41,7 +41,9 @@ TEST(TQFileManagerWildcards, PatternsAgainstARealTree)
         {s + "/Volumes/*/Media", {}, {s + "/Volumes/.hidden/Media", s + "/Volumes/A/Media", s + "/Volumes/C/Media"}},
         {s + "/Volumes/*/", {}, {s + "/Volumes/.hidden", s + "/Volumes/A", s + "/Volumes/B", s + "/Volumes/C"}},
         {relative + "/Volumes/[AB]*", {}, {}},
-        {relative + "/Volumes/*/Media", {}, {s + "/Volumes/.hidden/Media", s + "/Volumes/A/Media", s + "/Volumes/C/Media"}},
+        {relative + "/Volumes/*/Media",
+         {},
+         {s + "/Volumes/.hidden/Media", s + "/Volumes/A/Media", s + "/Volumes/C/Media"}},
         {"*.mov", clips, {clips + "/?.mov", clips + "/ab.mov", clips + "/x.mov", clips + "/y.mov"}},
         {"?.mov*", clips, {clips + "/?.mov", clips + "/x.mov", clips + "/y.mov"}},
         {"a*b*.mov", clips, {clips + "/ab.mov"}},
@@ -70,9 +72,18 @@ TEST(TQFileManagerWildcards, PatternsAgainstARealTree)
 TEST(TQFileManagerNames, CleanedFileNames)
 {
     const std::pair<std::string, std::string> rows[] = {
-        {".hidden", "hidden"},       {" .name:1/2", ".name12"}, {"..", "."},
-        {".", ""},                   {"", ""},                  {"  take 1.mov \n", "take 1.mov"},
-        {"a/b:c", "abc"},            {". x ", "x"},             {"\xC2\xA0" "clip" "\xE3\x80\x80", "clip"},
+        {".hidden", "hidden"},
+        {" .name:1/2", ".name12"},
+        {"..", "."},
+        {".", ""},
+        {"", ""},
+        {"  take 1.mov \n", "take 1.mov"},
+        {"a/b:c", "abc"},
+        {". x ", "x"},
+        {"\xC2\xA0"
+         "clip"
+         "\xE3\x80\x80",
+         "clip"},
         {"caf\xC3\xA9?*.mov", "caf\xC3\xA9?*.mov"},
     };
     for (const auto& [in, out] : rows) EXPECT_EQ(TQFileManager::validateFilename(in), out) << in;
@@ -115,23 +126,26 @@ TEST(TQFileManagerNames, TouchAndModificationDates)
     EXPECT_EQ(mtimeSeconds(file), 1234567890);
     EXPECT_FALSE(TQFileManager::setModificationDate(old, scratch / "missing"));
 
-    const auto before = std::chrono::duration_cast<std::chrono::seconds>(corvina::Clock::now().time_since_epoch()).count();
+    const auto before =
+        std::chrono::duration_cast<std::chrono::seconds>(corvina::Clock::now().time_since_epoch()).count();
     EXPECT_TRUE(TQFileManager::touchFile(file));
     EXPECT_GE(mtimeSeconds(file), before);
 
     // A missing file cannot be written, so the privileged branch runs "touch -c", which
     // creates nothing.
     std::vector<std::vector<std::string>> privileged;
-    TQAuthorization::setExecHookForTesting([&](const std::string& tool, const std::vector<std::string>& args, bool async) {
-        std::vector<std::string> call{tool};
-        call.insert(call.end(), args.begin(), args.end());
-        call.push_back(async ? "async" : "wait");
-        privileged.push_back(call);
-        return 0;
-    });
+    TQAuthorization::setExecHookForTesting(
+        [&](const std::string& tool, const std::vector<std::string>& args, bool async) {
+            std::vector<std::string> call{tool};
+            call.insert(call.end(), args.begin(), args.end());
+            call.push_back(async ? "async" : "wait");
+            privileged.push_back(call);
+            return 0;
+        });
     EXPECT_TRUE(TQFileManager::touchFile(scratch / "missing", true));
     EXPECT_FALSE(TQFileManager::touchFile(""));
     TQAuthorization::setExecHookForTesting(nullptr);
-    EXPECT_EQ(privileged, (std::vector<std::vector<std::string>>{{"/usr/bin/touch", "-c", scratch / "missing", "wait"}}));
+    EXPECT_EQ(privileged,
+              (std::vector<std::vector<std::string>>{{"/usr/bin/touch", "-c", scratch / "missing", "wait"}}));
     EXPECT_FALSE(fs::exists(scratch / "missing"));
 }

@@ -23,9 +23,11 @@ TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
 {
     if (!inChild()) return expectChildPasses();
     const std::string h = childHome();
-    const char* items[] = {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes/n", "/b/Notes/n"};
+    const char* items[] = {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes/n",
+                           "/b/Notes/n"};
     for (const char* item : items) writeFile(h + item, item);
-    for (const char* item : {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes", "/b/Notes"})
+    for (const char* item :
+         {"/day1/my report.txt", "/day2/my report.txt", "/day3/my report.txt", "/a/Notes", "/b/Notes"})
         ASSERT_TRUE(TQFileManager::trashFile(h + item, false)) << item;
     std::vector<std::string> names;
     for (const auto& e : fs::directory_iterator(trashFiles())) names.push_back(e.path().filename().string());
@@ -40,10 +42,12 @@ TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
     // Each record names the original place, percent-encoded, and the local time of deletion;
     // following it back restores the item.
     for (const auto& name : names) {
-        const std::string info = readFile(fs::path(trashFiles()).parent_path().string() + "/info/" + name + ".trashinfo");
+        const std::string info =
+            readFile(fs::path(trashFiles()).parent_path().string() + "/info/" + name + ".trashinfo");
         std::smatch m;
-        ASSERT_TRUE(std::regex_match(info, m, std::regex("\\[Trash Info\\]\nPath=(/[A-Za-z0-9%/._~-]+)\n"
-                                                         "DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n")))
+        ASSERT_TRUE(std::regex_match(info, m,
+                                     std::regex("\\[Trash Info\\]\nPath=(/[A-Za-z0-9%/._~-]+)\n"
+                                                "DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n")))
             << info;
         const std::string original = std::regex_replace(m[1].str(), std::regex("%20"), " ");
         ASSERT_FALSE(fs::exists(original)) << original;
@@ -56,16 +60,19 @@ TEST(TQFileManagerTrash, FolderWideTrashing)
 {
     if (!inChild()) return expectChildPasses();
     const std::string c = childHome() + "/cards";
-    for (const char* f : {"/a.mov", "/deep/er/b.Mov", "/Take.mov/c.MOV", "/readme.txt", "/deep/readme.txt", "/deep/README.txt"})
+    for (const char* f :
+         {"/a.mov", "/deep/er/b.Mov", "/Take.mov/c.MOV", "/readme.txt", "/deep/readme.txt", "/deep/README.txt"})
         writeFile(c + f, "x");
     EXPECT_THAT(TQFileManager::trashFilesOfType("MOV", c),
                 UnorderedElementsAre(c + "/a.mov", c + "/deep/er/b.Mov", c + "/Take.mov/c.MOV"));
     EXPECT_TRUE(fs::is_directory(c + "/Take.mov")) << "a folder named like a movie is searched";
-    EXPECT_THAT(TQFileManager::trashFilesNamed("readme.txt", c), UnorderedElementsAre(c + "/readme.txt", c + "/deep/readme.txt"));
+    EXPECT_THAT(TQFileManager::trashFilesNamed("readme.txt", c),
+                UnorderedElementsAre(c + "/readme.txt", c + "/deep/readme.txt"));
     EXPECT_TRUE(fs::exists(c + "/deep/README.txt"));
     EXPECT_TRUE(TQFileManager::trashFilesOfType("mov", c + "/missing").empty());
     EXPECT_TRUE(TQFileManager::trashDirectoryContents(c) && fs::is_empty(c)) << "the folder itself stays";
-    EXPECT_TRUE(TQFileManager::trashDirectoryContents(c + "/x") && TQFileManager::trashFile(c + "/x", std::chrono::seconds(0)));
+    EXPECT_TRUE(TQFileManager::trashDirectoryContents(c + "/x") &&
+                TQFileManager::trashFile(c + "/x", std::chrono::seconds(0)));
 }
 
 TEST(TQFileManagerMove, AcrossFileSystemsKeepsTreesWhole)

@@ -23,8 +23,8 @@ TEST(TQFileManagerQueries, KindsOfItemsAndTheirDates)
     struct Row {
         const char* name;
         bool exists, directory, package, link;
-    } rows[] = {{"file.mov", 1, 0, 0, 0}, {"folder", 1, 1, 0, 0},     {"Tool.app", 1, 1, 1, 0},
-                {"plain.app", 1, 0, 0, 0}, {"fileLink", 1, 0, 0, 1},  {"folderLink", 1, 1, 0, 1},
+    } rows[] = {{"file.mov", 1, 0, 0, 0},  {"folder", 1, 1, 0, 0},   {"Tool.app", 1, 1, 1, 0},
+                {"plain.app", 1, 0, 0, 0}, {"fileLink", 1, 0, 0, 1}, {"folderLink", 1, 1, 0, 1},
                 {"dangling", 0, 0, 0, 1},  {"missing", 0, 0, 0, 0}};
     for (const auto& r : rows) {
         const std::string p = s / r.name;
@@ -37,7 +37,8 @@ TEST(TQFileManagerQueries, KindsOfItemsAndTheirDates)
     const struct timespec times[2] = {{1000000000, 0}, {1234567890, 500000000}};
     ASSERT_EQ(::utimensat(AT_FDCWD, (s / "file.mov").c_str(), times, 0), 0);
     const auto modified = TQFileManager::modificationDateForFile(s / "file.mov").value();
-    EXPECT_EQ(std::chrono::duration_cast<std::chrono::milliseconds>(modified.time_since_epoch()).count(), 1234567890500);
+    EXPECT_EQ(std::chrono::duration_cast<std::chrono::milliseconds>(modified.time_since_epoch()).count(),
+              1234567890500);
     EXPECT_FALSE(TQFileManager::creationDateForFile(s / "missing").has_value());
     if (const auto created = TQFileManager::creationDateForFile(s / "file.mov")) {
         EXPECT_GT(*created, modified) << "the birth time, not the modification time set above";
@@ -84,7 +85,8 @@ TEST(TQFileManagerQueries, VolumesFolderRules)
 {
     for (const char* p : {"/Volumes", "/Users/x", "/", "relative/x"})
         EXPECT_TRUE(TQFileManager::isVolumeMountedForPath(p) && TQFileManager::isDriveMountedForPath(p)) << p;
-    EXPECT_FALSE(TQFileManager::isVolumeMountedForPath("/Volumes/Gone/x") || TQFileManager::isDriveMountedForPath("/Volumes/Gone/x"));
+    EXPECT_FALSE(TQFileManager::isVolumeMountedForPath("/Volumes/Gone/x") ||
+                 TQFileManager::isDriveMountedForPath("/Volumes/Gone/x"));
     EXPECT_FALSE(TQFileManager::isVolumeMountedForPath("/VolumesX/a")) << "no slash needed after /Volumes";
     EXPECT_TRUE(TQFileManager::isDriveMountedForPath("/VolumesX/a"));
     EXPECT_EQ(TQFileManager::volumeMountPointForPath("/Volumes/Gone/x"), std::nullopt);

@@ -17,10 +17,10 @@ namespace {
 
 // Locks the item, or skips the test where the file system (tmpfs, overlay) or the missing
 // capability does not allow the flag.
-#define LOCK_OR_SKIP(path)                                                                   \
-    do {                                                                                     \
-        TQFileManager::lockFile(path);                                                       \
-        if (!TQFileManager::isFileLocked(path)) GTEST_SKIP() << "no immutable flag here";    \
+#define LOCK_OR_SKIP(path)                                                                \
+    do {                                                                                  \
+        TQFileManager::lockFile(path);                                                    \
+        if (!TQFileManager::isFileLocked(path)) GTEST_SKIP() << "no immutable flag here"; \
     } while (0)
 
 // Clears a flag a test left set, so the scratch folder can go.

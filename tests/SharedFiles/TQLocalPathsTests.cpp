@@ -91,8 +91,7 @@ TEST(TQLocalPathsMisc, RandomStringTempFileAndTimeMachine)
     for (size_t n : {0u, 1u, 8u, 64u}) {
         std::string s = TQLocalPaths::randomString(n);
         ASSERT_EQ(s.size(), n);
-        for (char ch : s)
-            EXPECT_TRUE((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) << s;
+        for (char ch : s) EXPECT_TRUE((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) << s;
     }
     const struct {
         const char* path;
@@ -105,8 +104,7 @@ TEST(TQLocalPathsMisc, RandomStringTempFileAndTimeMachine)
         {"/Volumes/Backup/x", false},
         {"", false},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(TQLocalPaths::isPathOnTimeMachineVolume(row.path), row.backup) << row.path;
+    for (const auto& row : rows) EXPECT_EQ(TQLocalPaths::isPathOnTimeMachineVolume(row.path), row.backup) << row.path;
 }
 
 TEST_F(TQLocalPathsTest, TempFolderAndFile)
@@ -156,23 +154,23 @@ TEST_F(TQLocalPathsTest, FolderMapping)
         {"cache", P::darwinCacheDirectory(), h + "/.cache"},
         {"replay settings", P::replaySettingsPath(), h + "/Downloads/corvina.plist"},
         {"any domain", P::pathForDirectory(P::Directory::Library, P::AllDomainsMask), h + "/Library"},
-        {"local or system", P::pathForDirectory(P::Directory::Library, P::LocalDomainMask | P::SystemDomainMask), root + "/Library"},
+        {"local or system", P::pathForDirectory(P::Directory::Library, P::LocalDomainMask | P::SystemDomainMask),
+         root + "/Library"},
         {"movies local", P::pathForDirectory(P::Directory::Movies, P::LocalDomainMask), std::nullopt},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(row.actual, row.expected) << row.what;
+    for (const auto& row : rows) EXPECT_EQ(row.actual, row.expected) << row.what;
 }
 
 TEST_F(TQLocalPathsTest, XdgUserDirsAndDataHome)
 {
     const std::string h = home.path();
     writeFile(h + "/.config/user-dirs.dirs",
-                      "# written by xdg-user-dirs-update\n"
-                      "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
-                      "XDG_DOWNLOAD_DIR=\"/srv/incoming/\"\n"
-                      "XDG_DOCUMENTS_DIR=\"$HOME/\"\n"
-                      "XDG_VIDEOS_DIR=\"$HOME/Filme\"\n"
-                      "XDG_VIDEOS_DIR_EXTRA=\"$HOME/wrong\"\n");
+              "# written by xdg-user-dirs-update\n"
+              "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
+              "XDG_DOWNLOAD_DIR=\"/srv/incoming/\"\n"
+              "XDG_DOCUMENTS_DIR=\"$HOME/\"\n"
+              "XDG_VIDEOS_DIR=\"$HOME/Filme\"\n"
+              "XDG_VIDEOS_DIR_EXTRA=\"$HOME/wrong\"\n");
     EXPECT_EQ(TQLocalPaths::desktopDirectory(), h + "/Schreibtisch");
     EXPECT_EQ(TQLocalPaths::downloadsDirectory(), "/srv/incoming");
     EXPECT_EQ(TQLocalPaths::documentDirectory(true), h + "/Documents");  // switched off: the default
@@ -230,8 +228,7 @@ TEST_F(TQLocalPathsTest, ProtectedFolders)
 // As root, the user domain belongs to the console user.
 TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
 {
-    if (getuid() != 0)
-        GTEST_SKIP() << "needs root";
+    if (getuid() != 0) GTEST_SKIP() << "needs root";
     const std::string nobodyHome = passwdHome("nobody");
     ASSERT_FALSE(nobodyHome.empty());
     env.set("TQ_CONSOLE_USER", std::string("nobody"));
@@ -262,8 +259,7 @@ TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
 // differ ignores the test variables altogether.
 TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
 {
-    if (getuid() != 0)
-        GTEST_SKIP() << "needs root to change user";
+    if (getuid() != 0) GTEST_SKIP() << "needs root to change user";
     if (inChild()) {
         const std::string home = childHome();
         if (childCase() == 0) {

@@ -38,8 +38,7 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
                 }
             });
         }
-        for (auto& th : threads)
-            th.join();
+        for (auto& th : threads) th.join();
         TQLog::finishWriting();
         EXPECT_EQ(TQLog::sharedController().bytesInQueue(), 0u);
 
@@ -48,8 +47,7 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
         int truncations = 0;
         for (int n = 5; n >= 1; --n) {
             const std::string path = folder + "/Tool." + std::to_string(n) + ".log";
-            if (!fs::exists(path))
-                continue;
+            if (!fs::exists(path)) continue;
             const std::string text = readFile(path);
             auto ls = splitLines(text);
             if (n > 1) {
@@ -68,8 +66,7 @@ TEST(TQLogConcurrency, RestartWithSeveralWritersLosesNothing)
             }
         }
         // Only five files are kept: the oldest lines may be gone, never the newest.
-        for (int t = 0; t < kThreads; ++t)
-            EXPECT_EQ(next[t], kLines) << "thread " << t;
+        for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kLines) << "thread " << t;
         EXPECT_GE(truncations, 3) << "restarts";
     }
 }
@@ -91,13 +88,11 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
                 ok++;
             });
         }
-        for (auto& th : threads)
-            th.join();
+        for (auto& th : threads) th.join();
         EXPECT_EQ(ok, 4);
         auto ls = splitLines(readFile(root + "/Library/Logs/Brantwell/Tool.1.log"));
         int flushed = 0;
-        for (const auto& l : ls)
-            flushed += entryText(l).rfind("flush ", 0) == 0;
+        for (const auto& l : ls) flushed += entryText(l).rfind("flush ", 0) == 0;
         EXPECT_EQ(flushed, 800);
     }
 }
@@ -120,14 +115,11 @@ std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, 
     std::vector<int> next(threads, -1);
     for (const auto& text : texts) {
         int t = -1, i = -1;
-        if (std::sscanf(text.c_str(), "t%d %d", &t, &i) != 2 || t < 0 || t >= threads)
-            continue;
-        if (next[t] < 0 && !fromStart)
-            next[t] = i;
-        if (next[t] < 0)
-            next[t] = 0;
-        expect(i == next[t], "thread " + std::to_string(t) + " expected " + std::to_string(next[t]) + " got " +
-                                 std::to_string(i));
+        if (std::sscanf(text.c_str(), "t%d %d", &t, &i) != 2 || t < 0 || t >= threads) continue;
+        if (next[t] < 0 && !fromStart) next[t] = i;
+        if (next[t] < 0) next[t] = 0;
+        expect(i == next[t],
+               "thread " + std::to_string(t) + " expected " + std::to_string(next[t]) + " got " + std::to_string(i));
         next[t] = i + 1;
     }
     // Without the start, a thread whose lines all went with the older files shows none.
@@ -146,8 +138,7 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
 {
     std::vector<std::string> got;
     TQLogQueue queue([&](const TQLogTexts& texts) {
-        for (size_t i = 0; i < texts.size(); ++i)
-            got.emplace_back(texts[i]);
+        for (size_t i = 0; i < texts.size(); ++i) got.emplace_back(texts[i]);
     });
     constexpr int kThreads = 3, kLines = 40000;
     queue.setSuspended(true);
@@ -160,19 +151,17 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
                 if (i % 7 == 3) {
                     queue.pushText("  t" + std::to_string(t) + " " + std::to_string(i) + " text\n");
                 } else {
-                    const corvina::FormatArg args[] = {t, static_cast<unsigned>(i), 2.5f, object, 'c',
-                                                       std::string_view(padding), nullptr};
+                    const corvina::FormatArg args[] = {t,   static_cast<unsigned>(i),  2.5f,   object,
+                                                       'c', std::string_view(padding), nullptr};
                     queue.pushFormat("t%d %u %@ %@ %c %s %@ ", args);
                 }
             }
         });
     }
-    while (queue.queuedBytes() < TQLogQueue::kCapacity)
-        std::this_thread::yield();
+    while (queue.queuedBytes() < TQLogQueue::kCapacity) std::this_thread::yield();
     EXPECT_LE(queue.queuedBytes(), TQLogQueue::kCapacity + 256) << "producers wait at the bound";
     queue.setSuspended(false);
-    for (auto& th : threads)
-        th.join();
+    for (auto& th : threads) th.join();
     queue.waitUntilWritten();
     EXPECT_EQ(queue.bytesInQueue(), 0u);
     ASSERT_EQ(got.size(), size_t(kThreads) * kLines);
@@ -268,12 +257,10 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
         }
         for (int round = 0; round < 3 && done < kThreads; ++round) {
             TQLog::suspendWriterForTesting(true);
-            while (TQLog::sharedController().queuedEntryCount() < 70000 && done < kThreads)
-                std::this_thread::yield();
+            while (TQLog::sharedController().queuedEntryCount() < 70000 && done < kThreads) std::this_thread::yield();
             TQLog::suspendWriterForTesting(false);
         }
-        for (auto& th : threads)
-            th.join();
+        for (auto& th : threads) th.join();
         TQLog::finishWriting();
         EXPECT_EQ(TQLog::sharedController().bytesInQueue(), 0u);
         EXPECT_EQ(TQLog::batchShortcutsForTesting() > 0, shortcut);
@@ -284,16 +271,14 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
             const std::string text = readFile(folder + "/Tool." + std::to_string(n) + ".log");
             const auto ls = splitLines(text);
             EXPECT_GT(ls.size(), 6u) << "file " << n;
-            if (ls.size() <= 6)
-                continue;
+            if (ls.size() <= 6) continue;
             EXPECT_EQ(entryText(ls[0]).rfind("Log started: ", 0), 0u) << "file " << n;
             EXPECT_EQ(entryText(ls[5]), "Log truncated at 500KB") << "file " << n;
             if (n > 1) {
                 EXPECT_TRUE(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000)
                     << "file " << n << " ends with the crossing entry, size " << text.size();
             }
-            for (const auto& l : ls)
-                texts.push_back(entryText(l));
+            for (const auto& l : ls) texts.push_back(entryText(l));
         }
         EXPECT_EQ(lineOrderFaults(texts, kThreads, kLines, false), "");
     }

@@ -38,8 +38,7 @@ const char* const kDisableLogging = "<?xml version=\"1.0\"?><plist version=\"1.0
 // The reference escaping: the replacements one after the other over the whole text.
 std::string referenceEscape(const std::string& text)
 {
-    if (text.find('%') == std::string::npos)
-        return text;
+    if (text.find('%') == std::string::npos) return text;
     std::string s = text;
     for (const char* c : {" ", ".", "!", ",", "-", ";", ":", "+"})
         s = corvina::replaceAll(s, std::string("%") + c, std::string("%%") + c);
@@ -99,8 +98,7 @@ TEST(TQLogEscaping, ConsoleCopy)
         {"", ""},
         {"%%", "%%%%"},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(TQLog::consoleCopy(row.in), row.out) << row.in;
+    for (const auto& row : rows) EXPECT_EQ(TQLog::consoleCopy(row.in), row.out) << row.in;
 }
 
 // Every subset of existing .1 to .5 files: .5 goes, the rest shift up by one, all only
@@ -148,8 +146,8 @@ TEST(TQLogRotation, FailedMoveIsReportedAndStops)
     }
     TempDir dir;
     const TestRun run = runChild(dir.path());
-    EXPECT_EQ(run.printed,
-              "Unable to move file " + logPath(dir.path(), "Tool", 4) + " to " + logPath(dir.path(), "Tool", 5) + ".\n");
+    EXPECT_EQ(run.printed, "Unable to move file " + logPath(dir.path(), "Tool", 4) + " to " +
+                               logPath(dir.path(), "Tool", 5) + ".\n");
 }
 
 TEST(TQLogCreate, FolderThatCannotBeCreatedIsReported)
@@ -164,7 +162,8 @@ TEST(TQLogCreate, FolderThatCannotBeCreatedIsReported)
         return;
     }
     TempDir dir;
-    EXPECT_EQ(runChild(dir.path()).printed, "Unable to create folder " + dir.path() + "/afile/Library/Logs/Brantwell.\n");
+    EXPECT_EQ(runChild(dir.path()).printed,
+              "Unable to create folder " + dir.path() + "/afile/Library/Logs/Brantwell.\n");
 }
 
 TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
@@ -190,8 +189,8 @@ TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
     EXPECT_EQ(texts.back(), "Running in 64-bit mode");
     bool system = false, path = false;
     for (const auto& t : texts) {
-        system |= t.rfind("System: macOS ", 0) == 0 && t.find(" CPU(s), ") != std::string::npos &&
-                  t.size() > 7 && t.substr(t.size() - 7) == " GB RAM";
+        system |= t.rfind("System: macOS ", 0) == 0 && t.find(" CPU(s), ") != std::string::npos && t.size() > 7 &&
+                  t.substr(t.size() - 7) == " GB RAM";
         path |= t.rfind("Path: /", 0) == 0;
     }
     EXPECT_TRUE(system);
@@ -230,8 +229,10 @@ TEST(TQLogPreferences, DisableLoggingValues)
         {"missing key", std::nullopt, nullptr, false},
         {"not a property list", std::nullopt, "this is not a property list", false},
         {"array root", std::nullopt,
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>disable-logging</string></array></plist>", false},
-        {"string root", std::nullopt, "<?xml version=\"1.0\"?><plist version=\"1.0\"><string>1</string></plist>", false},
+         "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>disable-logging</string></array></plist>",
+         false},
+        {"string root", std::nullopt, "<?xml version=\"1.0\"?><plist version=\"1.0\"><string>1</string></plist>",
+         false},
         {"cut short", std::nullopt, kDisableLogging, false},
         {"empty file", std::nullopt, "", false},
     };
@@ -293,8 +294,8 @@ TEST(TQLogWriting, TextsAsWritten)
         entries.erase(entries.begin(), std::ranges::find(entries, "Running in 64-bit mode") + 1);
         // The second line of a multi-line text carries no date.
         EXPECT_EQ(entries, (std::vector<std::string>{"Progress: 50% done", "Copied clip.mov (100% done)", "%.1f",
-                                                     "1.50 GB", "two leading blanks", "line one\nline two",
-                                                     "debug 7%", "Done: 100% ok", "50% and 3"}));
+                                                     "1.50 GB", "two leading blanks", "line one\nline two", "debug 7%",
+                                                     "Done: 100% ok", "50% and 3"}));
         EXPECT_EQ(fs::file_size(logPath(childHome(), "Tool", 1)), log.bytesWritten());
         return;
     }
@@ -350,7 +351,8 @@ TEST(TQLogWriting, NothingWhenDisabled)
         return;
     }
     TempDir dir;
-    writeFile(dir / "Library/Preferences/com.brantwell.global.plist", std::string(kDisableLogging) + "<true/></dict></plist>");
+    writeFile(dir / "Library/Preferences/com.brantwell.global.plist",
+              std::string(kDisableLogging) + "<true/></dict></plist>");
     EXPECT_EQ(runChild(dir.path()).printed, "Logging is disabled\n");
     EXPECT_FALSE(fs::exists(logDir(dir.path())));
 }
@@ -408,7 +410,8 @@ TEST(TQLogWriting, RestartAtTheSizeLimit)
     TQLog::fastAppendLog("after");
     TQLog::finishWriting();
     EXPECT_EQ(fileSize(logPath(childHome(), "Tool", 2)), 500030);
-    EXPECT_EQ(logEntries(logPath(childHome(), "Tool", 2)).back(), "crosses-it!") << "the crossing entry ends the old file";
+    EXPECT_EQ(logEntries(logPath(childHome(), "Tool", 2)).back(), "crosses-it!")
+        << "the crossing entry ends the old file";
     const auto texts = logEntries(logPath(childHome(), "Tool", 1));
     ASSERT_GE(texts.size(), 2u);
     EXPECT_EQ(texts[0].rfind("Log started: ", 0), 0u);

@@ -122,8 +122,9 @@ TEST(TQTaskExAsyncConcurrency, FloodOnBothStreamsArrivesWhole)
     TQTaskEx task;
     Chunks chunks;
     task.asyncDataFromTask("/bin/sh",
-                           {"-c", "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o; "
-                                  "head -c 1048576 /dev/zero >&2"},
+                           {"-c",
+                            "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o; "
+                            "head -c 1048576 /dev/zero >&2"},
                            chunks.handler(), {}, TQTaskEx::Environment{{"PATH", "/usr/bin:/bin"}});
     ASSERT_TRUE(chunks.wait());
     const std::string all = joined(chunks.chunks());
@@ -234,7 +235,8 @@ TEST(TQTaskExTimeoutConcurrency, TwoPointNineSecondsTerminatesEveryTime)
 {
     TQTaskEx runner;
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sleep", {"10"}, TQTaskEx::Timeout(2.9)), 128 + SIGTERM);
+        EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sleep", {"10"}, TQTaskEx::Timeout(2.9)),
+                  128 + SIGTERM);
     }
     // A tool that ends in time keeps its own status.
     EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sh", {"-c", "exit 3"}, TQTaskEx::Timeout(2.9)), 3);

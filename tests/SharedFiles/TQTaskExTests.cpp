@@ -28,7 +28,8 @@ TEST(TQTaskExData, ReturnsOutputElseErrorElseAnEmptyBuffer)
     ASSERT_TRUE(nothing.has_value()) << "a silent tool gives an empty buffer, not none";
     EXPECT_TRUE(nothing->empty());
     // Error not captured: it goes to the null device and cannot stand in for the output.
-    const auto discarded = TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo lost >&2"}, nullptr, std::nullopt, true, false);
+    const auto discarded =
+        TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo lost >&2"}, nullptr, std::nullopt, true, false);
     ASSERT_TRUE(discarded.has_value());
     EXPECT_TRUE(discarded->empty());
 }
@@ -68,8 +69,7 @@ TEST(TQTaskExString, DecodesOrGivesEmptyForToolsThatCannotRun)
     EXPECT_EQ(TQTaskEx::stringFromTask("/nonexistent/tool", {}), "");
     // Bytes outside ASCII do not decode in the default encoding, but do as UTF-8.
     EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}), std::nullopt);
-    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}, TQTaskEx::Encoding::UTF8),
-              "caf\xC3\xA9");
+    EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}, TQTaskEx::Encoding::UTF8), "caf\xC3\xA9");
     EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"\\377"}, TQTaskEx::Encoding::UTF8), std::nullopt);
 }
 
@@ -150,8 +150,8 @@ TEST(TQTaskExTimeoutConcurrency, EarlierRunsTimerNeverReachesALaterRun)
     runner.runTaskWithTimeout("/bin/true", {}, std::chrono::seconds(1));
     EXPECT_EQ(runner.theTask(), nullptr);
     // This run outlasts the first run's time-out; only its own (longer) one applies.
-    EXPECT_EQ(runner.terminationCodeFromTaskWithTimeout("/bin/sh", {"-c", "sleep 1.5; exit 4"}, std::chrono::seconds(30)),
-              4);
+    EXPECT_EQ(
+        runner.terminationCodeFromTaskWithTimeout("/bin/sh", {"-c", "sleep 1.5; exit 4"}, std::chrono::seconds(30)), 4);
     EXPECT_EQ(runner.theTask(), nullptr);
     runner.timeout();  // nothing in progress: nothing happens
 }

@@ -60,10 +60,8 @@ TEST(TQTimecodeStringTest, TypedEntries)
     const std::optional<std::string> start = "01:00:00;00";
     for (const TypedCase& c : cases) {
         SCOPED_TRACE(testing::Message() << "typed '" << c.typed << "'");
-        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), true, start),
-                  c.withDropFrameStart);
-        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), false, std::nullopt),
-                  c.plainNoStart);
+        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), true, start), c.withDropFrameStart);
+        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), false, std::nullopt), c.plainNoStart);
     }
 }
 
@@ -92,10 +90,8 @@ TEST(TQTimecodeStringTest, TypedEntriesAgainstOtherStarts)
         {"5", false, "aa:bb:cc:dd:ee", "aa:bb:cc:dd:05"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "typed '" << c.typed << "' start '"
-                                        << c.start.value_or("(none)") << "'");
-        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), c.dropFrame, c.start),
-                  c.result);
+        SCOPED_TRACE(testing::Message() << "typed '" << c.typed << "' start '" << c.start.value_or("(none)") << "'");
+        EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(c.typed), c.dropFrame, c.start), c.result);
     }
 }
 
@@ -107,16 +103,14 @@ TEST(TQTimecodeStringTest, TypedEntryEdges)
     // Lengths count characters, not bytes: "é" is one character.
     EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string("1:2:3:4:5:\xC3\xA9"), false, std::nullopt),
               "1:2:3:4:5:\xC3\xA9");
-    EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string("\xC3\xA9"), false, std::nullopt),
-              "00:00:00:0\xC3\xA9");
+    EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string("\xC3\xA9"), false, std::nullopt), "00:00:00:0\xC3\xA9");
     EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string("12\xC3\xA9\xC3\xA9"), false, std::nullopt),
               "00:00:12:\xC3\xA9\xC3\xA9");
     // Broken UTF-8 and long input do not break anything.
-    EXPECT_FALSE(TQTimecode::timecodeFromUserString(std::string("\xFF\xFE\x80\x80\x80..."), true,
-                                                    std::string("\x80\x80"))
-                     .empty());
-    EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(5000, '7') + "..", false, std::nullopt),
-              "77:77:00:00");
+    EXPECT_FALSE(
+        TQTimecode::timecodeFromUserString(std::string("\xFF\xFE\x80\x80\x80..."), true, std::string("\x80\x80"))
+            .empty());
+    EXPECT_EQ(TQTimecode::timecodeFromUserString(std::string(5000, '7') + "..", false, std::nullopt), "77:77:00:00");
 }
 
 TEST(TQTimecodeStringTest, Seconds)
@@ -130,15 +124,12 @@ TEST(TQTimecodeStringTest, Seconds)
     const Case cases[] = {
         {60.0, 29.97f, true, "00:00:59;28"},   // 1798 frames
         {60.06, 29.97f, true, "00:01:00;02"},  // 1800 frames
-        {3600.0, 25.0f, false, "01:00:00:00"},
-        {1.5, 24.0f, false, "00:00:01:12"},
-        {0.02, 25.0f, false, "00:00:00:01"},   // 0.5 frame rounds away from zero
-        {10.0, 59.94f, true, "00:00:09;59"},   // 599.4 -> 599 frames
-        {0.0, 30.0f, true, "00:00:00;00"},
-        {-5.0, 30.0f, false, "00:00:00:00"},   // negative times count as frame 0
+        {3600.0, 25.0f, false, "01:00:00:00"}, {1.5, 24.0f, false, "00:00:01:12"},
+        {0.02, 25.0f, false, "00:00:00:01"},                                         // 0.5 frame rounds away from zero
+        {10.0, 59.94f, true, "00:00:09;59"},                                         // 599.4 -> 599 frames
+        {0.0, 30.0f, true, "00:00:00;00"},     {-5.0, 30.0f, false, "00:00:00:00"},  // negative times count as frame 0
         {1.0, 23.976f, false, "00:00:01:00"},  // 23.976 rounds to 24 frames at timebase 24
-        {0.5, 23.976f, false, "00:00:00:12"},
-        {1.0, 0.0f, false, "00:00:00:00"},     // rate 0: timebase 30, no frames
+        {0.5, 23.976f, false, "00:00:00:12"},  {1.0, 0.0f, false, "00:00:00:00"},  // rate 0: timebase 30, no frames
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.seconds << " s at " << c.fps);
@@ -170,8 +161,8 @@ TEST(TQTimecodeStringTest, TimeOfDay)
         const char* result;
     };
     const Case cases[] = {
-        {10, 5, 7, 480, 30, false, false, "10:05:07:14"},   // 0.48 x 30 = 14.4
-        {10, 5, 7, 489, 30, false, false, "10:05:07:14"},   // hundredths are truncated
+        {10, 5, 7, 480, 30, false, false, "10:05:07:14"},  // 0.48 x 30 = 14.4
+        {10, 5, 7, 489, 30, false, false, "10:05:07:14"},  // hundredths are truncated
         {0, 0, 0, 0, 25, false, true, "00:00:00;00"},
         {23, 59, 59, 990, 60, true, true, "23:59:59;59"},   // 0.99 x 59.94 = 59.34
         {9, 8, 7, 500, 24, true, false, "09:08:07:11"},     // 0.5 x 23.976 = 11.99
@@ -179,10 +170,10 @@ TEST(TQTimecodeStringTest, TimeOfDay)
         {12, 30, 45, 500, 50, false, true, "12:30:45;25"},  // no drop-frame renumbering
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.hour << ":" << c.minute << ":" << c.second << "."
-                                        << c.millis << " tb " << c.timebase);
-        EXPECT_EQ(TQTimecode::timeOfDayTimecode(localTime(c.hour, c.minute, c.second, c.millis),
-                                                c.timebase, c.ntsc, c.dropFrame),
+        SCOPED_TRACE(testing::Message() << c.hour << ":" << c.minute << ":" << c.second << "." << c.millis << " tb "
+                                        << c.timebase);
+        EXPECT_EQ(TQTimecode::timeOfDayTimecode(localTime(c.hour, c.minute, c.second, c.millis), c.timebase, c.ntsc,
+                                                c.dropFrame),
                   c.result);
     }
 
@@ -206,16 +197,11 @@ TEST(TQTimecodeStringTest, FileNames)
         std::optional<std::string> timecode, result;
     };
     const Case cases[] = {
-        {"01:00:00;00", "01.00.00.00"},
-        {"01:00:00:00", "01.00.00.00"},
-        {"::;;", "...."},
-        {"", ""},
-        {"no separators", "no separators"},
-        {std::nullopt, std::nullopt},
+        {"01:00:00;00", "01.00.00.00"},     {"01:00:00:00", "01.00.00.00"}, {"::;;", "...."}, {"", ""},
+        {"no separators", "no separators"}, {std::nullopt, std::nullopt},
     };
     for (const Case& c : cases)
-        EXPECT_EQ(TQTimecode::sanitizeTimecodeForFilename(c.timecode), c.result)
-            << c.timecode.value_or("(none)");
+        EXPECT_EQ(TQTimecode::sanitizeTimecodeForFilename(c.timecode), c.result) << c.timecode.value_or("(none)");
 }
 
 }  // namespace

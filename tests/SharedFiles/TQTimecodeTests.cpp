@@ -62,11 +62,9 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
         {361, 6, false, true, 0, "00:01:00;01"},
     };
     for (const CountCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << "count " << c.count << " tb " << c.timebase
-                                        << (c.ntsc ? " ntsc" : "") << (c.dropFrame ? " df" : "")
-                                        << " start " << c.startFrame);
-        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(c.count, c.timebase, c.ntsc, c.dropFrame,
-                                                     c.startFrame),
+        SCOPED_TRACE(testing::Message() << "count " << c.count << " tb " << c.timebase << (c.ntsc ? " ntsc" : "")
+                                        << (c.dropFrame ? " df" : "") << " start " << c.startFrame);
+        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(c.count, c.timebase, c.ntsc, c.dropFrame, c.startFrame),
                   c.timecode);
     }
 }
@@ -106,11 +104,9 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
         {30 + 45, 30, false, false, 0, "00:00:01:45"},
     };
     for (const CountCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << "'" << c.timecode << "' tb " << c.timebase
-                                        << (c.ntsc ? " ntsc" : "") << (c.dropFrame ? " df" : "")
-                                        << " start " << c.startFrame);
-        EXPECT_EQ(TQTimecode::frameCountFromTimecode(c.timecode, c.timebase, c.ntsc, c.dropFrame,
-                                                     c.startFrame),
+        SCOPED_TRACE(testing::Message() << "'" << c.timecode << "' tb " << c.timebase << (c.ntsc ? " ntsc" : "")
+                                        << (c.dropFrame ? " df" : "") << " start " << c.startFrame);
+        EXPECT_EQ(TQTimecode::frameCountFromTimecode(c.timecode, c.timebase, c.ntsc, c.dropFrame, c.startFrame),
                   c.count);
     }
 }
@@ -160,15 +156,12 @@ TEST(TQTimecodeTest, DropFrameRoutinesAtOddRates)
         uint64_t nominal;
     };
     const Case cases[] = {
-        {1500, 25.0, 1502},     // d = 2 at 25 fps, T = 15000, P = 1498
-        {1500, 24.975, 1502},   // 25 with the NTSC factor: T rounds to 14985
-        {360, 6.0, 360},        // d = 0 below 7.5 fps
-        {600, 7.49, 600},
-        {500, 7.5, 501},        // d = 1 from 7.5 fps on: T = 4500, P = 479
-        {479, 7.5, 479},
-        {1000, 0.0, 1000},      // rates with no whole frame per ten minutes drop nothing
-        {1000, -30.0, 1000},
-        {1000, std::nan(""), 1000},
+        {1500, 25.0, 1502},                         // d = 2 at 25 fps, T = 15000, P = 1498
+        {1500, 24.975, 1502},                       // 25 with the NTSC factor: T rounds to 14985
+        {360, 6.0, 360},                            // d = 0 below 7.5 fps
+        {600, 7.49, 600},       {500, 7.5, 501},    // d = 1 from 7.5 fps on: T = 4500, P = 479
+        {479, 7.5, 479},        {1000, 0.0, 1000},  // rates with no whole frame per ten minutes drop nothing
+        {1000, -30.0, 1000},    {1000, std::nan(""), 1000},
         {1000, INFINITY, 1000},
     };
     for (const Case& c : cases) {
@@ -268,9 +261,17 @@ TEST(TQTimecodeTest, FrameRateFromTimebase)
         double rate;
     };
     const Case cases[] = {
-        {24, true, 24000.0 / 1001.0}, {30, true, 30000.0 / 1001.0}, {60, true, 60000.0 / 1001.0},
-        {25, true, 0.0},  {50, true, 0.0},   {-30, true, 0.0}, {0, true, 0.0},
-        {25, false, 25.0}, {30, false, 30.0}, {0, false, 0.0},  {-5, false, -5.0},
+        {24, true, 24000.0 / 1001.0},
+        {30, true, 30000.0 / 1001.0},
+        {60, true, 60000.0 / 1001.0},
+        {25, true, 0.0},
+        {50, true, 0.0},
+        {-30, true, 0.0},
+        {0, true, 0.0},
+        {25, false, 25.0},
+        {30, false, 30.0},
+        {0, false, 0.0},
+        {-5, false, -5.0},
     };
     for (const Case& c : cases)
         EXPECT_DOUBLE_EQ(TQTimecode::frameRateFromTimebase(c.timebase, c.ntsc), c.rate)
@@ -284,17 +285,16 @@ TEST(TQTimecodeTest, ModulusTruncatesToThirtyTwoBits)
     };
     const Case cases[] = {
         {17.5, 5.0, 2.5},
-        {-17.5, 5.0, -2.5},        // truncation toward zero keeps the sign of x
+        {-17.5, 5.0, -2.5},  // truncation toward zero keeps the sign of x
         {17982.0, 30.0, 12.0},
         {3604.0, 29.97, 3604.0 - 120 * 29.97},
         // Quotient 2^32 + 3 truncates to 3
         {(4294967296.0 + 3.0) * 2.0 + 1.0, 2.0, (4294967296.0 + 3.0) * 2.0 + 1.0 - 6.0},
         // Quotient 2^31 wraps to -2^31
         {2147483648.0, 1.0, 2147483648.0 * 2.0},
-        {5.0, 0.0, 5.0},           // a quotient that is no number counts as 0
+        {5.0, 0.0, 5.0},  // a quotient that is no number counts as 0
     };
-    for (const Case& c : cases)
-        EXPECT_DOUBLE_EQ(modulus(c.x, c.y), c.result) << c.x << " mod " << c.y;
+    for (const Case& c : cases) EXPECT_DOUBLE_EQ(modulus(c.x, c.y), c.result) << c.x << " mod " << c.y;
 }
 
 TEST(TQTimecodeTest, ExtremeInputDoesNotBreak)
@@ -304,10 +304,9 @@ TEST(TQTimecodeTest, ExtremeInputDoesNotBreak)
     EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MIN, 30, true, true, 0).empty());
     EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, 30, false, false, INT64_MAX).empty());
     EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, INT64_MAX, true, true, 0).empty());
-    (void)TQTimecode::frameCountFromTimecode("99999999999999999999999:-99999999999999999999:9:9",
-                                             INT64_MAX, true, true, INT64_MIN);
-    (void)TQTimecode::addTimecode("9223372036854775807:0:0:0", "9223372036854775807:0:0:0", 60,
-                                  true, true);
+    (void)TQTimecode::frameCountFromTimecode("99999999999999999999999:-99999999999999999999:9:9", INT64_MAX, true, true,
+                                             INT64_MIN);
+    (void)TQTimecode::addTimecode("9223372036854775807:0:0:0", "9223372036854775807:0:0:0", 60, true, true);
 }
 
 }  // namespace

@@ -30,7 +30,10 @@ struct Bytes {
         return v;
     }
     template <class T>
-    T pick(std::initializer_list<T> values) { return values.begin()[take(1) % values.size()]; }
+    T pick(std::initializer_list<T> values)
+    {
+        return values.begin()[take(1) % values.size()];
+    }
 };
 
 std::string root;
@@ -45,9 +48,12 @@ std::string readAll(const std::string& path)
 Value entryNumber(Bytes& in)
 {
     switch (in.take(1) % 4) {
-    case 0: return Value(static_cast<int64_t>(in.take(8)));
-    case 1: return Value(-static_cast<int64_t>(in.take(1)));
-    default: return Value(static_cast<int64_t>(in.take(2)));
+    case 0:
+        return Value(static_cast<int64_t>(in.take(8)));
+    case 1:
+        return Value(-static_cast<int64_t>(in.take(1)));
+    default:
+        return Value(static_cast<int64_t>(in.take(2)));
     }
 }
 
@@ -75,8 +81,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string job = root + "/job";
     fs::remove_all(job);
     fs::create_directories(job + "/folder");
-    { std::ofstream(job + "/folder/kept") << "a user's file"; }
-    { std::ofstream(job + "/old.mov") << "the previous movie"; }
+    {
+        std::ofstream(job + "/folder/kept") << "a user's file";
+    }
+    {
+        std::ofstream(job + "/old.mov") << "the previous movie";
+    }
 
     Value::DictionaryType doc;
     doc["formatType"] = in.pick<int64_t>({0, 1, 4, 11, 20, 30, 31, 35, 7, 36, -1});
@@ -84,7 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const uint32_t rateBits = static_cast<uint32_t>(in.take(4));
     float rawRate;
     std::memcpy(&rawRate, &rateBits, sizeof rawRate);
-    doc["frameRate"] = in.take(1) % 2 ? Value(rawRate) : Value(in.pick<double>({25, 29.97, 0, 1, 1000, 1000.5, 23.976}));
+    doc["frameRate"] =
+        in.take(1) % 2 ? Value(rawRate) : Value(in.pick<double>({25, 29.97, 0, 1, 1000, 1000.5, 23.976}));
     if (in.take(1) % 2) doc["fWidth"] = Value(static_cast<int64_t>(in.take(4)));
     if (in.take(1) % 2) doc["fHeight"] = Value(static_cast<int64_t>(in.take(4)));
     for (const char* key : {"offsetArray", "audioOffsetArray"}) {
@@ -102,9 +113,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string dest = in.pick<std::string>({job + "/new.mov", job + "/old.mov", job + "/folder", videoPath,
                                                    job + "/missing/new.mov", root + "/Downloads/corvina.plist"});
     doc["destFilename"] = dest;
-    const std::string essence(reinterpret_cast<const char*>(data) + std::min(in.at, size), size - std::min(in.at, size));
-    { std::ofstream(videoPath, std::ios::binary) << essence.substr(0, essence.size() / 2); }
-    { std::ofstream(audioPath, std::ios::binary) << essence.substr(essence.size() / 2); }
+    const std::string essence(reinterpret_cast<const char*>(data) + std::min(in.at, size),
+                              size - std::min(in.at, size));
+    {
+        std::ofstream(videoPath, std::ios::binary) << essence.substr(0, essence.size() / 2);
+    }
+    {
+        std::ofstream(audioPath, std::ios::binary) << essence.substr(essence.size() / 2);
+    }
 
     const std::string videoBefore = readAll(videoPath), audioBefore = readAll(audioPath);
     int64_t status;
@@ -121,6 +137,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (name.find(".incomplete-") != std::string::npos || name.ends_with(".lock")) std::abort();
     }
     const std::string movie = status == 0 ? readAll(dest) : std::string();
-    if (status == 0 && (movie.size() < 8 || movie.compare(4, 4, "ftyp") != 0 || movie.find("moov") == std::string::npos)) std::abort();
+    if (status == 0 &&
+        (movie.size() < 8 || movie.compare(4, 4, "ftyp") != 0 || movie.find("moov") == std::string::npos))
+        std::abort();
     return 0;
 }

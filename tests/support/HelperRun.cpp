@@ -12,14 +12,13 @@ std::string helperPath() { return std::string(CORVINA_BINARY_DIR) + "/CorvinaAVF
 
 std::string sampleJobToolPath() { return std::string(CORVINA_BINARY_DIR) + "/tools/make_sample_job/make_sample_job"; }
 
-HelperHome::HelperHome()
-{
-    fs::create_directories(dir_.path() + "/Downloads");
-}
+HelperHome::HelperHome() { fs::create_directories(dir_.path() + "/Downloads"); }
 
 std::map<std::string, std::string> HelperHome::environment() const
 {
-    return {{"HOME", path()}, {"TQ_CONSOLE_USER", ""}, {"TQ_LOCAL_ROOT", path() + "/root"},
+    return {{"HOME", path()},
+            {"TQ_CONSOLE_USER", ""},
+            {"TQ_LOCAL_ROOT", path() + "/root"},
             {"XDG_CONFIG_HOME", path() + "/.config"}};
 }
 
@@ -73,7 +72,8 @@ void appendRange(std::vector<uint8_t>& out, const std::vector<uint8_t>& file, ui
 {
     if (offset >= file.size()) return;
     const uint64_t end = std::min<uint64_t>(file.size(), offset + length);
-    out.insert(out.end(), file.begin() + static_cast<std::ptrdiff_t>(offset), file.begin() + static_cast<std::ptrdiff_t>(end));
+    out.insert(out.end(), file.begin() + static_cast<std::ptrdiff_t>(offset),
+               file.begin() + static_cast<std::ptrdiff_t>(end));
 }
 
 }  // namespace
@@ -84,7 +84,8 @@ std::vector<uint8_t> expectedVideoBytes(const corvina::Value& settings)
     std::vector<uint8_t> out;
     const corvina::Value& offsets = settings["offsetArray"];
     for (size_t i = 0; i < offsets.count(); ++i)
-        appendRange(out, file, offsets[i]["offset"].unsignedLongLongValue(), offsets[i]["length"].unsignedLongLongValue());
+        appendRange(out, file, offsets[i]["offset"].unsignedLongLongValue(),
+                    offsets[i]["length"].unsignedLongLongValue());
     return out;
 }
 
@@ -101,4 +102,3 @@ std::vector<uint8_t> expectedAudioBytes(const corvina::Value& settings, uint64_t
 }
 
 }  // namespace corvina::test
-

@@ -42,4 +42,3 @@ std::vector<uint8_t> expectedVideoBytes(const corvina::Value& settings);
 std::vector<uint8_t> expectedAudioBytes(const corvina::Value& settings, uint64_t bytesPerFrame);
 
 }  // namespace corvina::test
-

@@ -368,8 +368,10 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
     if (sttsSum != t.mediaDuration)
         problem("stts adds up to " + std::to_string(sttsSum) + ", mdhd says " + std::to_string(t.mediaDuration));
     uint64_t expected = toMovieTime(t.mediaDuration, t.timescale, m.movieTimescale);
-    if (t.tkhdDuration != expected) problem("tkhd duration " + std::to_string(t.tkhdDuration) + " != " + std::to_string(expected));
-    if (t.editDuration != expected) problem("elst duration " + std::to_string(t.editDuration) + " != " + std::to_string(expected));
+    if (t.tkhdDuration != expected)
+        problem("tkhd duration " + std::to_string(t.tkhdDuration) + " != " + std::to_string(expected));
+    if (t.editDuration != expected)
+        problem("elst duration " + std::to_string(t.editDuration) + " != " + std::to_string(expected));
     if (t.tkhdDuration > m.movieDuration) problem("track is longer than the movie");
     if (t.sampleToChunk.empty() && t.sampleCount) problem("empty stsc");
     if (!t.sampleToChunk.empty() && t.sampleToChunk[0].first != 1) problem("stsc does not start at chunk 1");
@@ -502,7 +504,8 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
     for (const auto& t : m.tracks) {
         checkTrack(t, m, problems);
         longest = std::max(longest, t.tkhdDuration);
-        if (t.trackID == 0 || t.trackID >= m.nextTrackID) problems.push_back("bad track id " + std::to_string(t.trackID));
+        if (t.trackID == 0 || t.trackID >= m.nextTrackID)
+            problems.push_back("bad track id " + std::to_string(t.trackID));
     }
     if (!m.tracks.empty() && longest != m.movieDuration)
         problems.push_back("movie duration " + std::to_string(m.movieDuration) + " is not the longest track's " +

@@ -33,11 +33,11 @@ struct MovieTrack {
     uint32_t layoutTag = 0, layoutBitmap = 0;
     std::vector<uint32_t> channelLabels;
     // Tables.
-    std::vector<std::pair<uint32_t, uint32_t>> timeToSample;  // (count, delta)
-    std::vector<std::pair<uint32_t, uint32_t>> sampleToChunk; // (first chunk, samples per chunk)
-    uint32_t constantSize = 0;  // stsz sample size; 0 when sizes vary
-    std::vector<uint32_t> sampleSizes;  // per sample when sizes vary
-    uint64_t sampleCount = 0;          // stsz count
+    std::vector<std::pair<uint32_t, uint32_t>> timeToSample;   // (count, delta)
+    std::vector<std::pair<uint32_t, uint32_t>> sampleToChunk;  // (first chunk, samples per chunk)
+    uint32_t constantSize = 0;                                 // stsz sample size; 0 when sizes vary
+    std::vector<uint32_t> sampleSizes;                         // per sample when sizes vary
+    uint64_t sampleCount = 0;                                  // stsz count
     std::vector<uint64_t> chunkOffsets;
     bool co64 = false;
 

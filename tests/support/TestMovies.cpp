@@ -44,10 +44,7 @@ std::vector<std::string> join(std::vector<std::vector<std::string>> parts)
     return all;
 }
 
-std::vector<std::string> lavfi(const std::string& spec)
-{
-    return {"-f", "lavfi", "-i", spec};
-}
+std::vector<std::string> lavfi(const std::string& spec) { return {"-f", "lavfi", "-i", spec}; }
 
 std::string constantAudio(const std::vector<int>& values, int rate, double seconds)
 {

@@ -340,8 +340,7 @@ std::string waitForFile(const std::string& path, std::chrono::seconds limit)
 
 void writeRecorder(const std::string& path)
 {
-    writeFile(path, "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n",
-              fs::perms::owner_all);
+    writeFile(path, "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n", fs::perms::owner_all);
 }
 
 }  // namespace corvina::test

@@ -29,15 +29,8 @@ inline FormatDescriptionRef videoFormat(FourCharCode codec, int32_t w, int32_t h
 inline FormatDescriptionRef audioFormat(uint32_t rate, Layout layout, bool bigEndian)
 {
     uint32_t channels = layout == Layout::Mono ? 1 : 2;
-    AudioStreamBasicDescription a{double(rate),
-                                  kAudioFormatLinearPCM,
-                                  bigEndian ? 14u : 12u,
-                                  2 * channels,
-                                  1,
-                                  2 * channels,
-                                  channels,
-                                  16,
-                                  0};
+    AudioStreamBasicDescription a{
+        double(rate), kAudioFormatLinearPCM, bigEndian ? 14u : 12u, 2 * channels, 1, 2 * channels, channels, 16, 0};
     AudioChannelLayout l;
     if (layout == Layout::Stereo) l.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
     if (layout == Layout::Mono) l.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
@@ -59,7 +52,8 @@ inline std::vector<uint8_t> randomBytes(size_t n, uint32_t seed)
 }
 
 // Interleaved 16-bit PCM of a tone, in the format's byte order.
-inline std::vector<uint8_t> pcmTone(size_t frames, uint32_t channels, bool bigEndian, uint32_t rate, size_t startFrame = 0)
+inline std::vector<uint8_t> pcmTone(size_t frames, uint32_t channels, bool bigEndian, uint32_t rate,
+                                    size_t startFrame = 0)
 {
     std::vector<uint8_t> v(frames * channels * 2);
     for (size_t i = 0; i < frames; ++i) {
@@ -89,8 +83,7 @@ inline std::unique_ptr<SampleBuffer> makeSample(const FormatDescriptionRef& form
 inline std::unique_ptr<SampleBuffer> oneSample(const FormatDescriptionRef& format, const std::vector<uint8_t>& bytes,
                                                MediaTime pts, MediaTime duration)
 {
-    return makeSample(format, bytes.data(), bytes.size(), 1, {{duration, pts, MediaTime::invalid()}},
-                      {bytes.size()});
+    return makeSample(format, bytes.data(), bytes.size(), 1, {{duration, pts, MediaTime::invalid()}}, {bytes.size()});
 }
 
 // The movie's summary; each structural problem found fails the test.

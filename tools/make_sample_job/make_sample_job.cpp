@@ -199,26 +199,41 @@ Options parseOptions(int argc, char** argv)
             if (i + 1 >= argc) throw UsageError(std::string(arg) + " needs a value");
             return argv[++i];
         };
-        if (arg == "--out") o.outDir = value();
-        else if (arg == "--video") o.video = parseInteger<int>(arg, value());
-        else if (arg == "--audio") o.audio = parseInteger<int>(arg, value());
-        else if (arg == "--seconds") o.seconds = parseReal(arg, value());
-        else if (arg == "--width") o.width = parseInteger<int>(arg, value());
-        else if (arg == "--height") o.height = parseInteger<int>(arg, value());
-        else if (arg == "--frame-rate") o.frameRate = parseReal(arg, value());
-        else if (arg == "--dest") o.dest = value();
-        else if (arg == "--distinct-frames") o.distinctFrames = parseInteger<int64_t>(arg, value());
-        else if (arg == "--seed") o.seed = parseInteger<uint64_t>(arg, value());
-        else if (arg == "--no-junk") o.junk = false;
-        else if (arg == "--odd-run-bytes") o.oddRunBytes = true;
-        else if (arg == "--help" || arg == "-h") throw UsageError("");
-        else throw UsageError("unknown option " + std::string(arg));
+        if (arg == "--out")
+            o.outDir = value();
+        else if (arg == "--video")
+            o.video = parseInteger<int>(arg, value());
+        else if (arg == "--audio")
+            o.audio = parseInteger<int>(arg, value());
+        else if (arg == "--seconds")
+            o.seconds = parseReal(arg, value());
+        else if (arg == "--width")
+            o.width = parseInteger<int>(arg, value());
+        else if (arg == "--height")
+            o.height = parseInteger<int>(arg, value());
+        else if (arg == "--frame-rate")
+            o.frameRate = parseReal(arg, value());
+        else if (arg == "--dest")
+            o.dest = value();
+        else if (arg == "--distinct-frames")
+            o.distinctFrames = parseInteger<int64_t>(arg, value());
+        else if (arg == "--seed")
+            o.seed = parseInteger<uint64_t>(arg, value());
+        else if (arg == "--no-junk")
+            o.junk = false;
+        else if (arg == "--odd-run-bytes")
+            o.oddRunBytes = true;
+        else if (arg == "--help" || arg == "-h")
+            throw UsageError("");
+        else
+            throw UsageError("unknown option " + std::string(arg));
     }
     if (o.outDir.empty()) throw UsageError("--out is required");
     if (!(o.seconds > 0 && o.seconds <= 4 * 3600)) throw UsageError("--seconds must be above 0 and at most 14400");
     if (o.width < 16 || o.width > 8192 || o.height < 16 || o.height > 8192 || o.width % 2 != 0)
         throw UsageError("--width/--height: 16 to 8192, even width");
-    if (o.frameRate && !(*o.frameRate > 0 && *o.frameRate <= 1000)) throw UsageError("--frame-rate must be above 0 and at most 1000");
+    if (o.frameRate && !(*o.frameRate > 0 && *o.frameRate <= 1000))
+        throw UsageError("--frame-rate must be above 0 and at most 1000");
     if (o.distinctFrames && *o.distinctFrames < 1) throw UsageError("--distinct-frames must be at least 1");
     if (o.dest.empty()) o.dest = (std::filesystem::path(o.outDir) / "movie.mov").string();
     return o;
@@ -281,7 +296,8 @@ using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
 // frame sizes look like camera material rather than flat test charts.
 int grain(int x, int y, int64_t index)
 {
-    uint32_t h = static_cast<uint32_t>(x) * 0x9E3779B1u ^ static_cast<uint32_t>(y) * 0x85EBCA77u ^ static_cast<uint32_t>(index) * 0xC2B2AE3Du;
+    uint32_t h = static_cast<uint32_t>(x) * 0x9E3779B1u ^ static_cast<uint32_t>(y) * 0x85EBCA77u ^
+                 static_cast<uint32_t>(index) * 0xC2B2AE3Du;
     h ^= h >> 15;
     h *= 0x2C1B3C6Du;
     h ^= h >> 13;
@@ -309,10 +325,14 @@ void paintPicture(AVFrame* frame, int64_t index)
                 const int fx = x << sx, fy = y << sy;
                 const bool inBox = fx >= boxX && fx < boxX + boxW && fy >= boxY && fy < boxY + boxH;
                 int v;
-                if (c == 3) v = 255;  // opaque alpha
-                else if (c == 0) v = inBox ? 220 : 16 + static_cast<int>((fx * 200 / w + index * 5) % 200) + grain(fx, fy, index);
-                else if (c == 1) v = inBox ? 64 : 128 + static_cast<int>((fy * 64 / h + index) % 64) - 32;
-                else v = inBox ? 200 : 128 + static_cast<int>((fx * 64 / w) % 64) - 32;
+                if (c == 3)
+                    v = 255;  // opaque alpha
+                else if (c == 0)
+                    v = inBox ? 220 : 16 + static_cast<int>((fx * 200 / w + index * 5) % 200) + grain(fx, fy, index);
+                else if (c == 1)
+                    v = inBox ? 64 : 128 + static_cast<int>((fy * 64 / h + index) % 64) - 32;
+                else
+                    v = inBox ? 200 : 128 + static_cast<int>((fx * 64 / w) % 64) - 32;
                 if (shift > 0) {
                     const uint16_t v16 = static_cast<uint16_t>(v << shift);
                     std::memcpy(plane + static_cast<size_t>(y) * frame->linesize[comp.plane] + x * 2, &v16, 2);
@@ -372,12 +392,14 @@ bool encodePictures(const VideoRow& row, int width, int height, int64_t count, c
         paintPicture(frame.get(), i);
         frame->pts = i;
         if (ctx->flags & AV_CODEC_FLAG_QSCALE) frame->quality = ctx->global_quality;
-        if (avcodec_send_frame(ctx.get(), frame.get()) < 0) throw std::runtime_error(std::string("encoding failed in ") + row.encoder);
+        if (avcodec_send_frame(ctx.get(), frame.get()) < 0)
+            throw std::runtime_error(std::string("encoding failed in ") + row.encoder);
         drain();
     }
     avcodec_send_frame(ctx.get(), nullptr);
     drain();
-    if (received != count) throw std::runtime_error(std::string(row.encoder) + " returned an unexpected number of packets");
+    if (received != count)
+        throw std::runtime_error(std::string(row.encoder) + " returned an unexpected number of packets");
     return true;
 }
 
@@ -390,7 +412,8 @@ struct VideoResult {
     std::string how;  // what made the frames
 };
 
-VideoResult writeVideo(const Options& o, const VideoRow& row, int64_t frameCount, const std::string& path, Random& junkRandom)
+VideoResult writeVideo(const Options& o, const VideoRow& row, int64_t frameCount, const std::string& path,
+                       Random& junkRandom)
 {
     VideoResult result;
     result.frames = frameCount;
@@ -402,22 +425,25 @@ VideoResult writeVideo(const Options& o, const VideoRow& row, int64_t frameCount
     RawFile file(path);
     auto place = [&](const uint8_t* bytes, size_t n) {
         if (o.junk) file.writeJunk(junkRandom, junkRandom.between(0, kMaxJunk));
-        Value::DictionaryType entry{{"offset", Value(file.position())}, {"length", Value(static_cast<uint64_t>(n))}, {"frameCount", Value(1)}};
+        Value::DictionaryType entry{
+            {"offset", Value(file.position())}, {"length", Value(static_cast<uint64_t>(n))}, {"frameCount", Value(1)}};
         result.offsets.emplace_back(std::move(entry));
         file.write(bytes, n);
         result.essenceBytes += n;
     };
     std::vector<std::vector<uint8_t>> kept;  // the distinct frames when they are repeated
     auto take = [&](const uint8_t* bytes, size_t n) {
-        if (repeat) kept.emplace_back(bytes, bytes + n);
-        else place(bytes, n);
+        if (repeat)
+            kept.emplace_back(bytes, bytes + n);
+        else
+            place(bytes, n);
     };
 
     bool encoded = false;
     if (row.encoder) {
         encoded = encodePictures(row, width, height, result.distinct, take);
-        result.how = encoded ? std::string(row.encoder) + " " + std::to_string(width) + "x" + std::to_string(height) + " " +
-                                   av_get_pix_fmt_name(row.pixelFormat)
+        result.how = encoded ? std::string(row.encoder) + " " + std::to_string(width) + "x" + std::to_string(height) +
+                                   " " + av_get_pix_fmt_name(row.pixelFormat)
                              : std::string("random bytes: ") + row.encoder + " cannot encode this row here";
     } else {
         result.how = "random bytes (no encoder for this format)";
@@ -477,13 +503,15 @@ AudioResult writeAudio(const Options& o, const AudioRow* row, const std::string&
     int64_t frame = 0;
     while (frame < total) {
         const int64_t count = std::min<int64_t>(total - frame, static_cast<int64_t>(random.between(1, 4000)));
-        const size_t odd = (o.oddRunBytes && random.between(0, 2) == 0) ? random.between(1, result.bytesPerFrame - 1) : 0;
+        const size_t odd =
+            (o.oddRunBytes && random.between(0, 2) == 0) ? random.between(1, result.bytesPerFrame - 1) : 0;
         run.resize(static_cast<size_t>(count) * result.bytesPerFrame + odd);
         uint8_t* out = run.data();
         for (int64_t i = 0; i < count; ++i, ++frame) {
             for (int c = 0; c < channels; ++c) {
                 const double hz = 440.0 * (c + 2) / 2;  // 440 Hz left, 660 Hz right
-                const auto s = static_cast<int16_t>(std::lround(0.5 * 32767 * std::sin(2 * kPi * hz * frame / row->rate)));
+                const auto s =
+                    static_cast<int16_t>(std::lround(0.5 * 32767 * std::sin(2 * kPi * hz * frame / row->rate)));
                 const auto u = static_cast<uint16_t>(s);
                 out[0] = static_cast<uint8_t>(row->bigEndian ? u >> 8 : u & 0xFF);
                 out[1] = static_cast<uint8_t>(row->bigEndian ? u & 0xFF : u >> 8);
@@ -493,7 +521,8 @@ AudioResult writeAudio(const Options& o, const AudioRow* row, const std::string&
         random.fill(out, odd);
         if (odd) ++result.oddRuns;
         if (o.junk) file.writeJunk(random, random.between(0, kMaxJunk));
-        Value::DictionaryType entry{{"offset", Value(file.position())}, {"length", Value(static_cast<uint64_t>(run.size()))}};
+        Value::DictionaryType entry{{"offset", Value(file.position())},
+                                    {"length", Value(static_cast<uint64_t>(run.size()))}};
         result.offsets.emplace_back(std::move(entry));
         file.write(run.data(), run.size());
     }
@@ -546,18 +575,23 @@ int run(const Options& o)
         {"fWidth", Value(docWidth)},
         {"fHeight", Value(docHeight)},
     };
-    if (!Value(std::move(settings)).writeToFile(settingsPath, true)) throw std::runtime_error("cannot write " + settingsPath);
+    if (!Value(std::move(settings)).writeToFile(settingsPath, true))
+        throw std::runtime_error("cannot write " + settingsPath);
 
     std::string audioText = "no audio";
     if (audioRow) {
-        audioText = std::to_string(audio.frames) + " frames " + std::to_string(audioRow->rate) + " Hz " + audioRow->layout + " " +
-                    (audioRow->bigEndian ? "BE" : "LE") + " in " + std::to_string(audio.runs) + " runs";
+        audioText = std::to_string(audio.frames) + " frames " + std::to_string(audioRow->rate) + " Hz " +
+                    audioRow->layout + " " + (audioRow->bigEndian ? "BE" : "LE") + " in " + std::to_string(audio.runs) +
+                    " runs";
         if (audio.oddRuns) audioText += " (" + std::to_string(audio.oddRuns) + " with trailing partial frames)";
     }
-    std::printf("make_sample_job: video %d %s: %lld frames (%lld distinct, %s), %llu bytes of frames in %llu; audio %d: %s, %llu bytes; settings %s\n",
-                o.video, videoRow.name, static_cast<long long>(video.frames), static_cast<long long>(video.distinct), video.how.c_str(),
-                static_cast<unsigned long long>(video.essenceBytes), static_cast<unsigned long long>(video.fileBytes), o.audio,
-                audioText.c_str(), static_cast<unsigned long long>(audio.fileBytes), settingsPath.c_str());
+    std::printf(
+        "make_sample_job: video %d %s: %lld frames (%lld distinct, %s), %llu bytes of frames in %llu; audio %d: %s, "
+        "%llu bytes; settings %s\n",
+        o.video, videoRow.name, static_cast<long long>(video.frames), static_cast<long long>(video.distinct),
+        video.how.c_str(), static_cast<unsigned long long>(video.essenceBytes),
+        static_cast<unsigned long long>(video.fileBytes), o.audio, audioText.c_str(),
+        static_cast<unsigned long long>(audio.fileBytes), settingsPath.c_str());
     return 0;
 }
 

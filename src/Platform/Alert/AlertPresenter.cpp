@@ -119,7 +119,8 @@ public:
     {
         dismissed_ = true;
         const char byte = 0;
-        if (cancel_.writeEnd() >= 0) [[maybe_unused]] auto n = ::write(cancel_.writeEnd(), &byte, 1);
+        if (cancel_.writeEnd() >= 0) [[maybe_unused]]
+            auto n = ::write(cancel_.writeEnd(), &byte, 1);
     }
 
 private:
@@ -299,7 +300,6 @@ private:
     std::string zenity_;
 };
 
-
 std::mutex& overrideMutex()
 {
     static std::mutex m;
@@ -314,10 +314,7 @@ std::shared_ptr<AlertPresenter>& overridePresenter()
 
 }  // namespace
 
-std::shared_ptr<AlertPresenter> makeHeadlessAlertPresenter()
-{
-    return std::make_shared<HeadlessPresenter>();
-}
+std::shared_ptr<AlertPresenter> makeHeadlessAlertPresenter() { return std::make_shared<HeadlessPresenter>(); }
 
 std::shared_ptr<AlertPresenter> makeTerminalAlertPresenter(int inputFd, int outputFd)
 {
@@ -356,12 +353,12 @@ std::shared_ptr<AlertPresenter> currentAlertPresenter()
     }
     const AlertEnvironment env = AlertEnvironment::current();
     switch (choosePresenterKind(env)) {
-        case AlertPresenterKind::Dialog:
-            return makeDialogAlertPresenter(*env.zenityPath);
-        case AlertPresenterKind::Terminal:
-            return makeTerminalAlertPresenter(STDIN_FILENO, STDOUT_FILENO);
-        case AlertPresenterKind::Headless:
-            break;
+    case AlertPresenterKind::Dialog:
+        return makeDialogAlertPresenter(*env.zenityPath);
+    case AlertPresenterKind::Terminal:
+        return makeTerminalAlertPresenter(STDIN_FILENO, STDOUT_FILENO);
+    case AlertPresenterKind::Headless:
+        break;
     }
     return makeHeadlessAlertPresenter();
 }

@@ -14,10 +14,7 @@ namespace corvina {
 
 namespace {
 
-uint32_t readBE32(const uint8_t* p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
+uint32_t readBE32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 
 std::string percentDecoded(const std::string& text)
 {
@@ -141,9 +138,9 @@ void Asset::inspect()
             if (par.extradata && par.extradata_size >= 17) {
                 const uint8_t* d = par.extradata;
                 const uint32_t scale = readBE32(d + 8);
-                FormatDescription::createTimecode(fourCC("tmcd"),
-                                                  MediaTime::make(readBE32(d + 12), int32_t(std::min<uint32_t>(scale, INT32_MAX))),
-                                                  d[16], readBE32(d + 4), &format);
+                FormatDescription::createTimecode(
+                    fourCC("tmcd"), MediaTime::make(readBE32(d + 12), int32_t(std::min<uint32_t>(scale, INT32_MAX))),
+                    d[16], readBE32(d + 4), &format);
             }
         } else if (par.codec_type == AVMEDIA_TYPE_SUBTITLE) {
             track->mediaType_ = MediaType::Subtitle;
@@ -167,8 +164,8 @@ void Asset::inspect()
             uint32_t flags = kTimeCodeFlag_24HourMax;
             if (tc.flags & AV_TIMECODE_FLAG_DROPFRAME) flags |= kTimeCodeFlag_DropFrame;
             FormatDescriptionRef format;
-            FormatDescription::createTimecode(fourCC("tmcd"), MediaTime::make(videoRate.den, videoRate.num),
-                                              tc.fps, flags, &format);
+            FormatDescription::createTimecode(fourCC("tmcd"), MediaTime::make(videoRate.den, videoRate.num), tc.fps,
+                                              flags, &format);
             track->formats_.push_back(std::move(format));
             const uint32_t start = uint32_t(tc.start);
             track->madeSample_ = {uint8_t(start >> 24), uint8_t(start >> 16), uint8_t(start >> 8), uint8_t(start)};

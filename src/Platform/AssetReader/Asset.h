@@ -62,7 +62,7 @@ public:
 
     // The URL the asset was made from ("file://" + the path for assetWithPath).
     const std::string& url() const { return url_; }
-    std::string urlScheme() const;   // lower case; empty when none
+    std::string urlScheme() const;                     // lower case; empty when none
     const std::string& path() const { return path_; }  // the local path, empty for remote URLs
     bool isReadable() const { return readable_; }
     const std::optional<Error>& error() const { return error_; }

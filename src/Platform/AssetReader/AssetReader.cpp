@@ -55,12 +55,18 @@ const AVCodec* encoderFor(FourCharCode codec)
 int proResProfile(FourCharCode codec)
 {
     switch (codec) {
-    case fourCC("apco"): return 0;
-    case fourCC("apcs"): return 1;
-    case fourCC("apch"): return 3;
-    case fourCC("ap4h"): return 4;
-    case fourCC("ap4x"): return 5;
-    default: return 2;
+    case fourCC("apco"):
+        return 0;
+    case fourCC("apcs"):
+        return 1;
+    case fourCC("apch"):
+        return 3;
+    case fourCC("ap4h"):
+        return 4;
+    case fourCC("ap4x"):
+        return 5;
+    default:
+        return 2;
     }
 }
 
@@ -68,9 +74,12 @@ AVSampleFormat sampleFormatFor(const AudioOutputSettings& s)
 {
     if (s.isFloat) return s.bitDepth == 64 ? AV_SAMPLE_FMT_DBL : AV_SAMPLE_FMT_FLT;
     switch (s.bitDepth) {
-    case 8: return AV_SAMPLE_FMT_U8;
-    case 16: return AV_SAMPLE_FMT_S16;
-    default: return AV_SAMPLE_FMT_S32;  // 24-bit samples are packed from 32-bit ones
+    case 8:
+        return AV_SAMPLE_FMT_U8;
+    case 16:
+        return AV_SAMPLE_FMT_S16;
+    default:
+        return AV_SAMPLE_FMT_S32;  // 24-bit samples are packed from 32-bit ones
     }
 }
 
@@ -82,10 +91,7 @@ bool validAudioSettings(const AudioOutputSettings& s)
 
 }  // namespace
 
-bool canEncodeVideo(FourCharCode codec)
-{
-    return encoderFor(codec) != nullptr;
-}
+bool canEncodeVideo(FourCharCode codec) { return encoderFor(codec) != nullptr; }
 
 struct AssetReaderTrackOutput::Impl {
     AssetTrackRef track;
@@ -103,9 +109,9 @@ struct AssetReaderTrackOutput::Impl {
     av::FramePtr frame{av_frame_alloc()};
     FormatDescriptionRef outputFormat;
     std::deque<std::unique_ptr<SampleBuffer>> ready;
-    bool inputDone = false;  // the demuxer reached the end (or the range's end)
-    bool ended = false;      // nothing more will be made
-    bool counted = false;    // the reader was told that this output is done
+    bool inputDone = false;               // the demuxer reached the end (or the range's end)
+    bool ended = false;                   // nothing more will be made
+    bool counted = false;                 // the reader was told that this output is done
     int64_t rangeStart = AV_NOPTS_VALUE;  // in the stream's time base
     int64_t rangeEnd = AV_NOPTS_VALUE;
     int64_t nextAudioFrame = AV_NOPTS_VALUE;  // position of the next converted frame, output rate
@@ -128,9 +134,8 @@ struct AssetReaderTrackOutput::Impl {
     }
 };
 
-void AssetReaderTrackOutput::Impl::wrap(std::vector<uint8_t> bytes, int64_t numSamples,
-                                        const SampleTimingInfo& timing, size_t sampleSize,
-                                        const FormatDescriptionRef& format)
+void AssetReaderTrackOutput::Impl::wrap(std::vector<uint8_t> bytes, int64_t numSamples, const SampleTimingInfo& timing,
+                                        size_t sampleSize, const FormatDescriptionRef& format)
 {
     if (bytes.empty() || numSamples < 1) return;
     const size_t length = bytes.size();
@@ -214,7 +219,8 @@ void AssetReaderTrackOutput::Impl::takeAudio(const AVFrame* decoded)
         AVChannelLayout outLayout{};
         av_channel_layout_default(&outLayout, int(out.mChannelsPerFrame));
         SwrContext* raw = nullptr;
-        const int rc = swr_alloc_set_opts2(&raw, &outLayout, sampleFormatFor(audio), outRate, const_cast<AVChannelLayout*>(&decoded->ch_layout),
+        const int rc = swr_alloc_set_opts2(&raw, &outLayout, sampleFormatFor(audio), outRate,
+                                           const_cast<AVChannelLayout*>(&decoded->ch_layout),
                                            AVSampleFormat(decoded->format), decoded->sample_rate, 0, nullptr);
         av_channel_layout_uninit(&outLayout);
         resampler.reset(raw);
@@ -295,9 +301,9 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
         const int rc = avcodec_open2(encoder.get(), codec, &options);
         av_dict_free(&options);
         if (rc < 0) {
-            state->fail(av::error(rc, "Cannot encode frames of " + std::string(name ? name : "this sampling") +
-                                          " at " + std::to_string(decoded->width) + "x" +
-                                          std::to_string(decoded->height) + " as requested"));
+            state->fail(av::error(rc, "Cannot encode frames of " + std::string(name ? name : "this sampling") + " at " +
+                                          std::to_string(decoded->width) + "x" + std::to_string(decoded->height) +
+                                          " as requested"));
             return false;
         }
         FourCharCode subType = video.codec;
@@ -333,7 +339,8 @@ bool AssetReaderTrackOutput::Impl::pump()
         // The made timecode track: its one sample, as stored.
         const auto& bytes = track->madeSample();
         SampleTimingInfo timing{track->duration(), MediaTime::zero(), MediaTime::invalid()};
-        wrap(bytes, 1, timing, bytes.size(), track->formatDescriptions().empty() ? nullptr : track->formatDescriptions()[0]);
+        wrap(bytes, 1, timing, bytes.size(),
+             track->formatDescriptions().empty() ? nullptr : track->formatDescriptions()[0]);
         return false;
     }
     if (inputDone) {
@@ -341,8 +348,10 @@ bool AssetReaderTrackOutput::Impl::pump()
         // Drain the decoder (and the converter or encoder after it).
         avcodec_send_packet(decoder.get(), nullptr);
         while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
-            if (kind == OutputKind::LinearPCM) takeAudio(frame.get());
-            else takeVideo(frame.get());
+            if (kind == OutputKind::LinearPCM)
+                takeAudio(frame.get());
+            else
+                takeVideo(frame.get());
             av_frame_unref(frame.get());
         }
         if (kind == OutputKind::LinearPCM && resampler) takeAudio(nullptr);
@@ -370,14 +379,17 @@ bool AssetReaderTrackOutput::Impl::pump()
     }
 
     if (kind == OutputKind::AsStored) {
-        if (packet->duration <= 0 && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) packet->duration = frameDuration();
-        if (rangeStart != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts + std::max<int64_t>(packet->duration, 1) <= rangeStart)
+        if (packet->duration <= 0 && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            packet->duration = frameDuration();
+        if (rangeStart != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE &&
+            pts + std::max<int64_t>(packet->duration, 1) <= rangeStart)
             return true;
         const int32_t scale = av::timescaleFor(stream->time_base);
         SampleTimingInfo timing{av::mediaTime(packet->duration, stream->time_base, scale),
                                 av::mediaTime(pts, stream->time_base, scale),
                                 av::mediaTime(packet->dts, stream->time_base, scale)};
-        const FormatDescriptionRef& format = track->formatDescriptions().empty() ? outputFormat : track->formatDescriptions()[0];
+        const FormatDescriptionRef& format =
+            track->formatDescriptions().empty() ? outputFormat : track->formatDescriptions()[0];
         const size_t size = size_t(packet->size);
         wrap(std::vector<uint8_t>(packet->data, packet->data + size), 1, timing, size, format);
         return true;
@@ -386,10 +398,13 @@ bool AssetReaderTrackOutput::Impl::pump()
     if (avcodec_send_packet(decoder.get(), packet.get()) < 0) return true;
     while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
         const int64_t t = frame->best_effort_timestamp;
-        const bool early = kind == OutputKind::Encoded && rangeStart != AV_NOPTS_VALUE && t != AV_NOPTS_VALUE && t < rangeStart;
+        const bool early =
+            kind == OutputKind::Encoded && rangeStart != AV_NOPTS_VALUE && t != AV_NOPTS_VALUE && t < rangeStart;
         if (!early) {
-            if (kind == OutputKind::LinearPCM) takeAudio(frame.get());
-            else if (!takeVideo(frame.get())) return false;
+            if (kind == OutputKind::LinearPCM)
+                takeAudio(frame.get());
+            else if (!takeVideo(frame.get()))
+                return false;
         }
         av_frame_unref(frame.get());
     }
@@ -456,8 +471,7 @@ std::unique_ptr<SampleBuffer> AssetReaderTrackOutput::copyNextSampleBuffer() { r
 std::unique_ptr<AssetReader> AssetReader::create(AssetRef asset, Error* error)
 {
     if (!asset || !asset->isReadable()) {
-        if (error)
-            *error = asset && asset->error() ? *asset->error() : av::error("The asset cannot be read");
+        if (error) *error = asset && asset->error() ? *asset->error() : av::error("The asset cannot be read");
         return nullptr;
     }
     std::unique_ptr<AssetReader> reader(new AssetReader());  // NOLINT: private constructor

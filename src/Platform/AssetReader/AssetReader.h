@@ -34,18 +34,18 @@ namespace corvina {
 enum class AssetReaderStatus { Unknown, Reading, Completed, Failed, Cancelled };
 
 struct AudioOutputSettings {
-    double sampleRate = 0;          // 0: the track's own rate
-    uint32_t channels = 0;          // 0: the track's own channel count
-    uint32_t bitDepth = 16;         // 8, 16, 24 or 32 for integers; 32 or 64 for floats
+    double sampleRate = 0;   // 0: the track's own rate
+    uint32_t channels = 0;   // 0: the track's own channel count
+    uint32_t bitDepth = 16;  // 8, 16, 24 or 32 for integers; 32 or 64 for floats
     bool isFloat = false;
     bool bigEndian = false;
     uint32_t channelLayoutTag = 0;  // 0: mono, stereo or discrete channels by the count
 };
 
 struct VideoOutputSettings {
-    FourCharCode codec = 0;         // 'dvc ', 'dvcp', 'dv5n', 'dv5p', 'dvh*', 'ap**', 'jpeg'
-    double bitrate = 0;             // bits per second; 0: the encoder's default
-    int64_t keyFrameInterval = 0;   // frames; 0: the encoder's default
+    FourCharCode codec = 0;        // 'dvc ', 'dvcp', 'dv5n', 'dv5p', 'dvh*', 'ap**', 'jpeg'
+    double bitrate = 0;            // bits per second; 0: the encoder's default
+    int64_t keyFrameInterval = 0;  // frames; 0: the encoder's default
 };
 
 // Whether re-encoded video outputs can produce this codec type.
@@ -57,8 +57,10 @@ struct AssetReaderState;
 class AssetReaderTrackOutput {
 public:
     static std::shared_ptr<AssetReaderTrackOutput> create(AssetTrackRef track);
-    static std::shared_ptr<AssetReaderTrackOutput> createAudio(AssetTrackRef track, const AudioOutputSettings& settings);
-    static std::shared_ptr<AssetReaderTrackOutput> createVideo(AssetTrackRef track, const VideoOutputSettings& settings);
+    static std::shared_ptr<AssetReaderTrackOutput> createAudio(AssetTrackRef track,
+                                                               const AudioOutputSettings& settings);
+    static std::shared_ptr<AssetReaderTrackOutput> createVideo(AssetTrackRef track,
+                                                               const VideoOutputSettings& settings);
     ~AssetReaderTrackOutput();
 
     const AssetTrackRef& track() const;

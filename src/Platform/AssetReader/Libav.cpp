@@ -23,10 +23,7 @@ Error error(int avCode, const std::string& what)
     return Error{kAssetErrorDomain, avCode, what + ": " + text};
 }
 
-Error error(const std::string& what)
-{
-    return Error{kAssetErrorDomain, -1, what};
-}
+Error error(const std::string& what) { return Error{kAssetErrorDomain, -1, what}; }
 
 FormatContextPtr openInput(const std::string& path, Error* err)
 {
@@ -94,12 +91,18 @@ FourCharCode videoSubType(const AVCodecParameters& par, AVRational frameRate)
     const AVCodecTag* const tables[] = {avformat_get_mov_video_tags(), nullptr};
     if (par.codec_id == AV_CODEC_ID_PRORES) {
         switch (par.profile) {
-        case 0: return fourCC("apco");
-        case 1: return fourCC("apcs");
-        case 3: return fourCC("apch");
-        case 4: return fourCC("ap4h");
-        case 5: return fourCC("ap4x");
-        default: return fourCC("apcn");
+        case 0:
+            return fourCC("apco");
+        case 1:
+            return fourCC("apcs");
+        case 3:
+            return fourCC("apch");
+        case 4:
+            return fourCC("ap4h");
+        case 5:
+            return fourCC("ap4x");
+        default:
+            return fourCC("apcn");
         }
     }
     const unsigned tag = av_codec_get_tag(tables, par.codec_id);
@@ -113,14 +116,14 @@ std::string videoFormatName(const AVCodecParameters& par, FourCharCode subType)
         const char* name;
     };
     static const Name names[] = {
-        {fourCC("dvc "), "DV - NTSC"},          {fourCC("dvcp"), "DV - PAL"},
-        {fourCC("dvpp"), "DVCPRO - PAL"},       {fourCC("dv5n"), "DVCPRO50 - NTSC"},
-        {fourCC("dv5p"), "DVCPRO50 - PAL"},     {fourCC("dvhp"), "DVCPRO HD 720p60"},
-        {fourCC("dvhq"), "DVCPRO HD 720p50"},   {fourCC("dvh6"), "DVCPRO HD 1080i60"},
-        {fourCC("dvh5"), "DVCPRO HD 1080i50"},  {fourCC("apco"), "ProRes Proxy"},
-        {fourCC("apcs"), "ProRes LT"},          {fourCC("apcn"), "ProRes 422"},
-        {fourCC("apch"), "ProRes HQ"},          {fourCC("ap4h"), "ProRes 4444"},
-        {fourCC("ap4x"), "ProRes 4444 XQ"},     {fourCC("jpeg"), "Motion JPEG"},
+        {fourCC("dvc "), "DV - NTSC"},         {fourCC("dvcp"), "DV - PAL"},
+        {fourCC("dvpp"), "DVCPRO - PAL"},      {fourCC("dv5n"), "DVCPRO50 - NTSC"},
+        {fourCC("dv5p"), "DVCPRO50 - PAL"},    {fourCC("dvhp"), "DVCPRO HD 720p60"},
+        {fourCC("dvhq"), "DVCPRO HD 720p50"},  {fourCC("dvh6"), "DVCPRO HD 1080i60"},
+        {fourCC("dvh5"), "DVCPRO HD 1080i50"}, {fourCC("apco"), "ProRes Proxy"},
+        {fourCC("apcs"), "ProRes LT"},         {fourCC("apcn"), "ProRes 422"},
+        {fourCC("apch"), "ProRes HQ"},         {fourCC("ap4h"), "ProRes 4444"},
+        {fourCC("ap4x"), "ProRes 4444 XQ"},    {fourCC("jpeg"), "Motion JPEG"},
     };
     for (const Name& n : names)
         if (n.code == subType) return n.name;
@@ -145,11 +148,16 @@ AudioStreamBasicDescription streamDescription(const AVCodecParameters& par)
     constexpr uint32_t big = kLinearPCMFormatFlagIsBigEndian;
     constexpr uint32_t flt = kLinearPCMFormatFlagIsFloat | kLinearPCMFormatFlagIsPacked;
     static const Pcm pcm[] = {
-        {AV_CODEC_ID_PCM_S16LE, 16, sInt},       {AV_CODEC_ID_PCM_S16BE, 16, sInt | big},
-        {AV_CODEC_ID_PCM_S24LE, 24, sInt},       {AV_CODEC_ID_PCM_S24BE, 24, sInt | big},
-        {AV_CODEC_ID_PCM_S32LE, 32, sInt},       {AV_CODEC_ID_PCM_S32BE, 32, sInt | big},
-        {AV_CODEC_ID_PCM_F32LE, 32, flt},        {AV_CODEC_ID_PCM_F32BE, 32, flt | big},
-        {AV_CODEC_ID_PCM_F64LE, 64, flt},        {AV_CODEC_ID_PCM_F64BE, 64, flt | big},
+        {AV_CODEC_ID_PCM_S16LE, 16, sInt},
+        {AV_CODEC_ID_PCM_S16BE, 16, sInt | big},
+        {AV_CODEC_ID_PCM_S24LE, 24, sInt},
+        {AV_CODEC_ID_PCM_S24BE, 24, sInt | big},
+        {AV_CODEC_ID_PCM_S32LE, 32, sInt},
+        {AV_CODEC_ID_PCM_S32BE, 32, sInt | big},
+        {AV_CODEC_ID_PCM_F32LE, 32, flt},
+        {AV_CODEC_ID_PCM_F32BE, 32, flt | big},
+        {AV_CODEC_ID_PCM_F64LE, 64, flt},
+        {AV_CODEC_ID_PCM_F64BE, 64, flt | big},
         {AV_CODEC_ID_PCM_U8, 8, kLinearPCMFormatFlagIsPacked},
         {AV_CODEC_ID_PCM_S8, 8, sInt},
     };
@@ -176,9 +184,12 @@ AudioStreamBasicDescription streamDescription(const AVCodecParameters& par)
 AudioChannelLayout channelLayoutFor(uint32_t channels)
 {
     AudioChannelLayout layout;
-    if (channels == 1) layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
-    else if (channels == 2) layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
-    else layout.mChannelLayoutTag = (147u << 16) | channels;  // discrete channels, in order
+    if (channels == 1)
+        layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
+    else if (channels == 2)
+        layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
+    else
+        layout.mChannelLayoutTag = (147u << 16) | channels;  // discrete channels, in order
     return layout;
 }
 

@@ -129,20 +129,23 @@ void writeAll(int fd, const char* data, size_t size)
     }
 }
 
-void writeText(int fd, const char* text)
-{
-    writeAll(fd, text, std::strlen(text));
-}
+void writeText(int fd, const char* text) { writeAll(fd, text, std::strlen(text)); }
 
 const char* signalName(int sig)
 {
     switch (sig) {
-        case SIGSEGV: return "SIGSEGV";
-        case SIGBUS: return "SIGBUS";
-        case SIGILL: return "SIGILL";
-        case SIGFPE: return "SIGFPE";
-        case SIGABRT: return "SIGABRT";
-        default: return "signal";
+    case SIGSEGV:
+        return "SIGSEGV";
+    case SIGBUS:
+        return "SIGBUS";
+    case SIGILL:
+        return "SIGILL";
+    case SIGFPE:
+        return "SIGFPE";
+    case SIGABRT:
+        return "SIGABRT";
+    default:
+        return "signal";
     }
 }
 
@@ -196,7 +199,7 @@ void copyLogTail(int out)
 void writeReport(int sig, const siginfo_t* info)
 {
     makeFolders(g_prepared.folder);
-    timespec now {};
+    timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     char pathBuffer[kPathCapacity];
     Line path(pathBuffer, sizeof pathBuffer);
@@ -262,7 +265,7 @@ std::string crashReportName(std::string_view program, std::time_t when, long utc
 
 bool installCrashHandler(const CrashReportSettings& settings)
 {
-    Prepared next {};
+    Prepared next{};
     if (!copyInto(next.program, sizeof next.program, settings.program) ||
         !copyInto(next.folder, sizeof next.folder, settings.folder) ||
         !copyInto(next.logPath, sizeof next.logPath, settings.logPath)) {
@@ -272,7 +275,7 @@ bool installCrashHandler(const CrashReportSettings& settings)
     if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
     std::memcpy(next.host, host, sizeof host);
     const std::time_t now = std::time(nullptr);
-    std::tm local {};
+    std::tm local{};
     ::localtime_r(&now, &local);
     next.utcOffset = local.tm_gmtoff;
 
@@ -280,7 +283,7 @@ bool installCrashHandler(const CrashReportSettings& settings)
     void* frames[4];
     ::backtrace(frames, 4);
 
-    stack_t alternate {};
+    stack_t alternate{};
     alternate.ss_sp = g_alternateStack;
     alternate.ss_size = sizeof g_alternateStack;
     ::sigaltstack(&alternate, nullptr);

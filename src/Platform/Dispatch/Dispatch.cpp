@@ -254,10 +254,7 @@ private:
     uint64_t generation_ = 0;
 };
 
-MainQueue& mainQueue()
-{
-    return immortal<MainQueue>();
-}
+MainQueue& mainQueue() { return immortal<MainQueue>(); }
 
 // Keeps a serial queue alive while something refers to it by reference only (a notify).
 std::shared_ptr<DispatchQueue> retainQueue(DispatchQueue& queue)
@@ -285,25 +282,13 @@ std::shared_ptr<DispatchQueue> DispatchQueue::createSerial(std::string label)
     return std::make_shared<SerialQueue>(std::move(label));
 }
 
-DispatchQueue& DispatchQueue::global()
-{
-    return immortal<GlobalQueue>();
-}
+DispatchQueue& DispatchQueue::global() { return immortal<GlobalQueue>(); }
 
-DispatchQueue& DispatchQueue::main()
-{
-    return mainQueue();
-}
+DispatchQueue& DispatchQueue::main() { return mainQueue(); }
 
-bool DispatchQueue::isCurrent() const
-{
-    return currentQueue == this;
-}
+bool DispatchQueue::isCurrent() const { return currentQueue == this; }
 
-const DispatchQueue* DispatchQueue::current()
-{
-    return currentQueue;
-}
+const DispatchQueue* DispatchQueue::current() { return currentQueue; }
 
 void DispatchQueue::sync(Block block)
 {
@@ -353,10 +338,7 @@ bool runMainQueueUntil(const std::function<bool()>& done, std::optional<std::chr
     return mainQueue().runUntil(done, deadline);
 }
 
-void notifyMainThreadWaiters()
-{
-    mainQueue().notifyWaiters();
-}
+void notifyMainThreadWaiters() { mainQueue().notifyWaiters(); }
 
 // ---------------------------------------------------------------------------------------
 // Groups
@@ -466,10 +448,7 @@ struct DispatchSemaphore::State {
     long value = 0;
 };
 
-DispatchSemaphore::DispatchSemaphore(long value) : state_(std::make_unique<State>())
-{
-    state_->value = value;
-}
+DispatchSemaphore::DispatchSemaphore(long value) : state_(std::make_unique<State>()) { state_->value = value; }
 
 DispatchSemaphore::~DispatchSemaphore() = default;
 

@@ -10,10 +10,7 @@ namespace corvina {
 namespace {
 
 // Floor division of a time point into whole seconds since the epoch (dates before 1970 too).
-long long secondsOf(Date date)
-{
-    return std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
-}
+long long secondsOf(Date date) { return std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count(); }
 
 void put2(char* p, int v)
 {
@@ -109,10 +106,7 @@ std::optional<Date> dateFromDescription(std::string_view text)
     return Date(std::chrono::seconds(static_cast<long long>(t) - offset));
 }
 
-std::string_view CachedDateFormatter::now()
-{
-    return format(Clock::now());
-}
+std::string_view CachedDateFormatter::now() { return format(Clock::now()); }
 
 std::string_view CachedDateFormatter::format(Date date)
 {

@@ -32,11 +32,14 @@ int openFile(const std::string& path, int flags, bool regularOnly = false, Error
     const bool statted = ::fstat(fd, &st) == 0;
     if (!statted || S_ISDIR(st.st_mode) || (regularOnly && !S_ISREG(st.st_mode))) {
         if (error) {
-            if (!statted) *error = Error::fromErrno(errno);
-            else if (S_ISDIR(st.st_mode)) *error = Error::fromErrno(EISDIR);
-            else *error = Error{"NSPOSIXErrorDomain", EINVAL,
-                                S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
-                                                     : "It is a device or a socket, not a regular file."};
+            if (!statted)
+                *error = Error::fromErrno(errno);
+            else if (S_ISDIR(st.st_mode))
+                *error = Error::fromErrno(EISDIR);
+            else
+                *error = Error{"NSPOSIXErrorDomain", EINVAL,
+                               S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                                    : "It is a device or a socket, not a regular file."};
         }
         ::close(fd);
         return -1;
@@ -132,7 +135,8 @@ size_t FileHandle::readInto(uint8_t* dst, size_t length)
         const size_t remaining = length - done;
         if (windowCapacity_ == 0 || remaining >= windowCapacity_) {
             // Large reads go straight to the file.
-            const ssize_t n = ::pread(fd_, dst + done, std::min<size_t>(remaining, 1u << 30), static_cast<off_t>(offset_));
+            const ssize_t n =
+                ::pread(fd_, dst + done, std::min<size_t>(remaining, 1u << 30), static_cast<off_t>(offset_));
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) raise("readDataOfLength:", errno);
             if (n == 0) break;
@@ -167,14 +171,17 @@ ByteBuffer FileHandle::readDataOfLength(uint64_t length)
         const uint64_t left = size > offset_ ? size - offset_ : 0;
         // Files that grow or report no size (pipes, /proc) are read in bounded steps below.
         // (/proc files report a size of 0 and still have contents.)
-        if (S_ISREG(st.st_mode) && st.st_size > 0) wanted = std::min(wanted, left);
-        else firstBlock = 64u << 10;
+        if (S_ISREG(st.st_mode) && st.st_size > 0)
+            wanted = std::min(wanted, left);
+        else
+            firstBlock = 64u << 10;
     }
     if (wanted > static_cast<uint64_t>(SIZE_MAX / 2)) raise("readDataOfLength:", ENOMEM);
     ByteBuffer buffer(static_cast<size_t>(std::min<uint64_t>(wanted, firstBlock)));
     size_t filled = 0;
     while (filled < wanted) {
-        if (filled == buffer.size()) buffer.resize(static_cast<size_t>(std::min<uint64_t>(wanted, buffer.size() * 2 + 1)));
+        if (filled == buffer.size())
+            buffer.resize(static_cast<size_t>(std::min<uint64_t>(wanted, buffer.size() * 2 + 1)));
         const size_t n = readInto(buffer.data() + filled, buffer.size() - filled);
         filled += n;
         if (n == 0) break;

@@ -108,8 +108,10 @@ void FormatArg::appendDescription(std::string& out) const
         out += s_;
         break;
     case Kind::Object:
-        if (describe_) describe_(p_, out);
-        else out += s_;
+        if (describe_)
+            describe_(p_, out);
+        else
+            out += s_;
         break;
     case Kind::Pointer:
         appendPointer(out, p_);
@@ -192,9 +194,12 @@ void appendInteger(std::string& out, const FormatArg& arg, const Directive& dire
     char body[96];
     size_t n = 0;
     if (isSigned) {
-        if (negative) body[n++] = '-';
-        else if (directive.plus) body[n++] = '+';
-        else if (directive.space) body[n++] = ' ';
+        if (negative)
+            body[n++] = '-';
+        else if (directive.plus)
+            body[n++] = '+';
+        else if (directive.space)
+            body[n++] = ' ';
     }
     if (directive.alt && base == 16 && magnitude != 0) {
         body[n++] = '0';
@@ -223,9 +228,12 @@ void appendFloating(std::string& out, double v, const Directive& directive)
         directive.precision <= 100) {
         // Fast path without the C library's formatter.
         const int precision = directive.precision < 0 ? 6 : directive.precision;
-        if (std::signbit(v)) buf[n++] = '-';
-        else if (directive.plus) buf[n++] = '+';
-        else if (directive.space) buf[n++] = ' ';
+        if (std::signbit(v))
+            buf[n++] = '-';
+        else if (directive.plus)
+            buf[n++] = '+';
+        else if (directive.space)
+            buf[n++] = ' ';
         const auto fmt = (conv == 'f' || conv == 'F') ? std::chars_format::fixed : std::chars_format::scientific;
         auto r = std::to_chars(buf + n, buf + sizeof buf, std::fabs(v), fmt, precision);
         if (r.ec != std::errc()) return;
@@ -249,7 +257,8 @@ void appendFloating(std::string& out, double v, const Directive& directive)
     fmt[f++] = '*';
     fmt[f++] = conv;
     fmt[f] = 0;
-    const int precision = directive.precision < 0 ? (conv == 'a' || conv == 'A' ? -1 : 6) : std::min(directive.precision, 300);
+    const int precision =
+        directive.precision < 0 ? (conv == 'a' || conv == 'A' ? -1 : 6) : std::min(directive.precision, 300);
     int len = std::snprintf(buf, sizeof buf, fmt, precision, v);
     if (len < 0) return;
     n = std::min(static_cast<size_t>(len), sizeof buf - 1);
@@ -350,13 +359,20 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
         }
         for (; p < size; ++p) {
             const char c = fmt[p];
-            if (c == '-') directive.left = true;
-            else if (c == '+') directive.plus = true;
-            else if (c == ' ') directive.space = true;
-            else if (c == '#') directive.alt = true;
-            else if (c == '0') directive.zero = true;
-            else if (c == '\'') continue;
-            else break;
+            if (c == '-')
+                directive.left = true;
+            else if (c == '+')
+                directive.plus = true;
+            else if (c == ' ')
+                directive.space = true;
+            else if (c == '#')
+                directive.alt = true;
+            else if (c == '0')
+                directive.zero = true;
+            else if (c == '\'')
+                continue;
+            else
+                break;
         }
         bool present = false;
         if (p < size && fmt[p] == '*') {
@@ -382,8 +398,10 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
         }
         while (p < size) {
             const char c = fmt[p];
-            if (c == 'l' || c == 'q' || c == 'j' || c == 'z' || c == 't') directive.wide = true;
-            else if (c != 'h' && c != 'L') break;
+            if (c == 'l' || c == 'q' || c == 'j' || c == 'z' || c == 't')
+                directive.wide = true;
+            else if (c != 'h' && c != 'L')
+                break;
             ++p;
         }
         if (p >= size) {
@@ -398,9 +416,29 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
             continue;
         }
         switch (directive.conv) {
-        case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'D': case 'U': case 'O':
-        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
-        case 'c': case 'C': case 's': case 'S': case '@': case 'p':
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o':
+        case 'D':
+        case 'U':
+        case 'O':
+        case 'f':
+        case 'F':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+        case 'a':
+        case 'A':
+        case 'c':
+        case 'C':
+        case 's':
+        case 'S':
+        case '@':
+        case 'p':
             break;
         default:
             // Unknown conversions (and %n) are shown as written and consume no argument.
@@ -416,16 +454,28 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
             directive.wide = true;
         }
         switch (directive.conv) {
-        case 'd': case 'i':
-        case 'u': case 'x': case 'X': case 'o':
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
                 appendInteger(out, arg, directive);
             break;
-        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+        case 'f':
+        case 'F':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+        case 'a':
+        case 'A':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Double || kind == K::Char)
                 appendFloating(out, arg.asDouble(), directive);
             break;
-        case 'c': case 'C':
+        case 'c':
+        case 'C':
             if (kind == K::Signed || kind == K::Unsigned || kind == K::Char || kind == K::Double) {
                 const char ch = static_cast<char>(arg.asUnsigned() & 0xff);
                 appendPadded(out, std::string_view(&ch, 1), directive);
@@ -433,13 +483,16 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
                 appendPadded(out, arg.stringView().substr(0, 1), directive);
             }
             break;
-        case 's': case 'S': case '@':
+        case 's':
+        case 'S':
+        case '@':
             appendText(out, arg, directive);
             break;
         case 'p':
             if (kind == K::Pointer || kind == K::Object || kind == K::String) {
                 std::string text;
-                appendPointer(text, kind == K::String ? static_cast<const void*>(arg.stringView().data()) : arg.pointer());
+                appendPointer(text,
+                              kind == K::String ? static_cast<const void*>(arg.stringView().data()) : arg.pointer());
                 appendPadded(out, text, directive);
             } else if (kind == K::None) {
                 appendPadded(out, "0x0", directive);

@@ -24,8 +24,11 @@ namespace corvina {
 
 // An object that describes itself for "%@".
 template <class T>
-concept Describable = requires(const T& t) {
-    { t.description() } -> std::convertible_to<std::string>;
+concept Describable = requires(const T& t)
+{
+    {
+        t.description()
+        } -> std::convertible_to<std::string>;
 };
 
 class FormatArg {
@@ -35,11 +38,9 @@ public:
     FormatArg() = default;
     FormatArg(std::nullptr_t) {}
     template <std::signed_integral T>
-        requires(!std::same_as<T, char>)
-    FormatArg(T v) : kind_(Kind::Signed), i_(static_cast<int64_t>(v)) {}
+    requires(!std::same_as<T, char>) FormatArg(T v) : kind_(Kind::Signed), i_(static_cast<int64_t>(v)) {}
     template <std::unsigned_integral T>
-        requires(!std::same_as<T, bool>)
-    FormatArg(T v) : kind_(Kind::Unsigned), u_(static_cast<uint64_t>(v)) {}
+    requires(!std::same_as<T, bool>) FormatArg(T v) : kind_(Kind::Unsigned), u_(static_cast<uint64_t>(v)) {}
     FormatArg(bool v) : kind_(Kind::Signed), i_(v ? 1 : 0) {}
     FormatArg(char c) : kind_(Kind::Char), i_(static_cast<unsigned char>(c)) {}
     FormatArg(double v) : kind_(Kind::Double), d_(v) {}
@@ -50,13 +51,14 @@ public:
     FormatArg(const std::string& s) : kind_(Kind::String), s_(s) {}
     FormatArg(const void* p) : kind_(Kind::Pointer), p_(p) {}
     template <class T>
-    FormatArg(const std::optional<T>& v) : FormatArg(v ? FormatArg(*v) : FormatArg()) {}
+    FormatArg(const std::optional<T>& v) : FormatArg(v ? FormatArg(*v) : FormatArg())
+    {
+    }
     template <Describable T>
-        requires(!std::convertible_to<const T&, std::string_view>)
-    FormatArg(const T& obj)
-        : kind_(Kind::Object), p_(&obj), describe_([](const void* o, std::string& out) {
-              out += static_cast<const T*>(o)->description();
-          })
+    requires(!std::convertible_to<const T&, std::string_view>) FormatArg(const T& obj)
+        : kind_(Kind::Object),
+          p_(&obj),
+          describe_([](const void* o, std::string& out) { out += static_cast<const T*>(o)->description(); })
     {
     }
 

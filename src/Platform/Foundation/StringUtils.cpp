@@ -15,12 +15,14 @@ size_t utf16Length(std::string_view utf8)
     while (i < n) {
         const auto c = static_cast<unsigned char>(utf8[i]);
         size_t len = 1;
-        if (c >= 0xF0 && c <= 0xF4) len = 4;
-        else if (c >= 0xE0) len = c <= 0xEF ? 3 : 1;
-        else if (c >= 0xC2) len = 2;
+        if (c >= 0xF0 && c <= 0xF4)
+            len = 4;
+        else if (c >= 0xE0)
+            len = c <= 0xEF ? 3 : 1;
+        else if (c >= 0xC2)
+            len = 2;
         bool valid = len > 1 && i + len <= n;
-        for (size_t k = 1; valid && k < len; ++k)
-            valid = (static_cast<unsigned char>(utf8[i + k]) & 0xC0) == 0x80;
+        for (size_t k = 1; valid && k < len; ++k) valid = (static_cast<unsigned char>(utf8[i + k]) & 0xC0) == 0x80;
         if (!valid) {
             units += 1;
             i += 1;
@@ -46,10 +48,10 @@ size_t whitespaceAt(std::string_view text, size_t i)
     if ((c == 0xE1 || c == 0xE2 || c == 0xE3) && i + 2 < text.size()) {
         const auto d = static_cast<unsigned char>(text[i + 1]);
         const auto e = static_cast<unsigned char>(text[i + 2]);
-        if (c == 0xE1) return (d == 0x9A && e == 0x80) ? 3 : 0;                  // U+1680
-        if (c == 0xE3) return (d == 0x80 && e == 0x80) ? 3 : 0;                  // U+3000
+        if (c == 0xE1) return (d == 0x9A && e == 0x80) ? 3 : 0;  // U+1680
+        if (c == 0xE3) return (d == 0x80 && e == 0x80) ? 3 : 0;  // U+3000
         if (d == 0x80 && ((e >= 0x80 && e <= 0x8A) || e == 0xA8 || e == 0xA9 || e == 0xAF)) return 3;
-        if (d == 0x81 && e == 0x9F) return 3;                                     // U+205F
+        if (d == 0x81 && e == 0x9F) return 3;  // U+205F
     }
     return 0;
 }
@@ -106,10 +108,7 @@ std::string replaceAll(std::string_view text, std::string_view from, std::string
     return out;
 }
 
-bool contains(std::string_view text, std::string_view part)
-{
-    return text.find(part) != std::string_view::npos;
-}
+bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
 
 namespace {
 

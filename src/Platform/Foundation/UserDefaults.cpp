@@ -72,10 +72,7 @@ UserDefaults::UserDefaults(std::string domain, std::optional<std::string> folder
 {
 }
 
-std::string UserDefaults::path() const
-{
-    return appendPathComponent(folder_, domain_ + ".plist");
-}
+std::string UserDefaults::path() const { return appendPathComponent(folder_, domain_ + ".plist"); }
 
 void UserDefaults::loadLocked()
 {

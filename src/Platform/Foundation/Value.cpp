@@ -42,7 +42,8 @@ const Value& noneValue()
 
 size_t skipSpaces(std::string_view s, size_t i = 0)
 {
-    while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r' || s[i] == '\v' || s[i] == '\f'))
+    while (i < s.size() &&
+           (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r' || s[i] == '\v' || s[i] == '\f'))
         ++i;
     return i;
 }
@@ -57,8 +58,10 @@ int64_t leadingInteger(std::string_view s)
     bool overflow = false;
     for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
         const unsigned digit = static_cast<unsigned>(s[i] - '0');
-        if (magnitude > (std::numeric_limits<uint64_t>::max() - digit) / 10) overflow = true;
-        else magnitude = magnitude * 10 + digit;
+        if (magnitude > (std::numeric_limits<uint64_t>::max() - digit) / 10)
+            overflow = true;
+        else
+            magnitude = magnitude * 10 + digit;
     }
     if (negative) {
         if (overflow || magnitude > uint64_t{1} << 63) return std::numeric_limits<int64_t>::min();
@@ -153,22 +156,28 @@ Value Value::data(DataType bytes)
 Value::Type Value::type() const
 {
     switch (storage_.index()) {
-    case 1: return Type::String;
-    case 2: return Type::Integer;
-    case 3: return Type::Real;
-    case 4: return Type::Boolean;
-    case 5: return Type::Date;
-    case 6: return Type::Data;
-    case 7: return Type::Array;
-    case 8: return Type::Dictionary;
-    default: return Type::None;
+    case 1:
+        return Type::String;
+    case 2:
+        return Type::Integer;
+    case 3:
+        return Type::Real;
+    case 4:
+        return Type::Boolean;
+    case 5:
+        return Type::Date;
+    case 6:
+        return Type::Data;
+    case 7:
+        return Type::Array;
+    case 8:
+        return Type::Dictionary;
+    default:
+        return Type::None;
     }
 }
 
-const std::string* Value::asString() const
-{
-    return std::get_if<std::string>(&storage_);
-}
+const std::string* Value::asString() const { return std::get_if<std::string>(&storage_); }
 
 const Value::ArrayType* Value::asArray() const
 {
@@ -245,10 +254,7 @@ int32_t Value::intValue() const
     return static_cast<int32_t>(integerValue());
 }
 
-int16_t Value::shortValue() const
-{
-    return static_cast<int16_t>(integerValue());
-}
+int16_t Value::shortValue() const { return static_cast<int16_t>(integerValue()); }
 
 double Value::doubleValue() const
 {
@@ -283,10 +289,7 @@ uint64_t Value::unsignedLongLongValue() const
     return static_cast<uint64_t>(integerValue());
 }
 
-uint64_t Value::unsignedIntegerValue() const
-{
-    return unsignedLongLongValue();
-}
+uint64_t Value::unsignedIntegerValue() const { return unsignedLongLongValue(); }
 
 bool Value::boolValue() const
 {
@@ -337,21 +340,29 @@ void appendQuoted(std::string& out, std::string_view s)
     out += '"';
     for (char c : s) {
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        case '\r': out += "\\r"; break;
-        default: out += c;
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        default:
+            out += c;
         }
     }
     out += '"';
 }
 
-void appendIndent(std::string& out, int level)
-{
-    out.append(static_cast<size_t>(level) * 4, ' ');
-}
+void appendIndent(std::string& out, int level) { out.append(static_cast<size_t>(level) * 4, ' '); }
 
 }  // namespace
 
@@ -436,14 +447,15 @@ std::optional<Value> fromNode(plist_t node, int depth)
     case PLIST_UINT: {
         uint64_t bits = 0;
         plist_get_uint_val(node, &bits);
-        if (bits <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return Value(static_cast<int64_t>(bits));
+        if (bits <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
+            return Value(static_cast<int64_t>(bits));
         // Above int64: a negative number or a large unsigned one. The node's text tells.
         char* xml = nullptr;
         uint32_t length = 0;
         plist_to_xml(node, &xml, &length);
         CPtr<char> owned(xml);
-        const bool negative = xml && std::memchr(xml, '-', length) != nullptr &&
-                              std::strstr(xml, "<integer>-") != nullptr;
+        const bool negative =
+            xml && std::memchr(xml, '-', length) != nullptr && std::strstr(xml, "<integer>-") != nullptr;
         if (negative) return Value(static_cast<int64_t>(bits));
         return Value(bits);
     }
@@ -531,8 +543,10 @@ bool xmlNestsTooDeep(const char* text, size_t length)
         if (!container) continue;
         const size_t end = xml.find('>', name);
         if (end == std::string_view::npos) break;
-        if (closing) --depth;
-        else if (xml[end - 1] != '/' && ++depth > kMaxDepth) return true;
+        if (closing)
+            --depth;
+        else if (xml[end - 1] != '/' && ++depth > kMaxDepth)
+            return true;
         i = end + 1;
     }
     return false;
@@ -756,7 +770,8 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
     const bool binary = length >= 6 && std::memcmp(bytes, "bplist", 6) == 0;
     if (binary) {
         switch (checkBinaryPlist(static_cast<const uint8_t*>(bytes), length)) {
-        case BinaryCheck::Fine: break;
+        case BinaryCheck::Fine:
+            break;
         case BinaryCheck::TooDeep:
             setError(error, "The data couldn't be read because it nests too deeply or refers to itself.");
             return std::nullopt;
@@ -795,16 +810,20 @@ std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error*
         const bool statFailed = st.st_mode == 0;
         ::close(fd);
         if (error) {
-            if (statFailed) *error = Error::fromErrno(err);
-            else if (S_ISDIR(st.st_mode)) *error = Error::fromErrno(EISDIR);
-            else setError(error, S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
-                                                        : "It is a device or a socket, not a regular file.");
+            if (statFailed)
+                *error = Error::fromErrno(err);
+            else if (S_ISDIR(st.st_mode))
+                *error = Error::fromErrno(EISDIR);
+            else
+                setError(error, S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                                     : "It is a device or a socket, not a regular file.");
         }
         return std::nullopt;
     }
     if (static_cast<uint64_t>(st.st_size) > kMaxFileBytes) {
         ::close(fd);
-        setError(error, format("It is too large for a property list (%lld bytes).", static_cast<long long>(st.st_size)));
+        setError(error,
+                 format("It is too large for a property list (%lld bytes).", static_cast<long long>(st.st_size)));
         return std::nullopt;
     }
     std::string bytes;

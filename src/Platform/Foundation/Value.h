@@ -37,8 +37,9 @@ public:
     Value(std::string s);
     Value(std::string_view s);
     template <std::integral T>
-        requires(!std::same_as<T, bool> && !std::same_as<T, char>)
-    Value(T v) : storage_(Integer{static_cast<int64_t>(v), std::is_unsigned_v<T> && static_cast<uint64_t>(v) > static_cast<uint64_t>(INT64_MAX)})
+    requires(!std::same_as<T, bool> && !std::same_as<T, char>) Value(T v)
+        : storage_(Integer{static_cast<int64_t>(v),
+                           std::is_unsigned_v<T> && static_cast<uint64_t>(v) > static_cast<uint64_t>(INT64_MAX)})
     {
     }
     Value(bool b);
@@ -105,9 +106,9 @@ private:
         bool isUnsignedAboveInt64;  // value holds the bits of a uint64 above INT64_MAX
         bool operator==(const Integer&) const = default;
     };
-    using Storage = std::variant<std::monostate, std::string, Integer, double, bool, Date,
-                                 std::shared_ptr<const DataType>, std::shared_ptr<const ArrayType>,
-                                 std::shared_ptr<const DictionaryType>>;
+    using Storage =
+        std::variant<std::monostate, std::string, Integer, double, bool, Date, std::shared_ptr<const DataType>,
+                     std::shared_ptr<const ArrayType>, std::shared_ptr<const DictionaryType>>;
     Storage storage_;
 };
 

@@ -55,8 +55,7 @@ bool nonNumericResult(MediaTime a, MediaTime b, bool subtract, MediaTime* out)
         return true;
     }
     int s = sa != 0 ? sa : sb;
-    *out = s > 0 ? MediaTime::positiveInfinity()
-                 : MediaTime{0, 0, MediaTime::kValid | MediaTime::kNegativeInfinity, 0};
+    *out = s > 0 ? MediaTime::positiveInfinity() : MediaTime{0, 0, MediaTime::kValid | MediaTime::kNegativeInfinity, 0};
     return true;
 }
 

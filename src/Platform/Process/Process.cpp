@@ -24,8 +24,8 @@ namespace corvina {
 
 namespace {
 
-constexpr std::array<const char*, 10> kPackageExtensions = {
-    "app", "bundle", "framework", "plugin", "kext", "pkg", "mpkg", "prefPane", "xpc", "appex"};
+constexpr std::array<const char*, 10> kPackageExtensions = {"app", "bundle", "framework", "plugin", "kext",
+                                                            "pkg", "mpkg",   "prefPane",  "xpc",    "appex"};
 
 std::string extensionOf(const std::string& path)
 {
@@ -51,8 +51,7 @@ void closeFd(int& fd)
 void makePipe(int fds[2])
 {
     if (::pipe2(fds, O_CLOEXEC) != 0) {
-        throw PlatformException(kInvalidArgumentException,
-                                format("unable to create a pipe: %@", std::strerror(errno)));
+        throw PlatformException(kInvalidArgumentException, format("unable to create a pipe: %@", std::strerror(errno)));
     }
 }
 
@@ -126,8 +125,7 @@ Process::~Process()
     const pid_t pid = pid_;
     std::thread([pid] {
         int s = 0;
-        while (::waitpid(pid, &s, 0) < 0 && errno == EINTR) {
-        }
+        while (::waitpid(pid, &s, 0) < 0 && errno == EINTR) {}
     }).detach();
 }
 
@@ -200,8 +198,7 @@ void Process::launch()
                                  environment_ ? envp.data() : environ);
     if (rc != 0) {
         closeAll();
-        throw PlatformException(kInvalidArgumentException,
-                                format("launch path not accessible: %@", std::strerror(rc)));
+        throw PlatformException(kInvalidArgumentException, format("launch path not accessible: %@", std::strerror(rc)));
     }
     {
         std::lock_guard lock(mutex_);
@@ -304,15 +301,13 @@ void Process::waitUntilExit()
     }
     // Wait without reaping, so that terminate() on another thread can still tell a live
     // process from a reaped one (and never signals a recycled process id).
-    siginfo_t info {};
-    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
-    }
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {}
     std::lock_guard lock(mutex_);
     if (reaped_) return;
     int status = 0;
     pid_t r;
-    while ((r = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
-    }
+    while ((r = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {}
     if (r == pid_) {
         reapLocked(status);
     } else {

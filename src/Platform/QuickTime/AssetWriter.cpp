@@ -175,11 +175,11 @@ uint32_t chooseTimescale(const SampleBuffer& sample, const FormatDescription& fo
 
 // How the samples of one buffer become movie samples.
 struct SampleLayout {
-    bool uniform = true;   // count samples of `size` bytes lasting `delta` each
+    bool uniform = true;  // count samples of `size` bytes lasting `delta` each
     uint64_t count = 0;
     uint32_t size = 0;
     uint32_t delta = 0;
-    uint64_t bytes = 0;    // bytes stored
+    uint64_t bytes = 0;  // bytes stored
     uint64_t duration = 0;
 };
 

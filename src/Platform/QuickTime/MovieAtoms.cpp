@@ -66,9 +66,9 @@ void writeTkhd(AtomWriter& w, const TrackInfo& t, uint64_t duration, uint32_t no
         w.u32(uint32_t(duration));
     }
     w.zeros(8);
-    w.u16(0);                          // layer
-    w.u16(0);                          // alternate group
-    w.u16(isVideo(t) ? 0 : 0x0100);    // volume
+    w.u16(0);                        // layer
+    w.u16(0);                        // alternate group
+    w.u16(isVideo(t) ? 0 : 0x0100);  // volume
     w.u16(0);
     writeMatrix(w);
     w.u32(isVideo(t) ? uint32_t(t.format->width()) << 16 : 0);
@@ -192,16 +192,16 @@ void writeSoundSampleDescription(AtomWriter& w, const FormatDescription& f)
     const AudioStreamBasicDescription& a = *f.streamBasicDescription();
     ScopedAtom entry(w, f.mediaSubType());
     w.zeros(6);
-    w.u16(1);       // data reference index
-    w.u16(2);       // version
-    w.u16(0);       // revision
-    w.u32(0);       // vendor
-    w.u16(3);       // always 3
-    w.u16(16);      // always 16
-    w.i16(-2);      // always -2
-    w.u16(0);       // always 0
-    w.u32(65536);   // always 65536
-    w.u32(72);      // size of the structure alone
+    w.u16(1);      // data reference index
+    w.u16(2);      // version
+    w.u16(0);      // revision
+    w.u32(0);      // vendor
+    w.u16(3);      // always 3
+    w.u16(16);     // always 16
+    w.i16(-2);     // always -2
+    w.u16(0);      // always 0
+    w.u32(65536);  // always 65536
+    w.u32(72);     // size of the structure alone
     w.f64(a.mSampleRate);
     w.u32(a.mChannelsPerFrame);
     w.u32(0x7F000000);
@@ -305,13 +305,20 @@ std::string compressorName(FourCharCode codecType)
         const char* name;
     };
     static constexpr Name kNames[] = {
-        {fourCC("dvc "), "DV NTSC"},          {fourCC("dvcp"), "DV PAL"},
-        {fourCC("dv5n"), "DVCPRO50 NTSC"},    {fourCC("dv5p"), "DVCPRO50 PAL"},
-        {fourCC("jpeg"), "Motion JPEG"},      {fourCC("dvhp"), "DVCPRO HD 720p60"},
-        {fourCC("dvh6"), "DVCPRO HD 1080i60"}, {fourCC("dvh5"), "DVCPRO HD 1080i50"},
-        {fourCC("icod"), "AIC"},              {fourCC("apch"), "ProRes 422 HQ"},
-        {fourCC("apcn"), "ProRes 422"},       {fourCC("apcs"), "ProRes 422 LT"},
-        {fourCC("apco"), "ProRes 422 Proxy"}, {fourCC("ap4h"), "ProRes 4444"},
+        {fourCC("dvc "), "DV NTSC"},
+        {fourCC("dvcp"), "DV PAL"},
+        {fourCC("dv5n"), "DVCPRO50 NTSC"},
+        {fourCC("dv5p"), "DVCPRO50 PAL"},
+        {fourCC("jpeg"), "Motion JPEG"},
+        {fourCC("dvhp"), "DVCPRO HD 720p60"},
+        {fourCC("dvh6"), "DVCPRO HD 1080i60"},
+        {fourCC("dvh5"), "DVCPRO HD 1080i50"},
+        {fourCC("icod"), "AIC"},
+        {fourCC("apch"), "ProRes 422 HQ"},
+        {fourCC("apcn"), "ProRes 422"},
+        {fourCC("apcs"), "ProRes 422 LT"},
+        {fourCC("apco"), "ProRes 422 Proxy"},
+        {fourCC("ap4h"), "ProRes 4444"},
         {fourCC("ap4x"), "ProRes 4444 XQ"},
     };
     for (const auto& n : kNames)

@@ -18,8 +18,8 @@ class MovieFile {
 public:
     static constexpr size_t kBufferSize = 4u << 20;
     static constexpr size_t kDirectBytes = 256u << 10;  // appended pieces this large are not buffered
-    static constexpr uint64_t kWideAtomOffset = 20;  // after the 20-byte 'ftyp'
-    static constexpr uint64_t kMediaDataStart = 36;  // 'ftyp', 'wide', 'mdat' header
+    static constexpr uint64_t kWideAtomOffset = 20;     // after the 20-byte 'ftyp'
+    static constexpr uint64_t kMediaDataStart = 36;     // 'ftyp', 'wide', 'mdat' header
 
     // Creates the file (never replacing one) and writes the headers.
     static std::optional<MovieFile> create(const std::string& path, Error* error);

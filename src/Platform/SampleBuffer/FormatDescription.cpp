@@ -70,8 +70,8 @@ OSStatus FormatDescription::createTimecode(FourCharCode subType, MediaTime frame
     return kNoErr;
 }
 
-std::shared_ptr<const FormatDescription> FormatDescription::withExtensions(const FormatDescription& base,
-                                                                          const FormatDescriptionExtensions& extensions)
+std::shared_ptr<const FormatDescription> FormatDescription::withExtensions(
+    const FormatDescription& base, const FormatDescriptionExtensions& extensions)
 {
     std::shared_ptr<FormatDescription> made(new FormatDescription(base));  // NOLINT: private constructor
     for (const auto& [key, value] : extensions) made->extensions_[key] = value;

@@ -108,8 +108,8 @@ public:
 
     // Timecode: 'tmcd' samples of one 32-bit frame number each, counted at frameQuanta
     // frames per second of `frameDuration` each.
-    static OSStatus createTimecode(FourCharCode subType, MediaTime frameDuration, uint32_t frameQuanta,
-                                   uint32_t flags, std::shared_ptr<const FormatDescription>* out);
+    static OSStatus createTimecode(FourCharCode subType, MediaTime frameDuration, uint32_t frameQuanta, uint32_t flags,
+                                   std::shared_ptr<const FormatDescription>* out);
     // The same description with string extensions added (or replaced).
     static std::shared_ptr<const FormatDescription> withExtensions(const FormatDescription& base,
                                                                    const FormatDescriptionExtensions& extensions);

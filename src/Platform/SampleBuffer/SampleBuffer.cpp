@@ -26,8 +26,9 @@ OSStatus checkEntries(const BlockBuffer* dataBuffer, int64_t numSamples, std::sp
         // One entry covers every sample, unless it is the whole block (one sample of n durations).
         unsigned __int128 total = 0;
         if (sampleSizes.size() == 1) {
-            total = sampleSizes[0] == dataBuffer->dataLength() ? sampleSizes[0]
-                                                                : (unsigned __int128)sampleSizes[0] * uint64_t(numSamples);
+            total = sampleSizes[0] == dataBuffer->dataLength()
+                        ? sampleSizes[0]
+                        : (unsigned __int128)sampleSizes[0] * uint64_t(numSamples);
         } else {
             for (size_t s : sampleSizes) total += s;
         }

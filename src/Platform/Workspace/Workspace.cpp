@@ -41,8 +41,8 @@ std::string unescapeMountField(const std::string& field)
 
 bool startsWithFolder(const std::string& path, const std::string& folder)
 {
-    return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                              path[folder.size()] == '/');
+    return path == folder ||
+           (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/');
 }
 
 // Percent-encodes a path for a trash record: everything but unreserved characters and "/".
@@ -65,7 +65,7 @@ std::string encodePath(const std::string& path)
 std::string localStamp(const char* pattern)
 {
     const std::time_t now = std::time(nullptr);
-    std::tm tm {};
+    std::tm tm{};
     ::localtime_r(&now, &tm);
     char text[64];
     return std::string(text, std::strftime(text, sizeof text, pattern, &tm));
@@ -115,8 +115,7 @@ std::vector<MountEntry> mountTable()
         std::string id, parent, device, root, mountPoint, options;
         if (!(fields >> id >> parent >> device >> root >> mountPoint >> options)) continue;
         std::string word;
-        while (fields >> word && word != "-") {
-        }
+        while (fields >> word && word != "-") {}
         MountEntry e;
         if (!(fields >> e.fileSystemType >> e.source)) continue;
         e.mountPoint = unescapeMountField(mountPoint);
@@ -133,9 +132,9 @@ bool isLocalVolume(const MountEntry& e)
     for (const char* kernel : {"/proc", "/sys", "/dev"}) {
         if (startsWithFolder(e.mountPoint, kernel)) return false;
     }
-    static const std::array<const char*, 18> local = {
-        "tmpfs", "ramfs", "ext2", "ext3", "ext4", "xfs", "btrfs", "vfat", "msdos", "exfat",
-        "ntfs", "ntfs3", "fuseblk", "hfsplus", "f2fs", "zfs", "iso9660", "udf"};
+    static const std::array<const char*, 18> local = {"tmpfs",   "ramfs",   "ext2",  "ext3",  "ext4",    "xfs",
+                                                      "btrfs",   "vfat",    "msdos", "exfat", "ntfs",    "ntfs3",
+                                                      "fuseblk", "hfsplus", "f2fs",  "zfs",   "iso9660", "udf"};
     if (std::find(local.begin(), local.end(), e.fileSystemType) != local.end()) return true;
     struct stat st {};
     return e.source.rfind("/dev/", 0) == 0 && ::stat(e.source.c_str(), &st) == 0 && S_ISBLK(st.st_mode);
@@ -151,10 +150,7 @@ std::vector<std::string> mountedLocalVolumePaths()
     return paths;
 }
 
-bool isFilePackageAtPath(const std::string& path)
-{
-    return isPackagePath(path);
-}
+bool isFilePackageAtPath(const std::string& path) { return isPackagePath(path); }
 
 namespace trash {
 
@@ -171,10 +167,11 @@ std::optional<std::string> reserve(const std::string& item, const std::string& f
 
     const std::string original = absolutePath(item);
     const std::string name = lastPathComponent(original);
-    const std::string record = format("[Trash Info]\nPath=%@\nDeletionDate=%@\n", encodePath(original),
-                                      localStamp("%Y-%m-%dT%H:%M:%S"));
+    const std::string record =
+        format("[Trash Info]\nPath=%@\nDeletionDate=%@\n", encodePath(original), localStamp("%Y-%m-%dT%H:%M:%S"));
     const auto taken = [&](const std::string& n) {
-        return itemExists(appendPathComponent(filesDir, n)) || itemExists(appendPathComponent(infoDir, n + ".trashinfo"));
+        return itemExists(appendPathComponent(filesDir, n)) ||
+               itemExists(appendPathComponent(infoDir, n + ".trashinfo"));
     };
     std::string candidate = name;
     std::string dated;
@@ -208,17 +205,15 @@ std::optional<std::string> reserve(const std::string& item, const std::string& f
             return std::nullopt;
         }
         struct stat owner {};
-        if (::geteuid() == 0 && ::stat(infoDir.c_str(), &owner) == 0) ::chown(infoPath.c_str(), owner.st_uid, owner.st_gid);
+        if (::geteuid() == 0 && ::stat(infoDir.c_str(), &owner) == 0)
+            ::chown(infoPath.c_str(), owner.st_uid, owner.st_gid);
         return appendPathComponent(filesDir, candidate);
     }
     if (error) *error = Error::fromErrno(EEXIST);
     return std::nullopt;
 }
 
-void release(const std::string& destination)
-{
-    ::unlink(infoPathFor(destination).c_str());
-}
+void release(const std::string& destination) { ::unlink(infoPathFor(destination).c_str()); }
 
 std::optional<std::string> recycle(const std::string& item, const std::string& filesDir, Error* error)
 {

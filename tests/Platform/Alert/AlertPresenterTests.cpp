@@ -144,8 +144,8 @@ TEST(HeadlessAlertPresenter, LogsTheTextsAndAnswersWithTheDefaultButtonAtOnce)
 {
     ScopedSystemLogCapture capture;
     Answer answer;
-    auto session = makeHeadlessAlertPresenter()->present(
-        content("Unknown video format", "Format code 99 (%@ 50%)"), answer.completion());
+    auto session = makeHeadlessAlertPresenter()->present(content("Unknown video format", "Format code 99 (%@ 50%)"),
+                                                         answer.completion());
     ASSERT_NE(session, nullptr);
     EXPECT_EQ(answer.calls(), 1) << "answered before present returns";
     EXPECT_EQ(answer.wait(), kAlertDefaultReturn);

@@ -36,18 +36,25 @@ TEST(AssetTest, ContainersTracksAndDescriptions)
     };
     const std::string pictures = "testsrc=s=64x48:r=25:d=0.2";
     const Case cases[] = {
-        {"a.mov", join({lavfi(pictures), lavfi(constantAudio({1}, 48000, 0.2)), {"-c:v", "mjpeg", "-c:a", "pcm_s16be"}}),
+        {"a.mov",
+         join({lavfi(pictures), lavfi(constantAudio({1}, 48000, 0.2)), {"-c:v", "mjpeg", "-c:a", "pcm_s16be"}}),
          fourCC("jpeg"), "Motion JPEG", kAudioFormatLinearPCM, 1, 14},
         {"a.mp4", join({lavfi(pictures), lavfi(constantAudio({1, 2}, 44100, 0.2)), {"-c:v", "mpeg4", "-c:a", "aac"}}),
          fourCC("mp4v"), "MPEG-4 part 2", fourCC("aac "), 2, 0},
-        {"a.mxf", join({lavfi("testsrc=s=720x576:r=25:d=0.2"), lavfi(constantAudio({1}, 48000, 0.2)),
-                        {"-c:v", "mpeg2video", "-c:a", "pcm_s16le"}}),
+        {"a.mxf",
+         join({lavfi("testsrc=s=720x576:r=25:d=0.2"),
+               lavfi(constantAudio({1}, 48000, 0.2)),
+               {"-c:v", "mpeg2video", "-c:a", "pcm_s16le"}}),
          fourCC("m2v1"), "MPEG-2 video", kAudioFormatLinearPCM, 1, 12},
-        {"a.avi", join({lavfi(pictures), lavfi(constantAudio({1, 2, 3, 4, 5, 6}, 48000, 0.2)),
-                        {"-c:v", "mjpeg", "-c:a", "pcm_s16le"}}),
+        {"a.avi",
+         join({lavfi(pictures),
+               lavfi(constantAudio({1, 2, 3, 4, 5, 6}, 48000, 0.2)),
+               {"-c:v", "mjpeg", "-c:a", "pcm_s16le"}}),
          fourCC("jpeg"), "Motion JPEG", kAudioFormatLinearPCM, 6, 12},
-        {"a.dv", join({lavfi("testsrc=s=720x576:r=25:d=0.12"), lavfi(constantAudio({1, 2}, 48000, 0.12)),
-                       {"-pix_fmt", "yuv420p", "-c:v", "dvvideo", "-c:a", "pcm_s16le", "-f", "dv"}}),
+        {"a.dv",
+         join({lavfi("testsrc=s=720x576:r=25:d=0.12"),
+               lavfi(constantAudio({1, 2}, 48000, 0.12)),
+               {"-pix_fmt", "yuv420p", "-c:v", "dvvideo", "-c:a", "pcm_s16le", "-f", "dv"}}),
          fourCC("dvcp"), "DV - PAL", kAudioFormatLinearPCM, 2, 12},
     };
     for (const Case& c : cases) {
@@ -95,8 +102,8 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string size = std::string(c.codec) == "mjpeg" ? "64x48" : "720x576";
-        const std::string path = makeTestMovie(
-            c.name, join({lavfi("testsrc=s=" + size + ":r=" + c.rate + ":d=0.1"), {"-c:v", c.codec, "-timecode", c.start}}));
+        const std::string path = makeTestMovie(c.name, join({lavfi("testsrc=s=" + size + ":r=" + c.rate + ":d=0.1"),
+                                                             {"-c:v", c.codec, "-timecode", c.start}}));
         ASSERT_FALSE(path.empty());
         const AssetRef asset = Asset::assetWithPath(path);
         const auto timecode = asset->tracksWithMediaType(MediaType::Timecode);
@@ -121,14 +128,14 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
 
 TEST(AssetReaderTest, LinearPCMOutputsConvertRateChannelsSizeAndOrder)
 {
-    const std::string path = makeTestMovie(
-        "pcm.mov", join({lavfi(constantAudio({8192, -8192}, 48000, 0.5)), {"-c:a", "pcm_s16le"}}));
+    const std::string path =
+        makeTestMovie("pcm.mov", join({lavfi(constantAudio({8192, -8192}, 48000, 0.5)), {"-c:a", "pcm_s16le"}}));
     ASSERT_FALSE(path.empty());
     const AssetRef asset = Asset::assetWithPath(path);
     struct Case {
         AudioOutputSettings settings;
         std::vector<uint8_t> firstFrame;  // bytes of the first frame
-        uint64_t frames;                   // frames over the whole half second
+        uint64_t frames;                  // frames over the whole half second
     };
     const Case cases[] = {
         {{0, 0, 16, false, false, 0}, {0x00, 0x20, 0x00, 0xE0}, 24000},
@@ -165,9 +172,9 @@ TEST(AssetReaderTest, LinearPCMOutputsConvertRateChannelsSizeAndOrder)
 
 TEST(AssetReaderTest, TimeRangeAndStatuses)
 {
-    const std::string path = makeTestMovie(
-        "range.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.4"), lavfi(constantAudio({100}, 48000, 0.4)),
-                           {"-c:v", "mjpeg", "-c:a", "pcm_s16le"}}));
+    const std::string path = makeTestMovie("range.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.4"),
+                                                              lavfi(constantAudio({100}, 48000, 0.4)),
+                                                              {"-c:v", "mjpeg", "-c:a", "pcm_s16le"}}));
     const AssetRef asset = Asset::assetWithPath(path);
     auto reader = AssetReader::create(asset, nullptr);
     reader->setTimeRange(MediaTime::make(4, 25), MediaTime::make(4, 25));
@@ -215,7 +222,8 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
     EXPECT_EQ(remote->urlScheme(), "https");
 
     // A file URL with escapes reaches the same movie as its path.
-    const std::string source = makeTestMovie("name with space.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.2"), {"-c:v", "mjpeg"}}));
+    const std::string source =
+        makeTestMovie("name with space.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.2"), {"-c:v", "mjpeg"}}));
     std::string escaped = source;
     escaped.replace(escaped.find("name with space"), 15, "name%20with%20space");
     EXPECT_TRUE(Asset::assetWithURL("file://" + escaped)->isReadable());

@@ -53,7 +53,10 @@ TEST(DispatchQueueConcurrency, PendingWorkKeepsQueueAlive)
     {
         auto queue = DispatchQueue::createSerial("com.test.alive");
         weak = queue;
-        queue->async([&] { release.wait(); ++ran; });
+        queue->async([&] {
+            release.wait();
+            ++ran;
+        });
         for (int i = 0; i < 10; ++i) queue->async([&] { ++ran; });
         queue->async([&] { done.signal(); });
     }
@@ -118,8 +121,14 @@ TEST(DispatchGroupConcurrency, ManyEntersAndLeavesFromManyThreads)
     DispatchSemaphore fired(0);
     constexpr int kThreads = 8, kEach = 1000;
     group.enter();  // held until every thread is started so notify cannot fire early
-    group.notify(DispatchQueue::global(), [&] { ++notified; fired.signal(); });
-    group.notify(DispatchQueue::global(), [&] { ++notified; fired.signal(); });
+    group.notify(DispatchQueue::global(), [&] {
+        ++notified;
+        fired.signal();
+    });
+    group.notify(DispatchQueue::global(), [&] {
+        ++notified;
+        fired.signal();
+    });
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&] {
@@ -139,7 +148,10 @@ TEST(DispatchGroupConcurrency, ManyEntersAndLeavesFromManyThreads)
     EXPECT_EQ(counter.load(), kThreads * kEach);
     EXPECT_EQ(notified.load(), 2);
     // A notify on an empty group fires at once.
-    group.notify(DispatchQueue::global(), [&] { ++notified; fired.signal(); });
+    group.notify(DispatchQueue::global(), [&] {
+        ++notified;
+        fired.signal();
+    });
     ASSERT_TRUE(fired.wait(30s));
     EXPECT_EQ(notified.load(), 3);
 }

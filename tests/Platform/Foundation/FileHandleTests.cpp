@@ -32,7 +32,8 @@ public:
     {
         if (offset >= bytes_.size()) return {};
         const size_t end = std::min(bytes_.size(), offset + length);
-        return std::vector<uint8_t>(bytes_.begin() + static_cast<long>(offset), bytes_.begin() + static_cast<long>(end));
+        return std::vector<uint8_t>(bytes_.begin() + static_cast<long>(offset),
+                                    bytes_.begin() + static_cast<long>(end));
     }
 
 private:
@@ -58,13 +59,13 @@ TEST(FileHandle, SeeksAndReadsAcrossTheWindow)
         size_t length;
     };
     const Step steps[] = {
-        {0, 4},       {4, 4},       {60, 10},    // crosses the first window's end
-        {2, 2},                                  // back inside an old window
-        {5000, 100},                             // larger than the window: straight read
-        {4990, 20},   {30, 1},                   // backwards, far
-        {9990, 100},                             // runs into the end of the file
-        {10000, 5},   {20000, 5},                // at and after the end
-        {0, 0},       {63, 2},     {9999, 1},
+        {0, 4},      {4, 4},     {60, 10},  // crosses the first window's end
+        {2, 2},                             // back inside an old window
+        {5000, 100},                        // larger than the window: straight read
+        {4990, 20},  {30, 1},               // backwards, far
+        {9990, 100},                        // runs into the end of the file
+        {10000, 5},  {20000, 5},            // at and after the end
+        {0, 0},      {63, 2},    {9999, 1},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(testing::Message() << "offset " << step.offset << " length " << step.length);

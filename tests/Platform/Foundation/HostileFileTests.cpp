@@ -67,9 +67,10 @@ TEST(HostilePropertyLists, BinaryNestingCyclesAndBlowUpsAreRefused)
 
 TEST(HostilePropertyLists, Utf16XmlReadsInBothByteOrders)
 {
-    const std::u16string xml = u"<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist version=\"1.0\"><dict>"
-                               u"<key>name</key><string>caf\u00e9 \U0001F3AC</string><key>n</key><integer>7</integer>"
-                               u"</dict></plist>";
+    const std::u16string xml =
+        u"<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist version=\"1.0\"><dict>"
+        u"<key>name</key><string>caf\u00e9 \U0001F3AC</string><key>n</key><integer>7</integer>"
+        u"</dict></plist>";
     const Value doc(Value::DictionaryType{{"name", Value("caf\u00e9 \U0001F3AC")}, {"n", Value(7)}});
     for (const bool bigEndian : {false, true}) {
         for (const bool mark : {true, false}) {

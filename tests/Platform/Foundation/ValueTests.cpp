@@ -74,8 +74,8 @@ TEST(Value, ConversionsTable)
         {"string 12abc", Value("12abc"), 12, 12, 12, 12.0, 12, true},
         {"string spaced", Value("  -7 "), -7, -7, -7, -7.0, static_cast<uint64_t>(-7), true},
         {"string real", Value("29.97fps"), 29, 29, 29, 29.97, 29, true},
-        {"string big", Value("99999999999"), 99999999999, std::numeric_limits<int32_t>::max(), static_cast<int16_t>(99999999999),
-         99999999999.0, 99999999999, true},
+        {"string big", Value("99999999999"), 99999999999, std::numeric_limits<int32_t>::max(),
+         static_cast<int16_t>(99999999999), 99999999999.0, 99999999999, true},
         {"string yes", Value("YES"), 0, 0, 0, 0.0, 0, true},
         {"string 0", Value("000"), 0, 0, 0, 0.0, 0, false},
         {"string junk", Value("abc"), 0, 0, 0, 0.0, 0, false},
@@ -96,7 +96,8 @@ TEST(Value, ConversionsTable)
         EXPECT_EQ(row.value.boolValue(), row.boolean);
     }
     EXPECT_EQ(Value(30).floatValue(), 30.0f);
-    EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).unsignedLongLongValue(), std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).unsignedLongLongValue(),
+              std::numeric_limits<uint64_t>::max());
     EXPECT_EQ(Value(std::nan("")).integerValue(), 0);
     EXPECT_EQ(Value(1e300).integerValue(), std::numeric_limits<int64_t>::max());
 }

@@ -49,12 +49,11 @@ TEST(MediaTime, ConvertScaleRoundsHalfAwayFromZeroAndFlagsRounding)
         int64_t expected;
         bool rounded;
     } rows[] = {
-        {1001, 30000, 600, 20, true},  // 20.02
-        {3003, 30000, 600, 60, true},  // 60.06
-        {1, 48000, 48000, 1, false},   {48000, 48000, 600, 600, false},
-        {1, 2, 1, 1, true},            // 0.5 -> 1
-        {-1, 2, 1, -1, true},          // -0.5 -> -1
-        {5, 4, 2, 3, true},            // 2.5 -> 3
+        {1001, 30000, 600, 20, true},                                                       // 20.02
+        {3003, 30000, 600, 60, true},                                                       // 60.06
+        {1, 48000, 48000, 1, false},  {48000, 48000, 600, 600, false}, {1, 2, 1, 1, true},  // 0.5 -> 1
+        {-1, 2, 1, -1, true},                                                               // -0.5 -> -1
+        {5, 4, 2, 3, true},                                                                 // 2.5 -> 3
         {900, 30000, 600, 18, false},
     };
     for (const auto& r : rows) {

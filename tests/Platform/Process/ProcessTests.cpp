@@ -19,10 +19,7 @@ using namespace corvina::test;
 
 namespace {
 
-std::string text(const Process::Bytes& bytes)
-{
-    return std::string(bytes.begin(), bytes.end());
-}
+std::string text(const Process::Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 struct ShellRun {
     Process::Bytes out;
@@ -31,7 +28,7 @@ struct ShellRun {
 };
 
 ShellRun runShell(const std::string& script, Process::Stream out = Process::Stream::Pipe,
-             Process::Stream err = Process::Stream::Pipe)
+                  Process::Stream err = Process::Stream::Pipe)
 {
     Process p;
     p.setLaunchPath("/bin/sh");

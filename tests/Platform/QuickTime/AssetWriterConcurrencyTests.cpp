@@ -20,7 +20,7 @@ struct Pump {
     std::shared_ptr<AssetWriterInput> input;
     std::shared_ptr<DispatchQueue> queue;
     std::function<std::unique_ptr<SampleBuffer>()> next;  // null at the end
-    std::atomic<int64_t> appendedEnd{0};  // in microseconds, for the window check
+    std::atomic<int64_t> appendedEnd{0};                  // in microseconds, for the window check
     std::function<int64_t(const SampleBuffer&)> endOf;
     bool finished = false;
     int appended = 0;
@@ -87,7 +87,9 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
         int i = vi++;
         return oneSample(vf, frame, MediaTime::make(i, 25), MediaTime::make(1, 25));
     };
-    v.endOf = [](const SampleBuffer& s) { return int64_t((s.presentationTimeStamp() + s.duration()).getSeconds() * 1e6 + 0.5); };
+    v.endOf = [](const SampleBuffer& s) {
+        return int64_t((s.presentationTimeStamp() + s.duration()).getSeconds() * 1e6 + 0.5);
+    };
     a.input = audio;
     a.queue = DispatchQueue::createSerial("test rw audio serialization queue");
     int64_t ai = 0;

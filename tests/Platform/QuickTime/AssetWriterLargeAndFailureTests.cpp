@@ -81,11 +81,12 @@ TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
                     return;
                 }
                 int i = (*count)++;
-                auto s = isVideo ? oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))
-                                 : makeSample(af, pcm.data(), pcm.size(), 1601,
-                                              {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000),
-                                                MediaTime::invalid()}},
-                                              {2});
+                auto s =
+                    isVideo ? oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))
+                            : makeSample(
+                                  af, pcm.data(), pcm.size(), 1601,
+                                  {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000), MediaTime::invalid()}},
+                                  {2});
                 if (!input->appendSampleBuffer(*s)) ++refused;
             }
         });
@@ -105,8 +106,8 @@ TEST(AssetWriter, CancelRemovesThePartialMovie)
     OpenWriter w(path, false, false);
     ASSERT_TRUE(w.writer);
     auto& writer = w.writer;
-    EXPECT_TRUE(w.video->appendSampleBuffer(
-        *oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1), MediaTime::zero(), MediaTime::make(1001, 30000))));
+    EXPECT_TRUE(w.video->appendSampleBuffer(*oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1),
+                                                       MediaTime::zero(), MediaTime::make(1001, 30000))));
     writer->cancelWriting();
     EXPECT_EQ(writer->status(), AssetWriterStatus::Cancelled);
     EXPECT_FALSE(writer->finishWriting());

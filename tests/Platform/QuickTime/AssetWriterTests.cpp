@@ -102,13 +102,14 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         int framesPerBuffer;  // 1: one frame a buffer; more: multi-sample buffers
         const char* channelLayout;
     } rows[] = {
-        {48000, Layout::Stereo, false, 1, "stereo"}, {44100, Layout::Stereo, true, 1, "stereo"},
-        {32000, Layout::Mono, false, 1, "mono"},     {48000, Layout::Mono, true, 480, "mono"},
-        {48000, Layout::LtRt, false, 1, nullptr},    {44100, Layout::LtRt, true, 441, nullptr},
+        {48000, Layout::Stereo, false, 1, "stereo"},   {44100, Layout::Stereo, true, 1, "stereo"},
+        {32000, Layout::Mono, false, 1, "mono"},       {48000, Layout::Mono, true, 480, "mono"},
+        {48000, Layout::LtRt, false, 1, nullptr},      {44100, Layout::LtRt, true, 441, nullptr},
         {32000, Layout::Stereo, false, 320, "stereo"},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(std::to_string(r.rate) + " layout " + std::to_string(int(r.layout)) + (r.bigEndian ? " BE" : " LE"));
+        SCOPED_TRACE(std::to_string(r.rate) + " layout " + std::to_string(int(r.layout)) +
+                     (r.bigEndian ? " BE" : " LE"));
         TempDir dir;
         std::string path = dir / "audio.mov";
         uint32_t channels = r.layout == Layout::Mono ? 1 : 2;
@@ -121,8 +122,8 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
             ASSERT_TRUE(w.writer);
             for (size_t at = 0; at < frames; at += size_t(r.framesPerBuffer)) {
                 auto s = makeSample(format, &pcm[at * bpf], bpf * size_t(r.framesPerBuffer), r.framesPerBuffer,
-                                    {{MediaTime::make(1, int32_t(r.rate)), MediaTime::make(int64_t(at), int32_t(r.rate)),
-                                      MediaTime::invalid()}},
+                                    {{MediaTime::make(1, int32_t(r.rate)),
+                                      MediaTime::make(int64_t(at), int32_t(r.rate)), MediaTime::invalid()}},
                                     {bpf});
                 ASSERT_TRUE(w.audio->appendSampleBuffer(*s));
             }
@@ -149,7 +150,8 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
             EXPECT_EQ(t.layoutTag, 0u);
             EXPECT_EQ(t.channelLabels, (std::vector<uint32_t>{42, 42}));
         } else {
-            EXPECT_EQ(t.layoutTag, r.layout == Layout::Stereo ? kAudioChannelLayoutTag_Stereo : kAudioChannelLayoutTag_Mono);
+            EXPECT_EQ(t.layoutTag,
+                      r.layout == Layout::Stereo ? kAudioChannelLayoutTag_Stereo : kAudioChannelLayoutTag_Mono);
         }
         // Chunks of about half a second.
         for (uint32_t n : t.samplesPerChunk()) EXPECT_LE(n, r.rate / 2 + uint32_t(r.framesPerBuffer));
@@ -186,17 +188,17 @@ TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
         EXPECT_TRUE(w.video->appendSampleBuffer(
             *makeSample(f, bytes.data(), 6000, 3, {{d, MediaTime::zero(), MediaTime::invalid()}}, {1000, 2000, 3000})));
         // Three equal samples from one size entry.
-        EXPECT_TRUE(w.video->appendSampleBuffer(
-            *makeSample(f, bytes.data() + 6000, 3000, 3, {{d, MediaTime::make(3003, 30000), MediaTime::invalid()}}, {1000})));
+        EXPECT_TRUE(w.video->appendSampleBuffer(*makeSample(
+            f, bytes.data() + 6000, 3000, 3, {{d, MediaTime::make(3003, 30000), MediaTime::invalid()}}, {1000})));
         // One size entry naming the whole block: one sample lasting two durations.
         EXPECT_TRUE(w.video->appendSampleBuffer(
             *makeSample(f, bytes.data(), 3001, 2, {{d, MediaTime::make(6006, 30000), MediaTime::invalid()}}, {3001})));
         // Per-sample timing entries.
-        EXPECT_TRUE(w.video->appendSampleBuffer(*makeSample(
-            f, bytes.data(), 200, 2,
-            {{MediaTime::make(1001, 30000), MediaTime::make(8008, 30000), MediaTime::invalid()},
-             {MediaTime::make(2002, 30000), MediaTime::make(9009, 30000), MediaTime::invalid()}},
-            {100, 100})));
+        EXPECT_TRUE(w.video->appendSampleBuffer(
+            *makeSample(f, bytes.data(), 200, 2,
+                        {{MediaTime::make(1001, 30000), MediaTime::make(8008, 30000), MediaTime::invalid()},
+                         {MediaTime::make(2002, 30000), MediaTime::make(9009, 30000), MediaTime::invalid()}},
+                        {100, 100})));
         EXPECT_TRUE(w.writer->finishWriting());
     }
     const MovieSummary m = checkedSummary(path);
@@ -270,15 +272,16 @@ TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
     TempDir dir;
     OpenWriter w(dir / "refuse.mov");
     ASSERT_TRUE(w.writer);
-    auto audioSample = oneSample(audioFormat(48000, Layout::Mono, false), {1, 2}, MediaTime::zero(), MediaTime::make(1, 48000));
+    auto audioSample =
+        oneSample(audioFormat(48000, Layout::Mono, false), {1, 2}, MediaTime::zero(), MediaTime::make(1, 48000));
     EXPECT_FALSE(w.video->appendSampleBuffer(*audioSample)) << "audio on a video track";
     EXPECT_TRUE(w.audio->appendSampleBuffer(*audioSample));
     w.audio->markAsFinished();
     EXPECT_FALSE(w.audio->appendSampleBuffer(*audioSample)) << "after markAsFinished";
     EXPECT_FALSE(w.audio->isReadyForMoreMediaData());
     EXPECT_TRUE(w.writer->finishWriting());
-    EXPECT_FALSE(w.video->appendSampleBuffer(*oneSample(videoFormat(fourCC("dvc "), 720, 480), {1, 2, 3},
-                                                        MediaTime::zero(), MediaTime::make(1001, 30000))));
+    EXPECT_FALSE(w.video->appendSampleBuffer(
+        *oneSample(videoFormat(fourCC("dvc "), 720, 480), {1, 2, 3}, MediaTime::zero(), MediaTime::make(1001, 30000))));
     EXPECT_FALSE(AssetWriterInput::create(MediaType::Video, &w));  // output settings are not supported
 }
 

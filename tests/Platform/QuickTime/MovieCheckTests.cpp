@@ -44,8 +44,8 @@ TEST(MovieFile, HeadersAreTheReservedLayout)
     TempDir dir;
     auto bytes = readBytes(smallMovie(dir));
     ASSERT_GT(bytes.size(), 36u);
-    const uint8_t expected[28] = {0, 0, 0, 20, 'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
-                                  0x03, 0x00, 'q', 't', ' ', ' ', 0, 0, 0, 8, 'w', 'i', 'd', 'e'};
+    const uint8_t expected[28] = {0,    0,    0,   20,  'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
+                                  0x03, 0x00, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 28), std::vector<uint8_t>(expected, expected + 28));
     EXPECT_EQ(std::memcmp(&bytes[32], "mdat", 4), 0);
     uint32_t mdatSize = uint32_t(bytes[28]) << 24 | uint32_t(bytes[29]) << 16 | uint32_t(bytes[30]) << 8 | bytes[31];

@@ -85,7 +85,8 @@ std::optional<Job> makeJob(const TempDir& dir, std::vector<std::string> args)
 
 std::vector<uint8_t> bytesOf(const std::vector<uint8_t>& file, const Range& r)
 {
-    return {file.begin() + static_cast<std::ptrdiff_t>(r.offset), file.begin() + static_cast<std::ptrdiff_t>(r.offset + r.length)};
+    return {file.begin() + static_cast<std::ptrdiff_t>(r.offset),
+            file.begin() + static_cast<std::ptrdiff_t>(r.offset + r.length)};
 }
 
 struct Decoded {
@@ -143,8 +144,7 @@ TEST(SampleJob, DvNtscJobHasTheSettingsKeysAndDecodableFrames)
     EXPECT_EQ(s["fHeight"].shortValue(), 480);
 
     ASSERT_EQ(job->frames.size(), 6u);  // round(0.2 x 29.97)
-    for (size_t i = 0; i < job->frames.size(); ++i)
-        EXPECT_EQ(s["offsetArray"][i]["frameCount"].integerValue(), 1);
+    for (size_t i = 0; i < job->frames.size(); ++i) EXPECT_EQ(s["offsetArray"][i]["frameCount"].integerValue(), 1);
     expectOrderedInside(job->frames, job->video.size());
     expectOrderedInside(job->runs, job->audio.size());
     for (size_t i : {size_t{0}, job->frames.size() - 1}) {
@@ -168,7 +168,8 @@ class SampleJobProRes : public ::testing::TestWithParam<ProResCase> {};
 TEST_P(SampleJobProRes, FramesDecodeAtTheRequestedSize)
 {
     TempDir dir;
-    auto job = makeJob(dir, {"--video", GetParam().code, "--audio", "0", "--seconds", "0.2", "--width", "320", "--height", "240"});
+    auto job = makeJob(
+        dir, {"--video", GetParam().code, "--audio", "0", "--seconds", "0.2", "--width", "320", "--height", "240"});
     ASSERT_TRUE(job);
     EXPECT_EQ(job->settings["fWidth"].shortValue(), 320);
     EXPECT_EQ(job->settings["fHeight"].shortValue(), 240);
@@ -199,12 +200,13 @@ TEST(SampleJob, OtherVideoRowsCarryTheirCodecsAndSizes)
 {
     struct Row {
         const char* code;
-        AVCodecID codec;  // AV_CODEC_ID_NONE: random bytes
-        int width, height;          // decoded (coded) size
-        int docWidth, docHeight;    // size in the document
+        AVCodecID codec;          // AV_CODEC_ID_NONE: random bytes
+        int width, height;        // decoded (coded) size
+        int docWidth, docHeight;  // size in the document
     };
-    for (const Row& row : {Row{"10", AV_CODEC_ID_DVVIDEO, 960, 720, 1280, 720}, Row{"4", AV_CODEC_ID_MJPEG, 720, 576, 720, 576},
-                           Row{"20", AV_CODEC_ID_NONE, 0, 0, 640, 360}}) {
+    for (const Row& row :
+         {Row{"10", AV_CODEC_ID_DVVIDEO, 960, 720, 1280, 720}, Row{"4", AV_CODEC_ID_MJPEG, 720, 576, 720, 576},
+          Row{"20", AV_CODEC_ID_NONE, 0, 0, 640, 360}}) {
         SCOPED_TRACE(row.code);
         TempDir dir;
         auto job = makeJob(dir, {"--video", row.code, "--seconds", "0.1", "--width", "640", "--height", "360"});
@@ -240,9 +242,11 @@ void expectContinuousTone(const Job& job, int channels, bool bigEndian, int rate
             for (int c = 0; c < channels; ++c, p += 2) {
                 const auto u = static_cast<uint16_t>(bigEndian ? (p[0] << 8) | p[1] : (p[1] << 8) | p[0]);
                 const double hz = 440.0 * (c + 2) / 2;
-                const double expected = 0.5 * 32767 * std::sin(2 * std::numbers::pi * hz * static_cast<double>(frame) / rate);
+                const double expected =
+                    0.5 * 32767 * std::sin(2 * std::numbers::pi * hz * static_cast<double>(frame) / rate);
                 if (std::abs(static_cast<int16_t>(u) - expected) > 1.5 && mismatches++ < 3)
-                    ADD_FAILURE() << "frame " << frame << " channel " << c << ": " << static_cast<int16_t>(u) << " vs " << expected;
+                    ADD_FAILURE() << "frame " << frame << " channel " << c << ": " << static_cast<int16_t>(u) << " vs "
+                                  << expected;
             }
         }
     }
@@ -257,11 +261,12 @@ TEST(SampleJob, AudioRowsGiveTheToneInRunsOfWholeFrames)
         bool bigEndian;
         int rate;
     };
-    for (const Row& row : {Row{"1", 2, false, 44100}, Row{"8", 1, true, 48000}, Row{"12", 1, true, 32000}, Row{"14", 2, true, 48000},
-                           Row{"17", 2, false, 32000}}) {
+    for (const Row& row : {Row{"1", 2, false, 44100}, Row{"8", 1, true, 48000}, Row{"12", 1, true, 32000},
+                           Row{"14", 2, true, 48000}, Row{"17", 2, false, 32000}}) {
         SCOPED_TRACE(row.code);
         TempDir dir;
-        auto job = makeJob(dir, {"--video", "20", "--audio", row.code, "--seconds", "0.3", "--width", "64", "--height", "64"});
+        auto job =
+            makeJob(dir, {"--video", "20", "--audio", row.code, "--seconds", "0.3", "--width", "64", "--height", "64"});
         ASSERT_TRUE(job);
         EXPECT_EQ(job->settings["audioFormat"].integerValue(), std::atoi(row.code));
         expectOrderedInside(job->runs, job->audio.size());
@@ -277,7 +282,8 @@ TEST(SampleJob, OddRunBytesAreNotCountedAsAudio)
         SCOPED_TRACE(code);
         const int channels = std::string(code) == "3" ? 1 : 2;
         TempDir dir;
-        auto job = makeJob(dir, {"--video", "20", "--audio", code, "--seconds", "0.5", "--odd-run-bytes", "--seed", "7"});
+        auto job =
+            makeJob(dir, {"--video", "20", "--audio", code, "--seconds", "0.5", "--odd-run-bytes", "--seed", "7"});
         ASSERT_TRUE(job);
         int partial = 0;
         for (const Range& r : job->runs) partial += r.length % (2 * channels) != 0;
@@ -292,7 +298,8 @@ TEST(SampleJob, SeedReproducesTheFilesAndNoJunkPacksThem)
     const std::vector<std::string> args = {"--video", "1", "--audio", "6", "--seconds", "0.2", "--seed", "42"};
     auto first = makeJob(a, args);
     auto second = makeJob(b, args);
-    auto packed = makeJob(c, {"--video", "1", "--audio", "6", "--seconds", "0.2", "--seed", "43", "--no-junk", "--distinct-frames", "2"});
+    auto packed = makeJob(
+        c, {"--video", "1", "--audio", "6", "--seconds", "0.2", "--seed", "43", "--no-junk", "--distinct-frames", "2"});
     ASSERT_TRUE(first && second && packed);
     EXPECT_TRUE(first->video == second->video);
     EXPECT_TRUE(first->audio == second->audio);
@@ -318,7 +325,8 @@ TEST(SampleJob, SeedReproducesTheFilesAndNoJunkPacksThem)
 TEST(SampleJob, FrameRateOptionSetsTheDocumentRateAndFrameCount)
 {
     TempDir dir;
-    auto job = makeJob(dir, {"--video", "20", "--frame-rate", "50", "--seconds", "0.2", "--width", "64", "--height", "64"});
+    auto job =
+        makeJob(dir, {"--video", "20", "--frame-rate", "50", "--seconds", "0.2", "--width", "64", "--height", "64"});
     ASSERT_TRUE(job);
     EXPECT_FLOAT_EQ(job->settings["frameRate"].floatValue(), 50.0f);
     EXPECT_EQ(job->frames.size(), 10u);
