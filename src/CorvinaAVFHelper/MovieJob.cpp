@@ -216,8 +216,6 @@ private:
             p_ = amp;
             if (!readEntity(out)) return false;
         }
-        // A NUL in a text is left to the property-list reader, which has its own rule for it.
-        if (out.find('\0') != std::string::npos) return false;
         Tag tag;
         return readTag(tag) && tag.closing && tag.name == name;
     }
@@ -411,7 +409,7 @@ private:
         // An empty key is refused by the property-list reader: left to it.
         if (tag.name != "key" || tag.empty) return false;
         const char* lt = static_cast<const char*>(std::memchr(p_, '<', size_t(end_ - p_)));
-        if (lt && !std::memchr(p_, '&', size_t(lt - p_)) && !std::memchr(p_, '\0', size_t(lt - p_))) {
+        if (lt && !std::memchr(p_, '&', size_t(lt - p_))) {
             key.assign(p_, size_t(lt - p_));
             p_ = lt;
             Tag close;
