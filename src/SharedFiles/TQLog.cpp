@@ -42,7 +42,7 @@ std::terminate_handler previousTerminate = nullptr;
 
 TQLog::TQLog()
     : file_(std::make_unique<TQLogFile>(loggingDisabled_, noPrinting_)),
-      queue_(std::make_unique<TQLogQueue>([file = file_.get()](const TQLogTexts& texts) { file->write(texts); }))
+      queue_(std::make_unique<TQLogQueue>([file = file_.get()](TQLogTexts& texts) { file->write(texts); }))
 {
     std::atexit([] { TQLog::willTerminate(); });
     pthread_atfork(&TQLog::atforkPrepare, &TQLog::atforkParent, &TQLog::atforkChild);
@@ -104,22 +104,15 @@ void TQLog::queueText(std::string_view text) { queue_->pushText(text); }
 
 void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
 {
-    if (fmt.find('%') == std::string_view::npos) {
+    const size_t percent = fmt.find('%');
+    if (percent == std::string_view::npos) {
         queue_->pushText(fmt);  // nothing to format
-    } else if (queue_->isBehind()) {
-        // The writer is behind and the caller would soon wait for room anyway: formatting
-        // here spreads the work over the callers' threads.
-        Scratch scratch;
-        if (!needsEscaping(fmt))
-            corvina::appendFormatv(scratch.text(), fmt, args);
-        else
-            corvina::appendFormatv(scratch.text(), escapeTextForLogging(fmt), args);
-        queue_->pushText(scratch.text());
-    } else if (!needsEscaping(fmt)) {
-        queue_->pushFormat(fmt, args);
-    } else {
-        queue_->pushFormat(escapeTextForLogging(fmt), args);
+        return;
     }
+    if (!needsEscapingFrom(fmt, percent))
+        queue_->pushFormat(fmt, args);
+    else
+        queue_->pushFormat(escapeTextForLogging(fmt), args);
 }
 
 void TQLog::appendFormatted(Mode mode, std::string_view text)
@@ -182,9 +175,11 @@ std::string TQLog::escapeTextForLogging(std::string_view text)
     return out;
 }
 
-bool TQLog::needsEscaping(std::string_view text)
+bool TQLog::needsEscaping(std::string_view text) { return needsEscapingFrom(text, text.find('%')); }
+
+bool TQLog::needsEscapingFrom(std::string_view text, size_t firstPercent)
 {
-    for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+    for (size_t at = firstPercent; at != std::string_view::npos; at = text.find('%', at + 1)) {
         if (at + 1 < text.size() && kLiteralAfterPercent.find(text[at + 1]) != std::string_view::npos) return true;
         if (text.compare(at, 3, "%%%") == 0) return true;
     }

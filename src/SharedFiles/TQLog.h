@@ -192,6 +192,7 @@ private:
             corvina::appendFormat(out, escapeTextForLogging(fmt), args...);
     }
     static void appendFormatted(Mode mode, std::string_view text);
+    static bool needsEscapingFrom(std::string_view text, size_t firstPercent);
     static void waitIfShort(std::string_view formatted);
     static bool isShort(std::string_view formatted);
     void queueText(std::string_view text);

@@ -104,6 +104,21 @@ const HeaderFacts& headerFacts()
 
 }  // namespace
 
+void TQLogTexts::materialize(size_t from)
+{
+    if (deferred_ == 0) return;
+    for (size_t i = from; i < slots_.size(); ++i) {
+        Slot& slot = slots_[i];
+        if (slot.offset != kDeferred) continue;
+        const size_t start = bytes_.size();
+        maker_(slot.data, bytes_);
+        // The size was measured without making the text; the text made is what counts.
+        assert(bytes_.size() - start == slot.size);
+        slot = {nullptr, bytes_.size() - start, start};
+        if (--deferred_ == 0) break;
+    }
+}
+
 void TQLogTexts::trim(size_t keepBytes)
 {
     if (bytes_.capacity() > keepBytes) {
@@ -250,7 +265,7 @@ std::vector<std::string> TQLogFile::availableLogs(const std::string& appName)
     return logs;
 }
 
-void TQLogFile::write(const TQLogTexts& texts)
+void TQLogFile::write(TQLogTexts& texts)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (disabled_.load()) return;
@@ -308,6 +323,7 @@ void TQLogFile::write(const TQLogTexts& texts)
 
     size_t next = 0;
     if (shortcut_.load(std::memory_order_relaxed) && handle_) next = firstKeptText(texts, written, prefixSize);
+    texts.materialize(next);
     if (next > 0 && !restart(true)) return;
 
     for (size_t i = next; i < texts.size(); ++i) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -19,15 +20,27 @@ class FileHandle;
 }
 
 // Texts waiting to be written, already trimmed and never empty: views of texts held
-// elsewhere (they must outlive the list) or texts formatted into the list's own buffer.
+// elsewhere (they must outlive the list), texts formatted into the list's own buffer, or
+// deferred texts whose size is known and whose bytes are made only when they are needed
+// (materialize), so that texts a batch rotates out of the kept files are never made.
 class TQLogTexts {
 public:
+    // Makes a deferred text: appends it to out, trimmed, from what `source` points at.
+    using Maker = void (*)(const char* source, std::string& out);
+
     void pushView(std::string_view text) { slots_.push_back({text.data(), text.size(), 0}); }
     void push(std::string_view text)
     {
         const size_t start = bytes_.size();
         bytes_.append(text);
         commit(start);
+    }
+    // A text of `size` bytes (never 0) that maker(source, ...) makes later.
+    void pushDeferred(const char* source, size_t size, Maker maker)
+    {
+        maker_ = maker;
+        slots_.push_back({source, size, kDeferred});
+        ++deferred_;
     }
     // Room for one more text written straight into the buffer: append to buffer(), then
     // commit(start) with the size buffer() had before (an empty result is dropped).
@@ -39,27 +52,34 @@ public:
     size_t size() const { return slots_.size(); }
     bool empty() const { return slots_.empty(); }
     size_t sizeAt(size_t i) const { return slots_[i].size; }
+    // Makes the deferred texts from index `from` on; only those may be read afterwards.
+    void materialize(size_t from);
     std::string_view operator[](size_t i) const
     {
         const Slot& slot = slots_[i];
+        assert(slot.offset != kDeferred);
         return std::string_view(slot.data ? slot.data : bytes_.data() + slot.offset, slot.size);
     }
     void clear()
     {
         bytes_.clear();
         slots_.clear();
+        deferred_ = 0;
     }
     // Gives back memory once a burst has passed.
     void trim(size_t keepBytes);
 
 private:
+    static constexpr size_t kDeferred = ~size_t(0);
     struct Slot {
-        const char* data;  // none: at offset in bytes_
+        const char* data;  // a view's text, a deferred text's source; none: at offset in bytes_
         size_t size;
-        size_t offset;
+        size_t offset;  // kDeferred: not made yet
     };
     std::string bytes_;
     std::vector<Slot> slots_;
+    size_t deferred_ = 0;
+    Maker maker_ = nullptr;
 };
 
 class TQLogFile {
@@ -97,7 +117,7 @@ public:
     // the size limit ends with the entry that crossed it and the next starts with its header
     // and "Log truncated at 500KB". Texts that arrive with no file open reopen the current
     // file, or are reported and dropped. Writer thread only.
-    void write(const TQLogTexts& texts);
+    void write(TQLogTexts& texts);
 
     // When a batch crosses so many restarts that its first files would be rotated out of the
     // kept ones before it ends, those files are skipped: neither formatted nor written. On by

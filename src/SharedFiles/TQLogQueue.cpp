@@ -25,7 +25,8 @@ enum : uint8_t { kNone, kSigned, kUnsigned, kDouble, kFloat, kChar, kString, kPo
 constexpr size_t kTextHead = 8 + 1 + 8;
 constexpr size_t kFormatHead = 8 + 1 + 1 + 4;
 constexpr size_t kStackEntry = 320;
-constexpr size_t kInlineArgs = 16;
+// Batches at least this large (bytes of entries) leave plain formats to be made on demand.
+constexpr size_t kDeferredBatch = 256 << 10;
 
 constexpr size_t kCoalesceEntries = 64;  // batches this large suggest a steady stream
 constexpr auto kCoalescePause = std::chrono::milliseconds(2);
@@ -222,8 +223,6 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
         wake = pending_.empty() && writerIdle_;
         pending_.append(entry);
         ++pushedSeq_;
-        if (pending_.size() >= kCapacity / 2 && !behind_.load(std::memory_order_relaxed))
-            behind_.store(true, std::memory_order_relaxed);
     }
     if (wake) queueCv_.notify_one();
 }
@@ -262,7 +261,6 @@ void TQLogQueue::writerLoop()
         writerIdle_ = false;
         if (pending_.empty()) break;
         batch.swap(pending_);
-        behind_.store(false, std::memory_order_relaxed);
         const uint64_t last = pushedSeq_;
         const size_t entries = static_cast<size_t>(last - takenSeq_);
         takenSeq_ = last;
@@ -290,11 +288,73 @@ void TQLogQueue::writerLoop()
     writerId_.store(std::thread::id());
 }
 
+namespace {
+
+// A format entry's arguments, read back from the queue (the entry's format has been read)
+// into a list the thread keeps from entry to entry.
+std::span<const FormatArg> readArgs(const char*& at, uint8_t count)
+{
+    thread_local std::vector<FormatArg> args;
+    args.clear();
+    for (uint8_t i = 0; i < count; ++i) {
+        switch (get<uint8_t>(at)) {
+        case kSigned:
+            args.emplace_back(get<int64_t>(at));
+            break;
+        case kUnsigned:
+            args.emplace_back(get<uint64_t>(at));
+            break;
+        case kDouble:
+            args.emplace_back(get<double>(at));
+            break;
+        case kFloat:
+            args.emplace_back(static_cast<float>(get<double>(at)));
+            break;
+        case kChar:
+            args.emplace_back(static_cast<char>(get<uint8_t>(at)));
+            break;
+        case kString:
+            args.emplace_back(getBytes(at));
+            break;
+        case kPointer:
+            args.emplace_back(reinterpret_cast<const void*>(get<uint64_t>(at)));
+            break;
+        case kObject: {
+            const auto object = reinterpret_cast<const void*>(get<uint64_t>(at));
+            args.push_back(FormatArg::describedObject(object, getBytes(at)));
+            break;
+        }
+        default:
+            args.emplace_back();
+            break;
+        }
+    }
+    return args;
+}
+
+// Formats the format entry whose count byte `at` points at, appending the text trimmed.
+void makeText(const char* at, std::string& out)
+{
+    const uint8_t count = get<uint8_t>(at);
+    const std::string_view format = getBytes(at);
+    const std::span<const FormatArg> args = readArgs(at, count);
+    const size_t start = out.size();
+    corvina::appendFormatv(out, format, args);
+    const std::string_view all(out.data() + start, out.size() - start);
+    const std::string_view kept = corvina::trimWhitespaceAndNewlines(all);
+    const size_t lead = static_cast<size_t>(kept.data() - all.data());
+    if (lead > 0 && !kept.empty()) std::memmove(out.data() + start, kept.data(), kept.size());
+    out.resize(start + kept.size());
+}
+
+}  // namespace
+
 uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
 {
+    // In a large batch a plain format's text is only measured here: the file makes the texts
+    // that outlive the batch's rotations, and a long burst rotates most of them out.
+    const bool defer = entries.size() >= kDeferredBatch;
     uint64_t handled16 = 0;
-    FormatArg inlineArgs[kInlineArgs];
-    std::vector<FormatArg> manyArgs;
     const char* at = entries.data();
     const char* const end = entries.data() + entries.size();
     while (at < end) {
@@ -307,56 +367,22 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
             at = entry + size;
             continue;
         }
+        const char* const body = at;
         const uint8_t count = get<uint8_t>(at);
         const std::string_view format = getBytes(at);
         handled16 += format.size();
-        FormatArg* args = inlineArgs;
-        if (count > kInlineArgs) {
-            manyArgs.resize(count);
-            args = manyArgs.data();
-        }
-        for (uint8_t i = 0; i < count; ++i) {
-            switch (get<uint8_t>(at)) {
-            case kSigned:
-                args[i] = FormatArg(get<int64_t>(at));
-                break;
-            case kUnsigned:
-                args[i] = FormatArg(get<uint64_t>(at));
-                break;
-            case kDouble:
-                args[i] = FormatArg(get<double>(at));
-                break;
-            case kFloat:
-                args[i] = FormatArg(static_cast<float>(get<double>(at)));
-                break;
-            case kChar:
-                args[i] = FormatArg(static_cast<char>(get<uint8_t>(at)));
-                break;
-            case kString:
-                args[i] = FormatArg(getBytes(at));
-                break;
-            case kPointer:
-                args[i] = FormatArg(reinterpret_cast<const void*>(get<uint64_t>(at)));
-                break;
-            case kObject: {
-                const auto object = reinterpret_cast<const void*>(get<uint64_t>(at));
-                args[i] = FormatArg::describedObject(object, getBytes(at));
-                break;
-            }
-            default:
-                args[i] = FormatArg();
-                break;
+        if (defer) {
+            // Deferred only when trimming cannot change the text.
+            const auto measured = corvina::measurePlainFormat(format, readArgs(at, count));
+            if (measured && measured->visibleEnds) {
+                texts.pushDeferred(body, measured->length, &makeText);
+                at = entry + size;
+                continue;
             }
         }
         std::string& out = texts.buffer();
         const size_t start = out.size();
-        corvina::appendFormatv(out, format, std::span<const FormatArg>(args, count));
-        // Trimmed in place.
-        const std::string_view all(out.data() + start, out.size() - start);
-        const std::string_view kept = corvina::trimWhitespaceAndNewlines(all);
-        const size_t lead = static_cast<size_t>(kept.data() - all.data());
-        if (lead > 0 && !kept.empty()) std::memmove(out.data() + start, kept.data(), kept.size());
-        out.resize(start + kept.size());
+        makeText(body, out);
         texts.commit(start);
         at = entry + size;
     }
@@ -434,7 +460,6 @@ void TQLogQueue::shutdown(size_t keepAtMost)
             // Too much left: what the writer has not taken is never written.
             bytesInQueue_.fetch_sub(totalLength16(pending_));
             pending_.clear();
-            behind_.store(false);
             pushedSeq_ = takenSeq_;
         }
     }
@@ -467,7 +492,6 @@ void TQLogQueue::resetInChild()
     writerIdle_ = false;
     writerId_.store(std::thread::id());
     pending_.clear();
-    behind_.store(false);
     pushedSeq_ = takenSeq_ = writtenSeq_ = 0;
     flushWaiters_ = roomWaiters_ = 0;
     bytesInQueue_.store(0);

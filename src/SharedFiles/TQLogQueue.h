@@ -26,7 +26,7 @@ public:
     static constexpr size_t kCapacity = size_t(8) << 20;
 
     // Runs on the writer thread with each batch, in order.
-    using Sink = std::function<void(const TQLogTexts&)>;
+    using Sink = std::function<void(TQLogTexts&)>;
 
     explicit TQLogQueue(Sink sink);
     ~TQLogQueue();
@@ -54,9 +54,6 @@ public:
     size_t entryCount() const;
     // Bytes of entries waiting to be taken by the writer (at most kCapacity plus one entry).
     size_t queuedBytes() const;
-    // True when the queue is at least half full: the writer is behind, and a caller that
-    // formats its own text costs the writer less (read without the lock).
-    bool isBehind() const { return behind_.load(std::memory_order_relaxed); }
     // While suspended the writer takes nothing (callers still wait when it is full).
     void setSuspended(bool suspended);
 
@@ -94,5 +91,4 @@ private:
     pid_t writerPid_ = 0;
     std::atomic<std::thread::id> writerId_{};
     std::atomic<uint64_t> bytesInQueue_{0};
-    std::atomic<bool> behind_{false};
 };

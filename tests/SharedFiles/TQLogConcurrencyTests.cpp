@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -182,17 +183,19 @@ std::string withoutDates(const std::string& text)
 }  // namespace
 
 // One batch that restarts the file 3 to 12 times, written with and without skipping the files
-// it rotates out itself: the files left on disk are the same, and older runs' files are gone
-// exactly when five or more restarts rotate them out.
+// it rotates out itself, and with every other text deferred (made only if it is kept): the
+// files left on disk are the same, and older runs' files are gone exactly when five or more
+// restarts rotate them out.
 TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
     if (!inChild()) return expectChildPasses();
     const std::string root = childHome();
     {
         for (int restarts : {3, 4, 5, 6, 12}) {
-            std::string files[2];
-            for (int shortcut = 0; shortcut < 2; ++shortcut) {
-                const std::string home = root + "/r" + std::to_string(restarts) + "s" + std::to_string(shortcut);
+            std::string files[3];
+            for (int mode = 0; mode < 3; ++mode) {
+                const bool shortcut = mode > 0;
+                const std::string home = root + "/r" + std::to_string(restarts) + "s" + std::to_string(mode);
                 setenv("HOME", home.c_str(), 1);
                 setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
                 const std::string folder = home + "/Library/Logs/Brantwell";
@@ -200,15 +203,22 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                     writeFile(folder + "/Tool." + std::to_string(n) + ".log", "old " + std::to_string(n) + "\n");
                 std::atomic<bool> disabled{false}, noPrinting{false};
                 TQLogFile file(disabled, noPrinting);
-                file.setBatchShortcut(shortcut == 1);
+                file.setBatchShortcut(shortcut);
                 EXPECT_TRUE(file.open("Tool"));
                 TQLogTexts texts;
                 // 100-byte entries: 5000 to a file.
                 const int count = restarts * 5000 - 2500;
+                std::string sources(static_cast<size_t>(count) * 71 + 1, '\0');
                 for (int i = 0; i < count; ++i) {
-                    char text[80];
-                    std::snprintf(text, sizeof text, "entry %08d %-56s", i, "x");
-                    texts.push(std::string_view(text, 71));
+                    char* text = sources.data() + static_cast<size_t>(i) * 71;
+                    char made[80];
+                    std::snprintf(made, sizeof made, "entry %08d %-56s", i, "x");
+                    std::memcpy(text, made, 71);
+                    if (mode == 2 && i % 2 == 0)
+                        texts.pushDeferred(text, 71,
+                                           [](const char* source, std::string& out) { out.append(source, 71); });
+                    else
+                        texts.push(std::string_view(text, 71));
                 }
                 file.write(texts);
                 file.write(texts);  // a second batch goes on from where the first ended
@@ -217,11 +227,12 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                 EXPECT_TRUE(shortcut ? (restarts >= 6 ? taken > 0 : restarts > 4 || taken == 0) : taken == 0)
                     << what << " shortcuts " << taken;
                 for (int n = 1; n <= 5; ++n)
-                    files[shortcut] += "--" + std::to_string(n) + "\n" +
-                                       withoutDates(readFile(folder + "/Tool." + std::to_string(n) + ".log"));
+                    files[mode] += "--" + std::to_string(n) + "\n" +
+                                   withoutDates(readFile(folder + "/Tool." + std::to_string(n) + ".log"));
                 EXPECT_EQ(file.bytesWritten(), fs::file_size(folder + "/Tool.1.log")) << what;
             }
             EXPECT_EQ(files[0], files[1]) << restarts << " restarts";
+            EXPECT_EQ(files[0], files[2]) << restarts << " restarts, deferred texts";
             EXPECT_EQ(files[0].find("old "), std::string::npos) << restarts << " restarts: old files rotated out";
         }
     }

@@ -1,5 +1,6 @@
 #include "Format.h"
 
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -504,6 +505,94 @@ void appendFormatv(std::string& out, std::string_view fmt, std::span<const Forma
             break;
         }
     }
+}
+
+namespace {
+
+constexpr uint64_t kPowersOf10[20] = {1ull,
+                                      10ull,
+                                      100ull,
+                                      1000ull,
+                                      10000ull,
+                                      100000ull,
+                                      1000000ull,
+                                      10000000ull,
+                                      100000000ull,
+                                      1000000000ull,
+                                      10000000000ull,
+                                      100000000000ull,
+                                      1000000000000ull,
+                                      10000000000000ull,
+                                      100000000000000ull,
+                                      1000000000000000ull,
+                                      10000000000000000ull,
+                                      100000000000000000ull,
+                                      1000000000000000000ull,
+                                      10000000000000000000ull};
+
+size_t decimalDigits(uint64_t v)
+{
+    if (v < 10) return 1;
+    // bits * log10(2), close enough to be off by at most one, then corrected.
+    const int guess = ((64 - std::countl_zero(v)) * 1233) >> 12;
+    return static_cast<size_t>(guess) + (v >= kPowersOf10[guess] ? 1 : 0);
+}
+
+bool isVisibleAscii(char c) { return c > ' ' && c < 0x7f; }
+
+}  // namespace
+
+std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::span<const FormatArg> args)
+{
+    using K = FormatArg::Kind;
+    size_t length = 0;
+    bool visibleFirst = false;
+    bool visibleLast = false;
+    auto add = [&](size_t n, bool visibleAtStart, bool visibleAtEnd) {
+        if (n == 0) return;
+        if (length == 0) visibleFirst = visibleAtStart;
+        visibleLast = visibleAtEnd;
+        length += n;
+    };
+    size_t nextArg = 0;
+    size_t i = 0;
+    while (i < fmt.size()) {
+        const size_t pct = fmt.find('%', i);
+        const size_t literalEnd = pct == std::string_view::npos ? fmt.size() : pct;
+        if (literalEnd > i) add(literalEnd - i, isVisibleAscii(fmt[i]), isVisibleAscii(fmt[literalEnd - 1]));
+        if (pct == std::string_view::npos) break;
+        size_t p = pct + 1;
+        while (p < fmt.size() && (fmt[p] == 'l' || fmt[p] == 'h' || fmt[p] == 'q' || fmt[p] == 'j' || fmt[p] == 'z' ||
+                                  fmt[p] == 't' || fmt[p] == 'L'))
+            ++p;
+        if (p >= fmt.size()) return std::nullopt;
+        const char conv = fmt[p];
+        i = p + 1;
+        if (conv == '%') {
+            if (p != pct + 1) return std::nullopt;
+            add(1, true, true);
+            continue;
+        }
+        if (nextArg >= args.size()) return std::nullopt;
+        const FormatArg& arg = args[nextArg++];
+        // Digits and the minus sign are visible.
+        if ((conv == 'd' || conv == 'i') && arg.kind() == K::Signed) {
+            const int64_t v = arg.asSigned();
+            const uint64_t magnitude = v < 0 ? ~static_cast<uint64_t>(v) + 1 : static_cast<uint64_t>(v);
+            add(decimalDigits(magnitude) + (v < 0 ? 1 : 0), true, true);
+        } else if (conv == 'u' && arg.kind() == K::Unsigned) {
+            add(decimalDigits(arg.asUnsigned()), true, true);
+        } else if ((conv == '@' || conv == 's') && arg.kind() == K::String && p == pct + 1) {
+            const std::string_view s = arg.stringView();
+            if (!s.empty()) add(s.size(), isVisibleAscii(s.front()), isVisibleAscii(s.back()));
+        } else {
+            return std::nullopt;
+        }
+    }
+    PlainFormatMeasure m;
+    m.length = length;
+    m.visibleEnds = length > 0 && visibleFirst && visibleLast;
+    return m;
 }
 
 std::string formatv(std::string_view fmt, std::span<const FormatArg> args)

@@ -98,6 +98,18 @@ private:
 };
 
 void appendFormatv(std::string& out, std::string_view fmt, std::span<const FormatArg> args);
+
+// What appendFormatv would make of a plain format, found without making it: its length, and
+// whether it begins and ends with a visible ASCII character (so that trimming white space
+// leaves it as it is). Plain means every conversion is %d or %i of a signed integer, %u of an
+// unsigned one (each with any length modifier), %@ or %s of a string, or %%. None for any
+// other format, or when the arguments do not fit the conversions one for one.
+struct PlainFormatMeasure {
+    size_t length = 0;
+    bool visibleEnds = false;  // false for an empty text
+};
+std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::span<const FormatArg> args);
+
 std::string formatv(std::string_view fmt, std::span<const FormatArg> args);
 
 template <class... A>

@@ -175,3 +175,45 @@ TEST(Format, PointersAndAppend)
     corvina::appendFormat(out, "!");
     EXPECT_EQ(out, "Video format is ProRes 422 1920x1080!");
 }
+
+// The measure of a plain format agrees with the text the formatter makes, at every digit-count
+// boundary and sign; anything that is not plain is left to the formatter.
+TEST(Format, PlainMeasureMatchesTheText)
+{
+    using corvina::FormatArg;
+    auto check = [](std::string_view fmt, std::initializer_list<FormatArg> args) {
+        const std::span<const FormatArg> list(args.begin(), args.size());
+        const std::string text = corvina::formatv(fmt, list);
+        const auto m = corvina::measurePlainFormat(fmt, list);
+        ASSERT_TRUE(m) << fmt;
+        EXPECT_EQ(m->length, text.size()) << fmt << " -> " << text;
+        const auto visible = [](char c) { return c > ' ' && c < 0x7f; };
+        EXPECT_EQ(m->visibleEnds, !text.empty() && visible(text.front()) && visible(text.back())) << fmt;
+    };
+    uint64_t u = 1;
+    for (int digits = 1; digits <= 20; ++digits, u = u * 10) {
+        for (uint64_t v : {u - 1, u, u + 1, u * 9 + (u - 1)}) {
+            check("sample %u,%u...", {FormatArg(v), FormatArg(uint64_t{7})});
+            check("%lu", {FormatArg(v)});
+            const auto s = static_cast<int64_t>(v);
+            check("%d|%lld", {FormatArg(s), FormatArg(-s)});
+        }
+    }
+    check("%i", {FormatArg(std::numeric_limits<int64_t>::min())});
+    check("%u", {FormatArg(std::numeric_limits<uint64_t>::max())});
+    check("File: %@ (%s) 100%% done", {FormatArg("a b"), FormatArg(std::string_view("x"))});
+    check("%@%@", {FormatArg(""), FormatArg("")});
+    check("%@|%@", {FormatArg(" lead"), FormatArg("trail\n")});
+    check(" %u ", {FormatArg(1u)});
+    check("%s", {FormatArg("\xc2\xa0")});
+    check("", {});
+    check("no conversions", {FormatArg(1)});  // extra arguments are ignored by both
+
+    const char* notPlain[] = {"%5u", "%-u", "%.2u", "%1$u", "%x", "%f", "%c", "%p", "%u %u", "50%", "%l%", "%lls"};
+    for (const char* fmt : notPlain)
+        EXPECT_FALSE(corvina::measurePlainFormat(fmt, std::initializer_list<FormatArg>{FormatArg(1u)})) << fmt;
+    // The argument must be of the conversion's own kind.
+    EXPECT_FALSE(corvina::measurePlainFormat("%u", std::initializer_list<FormatArg>{FormatArg(-1)}));
+    EXPECT_FALSE(corvina::measurePlainFormat("%d", std::initializer_list<FormatArg>{FormatArg(1u)}));
+    EXPECT_FALSE(corvina::measurePlainFormat("%@", std::initializer_list<FormatArg>{FormatArg(1.5)}));
+}
