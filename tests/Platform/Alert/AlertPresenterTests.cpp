@@ -109,15 +109,6 @@ TEST(AlertPresenterChoice, FirstPresenterThatCanReachSomeone)
     EXPECT_EQ(choosePresenterKind(env), AlertPresenterKind::Terminal) << "dialog program but no display";
 }
 
-TEST(AlertPresenterChoice, OverrideWinsUntilCleared)
-{
-    auto headless = makeHeadlessAlertPresenter();
-    setAlertPresenterOverride(headless);
-    EXPECT_EQ(currentAlertPresenter(), headless);
-    setAlertPresenterOverride(nullptr);
-    EXPECT_NE(currentAlertPresenter(), headless);
-}
-
 TEST(HeadlessAlertPresenter, LogsTheTextsAndAnswersWithTheDefaultButtonAtOnce)
 {
     ScopedSystemLogCapture capture;

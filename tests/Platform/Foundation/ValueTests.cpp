@@ -90,7 +90,6 @@ TEST(Value, ConversionsTable)
         EXPECT_EQ(row.value.unsignedIntegerValue(), row.u64);
         EXPECT_EQ(row.value.boolValue(), row.boolean);
     }
-    EXPECT_EQ(Value(30).floatValue(), 30.0f);
     EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).unsignedLongLongValue(),
               std::numeric_limits<uint64_t>::max());
     EXPECT_EQ(Value(std::nan("")).integerValue(), 0);

@@ -13,9 +13,6 @@ namespace {
 
 using namespace test;
 
-constexpr uint32_t kVide = fourCC("vide");
-constexpr uint32_t kSoun = fourCC("soun");
-
 TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
 {
     struct Row {
@@ -53,7 +50,7 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
         const MovieSummary m = checkedSummary(path);
         ASSERT_EQ(m.tracks.size(), 1u);
         const auto& t = m.tracks[0];
-        EXPECT_EQ(t.handler, kVide);
+        EXPECT_EQ(t.handler, fourCC("vide"));
         EXPECT_EQ(t.codec, r.codec);
         EXPECT_EQ(t.timescale, 30000u);
         EXPECT_EQ(t.mediaDuration, 45u * 1001);
@@ -123,7 +120,7 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         const MovieSummary m = checkedSummary(path);
         ASSERT_EQ(m.tracks.size(), 1u);
         const auto& t = m.tracks[0];
-        EXPECT_EQ(t.handler, kSoun);
+        EXPECT_EQ(t.handler, fourCC("soun"));
         EXPECT_EQ(t.codec, kAudioFormatLinearPCM);
         EXPECT_EQ(t.timescale, r.rate);
         EXPECT_EQ(t.sampleCount, frames);
