@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -17,28 +14,18 @@ using corvina::PlatformException;
 
 namespace {
 
-// A file of `size` bytes where byte i is (i * 7 + i / 251) & 0xff, removed afterwards.
-class PatternFile {
-public:
-    explicit PatternFile(size_t size)
-    {
-        std::string bytes(size, '\0');
-        for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 251) & 0xff);
-        bytes_.assign(bytes.begin(), bytes.end());
-        test::writeFile(path(), bytes);
-    }
-    std::string path() const { return folder_ / "pattern"; }
+// A file of `size` patterned bytes in a folder of its own, and those bytes.
+struct PatternFile {
+    test::TempDir folder;
+    std::string path;
+    std::vector<uint8_t> bytes;
+    explicit PatternFile(size_t size) : path(test::makeFile(folder / "pattern", size)), bytes(test::readBytes(path)) {}
     std::vector<uint8_t> slice(size_t offset, size_t length) const
     {
-        if (offset >= bytes_.size()) return {};
-        const size_t end = std::min(bytes_.size(), offset + length);
-        return std::vector<uint8_t>(bytes_.begin() + static_cast<long>(offset),
-                                    bytes_.begin() + static_cast<long>(end));
+        offset = std::min(offset, bytes.size());
+        return std::vector<uint8_t>(bytes.begin() + static_cast<long>(offset),
+                                    bytes.begin() + static_cast<long>(std::min(bytes.size(), offset + length)));
     }
-
-private:
-    test::TempDir folder_;
-    std::vector<uint8_t> bytes_;
 };
 
 std::vector<uint8_t> toVector(const corvina::ByteBuffer& b)
@@ -52,7 +39,7 @@ TEST(FileHandle, SeeksAndReadsAcrossTheWindow)
 {
     PatternFile file(10000);
     // A small window makes every kind of move cross it.
-    auto handle = FileHandle::forReadingAtPath(file.path(), 64);
+    auto handle = FileHandle::forReadingAtPath(file.path, 64);
     ASSERT_TRUE(handle);
     struct Step {
         uint64_t offset;
@@ -75,24 +62,19 @@ TEST(FileHandle, SeeksAndReadsAcrossTheWindow)
         EXPECT_EQ(toVector(handle->readDataOfLength(step.length)), expected);
         EXPECT_EQ(handle->offsetInFile(), step.offset + expected.size());
     }
-}
-
-TEST(FileHandle, SequentialSmallReadsMatchTheFile)
-{
-    PatternFile file(3 * 4096 + 17);
-    auto handle = FileHandle::forReadingAtPath(file.path(), 4096);
-    ASSERT_TRUE(handle);
+    // Small reads from the start, through every window, to the end.
+    handle->seekToFileOffset(0);
     std::vector<uint8_t> all;
     uint8_t frame[6];
     while (size_t n = handle->readInto(frame, sizeof frame)) all.insert(all.end(), frame, frame + n);
-    EXPECT_EQ(all, file.slice(0, 3 * 4096 + 17));
+    EXPECT_EQ(all, file.bytes);
     EXPECT_EQ(handle->readInto(frame, sizeof frame), 0u);
 }
 
 TEST(FileHandle, LargeReadsAndEndOfFile)
 {
     PatternFile file((3 << 20) + 5);
-    auto handle = FileHandle::forReadingAtPath(file.path());
+    auto handle = FileHandle::forReadingAtPath(file.path);
     ASSERT_TRUE(handle);
     handle->seekToFileOffset(100);
     EXPECT_EQ(toVector(handle->readDataOfLength(2 << 20)), file.slice(100, 2 << 20));
@@ -109,18 +91,10 @@ TEST(FileHandle, LargeReadsAndEndOfFile)
     EXPECT_NE(std::string(reinterpret_cast<const char*>(status.data()), status.size()).find("Pid:"), std::string::npos);
 }
 
-TEST(FileHandle, OpeningFailures)
-{
-    EXPECT_FALSE(FileHandle::forReadingAtPath("/no/such/file"));
-    EXPECT_FALSE(FileHandle::forReadingAtPath(CORVINA_BINARY_DIR));
-    EXPECT_FALSE(FileHandle::forWritingAtPath("/no/such/file"));
-    EXPECT_FALSE(FileHandle::forUpdatingAtPath(CORVINA_BINARY_DIR));
-}
-
 TEST(FileHandle, ClosedHandleRaises)
 {
     PatternFile file(100);
-    auto handle = FileHandle::forReadingAtPath(file.path());
+    auto handle = FileHandle::forReadingAtPath(file.path);
     ASSERT_TRUE(handle);
     handle->closeFile();
     EXPECT_TRUE(handle->isClosed());
@@ -140,23 +114,27 @@ TEST(FileHandle, ClosedHandleRaises)
     EXPECT_NO_THROW(handle->closeFile());
 }
 
-TEST(FileHandle, WritingUpdatingAndReadOnlyErrors)
+TEST(FileHandle, WritingUpdatingAndTheirFailures)
 {
+    EXPECT_FALSE(FileHandle::forReadingAtPath("/no/such/file"));
+    EXPECT_FALSE(FileHandle::forReadingAtPath(CORVINA_BINARY_DIR));
+    EXPECT_FALSE(FileHandle::forWritingAtPath("/no/such/file"));
+    EXPECT_FALSE(FileHandle::forUpdatingAtPath(CORVINA_BINARY_DIR));
     PatternFile file(10);
     {
-        auto writer = FileHandle::forWritingAtPath(file.path());
+        auto writer = FileHandle::forWritingAtPath(file.path);
         ASSERT_TRUE(writer);
         EXPECT_EQ(writer->offsetInFile(), 0u);
         writer->writeData(std::string_view("AB"));
         writer->synchronizeFile();
     }
     {
-        auto updater = FileHandle::forUpdatingAtPath(file.path());
+        auto updater = FileHandle::forUpdatingAtPath(file.path);
         ASSERT_TRUE(updater);
         EXPECT_EQ(updater->offsetInFile(), 10u);
         updater->writeData(std::string_view("tail"));
     }
-    auto reader = FileHandle::forReadingAtPath(file.path());
+    auto reader = FileHandle::forReadingAtPath(file.path);
     ASSERT_TRUE(reader);
     auto all = toVector(reader->readDataOfLength(100));
     ASSERT_EQ(all.size(), 14u);

@@ -16,25 +16,20 @@ struct Named {
     std::string description() const { return "<" + name + ">"; }
 };
 
-struct Row {
-    std::string got;
-    const char* expected;
-};
-
-void expectRows(std::initializer_list<Row> rows)
-{
-    size_t i = 0;
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.got, row.expected) << "row " << i;
-        ++i;
-    }
-}
-
 }  // namespace
 
-TEST(Format, IntegerConversions)
+TEST(Format, Conversions)
 {
-    expectRows({
+    const std::string path = "/tmp/a b.mov";
+    const std::optional<std::string> none;
+    const std::optional<std::string> some = std::string("x");
+    const Named named{"queue"};
+    const char* nullText = nullptr;
+    const struct {
+        std::string got;
+        const char* expected;
+    } rows[] = {
+        // Integers.
         {format("%d", 42), "42"},
         {format("%i", -7), "-7"},
         {format("%ld", int64_t{-9223372036854775807LL - 1}), "-9223372036854775808"},
@@ -65,12 +60,7 @@ TEST(Format, IntegerConversions)
         {format("%d", true), "1"},
         {format("%d", uint8_t{200}), "200"},
         {format("%d", int8_t{-100}), "-100"},
-    });
-}
-
-TEST(Format, FloatingConversions)
-{
-    expectRows({
+        // Floating point.
         {format("%f", 1.5), "1.500000"},
         {format("%0.2f", 29.97), "29.97"},
         {format("%5.1f|", 3.14159), "  3.1|"},
@@ -91,17 +81,7 @@ TEST(Format, FloatingConversions)
         {format("%F", std::numeric_limits<double>::quiet_NaN()), "NAN"},
         {format("%.2f", 1e300).size() > 300 ? std::string("big") : std::string("small"), "big"},
         {format("%.1f", 2.0f), "2.0"},
-    });
-}
-
-TEST(Format, ObjectsStringsAndCharacters)
-{
-    const std::string path = "/tmp/a b.mov";
-    const std::optional<std::string> none;
-    const std::optional<std::string> some = std::string("x");
-    const Named named{"queue"};
-    const char* nullText = nullptr;
-    expectRows({
+        // Objects, strings and characters.
         {format("%@", path), "/tmp/a b.mov"},
         {format("%@", std::string_view("view")), "view"},
         {format("%@", "literal"), "literal"},
@@ -124,12 +104,7 @@ TEST(Format, ObjectsStringsAndCharacters)
         {format("%c%c", 'o', 'k'), "ok"},
         {format("%c", 65), "A"},
         {format("%3c|", 'z'), "  z|"},
-    });
-}
-
-TEST(Format, EscapesMissingAndMismatchedArguments)
-{
-    expectRows({
+        // Escapes, missing and mismatched arguments.
         {format("100%%"), "100%"},
         {format("%%d", 5), "%d"},
         {format("plain text"), "plain text"},
@@ -148,17 +123,13 @@ TEST(Format, EscapesMissingAndMismatchedArguments)
         {format("%d", std::numeric_limits<double>::quiet_NaN()), "0"},
         {format("%d %d", 1, 2, 3), "1 2"},
         {format("%99999999999d", 1).size() == 100000 ? std::string("clamped") : std::string("wide"), "clamped"},
-    });
-}
-
-TEST(Format, PositionalArguments)
-{
-    expectRows({
+        // Positional arguments.
         {format("%2$@ %1$@", "a", "b"), "b a"},
         {format("%1$@-%1$@", std::string("x")), "x-x"},
         {format("%2$0.2f/%1$d", 3, 1.5), "1.50/3"},
         {format("%3$@", 1, 2), ""},
-    });
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].got, rows[i].expected) << "row " << i;
 }
 
 TEST(Format, PointersAndAppend)

@@ -43,9 +43,19 @@ ShellRun runShell(const std::string& script, Process::Stream out = Process::Stre
     return r;
 }
 
+// Launches the configured process and returns its standard output once it has ended.
+std::string outputOf(Process& p)
+{
+    p.launch();
+    Process::Bytes out;
+    p.readToEnd(&out, nullptr);
+    p.waitUntilExit();
+    return text(out);
+}
+
 }  // namespace
 
-TEST(ProcessExecutableCheck, AcceptsOnlyRunnableRegularFiles)
+TEST(ProcessExecutableCheck, RunnableRegularFilesAndPackageFolders)
 {
     TempDir tmp;
     writeFile(tmp / "tool", "#!/bin/sh\n", fs::perms::owner_all);
@@ -60,11 +70,7 @@ TEST(ProcessExecutableCheck, AcceptsOnlyRunnableRegularFiles)
     if (::geteuid() != 0) {
         EXPECT_FALSE(corvina::isExecutablePath(tmp / "plain"));
     }
-}
-
-TEST(ProcessExecutableCheck, RecognisesPackageFoldersByExtension)
-{
-    TempDir tmp;
+    // Package folders are known by their extension, and are not executables.
     for (const char* name : {"Viewer.app", "Codec.bundle", "Kit.framework", "Installer.pkg", "Pane.prefPane",
                              "Service.xpc", "Ext.appex", "Driver.kext", "Multi.mpkg", "Filter.plugin"}) {
         fs::create_directory(tmp / name);
@@ -84,12 +90,20 @@ TEST(ProcessExecutableCheck, RecognisesPackageFoldersByExtension)
     EXPECT_FALSE(corvina::isPackagePath(tmp / "missing.app"));
 }
 
-TEST(ProcessStreams, CapturesOutputAndErrorSeparately)
+TEST(ProcessStreams, CapturesOrDiscardsEachStreamAndReportsTheStatus)
 {
-    const ShellRun r = runShell("printf out; printf err >&2; exit 3");
+    ShellRun r = runShell("printf out; printf err >&2; exit 3");
     EXPECT_EQ(text(r.out), "out");
     EXPECT_EQ(text(r.err), "err");
     EXPECT_EQ(r.status, 3);
+    // cat reads the empty input and ends at once; nothing reaches a discarded stream.
+    r = runShell("cat; echo gone; echo lost >&2", Process::Stream::Null, Process::Stream::Null);
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_TRUE(r.err.empty());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(runShell("cat").out.empty());
+    EXPECT_EQ(runShell("exit 255").status, 255);
+    EXPECT_EQ(runShell("kill -TERM $$").status, 128 + SIGTERM);
 }
 
 TEST(ProcessStreams, DrainsBothStreamsWhileEitherFills)
@@ -103,28 +117,12 @@ TEST(ProcessStreams, DrainsBothStreamsWhileEitherFills)
     EXPECT_EQ(r.out.back(), 'x');
 }
 
-TEST(ProcessStreams, NullDeviceDiscardsAndInputIsEmpty)
-{
-    // cat reads the empty input and ends at once; nothing reaches a discarded stream.
-    ShellRun r = runShell("cat; echo gone; echo lost >&2", Process::Stream::Null, Process::Stream::Null);
-    EXPECT_TRUE(r.out.empty());
-    EXPECT_TRUE(r.err.empty());
-    EXPECT_EQ(r.status, 0);
-
-    r = runShell("cat");
-    EXPECT_TRUE(r.out.empty());
-}
-
 TEST(ProcessStreams, FeedsGivenInputThenEndOfFile)
 {
     Process p;
     p.setLaunchPath("/bin/cat");
     p.setStandardInputData("secret\n");
-    p.launch();
-    Process::Bytes out;
-    p.readToEnd(&out, nullptr);
-    p.waitUntilExit();
-    EXPECT_EQ(text(out), "secret\n");
+    EXPECT_EQ(outputOf(p), "secret\n");
 }
 
 TEST(ProcessEnvironment, GivenEnvironmentReplacesTheCallersWhole)
@@ -133,17 +131,10 @@ TEST(ProcessEnvironment, GivenEnvironmentReplacesTheCallersWhole)
     Process p;
     p.setLaunchPath("/usr/bin/env");
     p.setEnvironment(Process::Environment{{"ONLY", "this one"}});
-    p.launch();
-    Process::Bytes out;
-    p.readToEnd(&out, nullptr);
-    EXPECT_EQ(text(out), "ONLY=this one\n");
-
+    EXPECT_EQ(outputOf(p), "ONLY=this one\n");
     Process inherit;
     inherit.setLaunchPath("/usr/bin/env");
-    inherit.launch();
-    Process::Bytes all;
-    inherit.readToEnd(&all, nullptr);
-    EXPECT_NE(text(all).find("CORVINA_PROCESS_TEST_MARK=inherited"), std::string::npos);
+    EXPECT_NE(outputOf(inherit).find("CORVINA_PROCESS_TEST_MARK=inherited"), std::string::npos);
     ::unsetenv("CORVINA_PROCESS_TEST_MARK");
 }
 
@@ -166,30 +157,6 @@ TEST(ProcessLifecycle, LaunchFailuresArePlatformExceptions)
     twice.waitUntilExit();
 }
 
-TEST(ProcessLifecycle, StatusReflectsExitAndSignals)
-{
-    EXPECT_EQ(runShell("exit 0").status, 0);
-    EXPECT_EQ(runShell("exit 255").status, 255);
-    EXPECT_EQ(runShell("kill -TERM $$").status, 128 + SIGTERM);
-}
-
-TEST(ProcessLifecycle, TerminateEndsARunningTool)
-{
-    Process p;
-    p.setLaunchPath("/bin/sleep");
-    p.setArguments({"10"});
-    p.launch();
-    EXPECT_TRUE(p.isRunning());
-    p.terminate();
-    Process::Bytes out;
-    p.readToEnd(&out, nullptr);
-    p.waitUntilExit();
-    EXPECT_FALSE(p.isRunning());
-    EXPECT_EQ(p.terminationStatus(), 128 + SIGTERM);
-    p.terminate();  // already reaped: must not signal anything
-    EXPECT_EQ(p.description(), "/bin/sleep");
-}
-
 TEST(ProcessConcurrency, TerminateFromAnotherThreadEndsABlockedReader)
 {
     Process p;
@@ -205,7 +172,9 @@ TEST(ProcessConcurrency, TerminateFromAnotherThreadEndsABlockedReader)
     p.waitUntilExit();
     killer.join();
     EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(p.isRunning());
     EXPECT_EQ(p.terminationStatus(), 128 + SIGTERM);
+    p.terminate();  // already reaped: must not signal anything
 }
 
 TEST(ProcessConcurrency, ParallelRunsKeepTheirOwnStreams)

@@ -2,59 +2,53 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 
 #include "Dispatch/Dispatch.h"
 #include "WriterSupport.h"
+#include "WriterTestChecks.h"
 
 namespace corvina {
 namespace {
 
 using namespace test;
-using test::checkMovieStructure;
-using test::MovieSummary;
 
-// One track's feeder and pump, as the session drives them: on the track's queue, append
-// while the input is ready; at the end, mark the input finished and leave the group once.
+// One track's pump, as the session drives it: on the track's queue, append while the input
+// is ready; after `count` samples, mark the input finished and leave the group once. With
+// another pump given, counts the samples that took this track more than the window ahead.
 struct Pump {
     std::shared_ptr<AssetWriterInput> input;
-    std::shared_ptr<DispatchQueue> queue;
-    std::function<std::unique_ptr<SampleBuffer>()> next;  // null at the end
-    std::atomic<int64_t> appendedEnd{0};                  // in microseconds, for the window check
-    std::function<int64_t(const SampleBuffer&)> endOf;
-    bool finished = false;
-    int appended = 0;
-    int failures = 0;
+    int64_t count;
+    std::function<std::unique_ptr<SampleBuffer>(int64_t)> sample;
+    std::function<int64_t(const SampleBuffer&)> endMicros = [](const SampleBuffer&) { return int64_t(0); };
+    const Pump* other = nullptr;
+    std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("test pump serialization queue");
+    int64_t next = 0, appended = 0, refused = 0, aheadOfWindow = 0;
+    std::atomic<int64_t> appendedEnd{0};
+    std::atomic<bool> done{false};
 
-    void start(DispatchGroup& group, const Pump* other)
+    void start(DispatchGroup& group)
     {
         group.enter();
-        input->requestMediaDataWhenReadyOnQueue(queue, [this, &group, other] {
+        input->requestMediaDataWhenReadyOnQueue(queue, [this, &group] {
             while (input->isReadyForMoreMediaData()) {
-                auto s = next();
-                if (!s) {
-                    if (!finished) {
-                        finished = true;
+                if (next == count) {
+                    if (!done.exchange(true)) {
                         input->markAsFinished();
                         group.leave();
                     }
                     return;
                 }
-                // Once ready, this track is at most the window ahead of the other; the other
-                // only moves on, so after this sample it is at most window + one sample ahead.
-                int64_t end = endOf(*s);
-                // The other pump records its end only after its append returns, so its
-                // recorded end can trail the writer's view by a sample or two of its own:
-                // allow three video frames besides the window.
-                if (other && other->input && !otherDone(other))
-                    if (end - other->appendedEnd.load() > 500000 + 120000 + 1000) ++failures;
-                if (input->appendSampleBuffer(*s)) ++appended;
+                auto s = sample(next++);
+                // Once ready, this track is at most the window (0.5 s) ahead of the other. The
+                // other records its end only after its append returns, so that end can trail the
+                // writer's view by a sample or two: allow three video frames besides the window.
+                const int64_t end = endMicros(*s);
+                if (other && !other->done && end - other->appendedEnd.load() > 500000 + 120000 + 1000) ++aheadOfWindow;
+                input->appendSampleBuffer(*s) ? ++appended : ++refused;
                 appendedEnd.store(end);
             }
         });
     }
-    static bool otherDone(const Pump* other) { return other->doneFlag.load(); }
-    std::atomic<bool> doneFlag{false};
 };
 
 TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
@@ -63,83 +57,52 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
     const std::string path = dir / "pull.mov";
     OpenWriter w(path);
     ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
-    auto& video = w.video;
-    auto& audio = w.audio;
-    video->setExpectsMediaDataInRealTime(true);
-    audio->setExpectsMediaDataInRealTime(true);
-
+    w.video->setExpectsMediaDataInRealTime(true);
+    w.audio->setExpectsMediaDataInRealTime(true);
     auto vf = videoFormat(fourCC("dvcp"), 720, 576);
     auto af = audioFormat(48000, Layout::Stereo, true);
     const int frames = 125;  // 5 s at 25 fps
     const int64_t audioFrames = 48000 * 5;
     auto frame = randomBytes(20000, 11);
-
-    Pump v, a;
-    v.input = video;
-    v.queue = DispatchQueue::createSerial("test rw video serialization queue");
-    int vi = 0;
-    v.next = [&]() -> std::unique_ptr<SampleBuffer> {
-        if (vi >= frames) {
-            v.doneFlag = true;
-            return nullptr;
-        }
-        int i = vi++;
-        return oneSample(vf, frame, MediaTime::make(i, 25), MediaTime::make(1, 25));
-    };
-    v.endOf = [](const SampleBuffer& s) {
-        return int64_t((s.presentationTimeStamp() + s.duration()).getSeconds() * 1e6 + 0.5);
-    };
-    a.input = audio;
-    a.queue = DispatchQueue::createSerial("test rw audio serialization queue");
-    int64_t ai = 0;
     auto pcm = pcmTone(1, 2, true, 48000);
-    a.next = [&]() -> std::unique_ptr<SampleBuffer> {
-        if (ai >= audioFrames) {
-            a.doneFlag = true;
-            return nullptr;
-        }
-        int64_t i = ai++;
-        return oneSample(af, pcm, MediaTime::make(i, 48000), MediaTime::make(1, 48000));
-    };
-    a.endOf = [](const SampleBuffer& s) { return (s.presentationTimeStamp().value + 1) * 1000000 / 48000; };
 
+    Pump v{w.video, frames,
+           [&](int64_t i) { return oneSample(vf, frame, MediaTime::make(i, 25), MediaTime::make(1, 25)); },
+           [](const SampleBuffer& s) {
+               return int64_t((s.presentationTimeStamp() + s.duration()).getSeconds() * 1e6 + 0.5);
+           }};
+    Pump a{w.audio, audioFrames,
+           [&](int64_t i) { return oneSample(af, pcm, MediaTime::make(i, 48000), MediaTime::make(1, 48000)); },
+           [](const SampleBuffer& s) { return (s.presentationTimeStamp().value + 1) * 1000000 / 48000; }};
+    v.other = &a;
+    a.other = &v;
     DispatchGroup group;
-    v.start(group, &a);
-    a.start(group, &v);
+    v.start(group);
+    a.start(group);
     ASSERT_TRUE(group.wait(std::chrono::minutes(5)));
-    EXPECT_TRUE(writer->finishWriting());
+    EXPECT_TRUE(w.writer->finishWriting());
     EXPECT_EQ(v.appended, frames);
     EXPECT_EQ(a.appended, audioFrames);
-    EXPECT_EQ(v.failures, 0) << "video ran ahead of the window";
-    EXPECT_EQ(a.failures, 0) << "audio ran ahead of the window";
+    EXPECT_EQ(v.aheadOfWindow, 0) << "video ran ahead of the window";
+    EXPECT_EQ(a.aheadOfWindow, 0) << "audio ran ahead of the window";
 
     const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 2u);
-    std::vector<std::pair<uint64_t, int>> chunks;
-    for (int k = 0; k < 2; ++k)
-        for (uint64_t o : m.tracks[size_t(k)].chunkOffsets) chunks.emplace_back(o, k);
-    std::sort(chunks.begin(), chunks.end());
-    int longestRun = 1, run = 1;
-    for (size_t i = 1; i < chunks.size(); ++i) {
-        run = chunks[i].second == chunks[i - 1].second ? run + 1 : 1;
-        longestRun = std::max(longestRun, run);
-    }
-    std::string order;
-    for (const auto& c : chunks) order += c.second ? 'a' : 'v';
-    // A track runs at most the window (0.5 s) plus one chunk ahead: at most a few of its
-    // chunks follow each other.
+    // A track runs at most the window plus one chunk ahead: at most a few of its chunks
+    // follow each other.
+    int longestRun = 0;
+    const std::string order = chunkOrder(m, &longestRun);
     EXPECT_LE(longestRun, 4) << "chunks should alternate between the tracks: " << order;
     std::vector<uint8_t> threeFrames;
     for (int k = 0; k < 3; ++k) threeFrames.insert(threeFrames.end(), pcm.begin(), pcm.end());
-    EXPECT_EQ(test::readSamples(path, *m.track(fourCC("soun")), audioFrames - 3, 3), threeFrames);
-    EXPECT_EQ(test::readSamples(path, *m.track(fourCC("vide")), frames - 1, 1), frame);
-    auto streams = test::ffprobeStreams(path);
+    EXPECT_EQ(readSamples(path, *m.track(fourCC("soun")), audioFrames - 3, 3), threeFrames);
+    EXPECT_EQ(readSamples(path, *m.track(fourCC("vide")), frames - 1, 1), frame);
+    auto streams = ffprobeStreams(path);
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
     EXPECT_EQ(streams[1]["duration"], "5.000000");
     EXPECT_EQ(streams[1]["codec_name"], "pcm_s16be");
-    EXPECT_TRUE(test::ffmpegDemuxesCleanly(path));
+    expectToolsAccept(path, false);
 }
 
 TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
@@ -148,27 +111,50 @@ TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
     const std::string path = dir / "videoonly.mov";
     OpenWriter w(path, true, false);
     ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
-    auto& video = w.video;
     auto vf = videoFormat(fourCC("dvc "), 720, 480);
     auto frame = randomBytes(5000, 1);
-    Pump v;
-    v.input = video;
-    v.queue = DispatchQueue::createSerial("video");
-    int vi = 0;
-    v.next = [&]() -> std::unique_ptr<SampleBuffer> {
-        if (vi >= 120) return nullptr;
-        int i = vi++;
-        return oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000));
-    };
-    v.endOf = [](const SampleBuffer&) { return int64_t(0); };
+    Pump v{w.video, 120, [&](int64_t i) {
+               return oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000));
+           }};
     DispatchGroup group;
-    v.start(group, nullptr);
+    v.start(group);
     ASSERT_TRUE(group.wait(std::chrono::minutes(1))) << "the video pump was held back";
-    EXPECT_TRUE(writer->finishWriting());
+    EXPECT_TRUE(w.writer->finishWriting());
     const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 1u);
     EXPECT_EQ(m.tracks[0].sampleCount, 120u);
+    EXPECT_EQ(readSamples(path, m.tracks[0], 119, 1), frame);
+    expectToolsAccept(path, false);
+}
+
+// The pull model after a failure: both pumps still reach their ends and leave the group.
+TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
+{
+    TempDir dir;
+    ScopedMount disk(dir / "disk", "tmpfs", "size=1m");
+    MOUNT_OR_SKIP(disk);
+    OpenWriter w(dir / "disk/pumps.mov", true, false);
+    ASSERT_TRUE(w.writer);
+    auto vf = videoFormat(fourCC("dvc "), 720, 480);
+    auto af = audioFormat(48000, Layout::Mono, false);
+    auto frame = randomBytes(120000, 2);
+    auto pcm = pcmTone(1601, 1, false, 48000);
+    // 300 of each, 10 s: far more than the disk holds.
+    Pump v{w.video, 300, [&](int64_t i) {
+               return oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000));
+           }};
+    Pump a{w.audio, 300, [&](int64_t i) {
+               return makeSample(af, pcm.data(), pcm.size(), 1601,
+                                 {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000), MediaTime::invalid()}},
+                                 {2});
+           }};
+    DispatchGroup group;
+    v.start(group);
+    a.start(group);
+    ASSERT_TRUE(group.wait(std::chrono::minutes(2))) << "a pump waited forever after the failure";
+    EXPECT_GT(v.refused + a.refused, 0);
+    EXPECT_EQ(w.writer->status(), AssetWriterStatus::Failed);
+    EXPECT_FALSE(w.writer->finishWriting());
 }
 
 }  // namespace

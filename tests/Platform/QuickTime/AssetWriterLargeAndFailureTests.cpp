@@ -5,19 +5,15 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
-#include "Dispatch/Dispatch.h"
 #include "WriterSupport.h"
 
 namespace corvina {
 namespace {
 
 using namespace test;
-using test::checkMovieStructure;
-using test::MovieSummary;
 
 TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
 {
@@ -27,76 +23,26 @@ TEST(AssetWriter, AFullDiskFailsTheWriterAndKeepsWhatWasWritten)
     const std::string path = dir / "disk/full.mov";
     OpenWriter w(path, false, false);
     ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
-    auto& video = w.video;
     auto f = videoFormat(fourCC("dvcp"), 720, 576);
     auto frame = randomBytes(144000, 5);
     int accepted = 0;
     for (int i = 0; i < 200; ++i) {
-        if (!video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(i, 25), MediaTime::make(1, 25)))) break;
+        if (!w.video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(i, 25), MediaTime::make(1, 25)))) break;
         ++accepted;
     }
     EXPECT_LT(accepted, 200) << "a 1 MB disk cannot take 28 MB";
-    EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
-    auto e = writer->error();
+    EXPECT_EQ(w.writer->status(), AssetWriterStatus::Failed);
+    auto e = w.writer->error();
     ASSERT_TRUE(e.has_value());
     EXPECT_EQ(e->code, ENOSPC);
     EXPECT_NE(e->localizedDescription.find(std::strerror(ENOSPC)), std::string::npos) << e->localizedDescription;
-    EXPECT_FALSE(video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(500, 25), MediaTime::make(1, 25))));
+    EXPECT_FALSE(w.video->appendSampleBuffer(*oneSample(f, frame, MediaTime::make(500, 25), MediaTime::make(1, 25))));
     // Pumps must be able to run to their end: a failed writer's inputs stay ready.
-    EXPECT_TRUE(video->isReadyForMoreMediaData());
-    EXPECT_FALSE(writer->finishWriting());
+    EXPECT_TRUE(w.video->isReadyForMoreMediaData());
+    EXPECT_FALSE(w.writer->finishWriting());
     struct stat st {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0) << "the partial movie stays";
     EXPECT_GT(st.st_size, 500 * 1024);
-}
-
-// The pull model after a failure: both pumps still reach their ends and leave the group.
-TEST(AssetWriterFailureConcurrency, PumpsFinishAfterTheDiskFills)
-{
-    TempDir dir;
-    ScopedMount disk(dir / "disk", "tmpfs", "size=1m");
-    MOUNT_OR_SKIP(disk);
-    OpenWriter w(dir / "disk/pumps.mov", true, false);
-    ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
-    auto vf = videoFormat(fourCC("dvc "), 720, 480);
-    auto af = audioFormat(48000, Layout::Mono, false);
-    auto frame = randomBytes(120000, 2);
-    auto pcm = pcmTone(1601, 1, false, 48000);
-    DispatchGroup group;
-    std::atomic<int> refused{0};
-    auto pump = [&](std::shared_ptr<AssetWriterInput> input, std::shared_ptr<DispatchQueue> queue, bool isVideo) {
-        group.enter();
-        auto count = std::make_shared<int>(0);
-        auto done = std::make_shared<bool>(false);
-        input->requestMediaDataWhenReadyOnQueue(queue, [&, input, count, done, isVideo] {
-            while (input->isReadyForMoreMediaData()) {
-                if (*count == 300) {  // 10 s: far more than the disk holds
-                    if (!*done) {
-                        *done = true;
-                        input->markAsFinished();
-                        group.leave();
-                    }
-                    return;
-                }
-                int i = (*count)++;
-                auto s =
-                    isVideo ? oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))
-                            : makeSample(
-                                  af, pcm.data(), pcm.size(), 1601,
-                                  {{MediaTime::make(1, 48000), MediaTime::make(1601 * i, 48000), MediaTime::invalid()}},
-                                  {2});
-                if (!input->appendSampleBuffer(*s)) ++refused;
-            }
-        });
-    };
-    pump(w.video, DispatchQueue::createSerial("video"), true);
-    pump(w.audio, DispatchQueue::createSerial("audio"), false);
-    ASSERT_TRUE(group.wait(std::chrono::minutes(2))) << "a pump waited forever after the failure";
-    EXPECT_GT(refused.load(), 0);
-    EXPECT_EQ(writer->status(), AssetWriterStatus::Failed);
-    EXPECT_FALSE(writer->finishWriting());
 }
 
 TEST(AssetWriter, CancelRemovesThePartialMovie)
@@ -105,12 +51,11 @@ TEST(AssetWriter, CancelRemovesThePartialMovie)
     const std::string path = dir / "cancelled.mov";
     OpenWriter w(path, false, false);
     ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
     EXPECT_TRUE(w.video->appendSampleBuffer(*oneSample(videoFormat(fourCC("dvc "), 720, 480), randomBytes(1000, 1),
                                                        MediaTime::zero(), MediaTime::make(1001, 30000))));
-    writer->cancelWriting();
-    EXPECT_EQ(writer->status(), AssetWriterStatus::Cancelled);
-    EXPECT_FALSE(writer->finishWriting());
+    w.writer->cancelWriting();
+    EXPECT_EQ(w.writer->status(), AssetWriterStatus::Cancelled);
+    EXPECT_FALSE(w.writer->finishWriting());
     struct stat st {};
     EXPECT_NE(::stat(path.c_str(), &st), 0);
 }
@@ -127,9 +72,6 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     const std::string path = dir / "large.mov";
     OpenWriter w(path, true, false);
     ASSERT_TRUE(w.writer);
-    auto& writer = w.writer;
-    auto& video = w.video;
-    auto& audio = w.audio;
     auto vf = videoFormat(fourCC("ap4x"), 3840, 2160);
     auto af = audioFormat(48000, Layout::Stereo, false);
     const size_t frameSize = 8u << 20;
@@ -140,17 +82,17 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     for (int i = 0; i < frames; ++i) {
         // Stamp the frame number so that every sample differs.
         std::memcpy(frame.data(), &i, sizeof i);
-        ASSERT_TRUE(video->appendSampleBuffer(
+        ASSERT_TRUE(w.video->appendSampleBuffer(
             *oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))))
             << "frame " << i;
         int64_t target = (int64_t(i) + 1) * 48048 / 30;
         int64_t n = target - audioFrames;
-        ASSERT_TRUE(audio->appendSampleBuffer(*makeSample(
+        ASSERT_TRUE(w.audio->appendSampleBuffer(*makeSample(
             af, pcm.data(), size_t(n) * 4, n,
             {{MediaTime::make(1, 48000), MediaTime::make(audioFrames, 48000), MediaTime::invalid()}}, {4})));
         audioFrames = target;
     }
-    ASSERT_TRUE(writer->finishWriting());
+    ASSERT_TRUE(w.writer->finishWriting());
 
     const MovieSummary m = checkedSummary(path);
     EXPECT_TRUE(m.mdat64);

@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "WriterSupport.h"
+#include "WriterTestChecks.h"
 
 namespace corvina {
 namespace {
@@ -25,24 +26,21 @@ void put32(std::vector<uint8_t>& b, size_t at, uint32_t v)
 std::string smallMovie(const TempDir& dir)
 {
     std::string path = dir / "small.mov";
-    Error error;
-    auto writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-    EXPECT_TRUE(writer);
-    auto video = AssetWriterInput::create(MediaType::Video);
-    writer->addInput(video);
-    writer->startWriting();
+    OpenWriter w(path, false);
     auto f = videoFormat(fourCC("dvc "), 720, 480);
     for (int i = 0; i < 10; ++i)
-        video->appendSampleBuffer(*oneSample(f, randomBytes(1000 + size_t(i), uint32_t(i)),
-                                             MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000)));
-    EXPECT_TRUE(writer->finishWriting());
+        EXPECT_TRUE(
+            w.video->appendSampleBuffer(*oneSample(f, randomBytes(1000 + size_t(i), uint32_t(i)),
+                                                   MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))));
+    EXPECT_TRUE(w.writer->finishWriting());
     return path;
 }
 
 TEST(MovieFile, HeadersAreTheReservedLayout)
 {
     TempDir dir;
-    auto bytes = readBytes(smallMovie(dir));
+    const std::string path = smallMovie(dir);
+    auto bytes = readBytes(path);
     ASSERT_GT(bytes.size(), 36u);
     const uint8_t expected[28] = {0,    0,    0,   20,  'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
                                   0x03, 0x00, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
@@ -51,6 +49,7 @@ TEST(MovieFile, HeadersAreTheReservedLayout)
     uint32_t mdatSize = uint32_t(bytes[28]) << 24 | uint32_t(bytes[29]) << 16 | uint32_t(bytes[30]) << 8 | bytes[31];
     EXPECT_EQ(mdatSize, 8u + 10 * 1000 + 45);
     EXPECT_EQ(std::memcmp(&bytes[28 + mdatSize + 4], "moov", 4), 0) << "moov follows mdat";
+    expectToolsAccept(path, false);
 }
 
 // The checker must notice broken movies, or its silence proves nothing.
