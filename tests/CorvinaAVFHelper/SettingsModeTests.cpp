@@ -25,7 +25,7 @@ struct Reference {
 
 }  // namespace
 
-TEST(SettingsModeTest, ReferenceMoviesOfEveryRowGiveSettingsThatAssemble)
+TEST(SettingsModeTest, ReferenceMoviesOfEveryRowGiveTheirSettings)
 {
     const Reference references[] = {
         {0, "720x480:r=30000/1001", "yuv411p", "dvvideo", -1, "sine=r=48000", "pcm_s16le", 29.97, 720, 480, 2},
