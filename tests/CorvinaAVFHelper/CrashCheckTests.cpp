@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <unistd.h>
 
@@ -24,11 +23,7 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     const std::string bin = home.path() + "/bin";
     fs::create_directories(bin);
     fs::copy_file(helperPath(), bin + "/CorvinaAVFHelper");
-    {
-        std::ofstream script(bin + "/Bug Reporter");
-        script << "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n";
-    }
-    fs::permissions(bin + "/Bug Reporter", fs::perms::owner_all);
+    writeRecorder(bin + "/Bug Reporter");
 
     // The last run started an hour ago and never recorded its exit; it left a report.
     const auto launched = std::chrono::system_clock::now() - std::chrono::hours(1);
@@ -38,25 +33,18 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
                     .writeToFile(prefs + "/CorvinaAVFHelper.plist", true));
     const std::string report =
         home.path() + "/Library/Logs/DiagnosticReports/CorvinaAVFHelper_2026-11-23-120000_box.crash";
-    fs::create_directories(fs::path(report).parent_path());
-    std::ofstream(report) << "Signal: 11 (SIGSEGV)\n";
+    writeFile(report, "Signal: 11 (SIGSEGV)\n");
 
     // The crashed run's log: the check runs before the new log is opened, so its line goes to
     // the end of that file (which the new log then rotates to .2).
     const std::string logs = home.path() + (::getuid() == 0 ? "/root" : "") + "/Library/Logs/Brantwell";
-    fs::create_directories(logs);
-    std::ofstream(logs + "/CorvinaAVFHelper.1.log") << "2026-11-23 11:00:00 +0000 - Log started\n";
+    writeFile(logs + "/CorvinaAVFHelper.1.log", "2026-11-23 11:00:00 +0000 - Log started\n");
 
     auto env = home.environment();
     const auto run = runProgram({bin + "/CorvinaAVFHelper"}, env);
     EXPECT_EQ(run.status, 1) << "no settings document: a normal failure";
     EXPECT_THAT(home.logEntries(), Contains("Application crashed on last launch"));
-    std::string handed;
-    for (int i = 0; i < 200 && handed.empty(); ++i) {
-        handed = readFile(bin + "/handed-over.txt");
-        if (handed.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(handed, report + "\n");
+    EXPECT_EQ(waitForFile(bin + "/handed-over.txt"), report + "\n");
 
     // That run ended normally: its exit is recorded, so the next launch stays quiet.
     const auto record = Value::fromPropertyListFile(prefs + "/CorvinaAVFHelper.plist");

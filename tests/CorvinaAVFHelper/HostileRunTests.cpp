@@ -5,13 +5,11 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 
 #include "HelperRun.h"
 #include "MovieCheck.h"
@@ -22,16 +20,6 @@ using namespace corvina::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-Value withKey(const Value& settings, const std::string& key, Value value)
-{
-    Value::DictionaryType d = *settings.asDictionary();
-    if (value.isNone())
-        d.erase(key);
-    else
-        d[key] = std::move(value);
-    return Value(std::move(d));
-}
 
 // Everything below the folders: regular files by content, other things by kind.
 using Snapshot = std::map<std::string, std::string>;
@@ -90,9 +78,7 @@ protected:
         fs::create_directories(home.path() + "/root/Library/Logs/Brantwell");
         fs::create_directories(home.path() + "/Library/Logs/Brantwell");
         movie = job / "movie.mov";
-        {
-            std::ofstream(movie) << "the previous movie";
-        }
+        writeFile(movie, "the previous movie");
         doc = withKey(*made, "destFilename", movie);
     }
     // Runs the document; the run must fail with `line` and leave every file as it was.
@@ -123,10 +109,7 @@ TEST_F(HostileRun, DestinationsThatWouldDestroyDataAreRefused)
     makeJob();
     const std::string video = doc["tmpFilename"].stringValue();
     const std::string audio = doc["tmpAudioFilename"].stringValue();
-    fs::create_directories(job / "project/footage");
-    {
-        std::ofstream(job / "project/footage/clip.dv") << "footage";
-    }
+    writeFile(job / "project/footage/clip.dv", "footage");
     ASSERT_EQ(::mkfifo((job / "fifo.mov").c_str(), 0644), 0);
     fs::create_symlink(video, job / "link.mov");
     fs::create_symlink(job / "nowhere", job / "dangling.mov");
@@ -142,7 +125,7 @@ TEST_F(HostileRun, DestinationsThatWouldDestroyDataAreRefused)
         {job / "hardlink.mov", "it is the same file as the audio data file"},
         {job / "link.mov", "it is the same file as the video data file"},
         {home.replaySettingsPath(), "it is the same file as the settings document"},
-        {job / "no-such-folder/movie.mov", "does not exist"},
+        {job / "no-such-folder/movie.mov", "refused: its folder " + job / "no-such-folder" + " does not exist"},
         {job / "fifo.mov", "it is a FIFO"},
         {job / "dangling.mov", "symbolic link to nothing"},
         {"", "names no destination"},
@@ -169,6 +152,9 @@ TEST_F(HostileRun, JobsThatWouldGiveNoPlayableMovieKeepThePreviousOne)
         std::string line;
     } cases[] = {
         {"unknown format", withKey(doc, "formatType", Value(36)), "Error: unknown video format 36"},
+        {"negative format", withKey(doc, "formatType", Value(-1)),
+         "Unknown video format. This movie is an unknown video format. Please report this error to Brantwell."},
+        {"no frame rate", withKey(doc, "frameRate", Value()), "Error: frame rate 0.000 is not usable"},
         {"infinite rate", withKey(doc, "frameRate", Value(INFINITY)), "Error: frame rate inf is not usable"},
         {"huge rate", withKey(doc, "frameRate", Value(1e9)), "Error: frame rate 1000000000.000 is not usable"},
         {"slow rate", withKey(doc, "frameRate", Value(0.5)), "Error: frame rate 0.500 is not usable"},
@@ -200,9 +186,11 @@ TEST_F(HostileRun, FifosFoldersAndUnreadableDocuments)
     // The settings document: each refusal names the path and the cause on a second line.
     const std::string xml = doc.toXMLPropertyList();
     const struct {
-        std::string bytes, cause;  // "fifo"/"folder": no file but that
+        std::string bytes, cause;  // "fifo"/"folder": no file but that; "missing": nothing
     } cases[] = {{"fifo", "It is a FIFO"},
                  {"folder", "Is a directory"},
+                 {"missing", "No such file or directory"},
+                 {"this is no property list", "The data couldn't be read because it isn't in the correct format."},
                  {Value(Value::ArrayType{Value(1)}).toXMLPropertyList(), "its root is an array, not a dictionary"},
                  {xml.substr(0, xml.size() / 2), "The data couldn't be read because it isn't in the correct format."}};
     const std::string path = home.replaySettingsPath();
@@ -212,8 +200,8 @@ TEST_F(HostileRun, FifosFoldersAndUnreadableDocuments)
             ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
         else if (c.bytes == "folder")
             fs::create_directory(path);
-        else
-            std::ofstream(path, std::ios::binary) << c.bytes;
+        else if (c.bytes != "missing")
+            writeFile(path, c.bytes);
         const ProcessResult run = home.runHelper();
         EXPECT_EQ(run.status, 1);
         EXPECT_NE(run.err.find("Unable to open settings dictionary\n"), std::string::npos) << run.err;
@@ -225,7 +213,7 @@ TEST_F(HostileRun, FifosFoldersAndUnreadableDocuments)
     std::string utf16 = "\xFF\xFE";
     for (const char c : withKey(doc, "audioFormat", Value()).toXMLPropertyList()) utf16 += std::string{c, '\0'};
     fs::remove_all(path);
-    std::ofstream(path, std::ios::binary) << utf16;
+    writeFile(path, utf16);
     ASSERT_EQ(home.runHelper().status, 0);
     EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
     EXPECT_EQ(readFile(path), utf16);
@@ -245,18 +233,10 @@ TEST_F(HostileRun, AnotherRunsLockAndStaleTemporaryFiles)
     std::string partial(28, '\0');
     partial.replace(4, 8, "ftypqt  ");
     partial.replace(20, 8, std::string("\0\0\0\x08wide", 8));
-    {
-        std::ofstream(job / "movie.mov.incomplete-4242", std::ios::binary) << partial << "half a movie";
-    }
-    {
-        std::ofstream(job / "movie.mov.incomplete-4343");
-    }
-    {
-        std::ofstream(job / "movie.mov.incomplete-77") << "a user's notes";
-    }
-    {
-        std::ofstream(job / "movie.mov.incomplete-x1", std::ios::binary) << partial;
-    }
+    writeFile(job / "movie.mov.incomplete-4242", partial + "half a movie");
+    writeFile(job / "movie.mov.incomplete-4343", "");
+    writeFile(job / "movie.mov.incomplete-77", "a user's notes");
+    writeFile(job / "movie.mov.incomplete-x1", partial);
     ASSERT_TRUE(home.writeSettings(doc));
     ASSERT_EQ(home.runHelper().status, 0);
     EXPECT_TRUE(logHas(home, "Removed 2 temporary file(s) that an interrupted run left for " + movie));
@@ -280,22 +260,13 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
         EXPECT_TRUE(logHas(own, std::string("Stopped by SIG") + name));
     }
 
-    TempDir disk;
-    if (::mount("tmpfs", disk.path().c_str(), "tmpfs", 0, "size=64m") != 0) GTEST_SKIP() << "cannot mount a tmpfs";
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{disk.path()};
+    TempDir mountPoint;
+    ScopedMount disk(mountPoint / "disk", "tmpfs", "size=64m");
+    MOUNT_OR_SKIP(disk);
     const std::string target = disk / "movie.mov";
-    {
-        std::ofstream(target) << "the previous movie";
-    }
+    writeFile(target, "the previous movie");
     // Too little room is seen before anything is written...
-    {
-        std::ofstream filler(disk / "filler", std::ios::binary);
-        const std::vector<char> block(1 << 20, 0);
-        for (int i = 0; i < 40; ++i) filler.write(block.data(), std::streamsize(block.size()));
-    }
+    writeFile(disk / "filler", std::string(40 << 20, '\0'));
     expectRefused(withKey(doc, "destFilename", target),
                   "Error: not enough free space for " + target + ": the movie needs ", disk.path());
     fs::remove(disk / "filler");

@@ -11,6 +11,7 @@
 
 using namespace corvina;
 using corvina::test::TempDir;
+using corvina::test::writeFile;
 
 namespace {
 
@@ -97,9 +98,8 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
     // Dates and data are the tree's business: the stream gives up, the file is still read.
     EXPECT_FALSE(MovieJob::readXMLDocument(xml.data(), xml.size()));
     const std::vector<uint8_t> binary = settings.toBinaryPropertyList();
-    std::ofstream(dir / "xml.plist") << xml;
-    std::ofstream(dir / "binary.plist", std::ios::binary)
-        .write(reinterpret_cast<const char*>(binary.data()), std::streamsize(binary.size()));
+    writeFile(dir / "xml.plist", xml);
+    writeFile(dir / "binary.plist", std::string(binary.begin(), binary.end()));
     for (const char* name : {"xml.plist", "binary.plist"}) {
         SCOPED_TRACE(name);
         const auto job = MovieJob::readDocument(dir / name);
@@ -121,7 +121,7 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
     for (const auto& text : broken) {
         SCOPED_TRACE(text);
         EXPECT_FALSE(MovieJob::readXMLDocument(text.data(), text.size()));
-        std::ofstream(dir / "broken.plist", std::ios::trunc) << text;
+        writeFile(dir / "broken.plist", text);
         EXPECT_FALSE(MovieJob::readDocument(dir / "broken.plist"));
     }
     EXPECT_FALSE(MovieJob::readDocument(dir / "missing.plist"));
@@ -201,20 +201,16 @@ TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
 
 TEST(FrameTimingTest, RatesBecomeExactFractions)
 {
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     const struct {
         float rate;
         int32_t timescale;
         int64_t duration;
-    } cases[] = {{29.97f, 30000, 1001},
-                 {25, 25000, 1000},
-                 {23.976f, 24000, 1001},
-                 {59.94f, 60000, 1001},
-                 {0.5f, 1000, 1001},
-                 {0, 0, 0},
-                 {-25, 0, 0},
-                 {3e9f, 0, 0},
-                 {std::numeric_limits<float>::quiet_NaN(), 0, 0},
-                 {std::numeric_limits<float>::infinity(), 0, 0}};
+    } cases[] = {
+        {29.97f, 30000, 1001}, {25, 25000, 1000},  {30, 30000, 1000}, {24, 24000, 1000}, {23.976f, 24000, 1001},
+        {59.94f, 60000, 1001}, {0.5f, 1000, 1001}, {0, 0, 0},         {-25, 0, 0},       {3e9f, 0, 0},
+        {nan, 0, 0},           {inf, 0, 0},
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.rate);
         const FrameTiming t = FrameTiming::fromRate(c.rate);

@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "AppController.h"
 #include "FrameSplitter.h"
 #include "HelperRun.h"
 #include "MovieCheck.h"
+#include "TestMovies.h"
 
 using namespace corvina;
 using namespace corvina::test;
@@ -29,19 +29,11 @@ Encoded encode(const TempDir& dir, const std::string& size, const std::string& r
     Encoded out;
     const std::string nut = dir / "frames.nut";
     const std::string raw = dir / "frames.raw";
-    std::vector<std::string> args = {"/usr/bin/ffmpeg",
-                                     "-v",
-                                     "error",
-                                     "-nostdin",
-                                     "-y",
-                                     "-f",
-                                     "lavfi",
-                                     "-i",
-                                     "testsrc=size=" + size + ":rate=" + rate,
-                                     "-frames:v",
-                                     std::to_string(frames)};
-    args.insert(args.end(), codec.begin(), codec.end());
-    args.push_back(nut);
+    const auto args = join({{"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y"},
+                            lavfi("testsrc=size=" + size + ":rate=" + rate),
+                            {"-frames:v", std::to_string(frames)},
+                            codec,
+                            {nut}});
     if (runProgram(args).status != 0) return out;
     if (runProgram({"/usr/bin/ffmpeg", "-v", "error", "-nostdin", "-y", "-i", nut, "-c", "copy", "-f", "rawvideo", raw})
             .status != 0)
@@ -98,24 +90,24 @@ protected:
     TempDir dir;
 };
 
-TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSampleOfItsOwnBytes)
+TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSampleOrTheEntryStaysWhole)
 {
     constexpr int kFrames = 4;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
         const Encoded frames = encode(dir, row.size, row.rate, kFrames, row.codec);
         ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
+        const uint64_t total = frames.bytes.size();
+        const auto duration = uint32_t(FrameTiming::fromRate(row.frameRate).frameDuration);
+        using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
         // The whole run as one entry of four frames, then its first frame again on its own.
-        const std::string movie =
-            assemble(row, frames, {{kLead, frames.bytes.size(), kFrames}, {kLead, frames.sizes[0], 1}});
-
+        std::string movie = assemble(row, frames, {{kLead, total, kFrames}, {kLead, frames.sizes[0], 1}});
         MovieSummary summary;
         ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
         const MovieTrack* track = summary.track(fourCC("vide"));
         ASSERT_NE(track, nullptr);
         ASSERT_EQ(track->sampleCount, uint64_t(kFrames + 1));
-        const int64_t duration = FrameTiming::fromRate(row.frameRate).frameDuration;
-        EXPECT_EQ(track->timeToSample, (std::vector<std::pair<uint32_t, uint32_t>>{{kFrames + 1, uint32_t(duration)}}));
+        EXPECT_EQ(track->timeToSample, (Runs{{kFrames + 1, duration}}));
         size_t at = 0;
         for (int i = 0; i < kFrames; ++i) {
             EXPECT_EQ(track->sampleSize(uint64_t(i)), frames.sizes[size_t(i)]) << i;
@@ -128,25 +120,14 @@ TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSampleOfItsOwnBytes)
         std::string diagnostics;
         EXPECT_TRUE(ffmpegDecodesCleanly(movie, &diagnostics)) << diagnostics;
         std::filesystem::remove(movie);
-    }
-}
 
-TEST_F(MultiFrameEntries, BytesThatDoNotSplitStayOneSampleOfAllTheFrames)
-{
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        const Encoded frames = encode(dir, row.size, row.rate, 3, row.codec);
-        ASSERT_EQ(frames.sizes.size(), 3u);
-        // Three frames declared as four; then the three frames with their last byte cut off.
-        const uint64_t total = frames.bytes.size();
-        const std::string movie = assemble(row, frames, {{kLead, total, 4}, {kLead, total - 1, 3}});
-        MovieSummary summary;
+        // Bytes that do not split: the four frames declared as five, then with their last
+        // byte cut off. Each entry stays one sample that lasts all of its frames.
+        movie = assemble(row, frames, {{kLead, total, kFrames + 1}, {kLead, total - 1, kFrames}});
         ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
-        const MovieTrack* track = summary.track(fourCC("vide"));
+        track = summary.track(fourCC("vide"));
         ASSERT_NE(track, nullptr);
-        const auto duration = uint32_t(FrameTiming::fromRate(row.frameRate).frameDuration);
-        EXPECT_EQ(track->timeToSample,
-                  (std::vector<std::pair<uint32_t, uint32_t>>{{1, 4 * duration}, {1, 3 * duration}}));
+        EXPECT_EQ(track->timeToSample, (Runs{{1, (kFrames + 1) * duration}, {1, kFrames * duration}}));
         EXPECT_EQ(readSamples(movie, *track, 0, 1), frames.bytes);
         std::filesystem::remove(movie);
     }

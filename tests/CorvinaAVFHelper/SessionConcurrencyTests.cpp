@@ -11,20 +11,13 @@ using namespace corvina::test;
 
 namespace {
 
-Value withDestination(const Value& settings, const std::string& path)
-{
-    Value::DictionaryType d = *settings.asDictionary();
-    d["destFilename"] = path;
-    return Value(std::move(d));
-}
-
 TEST(HelperSessionConcurrency, BothPumpsFeedTheirTracksAtOnce)
 {
     TempDir job;
     auto made = makeSampleJob(job.path(), {"--video", "1", "--audio", "6", "--seconds", "1.5"});
     ASSERT_TRUE(made);
     const std::string movie = job / "movie.mov";
-    const Value settings = withDestination(*made, movie);
+    const Value settings = withKey(*made, "destFilename", movie);
 
     AppController controller;
     EXPECT_EQ(controller.createQuickTimeMovie(settings), 0);
@@ -45,7 +38,7 @@ TEST(HelperSessionConcurrency, OneControllerRunsSessionsOneAfterAnother)
     AppController controller;
     for (int run = 0; run < 2; ++run) {
         const std::string movie = job / ("movie" + std::to_string(run) + ".mov");
-        const Value settings = withDestination(*made, movie);
+        const Value settings = withKey(*made, "destFilename", movie);
         // The audio frame index inside an entry is not reset between sessions on purpose;
         // a fresh controller starts with 0, a reused one resets it here.
         controller.setCurAudioSampleSubIndex(0);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include "HelperRun.h"
 #include "MovieCheck.h"
@@ -36,18 +35,7 @@ std::vector<std::string> sessionLines(const std::vector<std::string>& entries)
     return out;
 }
 
-Value withKey(const Value& settings, const std::string& key, Value value)
-{
-    Value::DictionaryType d = *settings.asDictionary();
-    if (value.isNone()) {
-        d.erase(key);
-    } else {
-        d[key] = std::move(value);
-    }
-    return Value(std::move(d));
-}
-
-// One generated job assembled in a home of its own, for the tests that walk a format table.
+// One generated job assembled through the replay path in a home of its own.
 struct AssembledJob {
     HelperHome home;
     TempDir dir;
@@ -55,39 +43,23 @@ struct AssembledJob {
     std::string movie;
     ProcessResult run;
 
-    // False when the tool could not make the job or the document could not be written.
-    bool assemble(const std::vector<std::string>& options)
+    // The job's document, its movie in dir; false when the tool could not make the job.
+    bool prepare(const std::vector<std::string>& options)
     {
         auto made = makeSampleJob(dir.path(), options);
         if (!made) return false;
         movie = dir / "movie.mov";
         doc = withKey(*made, "destFilename", movie);
+        return true;
+    }
+    // Writes the document and runs the helper on it.
+    bool runHelper()
+    {
         if (!home.writeSettings(doc)) return false;
         run = home.runHelper();
         return true;
     }
-};
-
-class HelperSession : public ::testing::Test {
-protected:
-    // A generated job assembled through the replay path; returns the movie path.
-    std::string assemble(const std::vector<std::string>& options, ProcessResult* run = nullptr)
-    {
-        auto made = makeSampleJob(job.path(), options);
-        EXPECT_TRUE(made) << "make_sample_job failed";
-        if (!made) return {};
-        settings = *made;
-        movie = job / "movie.mov";
-        settings = withKey(settings, "destFilename", movie);
-        EXPECT_TRUE(home.writeSettings(settings));
-        const ProcessResult result = home.runHelper();
-        if (run) *run = result;
-        return movie;
-    }
-    HelperHome home;
-    TempDir job;
-    Value settings;
-    std::string movie;
+    bool assemble(const std::vector<std::string>& options) { return prepare(options) && runHelper(); }
 };
 
 struct VideoRow {
@@ -110,7 +82,7 @@ const VideoRow kVideoRows[] = {
     {35, "ap4x", 320, 240, 320, "1/30000", true},
 };
 
-TEST_F(HelperSession, EveryVideoFormatMakesAMovieThatToolsAccept)
+TEST(HelperSession, EveryVideoFormatMakesAMovieThatToolsAccept)
 {
     for (const auto& row : kVideoRows) {
         SCOPED_TRACE(row.formatType);
@@ -152,7 +124,7 @@ struct AudioRow {
     const char* codec;
     int rate;
     int channels;
-    const char* layout;  // as ffprobe names it; empty when it names none
+    const char* layout;  // as ffprobe names it; empty for LtRt, two channels described as mono
     int bytesPerFrame;
 };
 
@@ -168,7 +140,7 @@ const AudioRow kAudioRows[] = {
     {17, "pcm_s16le", 32000, 2, "", 4},      {18, "pcm_s16be", 32000, 2, "", 4},
 };
 
-TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
+TEST(HelperSession, EveryAudioFormatIsStoredSampleForSample)
 {
     for (const auto& row : kAudioRows) {
         SCOPED_TRACE(row.audioFormat);
@@ -178,7 +150,17 @@ TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
         const std::string& path = job.movie;
         const Value& doc = job.doc;
 
-        EXPECT_EQ(checkMovieStructure(path), std::vector<std::string>{});
+        MovieSummary summary;
+        EXPECT_EQ(checkMovieStructure(path, &summary), std::vector<std::string>{});
+        const MovieTrack* sound = summary.track(fourCC("soun"));
+        ASSERT_NE(sound, nullptr);
+        EXPECT_EQ(sound->bytesPerFrame, uint32_t(row.bytesPerFrame));
+        const bool ltrt = !*row.layout;
+        EXPECT_EQ(sound->layoutTag, ltrt                ? kAudioChannelLayoutTag_UseChannelDescriptions
+                                    : row.channels == 2 ? kAudioChannelLayoutTag_Stereo
+                                                        : kAudioChannelLayoutTag_Mono);
+        EXPECT_EQ(sound->channelLabels,
+                  ltrt ? std::vector<uint32_t>(2, kAudioChannelLabel_Mono) : std::vector<uint32_t>{});
         const auto streams = ffprobeStreams(path);
         ASSERT_EQ(streams.size(), 2u);
         const auto& audio = streams[1];
@@ -187,7 +169,7 @@ TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
         EXPECT_EQ(audio.at("sample_rate"), std::to_string(row.rate));
         EXPECT_EQ(audio.at("channels"), std::to_string(row.channels));
         EXPECT_EQ(audio.at("sample_fmt"), "s16");
-        if (*row.layout) {
+        if (!ltrt) {
             EXPECT_EQ(audio.at("channel_layout"), row.layout);
         }
         const auto expected = expectedAudioBytes(doc, static_cast<uint64_t>(row.bytesPerFrame));
@@ -199,199 +181,78 @@ TEST_F(HelperSession, EveryAudioFormatIsStoredSampleForSample)
     }
 }
 
-TEST_F(HelperSession, AMovieWithoutAudioHasOnlyItsVideoTrack)
+TEST(HelperSession, ASuccessfulRunLogsEveryStageInOrder)
 {
-    ProcessResult run;
-    const std::string path = assemble({"--video", "1", "--audio", "0", "--seconds", "0.5"}, &run);
-    ASSERT_EQ(run.status, 0) << run.err;
-    const auto streams = ffprobeStreams(path);
-    ASSERT_EQ(streams.size(), 1u);
-    EXPECT_EQ(streams[0].at("codec_tag_string"), "dvcp");
-    EXPECT_TRUE(extractStreamBytes(path, 'v') == expectedVideoBytes(settings));
-    const auto lines = sessionLines(home.logEntries());
-    EXPECT_NE(std::find(lines.begin(), lines.end(), "No audio"), lines.end());
-}
-
-TEST_F(HelperSession, ASuccessfulRunLogsEveryStageInOrder)
-{
-    ProcessResult run;
-    assemble({"--video", "31", "--audio", "3", "--seconds", "0.1", "--width", "1920", "--height", "1080",
-              "--distinct-frames", "1"},
-             &run);
-    ASSERT_EQ(run.status, 0) << run.err;
-    const std::vector<std::string> expected = {
-        "Preparing QuickTime movie...",
-        "Audio format is 16-bit Linear PCM 44.1KHz Mono Little Endian",
-        "Video format is ProRes 422 1920x1080",
-        "Video format: apcn",
-        "1",
-        "2",
-        "3",
-        "4",
-        "added video input",
-        "5",
-        "6",
-        "added audio input",
-        "7",
-        "8",
-        "9",
-        "10",
-        "11",
-        "12",
-        "13",
-        "14",
-        "15",
-        "17",
-        "File created successfully",
-    };
-    const auto lines = sessionLines(logFrom(home.logEntries(), "Preparing QuickTime movie..."));
+    AssembledJob job;
+    ASSERT_TRUE(job.assemble({"--video", "31", "--audio", "3", "--seconds", "0.1", "--width", "1920", "--height",
+                              "1080", "--distinct-frames", "1"}));
+    ASSERT_EQ(job.run.status, 0) << job.run.err;
+    const auto expected = splitLines(
+        "Preparing QuickTime movie...\nAudio format is 16-bit Linear PCM 44.1KHz Mono Little Endian\n"
+        "Video format is ProRes 422 1920x1080\nVideo format: apcn\n1\n2\n3\n4\nadded video input\n5\n6\n"
+        "added audio input\n7\n8\n9\n10\n11\n12\n13\n14\n15\n17\nFile created successfully");
+    const auto lines = sessionLines(logFrom(job.home.logEntries(), "Preparing QuickTime movie..."));
     ASSERT_GE(lines.size(), expected.size());
     EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + static_cast<long>(expected.size())), expected);
     // The completion report and the closing line follow, in either order with each other.
     EXPECT_NE(std::find(lines.begin(), lines.end(), "Finished writing movie."), lines.end());
     EXPECT_NE(std::find(lines.begin(), lines.end(), "Removing temp data files..."), lines.end());
     // One request line per video entry plus the one that finds the end.
-    const auto entries = home.logEntries();
+    const auto entries = job.home.logEntries();
     const auto requests = std::count(entries.begin(), entries.end(), "Requesting next video sample at sample index...");
-    EXPECT_EQ(static_cast<size_t>(requests), settings["offsetArray"].count() + 1);
+    EXPECT_EQ(static_cast<size_t>(requests), job.doc["offsetArray"].count() + 1);
 }
 
-TEST_F(HelperSession, UnreadableSettingsEndWithStatusOne)
+TEST(HelperSession, AnUnreadableAudioFileStopsBeforeAnyWriting)
 {
-    // No document at all.
-    ProcessResult run = home.runHelper();
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("Unable to open settings dictionary"), std::string::npos);
-
-    // Not a property list, a truncated one, and one whose root is an array.
-    const std::string xml = Value(Value::DictionaryType{{"formatType", 1}}).toXMLPropertyList();
-    for (const std::string& text : {std::string("this is no property list"), xml.substr(0, xml.size() / 2),
-                                    Value(Value::ArrayType{Value(1)}).toXMLPropertyList()}) {
-        writeFile(home.replaySettingsPath(), text);
-        run = home.runHelper();
-        EXPECT_EQ(run.status, 1);
-        EXPECT_NE(run.err.find("Unable to open settings dictionary"), std::string::npos);
-    }
+    AssembledJob job;
+    ASSERT_TRUE(job.prepare({"--video", "0", "--audio", "2", "--seconds", "0.1"}));
+    const std::string missing = job.dir / "no-such-audio.raw";
+    job.doc = withKey(job.doc, "tmpAudioFilename", missing);
+    ASSERT_TRUE(job.runHelper());
+    EXPECT_EQ(job.run.status, 1);
+    const auto expected = splitLines(
+        "Video format: dvc\n1\n2\n3\n4\nadded video input\n5\n6\nadded audio input\n7\n8\n"
+        "Error creating audio read handle for " +
+        missing + "\nError: cannot read the audio data file " + missing +
+        ": No such file or directory\nRemoving temp data files...");
+    EXPECT_EQ(sessionLines(logFrom(job.home.logEntries(), "Video format: dvc")), expected);
+    EXPECT_FALSE(std::filesystem::exists(job.movie));
 }
 
-TEST_F(HelperSession, AnUnreadableAudioFileStopsBeforeAnyWriting)
+TEST(HelperSession, EntriesPastTheEndOfTheDataKeepWhatCameBefore)
 {
-    auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "2", "--seconds", "0.1"});
-    ASSERT_TRUE(made);
-    const std::string missing = job / "no-such-audio.raw";
-    Value doc = withKey(withKey(*made, "destFilename", job / "movie.mov"), "tmpAudioFilename", missing);
-    ASSERT_TRUE(home.writeSettings(doc));
-    const ProcessResult run = home.runHelper();
-    EXPECT_EQ(run.status, 1);
-    const auto lines = sessionLines(logFrom(home.logEntries(), "Video format: dvc"));
-    const std::vector<std::string> expected = {
-        "Video format: dvc",
-        "1",
-        "2",
-        "3",
-        "4",
-        "added video input",
-        "5",
-        "6",
-        "added audio input",
-        "7",
-        "8",
-        "Error creating audio read handle for " + missing,
-        "Error: cannot read the audio data file " + missing + ": No such file or directory",
-        "Removing temp data files..."};
-    EXPECT_EQ(lines, expected);
-    EXPECT_FALSE(std::filesystem::exists(job / "movie.mov"));
-}
-
-TEST_F(HelperSession, ADestinationInAMissingFolderIsRefusedBeforeTheWriter)
-{
-    auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "2", "--seconds", "0.1"});
-    ASSERT_TRUE(made);
-    const std::string dest = job / "missing-folder/movie.mov";
-    ASSERT_TRUE(home.writeSettings(withKey(*made, "destFilename", dest)));
-    const ProcessResult run = home.runHelper();
-    EXPECT_EQ(run.status, 1);
-    const auto lines = sessionLines(logFrom(home.logEntries(), "1"));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1].rfind("Error: destination " + dest + " refused: its folder ", 0), 0u) << lines[1];
-    EXPECT_EQ(lines[2], "Removing temp data files...");
-}
-
-TEST_F(HelperSession, AnExistingDestinationIsReplaced)
-{
-    auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "0", "--seconds", "0.1"});
-    ASSERT_TRUE(made);
-    const std::string path = job / "movie.mov";
-    writeFile(path, "an old movie");
-    ASSERT_TRUE(home.writeSettings(withKey(*made, "destFilename", path)));
-    ASSERT_EQ(home.runHelper().status, 0);
-    EXPECT_EQ(checkMovieStructure(path), std::vector<std::string>{});
-    EXPECT_EQ(ffprobePacketCount(path, 0), static_cast<long long>((*made)["offsetArray"].count()));
-}
-
-TEST_F(HelperSession, DocumentsTheSessionRefuses)
-{
-    auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "2", "--seconds", "0.1"});
-    ASSERT_TRUE(made);
-    const Value base = withKey(*made, "destFilename", job / "movie.mov");
-    struct Case {
-        const char* name;
-        Value doc;
-        const char* line;
-    } cases[] = {
-        {"unknown format", withKey(base, "formatType", Value(36)),
-         "Unknown video format. This movie is an unknown video format. Please report this error to Brantwell."},
-        {"negative format", withKey(base, "formatType", Value(-1)),
-         "Unknown video format. This movie is an unknown video format. Please report this error to Brantwell."},
-        {"no frame rate", withKey(base, "frameRate", Value()), "Error: frame rate 0.000 is not usable."},
-        {"negative frame rate", withKey(base, "frameRate", Value(-25.0)), "Error: frame rate -25.000 is not usable."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        HelperHome caseHome;
-        ASSERT_TRUE(caseHome.writeSettings(c.doc));
-        const ProcessResult run = caseHome.runHelper();
-        EXPECT_EQ(run.status, 1);
-        const auto lines = sessionLines(caseHome.logEntries());
-        ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines.back(), "Removing temp data files...");
-        const bool found =
-            std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(c.line, 0) == 0; });
-        EXPECT_TRUE(found) << c.line;
-        EXPECT_FALSE(std::filesystem::exists(job / "movie.mov"));
-    }
-}
-
-TEST_F(HelperSession, EntriesPastTheEndOfTheDataKeepWhatCameBefore)
-{
-    auto made = makeSampleJob(job.path(), {"--video", "0", "--audio", "2", "--seconds", "0.3"});
-    ASSERT_TRUE(made);
-    const std::string path = job / "movie.mov";
-    Value::ArrayType entries = *(*made)["offsetArray"].asArray();
+    AssembledJob job;
+    ASSERT_TRUE(job.prepare({"--video", "0", "--audio", "2", "--seconds", "0.3"}));
+    Value::ArrayType entries = *job.doc["offsetArray"].asArray();
     ASSERT_GE(entries.size(), 5u);
     const size_t keep = 4;
     entries[keep] = Value(Value::DictionaryType{{"offset", uint64_t(1) << 40}, {"length", 144000}});
-    const Value doc = withKey(withKey(*made, "destFilename", path), "offsetArray", Value(entries));
-    ASSERT_TRUE(home.writeSettings(doc));
-    ASSERT_EQ(home.runHelper().status, 0);
-    EXPECT_EQ(ffprobePacketCount(path, 0), static_cast<long long>(keep));
-    EXPECT_EQ(checkMovieStructure(path), std::vector<std::string>{});
-    const auto entriesLogged = home.logEntries();
-    EXPECT_NE(std::find(entriesLogged.begin(), entriesLogged.end(), "Error allocating video block buffer"),
-              entriesLogged.end());
+    job.doc = withKey(job.doc, "offsetArray", Value(entries));
+    ASSERT_TRUE(job.runHelper());
+    ASSERT_EQ(job.run.status, 0);
+    EXPECT_EQ(ffprobePacketCount(job.movie, 0), static_cast<long long>(keep));
+    EXPECT_EQ(checkMovieStructure(job.movie), std::vector<std::string>{});
+    const auto logged = job.home.logEntries();
+    EXPECT_NE(std::find(logged.begin(), logged.end(), "Error allocating video block buffer"), logged.end());
 }
 
-TEST_F(HelperSession, TheReplayCopyAssemblesTheSameMovieAgain)
+TEST(HelperSession, AMovieWithoutAudioHasOnlyItsVideoTrackAndTheReplayCopyMakesItAgain)
 {
-    ProcessResult run;
-    const std::string path = assemble({"--video", "0", "--audio", "2", "--seconds", "0.2"}, &run);
-    ASSERT_EQ(run.status, 0);
-    const auto first = extractStreamBytes(path, 'v');
-    ASSERT_FALSE(first.empty());
-    std::filesystem::remove(path);
+    AssembledJob job;
+    ASSERT_TRUE(job.assemble({"--video", "1", "--audio", "0", "--seconds", "0.5"}));
+    ASSERT_EQ(job.run.status, 0) << job.run.err;
+    const auto streams = ffprobeStreams(job.movie);
+    ASSERT_EQ(streams.size(), 1u);
+    EXPECT_EQ(streams[0].at("codec_tag_string"), "dvcp");
+    const auto first = extractStreamBytes(job.movie, 'v');
+    EXPECT_TRUE(first == expectedVideoBytes(job.doc));
+    const auto lines = sessionLines(job.home.logEntries());
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "No audio"), lines.end());
     // Started again without a new document, the helper reads the copy it left behind.
-    ASSERT_EQ(home.runHelper().status, 0);
-    EXPECT_TRUE(extractStreamBytes(path, 'v') == first);
+    std::filesystem::remove(job.movie);
+    ASSERT_EQ(job.home.runHelper().status, 0);
+    EXPECT_TRUE(extractStreamBytes(job.movie, 'v') == first);
 }
 
 }  // namespace

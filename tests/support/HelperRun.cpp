@@ -66,6 +66,17 @@ std::optional<corvina::Value> makeSampleJob(const std::string& dir, const std::v
     return corvina::Value::fromPropertyListFile(dir + "/settings.plist");
 }
 
+corvina::Value withKey(const corvina::Value& settings, const std::string& key, corvina::Value value)
+{
+    corvina::Value::DictionaryType d = *settings.asDictionary();
+    if (value.isNone()) {
+        d.erase(key);
+    } else {
+        d[key] = std::move(value);
+    }
+    return corvina::Value(std::move(d));
+}
+
 namespace {
 
 void appendRange(std::vector<uint8_t>& out, const std::vector<uint8_t>& file, uint64_t offset, uint64_t length)

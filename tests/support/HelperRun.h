@@ -36,6 +36,9 @@ private:
 // Makes a sample job in dir with the tool; returns its settings document (nullopt on failure).
 std::optional<corvina::Value> makeSampleJob(const std::string& dir, const std::vector<std::string>& options);
 
+// The settings document with key set to value, or removed when value is none.
+corvina::Value withKey(const corvina::Value& settings, const std::string& key, corvina::Value value);
+
 // The essence a movie must hold for a settings document: the video samples' bytes in
 // offset-table order, and the audio frames' bytes run by run (whole frames only).
 std::vector<uint8_t> expectedVideoBytes(const corvina::Value& settings);

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -377,9 +376,9 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
     if (!t.sampleToChunk.empty() && t.sampleToChunk[0].first != 1) problem("stsc does not start at chunk 1");
     for (size_t i = 1; i < t.sampleToChunk.size(); ++i)
         if (t.sampleToChunk[i].first <= t.sampleToChunk[i - 1].first) problem("stsc runs out of order");
-    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first > t.chunkOffsets.size())
+    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first > t.chunkOffsets.size()) {
         problem("stsc names chunks that do not exist");
-    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first <= t.chunkOffsets.size()) {
+    } else if (!t.sampleToChunk.empty()) {
         const auto per = t.samplesPerChunk();
         uint64_t stscCount = 0;
         for (uint32_t n : per) stscCount += n;
@@ -396,10 +395,6 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
             }
         }
     }
-    bool beyond4G = false;
-    for (uint64_t o : t.chunkOffsets) beyond4G |= o > 0xFFFFFFFFull;
-    if (beyond4G && !t.co64) problem("offsets beyond 4 GB without co64");
-    if (t.sampleCount && !t.constantSize && t.sampleSizes.size() != t.sampleCount) problem("stsz entries missing");
 }
 
 }  // namespace
@@ -478,8 +473,6 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
     if (m.majorBrand != fourCC("qt  ")) problems.push_back("major brand is not 'qt  '");
     if (moov.empty()) problems.push_back("no moov");
     if (!m.mdatDataEnd) problems.push_back("no mdat");
-    if (m.mdatDataEnd && !m.mdat64 && m.mdatDataEnd - m.mdatDataStart > 0xFFFFFFFFull)
-        problems.push_back("mdat above 4 GB with a 32-bit size");
 
     auto top = children(moov.data(), moov.size(), "moov", problems);
     if (const Atom* mvhd = find(top, fourCC("mvhd"))) {

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <mutex>
 
 #include "TestSupport.h"
@@ -16,8 +15,8 @@ std::map<std::string, std::string> made;
 
 const TempDir& movieFolder()
 {
-    static const auto folder = std::make_unique<TempDir>();
-    return *folder;
+    static const TempDir folder;
+    return folder;
 }
 
 }  // namespace

@@ -340,7 +340,11 @@ std::string waitForFile(const std::string& path, std::chrono::seconds limit)
 
 void writeRecorder(const std::string& path)
 {
-    writeFile(path, "#!/bin/sh\nprintf '%s\\n' \"$1\" > \"$(dirname \"$0\")/handed-over.txt\"\n", fs::perms::owner_all);
+    // Written aside and renamed, so that a waitForFile never sees the file empty.
+    writeFile(path,
+              "#!/bin/sh\nd=$(dirname \"$0\")\nprintf '%s\\n' \"$1\" > \"$d/.handed-over\" && mv \"$d/.handed-over\" "
+              "\"$d/handed-over.txt\"\n",
+              fs::perms::owner_all);
 }
 
 }  // namespace corvina::test
