@@ -3,11 +3,9 @@
 #include <grp.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,7 +13,6 @@
 #include "PrivilegedTools.h"
 #include "Process/Process.h"
 #include "TQAuthorization.h"
-#include "TQLocalPaths.h"
 #include "TQLog.h"
 
 using ::testing::Contains;

@@ -2,7 +2,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <filesystem>
 #include <map>
 
@@ -128,9 +127,6 @@ TEST_F(TQLocalPathsTest, FolderMapping)
         {"user library", P::libraryDirectory(true), h + "/Library"},
         {"local library", P::libraryDirectory(false), root + "/Library"},
         {"user prefs", P::prefsDirectory(true), h + "/Library/Preferences"},
-        {"local prefs", P::prefsDirectory(false), root + "/Library/Preferences"},
-        {"user admin applications", P::adminApplicationDirectory(true), h + "/Applications/Utilities"},
-        {"local admin applications", P::adminApplicationDirectory(false), root + "/Applications/Utilities"},
         {"user documents", P::documentDirectory(true), h + "/Documents"},
         {"local documents", P::documentDirectory(false), std::nullopt},
         {"desktop", P::desktopDirectory(), h + "/Desktop"},
