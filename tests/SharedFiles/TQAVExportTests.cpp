@@ -55,6 +55,24 @@ struct Recorder : TQAVExportDelegate {
     }
 };
 
+// One export and its recorder, with the asset and the output set.
+struct Export {
+    Recorder recorder;
+    TQAVExport exporter;
+    Export(const AssetRef& asset, const std::string& output)
+    {
+        exporter.setAsset(asset);
+        exporter.setOutputURL(output);
+        exporter.setDelegate(&recorder);
+    }
+    bool run()
+    {
+        exporter.exportAsset();
+        return recorder.wait();
+    }
+    std::string why() const { return recorder.error ? recorder.error->localizedDescription : ""; }
+};
+
 std::string source(const std::string& name, const std::string& pictures, const std::vector<std::string>& codecs,
                    const std::string& audio = "")
 {
@@ -84,21 +102,17 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.codec);
         const std::string output = dir / (std::string(c.codec) + ".mov");
-        Recorder recorder;
-        TQAVExport exporter;
-        exporter.setAsset(Asset::assetWithPath(input));
-        exporter.setOutputURL("file://" + output);
-        exporter.setDelegate(&recorder);
-        exporter.audioRate = c.rate;
-        exporter.audioSampleSize = c.bits;
-        exporter.audioChannelCount = c.channels;
-        exporter.audioLittleEndian = c.littleEndian;
-        exporter.audioLayout = c.channels == 2 ? 0x650002u : 0;
-        exporter.exportAsset();
-        ASSERT_TRUE(recorder.wait());
-        ASSERT_TRUE(recorder.finished) << (recorder.error ? recorder.error->description() : "");
-        EXPECT_TRUE(recorder.endedOnMainThread);
-        EXPECT_FALSE(exporter.cancelled());
+        Export e(Asset::assetWithPath(input), "file://" + output);
+        e.exporter.audioRate = c.rate;
+        e.exporter.audioSampleSize = c.bits;
+        e.exporter.audioChannelCount = c.channels;
+        e.exporter.audioLittleEndian = c.littleEndian;
+        e.exporter.audioLayout = c.channels == 2 ? 0x650002u : 0;
+        ASSERT_TRUE(e.run());
+        ASSERT_TRUE(e.recorder.finished) << e.why();
+        EXPECT_TRUE(e.recorder.endedOnMainThread);
+        EXPECT_FALSE(e.exporter.cancelled());
+        const auto& progress = e.recorder.progress;
 
         EXPECT_TRUE(checkMovieStructure(output).empty());
         const auto streams = ffprobeStreams(output);
@@ -113,9 +127,9 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         EXPECT_TRUE(ffmpegDecodesCleanly(output, &diagnostics)) << diagnostics;
         // Two pumps report: at most once a percentage (give or take a race between them), up
         // to nearly the whole export.
-        ASSERT_FALSE(recorder.progress.empty());
-        EXPECT_LE(recorder.progress.size(), 101u);
-        EXPECT_GE(*std::max_element(recorder.progress.begin(), recorder.progress.end()), 0.9f);
+        ASSERT_FALSE(progress.empty());
+        EXPECT_LE(progress.size(), 101u);
+        EXPECT_GE(*std::max_element(progress.begin(), progress.end()), 0.9f);
     }
 }
 
@@ -126,16 +140,12 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     ASSERT_FALSE(input.empty());
     TempDir dir;
     const std::string output = dir / "dv.mov";
-    Recorder recorder;
-    TQAVExport exporter;
-    exporter.setAsset(Asset::assetWithPath(input));
-    exporter.setOutputURL(output);
-    exporter.setDelegate(&recorder);
-    exporter.videoFourCC = fourCC("dvcp");
-    exporter.timeRange = {MediaTime::make(2, 25), MediaTime::make(5, 25)};
-    exporter.exportAsset();
-    ASSERT_TRUE(recorder.wait());
-    ASSERT_TRUE(recorder.finished) << (recorder.error ? recorder.error->description() : "");
+    Export e(Asset::assetWithPath(input), output);
+    e.exporter.videoFourCC = fourCC("dvcp");
+    e.exporter.timeRange = {MediaTime::make(2, 25), MediaTime::make(5, 25)};
+    ASSERT_TRUE(e.run());
+    ASSERT_TRUE(e.recorder.finished) << e.why();
+    const auto& progress = e.recorder.progress;
     const auto streams = ffprobeStreams(output);
     ASSERT_EQ(streams.size(), 1u);
     EXPECT_EQ(streams[0].at("codec_name"), "dvvideo");
@@ -144,23 +154,17 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     EXPECT_TRUE(ffmpegDecodesCleanly(output));
     // One track: whole percentages that only rise, and the mean of the two stays at or below
     // half (the last of 5 frames starts at 4/5 of the range).
-    ASSERT_FALSE(recorder.progress.empty());
-    for (size_t i = 1; i < recorder.progress.size(); ++i)
-        EXPECT_GT(std::lround(recorder.progress[i] * 100), std::lround(recorder.progress[i - 1] * 100));
-    EXPECT_FLOAT_EQ(recorder.progress.back(), 0.4f);
+    ASSERT_FALSE(progress.empty());
+    for (size_t i = 1; i < progress.size(); ++i)
+        EXPECT_GT(std::lround(progress[i] * 100), std::lround(progress[i - 1] * 100));
+    EXPECT_FLOAT_EQ(progress.back(), 0.4f);
 
     // Frames that the encoder cannot take as they are fail the export with a reason.
-    Recorder refused;
-    TQAVExport prores;
-    prores.setAsset(Asset::assetWithPath(input));
-    prores.setOutputURL(dir / "prores.mov");
-    prores.setDelegate(&refused);
-    prores.videoFourCC = fourCC("apcn");
-    prores.exportAsset();
-    ASSERT_TRUE(refused.wait());
-    EXPECT_TRUE(refused.failed);
-    ASSERT_TRUE(refused.error);
-    EXPECT_NE(refused.error->localizedDescription.find("yuv420p"), std::string::npos);
+    Export prores(Asset::assetWithPath(input), dir / "prores.mov");
+    prores.exporter.videoFourCC = fourCC("apcn");
+    ASSERT_TRUE(prores.run());
+    EXPECT_TRUE(prores.recorder.failed);
+    EXPECT_NE(prores.why().find("yuv420p"), std::string::npos);
     EXPECT_FALSE(std::filesystem::exists(dir / "prores.mov"));
 }
 
@@ -175,23 +179,19 @@ TEST(TQAVExportTest, CancelKeepsWhatWasThere)
         {
             std::ofstream(output) << "precious";
         }
-        Recorder recorder;
-        TQAVExport exporter;
-        exporter.setAsset(Asset::assetWithPath(input));
-        exporter.setOutputURL(output);
-        exporter.setDelegate(&recorder);
+        Export e(Asset::assetWithPath(input), output);
         std::atomic<bool> asked{false};
         if (midway)
-            recorder.onProgress = [&](TQAVExport& e) {
-                if (!asked.exchange(true)) e.cancel();
+            e.recorder.onProgress = [&](TQAVExport& exporter) {
+                if (!asked.exchange(true)) exporter.cancel();
             };
-        exporter.exportAsset();
-        if (!midway) exporter.cancel();
-        ASSERT_TRUE(recorder.wait());
-        EXPECT_TRUE(recorder.finished);
-        EXPECT_FALSE(exporter.cancelled());  // cleared by the success path
+        e.exporter.exportAsset();
+        if (!midway) e.exporter.cancel();
+        ASSERT_TRUE(e.recorder.wait());
+        EXPECT_TRUE(e.recorder.finished);
+        EXPECT_FALSE(e.exporter.cancelled());  // cleared by the success path
         if (midway) {
-            EXPECT_LT(recorder.progress.back(), 0.5f);
+            EXPECT_LT(e.recorder.progress.back(), 0.5f);
         }
         EXPECT_EQ(readFile(output), "precious");
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);  // no partial movie left
@@ -218,20 +218,14 @@ TEST(TQAVExportTest, FailuresReachTheDelegateOnTheMainQueue)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.output);
-        Recorder recorder;
-        TQAVExport exporter;
-        exporter.setAsset(c.asset);
-        exporter.setOutputURL(c.output);
-        exporter.setDelegate(&recorder);
-        exporter.audioCodec = c.audioCodec;
-        exporter.exportAsset();
-        ASSERT_TRUE(recorder.wait());
-        EXPECT_TRUE(recorder.failed);
-        EXPECT_TRUE(recorder.endedOnMainThread);
-        EXPECT_TRUE(recorder.progress.empty());
-        ASSERT_TRUE(recorder.error);
-        EXPECT_NE(recorder.error->localizedDescription.find(c.words), std::string::npos)
-            << recorder.error->localizedDescription;
+        Export e(c.asset, c.output);
+        e.exporter.audioCodec = c.audioCodec;
+        ASSERT_TRUE(e.run());
+        EXPECT_TRUE(e.recorder.failed);
+        EXPECT_TRUE(e.recorder.endedOnMainThread);
+        EXPECT_TRUE(e.recorder.progress.empty());
+        ASSERT_TRUE(e.recorder.error);
+        EXPECT_NE(e.why().find(c.words), std::string::npos) << e.why();
     }
     EXPECT_TRUE(std::filesystem::is_directory(dir.path()));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);

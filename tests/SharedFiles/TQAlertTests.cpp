@@ -53,9 +53,8 @@ public:
     std::shared_ptr<corvina::AlertSession> present(const corvina::AlertContent& content, Completion completion) override
     {
         std::unique_lock lock(mutex_);
-        shown_ = content;
         all_.push_back(content);
-        shownOnMain_ = corvina::isMainThread();
+        shownOnMain = corvina::isMainThread();
         session_ = std::make_shared<ManualSession>();
         if (!atOnce_) {
             completion_ = std::move(completion);
@@ -66,11 +65,6 @@ public:
         if (completion) completion(*atOnce_);
         return nullptr;
     }
-    std::vector<corvina::AlertContent> all()
-    {
-        std::lock_guard lock(mutex_);
-        return all_;
-    }
     void answer(int64_t code)
     {
         Completion c;
@@ -80,33 +74,23 @@ public:
         }
         if (c) c(code);
     }
-    bool shown()
+    std::vector<corvina::AlertContent> all()
     {
         std::lock_guard lock(mutex_);
-        return session_ != nullptr;
-    }
-    corvina::AlertContent content()
-    {
-        std::lock_guard lock(mutex_);
-        return shown_;
+        return all_;
     }
     std::shared_ptr<ManualSession> session()
     {
         std::lock_guard lock(mutex_);
         return session_;
     }
-    bool shownOnMain()
-    {
-        std::lock_guard lock(mutex_);
-        return shownOnMain_;
-    }
+    bool shown() { return session() != nullptr; }
+    std::atomic<bool> shownOnMain{false};
 
 private:
     std::mutex mutex_;
-    corvina::AlertContent shown_;
     Completion completion_;
     std::shared_ptr<ManualSession> session_;
-    bool shownOnMain_ = false;
     std::vector<corvina::AlertContent> all_;
     std::optional<int64_t> atOnce_;
     bool check_ = false;
@@ -146,24 +130,15 @@ void reportResult(int64_t code)
 
 }  // namespace
 
-TEST(TQAlertHeadless, ShortestFormLogsAndReturnsAtOnce)
+// The headless presenter's own log line is the platform's; here the short forms reach it.
+TEST(TQAlertHeadless, ShortFormsAnswerWithTheDefaultButton)
 {
     PresenterScope scope(corvina::makeHeadlessAlertPresenter());
     corvina::ScopedSystemLogCapture capture;
     TQAlert::alertSheetWithMessageText("Unknown video format", "The video format 'abcd' is not supported.", nullptr);
     EXPECT_THAT(capture.messages(),
                 Contains("Alert: Unknown video format - The video format 'abcd' is not supported."));
-}
-
-TEST(TQAlertHeadless, WaitingFormsReturnTheDefaultButton)
-{
-    PresenterScope scope(corvina::makeHeadlessAlertPresenter());
-    corvina::ScopedSystemLogCapture capture;
-    EXPECT_EQ(
-        TQAlert::alertSheetWithMessageText("Replace?", "Replace", "Keep", nullptr, "50% done %@ %d", nullptr, true), 1);
-    EXPECT_THAT(capture.messages(), Contains("Alert: Replace? - 50% done %@ %d"));
     EXPECT_EQ(TQAlert::alertSheetWithMessageText(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, true), 1);
-    EXPECT_THAT(capture.messages(), Contains("Alert: "));
 }
 
 TEST(TQAlertDelegates, NotWaitingReturnsMinusOneAndTheDelegateHearsTheEnd)
@@ -202,31 +177,27 @@ TEST(TQAlertDelegates, EndHandlerReplacesTheDelegatesCallback)
     EXPECT_EQ(seen, &object);
     EXPECT_EQ(delegate.calls, 0);
     EXPECT_TRUE(object.alertEnded());
-    EXPECT_EQ(object.returnCode(), 1);
     EXPECT_EQ(object.alert(), nullptr) << "cleared after a waited-for alert";
 }
 
-TEST(TQAlertDelegates, GivenAlertObjectCarriesTheStateAndTexts)
+TEST(TQAlertDelegates, GivenAlertObjectShowsTheTextsOnTheMainThreadAndEndsWithTheAnswer)
 {
     auto presenter = std::make_shared<ManualPresenter>();
     PresenterScope scope(presenter);
     TQAlert object;
-    int parent = 0;
-    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Message", "Go", "Stop", "Later", "Info", &parent, nullptr, nullptr,
-                                                 false, &object, "suppressUnknownFormat"),
+    EXPECT_EQ(TQAlert::alertSheetWithMessageText("Message", "Go", "Stop", "Later", "Info 50% %@ %d", nullptr, nullptr,
+                                                 nullptr, false, &object, "suppressUnknownFormat"),
               -1);
     EXPECT_FALSE(object.alertEnded());
-    EXPECT_EQ(object.parentWindow(), &parent);
     EXPECT_EQ(object.delegate(), &object) << "its own delegate";
     ASSERT_TRUE(presenter->shown());
-    EXPECT_TRUE(presenter->shownOnMain());
-    const auto content = presenter->content();
-    EXPECT_EQ(content.messageText, "Message");
-    EXPECT_EQ(content.defaultButton, "Go");
-    EXPECT_EQ(content.alternateButton, "Stop");
-    EXPECT_EQ(content.otherButton, "Later");
-    EXPECT_EQ(content.informativeText, "Info");
-    EXPECT_EQ(content.suppressionBinding, "suppressUnknownFormat");
+    EXPECT_TRUE(presenter->shownOnMain);
+    const auto content = presenter->all().back();
+    EXPECT_EQ(std::vector<std::optional<std::string>>({content.messageText, content.defaultButton,
+                                                       content.alternateButton, content.otherButton,
+                                                       content.informativeText, content.suppressionBinding}),
+              std::vector<std::optional<std::string>>(
+                  {"Message", "Go", "Stop", "Later", "Info 50% %@ %d", "suppressUnknownFormat"}));
     presenter->answer(corvina::kAlertOtherReturn);
     EXPECT_TRUE(object.alertEnded());
     EXPECT_EQ(object.returnCode(), corvina::kAlertOtherReturn);
@@ -261,25 +232,13 @@ TEST(TQAlertConcurrency, WaitingCallerOnAnotherThreadGetsTheAnswer)
     });
     // The alert is shown on the main thread, which serves its queue here.
     corvina::runMainQueueUntil([&] { return presenter->shown(); });
-    EXPECT_TRUE(presenter->shownOnMain());
+    EXPECT_TRUE(presenter->shownOnMain);
     std::thread answerer([&] { presenter->answer(corvina::kAlertAlternateReturn); });
     answerer.join();
     corvina::runMainQueueUntil([&] { return done.load(); });
     caller.join();
     EXPECT_EQ(result, corvina::kAlertAlternateReturn);
     EXPECT_TRUE(presenter->session()->dismissed) << "ordered out after the wait";
-}
-
-TEST(TQAlertConcurrency, WaitingMainThreadGetsAnAnswerFromAnotherThread)
-{
-    auto presenter = std::make_shared<ManualPresenter>();
-    PresenterScope scope(presenter);
-    std::thread answerer([&] {
-        while (!presenter->shown()) std::this_thread::yield();
-        presenter->answer(corvina::kAlertDefaultReturn);
-    });
-    EXPECT_EQ(TQAlert::alertSheetWithMessageText("m", nullptr, nullptr, nullptr, nullptr, nullptr, true), 1);
-    answerer.join();
 }
 
 TEST(TQAlertConcurrency, TimedAlertAnswersItselfWithTheDefaultButton)
@@ -294,6 +253,7 @@ TEST(TQAlertConcurrency, TimedAlertAnswersItselfWithTheDefaultButton)
     presenter->answer(0);  // too late: changes nothing and reaches nobody
 }
 
+// The main thread waits (serving its queue) while another thread answers before the timer.
 TEST(TQAlertConcurrency, TimedAlertAnsweredFirstKeepsTheAnswer)
 {
     auto presenter = std::make_shared<ManualPresenter>();
@@ -338,25 +298,23 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
     if (!inChild()) return expectChildPasses();
     auto person = std::make_shared<ManualPresenter>(corvina::kAlertDefaultReturn, true);
     PresenterScope scope(person);
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                       true, nullptr, "alerts.quiet");
+    const auto ask = [] {
+        TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                           true, nullptr, "alerts.quiet");
+    };
+    const auto stored = [] { return corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet"); };
+    ask();
     ASSERT_EQ(person->all().size(), 1u);
     EXPECT_EQ(person->all()[0].suppressionBinding, "alerts.quiet");
     EXPECT_FALSE(person->all()[0].suppressionChecked) << "nothing stored yet";
-    // Stored in the file at once, under the key path.
-    corvina::UserDefaults onDisk("SharedFilesTests");
-    EXPECT_TRUE(onDisk.valueForKeyPath("alerts.quiet").boolValue());
-
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                       true, nullptr, "alerts.quiet");
+    EXPECT_TRUE(stored().boolValue()) << "stored in the file at once, under the key path";
+    ask();
     ASSERT_EQ(person->all().size(), 2u);
     EXPECT_TRUE(person->all()[1].suppressionChecked) << "read back";
-
     // Nobody to ask: the stored choice stays as it is.
     PresenterScope headless(corvina::makeHeadlessAlertPresenter());
-    TQAlert::alertSheetWithMessageText("Unknown format", "OK", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                       true, nullptr, "alerts.quiet");
-    EXPECT_TRUE(corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet").boolValue());
+    ask();
+    EXPECT_TRUE(stored().boolValue());
 }
 
 TEST(TQAlertPresenters, NobodyToAskLogsAndAnswersAtOnce)
@@ -420,36 +378,32 @@ public:
     {
         if (!corvina::isExecutablePath("/usr/bin/Xvfb")) return;
         for (int attempt = 0; attempt < 5 && name_.empty(); ++attempt) {
-            const int number = 100 + static_cast<int>((::getpid() + attempt * 37) % 800);
-            if (fs::exists("/tmp/.X" + std::to_string(number) + "-lock")) continue;
+            const std::string number = std::to_string(100 + (::getpid() + attempt * 37) % 800);
+            if (fs::exists("/tmp/.X" + number + "-lock")) continue;
+            stop();
             server_ = std::make_unique<corvina::Process>();
             server_->setLaunchPath("/usr/bin/Xvfb");
-            server_->setArguments({":" + std::to_string(number), "-screen", "0", "1024x768x24", "-nolisten", "tcp"});
+            server_->setArguments({":" + number, "-screen", "0", "1024x768x24", "-nolisten", "tcp"});
             server_->setStandardOutput(corvina::Process::Stream::Null);
             server_->setStandardError(corvina::Process::Stream::Null);
             server_->launch();
-            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+            const std::string socket = "/tmp/.X11-unix/X" + number;
             for (int i = 0; i < 100 && server_->isRunning() && !fs::exists(socket); ++i) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
             }
-            if (server_->isRunning() && fs::exists(socket)) {
-                name_ = ":" + std::to_string(number);
-            } else {
-                server_->terminate();
-                server_->waitUntilExit();
-            }
+            if (server_->isRunning() && fs::exists(socket)) name_ = ":" + number;
         }
     }
-    ~VirtualDisplay()
-    {
-        if (server_) {
-            server_->terminate();
-            server_->waitUntilExit();
-        }
-    }
+    ~VirtualDisplay() { stop(); }
     const std::string& name() const { return name_; }
 
 private:
+    void stop()
+    {
+        if (!server_) return;
+        server_->terminate();
+        server_->waitUntilExit();
+    }
     std::unique_ptr<corvina::Process> server_;
     std::string name_;
 };

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <regex>
 
 #include "PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
@@ -17,11 +16,12 @@ namespace {
 TQAuthorization& auth() { return TQAuthorization::sharedController(); }
 }  // namespace
 
-TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
+TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefusedWithoutRunningATool)
 {
     Tools tools;
     corvina::ScopedSystemLogCapture capture;
     const std::string apps = TQLocalPaths::applicationDirectory(false).value();
+    EXPECT_FALSE(auth().authRemoveFile("/") || auth().authRemoveFile(apps) || auth().authRemoveFile("/usr"));
     EXPECT_FALSE(auth().authTrashFile("/"));
     EXPECT_FALSE(auth().authTrashFile(apps + "/", true));
     EXPECT_FALSE(auth().authTrashFolderContents("/usr"));
@@ -32,7 +32,9 @@ TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefused)
     EXPECT_FALSE(auth().authMoveFile("/nonexistent/a", "/tmp/x") || auth().authCopyFile("/nonexistent/a", "/tmp/x"));
     const std::string refusal = " because it is a system directory.";
     EXPECT_THAT(capture.messages(),
-                ElementsAre("Unable to trash path /" + refusal, "Unable to trash path " + apps + "/" + refusal,
+                ElementsAre("Unable to delete path /" + refusal, "Unable to delete path " + apps + refusal,
+                            "Unable to delete path /usr" + refusal, "Unable to trash path /" + refusal,
+                            "Unable to trash path " + apps + "/" + refusal,
                             "Unable to trash folder contents of path /usr" + refusal,
                             "Unable to move contents of path /bin" + refusal, "Unable to move path /System" + refusal,
                             "Error in authMoveFile: old path is null", "Error in authMoveFile: new path is null",

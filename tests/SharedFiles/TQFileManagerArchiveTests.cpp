@@ -1,8 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include "Process/Process.h"
 #include "TestSupport.h"
 #include "TQFileManager.h"
 #include "TQLog.h"
@@ -168,16 +167,13 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
     TQFileManager::waitForFileWrites(home + "/missing.mov", lock);
 
     // Another process appends for a while; the wait ends only five seconds after its last write.
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl("/bin/sh", "sh", "-c", "for i in 1 2 3 4 5 6; do echo $i >> \"$1\"; sleep 0.3; done", "sh",
-                file.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    corvina::Process writer;
+    writer.setLaunchPath("/bin/sh");
+    writer.setArguments({"-c", "for i in 1 2 3 4 5 6; do echo $i >> \"$1\"; sleep 0.3; done", "sh", file});
+    writer.launch();
     while (!fs::exists(file)) ::usleep(1000);
     TQFileManager::waitForFileWrites(file);
-    int status = 0;
-    EXPECT_EQ(::waitpid(pid, &status, WNOHANG), pid) << "the writer had finished";
+    EXPECT_FALSE(writer.isRunning()) << "the writer had finished";
     EXPECT_EQ(readFile(file), "1\n2\n3\n4\n5\n6\n");
     struct stat st {};
     ::stat(file.c_str(), &st);
@@ -216,19 +212,17 @@ TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
         ::close(reader);
     }
     // Another process appending to it, even after the file was renamed.
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl("/bin/sh", "sh", "-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file.c_str(),
-                static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    corvina::Process writer;
+    writer.setLaunchPath("/bin/sh");
+    writer.setArguments({"-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file});
+    writer.launch();
     bool seen = false;
     for (int i = 0; i < 3000 && !(seen = TQFileManager::fileIsOpenForWriting(file)); ++i) ::usleep(10000);
     EXPECT_TRUE(seen);
     fs::rename(file, scratch / "renamed.mov");
     EXPECT_TRUE(TQFileManager::fileIsOpenForWriting(scratch / "renamed.mov"));
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
+    writer.terminate();
+    writer.waitUntilExit();
     EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(scratch / "renamed.mov"));
 }
 

@@ -126,8 +126,6 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     TQFileManager::setFinderColorIndex(4, s / "plain");
     TQFileManager::setFinderColorIndex(0, s / "plain");
     EXPECT_EQ(getfattr(s / "plain", record), "") << "an all-zero record goes";
-
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(0), std::nullopt);
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(8), std::nullopt);
-    EXPECT_EQ(TQFileManager::finderColorForColorIndex(6), (TQFileManager::Color{0.0083, 0.54, 1.0, 1.0}));
 }

@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "TestSupport.h"
-#include "TQAuthorization.h"
+#include "PrivilegedTools.h"
 #include "TQFileManager.h"
 
 namespace fs = std::filesystem;
@@ -133,19 +132,10 @@ TEST(TQFileManagerNames, TouchAndModificationDates)
 
     // A missing file cannot be written, so the privileged branch runs "touch -c", which
     // creates nothing.
-    std::vector<std::vector<std::string>> privileged;
-    TQAuthorization::setExecHookForTesting(
-        [&](const std::string& tool, const std::vector<std::string>& args, bool async) {
-            std::vector<std::string> call{tool};
-            call.insert(call.end(), args.begin(), args.end());
-            call.push_back(async ? "async" : "wait");
-            privileged.push_back(call);
-            return 0;
-        });
+    Tools privileged;
     EXPECT_TRUE(TQFileManager::touchFile(scratch / "missing", true));
     EXPECT_FALSE(TQFileManager::touchFile(""));
-    TQAuthorization::setExecHookForTesting(nullptr);
-    EXPECT_EQ(privileged,
-              (std::vector<std::vector<std::string>>{{"/usr/bin/touch", "-c", scratch / "missing", "wait"}}));
+    EXPECT_EQ(privileged.calls(), (std::vector<Tools::Call>{{"/usr/bin/touch", "-c", scratch / "missing"}}));
+    EXPECT_EQ(privileged.async(), std::vector<bool>{false}) << "waited for";
     EXPECT_FALSE(fs::exists(scratch / "missing"));
 }

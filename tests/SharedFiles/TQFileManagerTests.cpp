@@ -5,8 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "TestSupport.h"
-#include "TQAuthorization.h"
+#include "PrivilegedTools.h"
 #include "TQFileManager.h"
 #include "TQLog.h"
 
@@ -31,15 +30,7 @@ struct UnlockOnExit {
 
 }  // namespace
 
-TEST(TQFileManagerRemove, MissingItemCountsAsRemoved)
-{
-    TempDir scratch;
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov"));
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", false));
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", std::chrono::seconds(1)));
-}
-
-TEST(TQFileManagerRemove, RemovesFilesFoldersAndLinks)
+TEST(TQFileManagerRemove, RemovesFilesFoldersAndLinksAndMissingItemsCount)
 {
     TempDir scratch;
     writeFile(scratch / "single.mov", "movie");
@@ -49,34 +40,15 @@ TEST(TQFileManagerRemove, RemovesFilesFoldersAndLinks)
     fs::create_symlink(scratch / "target.txt", scratch / "link");
 
     EXPECT_TRUE(TQFileManager::removeFile(scratch / "single.mov"));
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "tree", false));
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "link"));
+    EXPECT_TRUE(TQFileManager::removeFile(scratch / "tree", std::chrono::seconds(2)));
+    EXPECT_TRUE(TQFileManager::removeFile(scratch / "link", false));
     EXPECT_FALSE(fs::exists(scratch / "single.mov"));
     EXPECT_FALSE(fs::exists(scratch / "tree"));
     EXPECT_FALSE(fs::is_symlink(scratch / "link"));
     EXPECT_TRUE(fs::exists(scratch / "target.txt")) << "a link's target stays";
-}
-
-TEST(TQFileManagerRemove, WaitingFormReturnsOnceTheItemIsGone)
-{
-    TempDir scratch;
-    writeFile(scratch / "tree/file", "x");
-    EXPECT_TRUE(TQFileManager::removeFile(scratch / "tree", std::chrono::seconds(2)));
-    EXPECT_FALSE(fs::exists(scratch / "tree"));
-}
-
-TEST(TQFileManagerLock, LockUnlockRoundTrip)
-{
-    TempDir scratch;
-    const std::string file = scratch / "locked.mov";
-    writeFile(file, "x");
-    UnlockOnExit cleanup{file};
-    EXPECT_FALSE(TQFileManager::isFileLocked(file));
-    LOCK_OR_SKIP(file);
-    EXPECT_TRUE(TQFileManager::isFileLocked(file));
-    TQFileManager::unlockFile(file);
-    EXPECT_FALSE(TQFileManager::isFileLocked(file));
-    EXPECT_FALSE(TQFileManager::isFileLocked(scratch / "missing"));
+    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov"));
+    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", false));
+    EXPECT_TRUE(TQFileManager::removeFile(scratch / "never-there.mov", std::chrono::seconds(1)));
 }
 
 TEST(TQFileManagerLock, LockedItemIsUnlockedThenRemoved)
@@ -85,7 +57,13 @@ TEST(TQFileManagerLock, LockedItemIsUnlockedThenRemoved)
     const std::string file = scratch / "locked.mov";
     writeFile(file, "x");
     UnlockOnExit cleanup{file};
+    EXPECT_FALSE(TQFileManager::isFileLocked(file));
+    EXPECT_FALSE(TQFileManager::isFileLocked(scratch / "missing"));
     LOCK_OR_SKIP(file);
+    EXPECT_TRUE(TQFileManager::isFileLocked(file));
+    TQFileManager::unlockFile(file);
+    EXPECT_FALSE(TQFileManager::isFileLocked(file));
+    TQFileManager::lockFile(file);
     EXPECT_TRUE(TQFileManager::removeFile(file, false));
     EXPECT_FALSE(fs::exists(file));
 }
@@ -102,7 +80,7 @@ TEST(TQFileManagerLog, MissingItemLogsTheUnlockFailure)
               1);
 }
 
-TEST(TQFileManagerLog, UnremovableItemFailsWithoutAuthorization)
+TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemovalOnlyWhenAllowed)
 {
     // A file inside a locked folder cannot be removed, not even by root: unlocking the file
     // itself does not help, the folder's entry cannot change.
@@ -112,41 +90,17 @@ TEST(TQFileManagerLog, UnremovableItemFailsWithoutAuthorization)
     writeFile(file, "x");
     UnlockOnExit cleanup{folder};
     LOCK_OR_SKIP(folder);
-    {
-        TQLog::createNewLog("Services");
-        int privileged = 0;
-        TQAuthorization::setExecHookForTesting([&](const std::string&, const std::vector<std::string>&, bool) {
-            ++privileged;
-            return 0;
-        });
-        EXPECT_FALSE(TQFileManager::removeFile(file, false));
-        TQAuthorization::setExecHookForTesting(nullptr);
-        EXPECT_EQ(privileged, 0);
-        EXPECT_TRUE(fs::exists(file));
-        TQLog::finishWriting();
-        EXPECT_EQ(std::ranges::count(logEntries(childLogPath()),
-                                     "Error removing file: Operation not permitted. Authorizing..."),
-                  1);
-    }
-}
-
-TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemoval)
-{
-    TempDir home;
-    const std::string folder = home / "sealed";
-    const std::string file = folder + "/take.mov";
-    writeFile(file, "x");
-    UnlockOnExit cleanup{folder};
-    LOCK_OR_SKIP(folder);
-    if (::getuid() != 0) GTEST_SKIP() << "without root the privileged removal would ask for rights";
-    int calls = 0;
-    TQAuthorization::setExecHookForTesting([&](const std::string& tool, const std::vector<std::string>& params, bool) {
-        ++calls;
-        EXPECT_EQ(tool, "/bin/rm");
-        EXPECT_EQ(params, (std::vector<std::string>{"-Rdf", file}));
-        return 0;
-    });
+    TQLog::createNewLog("Services");
+    Tools tools;
+    EXPECT_FALSE(TQFileManager::removeFile(file, false));
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(file));
+    TQLog::finishWriting();
+    EXPECT_EQ(
+        std::ranges::count(logEntries(childLogPath()), "Error removing file: Operation not permitted. Authorizing..."),
+        1);
+    // Without root the privileged removal would ask for rights.
+    if (::getuid() != 0) return;
     EXPECT_TRUE(TQFileManager::removeFile(file)) << "the privileged removal was started";
-    TQAuthorization::setExecHookForTesting(nullptr);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(tools.calls(), (std::vector<Tools::Call>{{"/bin/rm", "-Rdf", file}}));
 }

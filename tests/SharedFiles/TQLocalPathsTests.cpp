@@ -2,7 +2,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <filesystem>
 #include <map>
 
@@ -19,26 +18,20 @@ class ScopedEnv {
 public:
     void set(const char* name, const std::optional<std::string>& value)
     {
-        if (!saved_.count(name)) {
-            const char* old = std::getenv(name);
-            saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-        }
-        if (value)
-            setenv(name, value->c_str(), 1);
-        else
-            unsetenv(name);
+        const char* old = std::getenv(name);
+        if (!saved_.count(name)) saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+        put(name, value);
     }
     ~ScopedEnv()
     {
-        for (const auto& [name, value] : saved_) {
-            if (value)
-                setenv(name.c_str(), value->c_str(), 1);
-            else
-                unsetenv(name.c_str());
-        }
+        for (const auto& [name, value] : saved_) put(name, value);
     }
 
 private:
+    static void put(const std::string& name, const std::optional<std::string>& value)
+    {
+        value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    }
     std::map<std::string, std::optional<std::string>> saved_;
 };
 
@@ -125,6 +118,8 @@ TEST_F(TQLocalPathsTest, FolderMapping)
         env.set("TQ_CONSOLE_USER", std::string());  // root with nobody at the console: root's own folders
     const std::string h = home.path(), root = home.path() + "/root";
     using P = TQLocalPaths;
+    // One or two of each way a folder is found (user or local domain, a folder below
+    // another, the user-dirs defaults, the domain masks), not every entry of the lists.
     const struct {
         const char* what;
         std::optional<std::string> actual, expected;
@@ -132,23 +127,12 @@ TEST_F(TQLocalPathsTest, FolderMapping)
         {"user library", P::libraryDirectory(true), h + "/Library"},
         {"local library", P::libraryDirectory(false), root + "/Library"},
         {"user prefs", P::prefsDirectory(true), h + "/Library/Preferences"},
-        {"local prefs", P::prefsDirectory(false), root + "/Library/Preferences"},
-        {"user logs", P::logDirectory(true), h + "/Library/Logs"},
-        {"user caches", P::cacheDirectory(true), h + "/Library/Caches"},
-        {"local caches", P::cacheDirectory(false), root + "/Library/Caches"},
-        {"user app support", P::appSupportDirectory(true), h + "/Library/Application Support"},
-        {"local app support", P::appSupportDirectory(false), root + "/Library/Application Support"},
-        {"user applications", P::applicationDirectory(true), h + "/Applications"},
-        {"local applications", P::applicationDirectory(false), root + "/Applications"},
-        {"user admin applications", P::adminApplicationDirectory(true), h + "/Applications/Utilities"},
-        {"local admin applications", P::adminApplicationDirectory(false), root + "/Applications/Utilities"},
         {"user documents", P::documentDirectory(true), h + "/Documents"},
         {"local documents", P::documentDirectory(false), std::nullopt},
         {"desktop", P::desktopDirectory(), h + "/Desktop"},
         {"movies", P::movieDirectory(), h + "/Videos"},
         {"downloads", P::downloadsDirectory(), h + "/Downloads"},
         {"system library", P::systemLibraryDirectory(), root + "/System/Library"},
-        {"documentation", P::localDocumentationDirectory(), root + "/Library/Documentation"},
         {"home", P::userDirectory(), h},
         {"trash", P::trashDirectory(), h + "/.local/share/Trash/files"},
         {"cache", P::darwinCacheDirectory(), h + "/.cache"},
@@ -195,7 +179,6 @@ TEST_F(TQLocalPathsTest, ProtectedFolders)
     } rows[] = {
         {"/", true, true},
         {"ab", false, false},
-        {"/a", false, false},
         {"/Applications", true, true},
         {"/Applications/", true, true},
         {"/Applications/Tool.app", false, false},
@@ -204,18 +187,11 @@ TEST_F(TQLocalPathsTest, ProtectedFolders)
         {"/usr/local/bin", false, false},
         {"/usr/local", false, true},
         {"/private/var/tmp", false, true},
-        {"/var/tmp", false, true},
-        {"/System", true, true},
-        {"/System/Library", true, true},
         {"/System/Other", false, true},
-        {"/Users/Shared", true, true},
         {"/Library/Documentation", true, true},
         {h, true, true},
-        {h + "/", true, true},
         {h + "/Library/Preferences", true, true},
-        {h + "/Documents", true, true},
         {h + "/Videos", false, false},
-        {h + "/Downloads", false, false},
         {h + "/Library/preferences", false, false},
     };
     for (const auto& row : rows) {
@@ -236,9 +212,7 @@ TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
     EXPECT_EQ(TQLocalPaths::username(), "nobody");
     EXPECT_EQ(TQLocalPaths::userDirectory(), nobodyHome);
     EXPECT_EQ(TQLocalPaths::libraryDirectory(true), nobodyHome + "/Library");
-    EXPECT_EQ(TQLocalPaths::prefsDirectory(true), nobodyHome + "/Library/Preferences");
     EXPECT_EQ(TQLocalPaths::trashDirectory(), nobodyHome + "/.local/share/Trash/files");
-    EXPECT_EQ(TQLocalPaths::replaySettingsPath(), nobodyHome + "/Downloads/corvina.plist");
     EXPECT_EQ(TQLocalPaths::libraryDirectory(false), home.path() + "/root/Library");
     EXPECT_TRUE(TQLocalPaths::isPathSystemDirectory(nobodyHome + "/Library", true));
     // The process's own cache folder is not the console user's.
@@ -247,7 +221,6 @@ TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
     env.set("TQ_CONSOLE_USER", std::string("no-such-user-here"));
     EXPECT_EQ(TQLocalPaths::userDirectory(), std::nullopt);
     EXPECT_EQ(TQLocalPaths::libraryDirectory(true), std::nullopt);
-    EXPECT_EQ(TQLocalPaths::prefsDirectory(true), std::nullopt);
 
     env.set("TQ_CONSOLE_USER", std::string());
     EXPECT_EQ(TQLocalPaths::currentConsoleUser(), std::nullopt);

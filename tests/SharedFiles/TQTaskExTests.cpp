@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -34,15 +35,6 @@ TEST(TQTaskExData, ReturnsOutputElseErrorElseAnEmptyBuffer)
     EXPECT_TRUE(discarded->empty());
 }
 
-TEST(TQTaskExData, LargeOutputOnBothStreamsCompletes)
-{
-    const auto data = TQTaskEx::dataFromTask(
-        "/bin/sh", {"-c", "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero | tr '\\0' o"});
-    ASSERT_TRUE(data.has_value());
-    ASSERT_EQ(data->size(), 1048576u);
-    EXPECT_EQ(data->front(), 'o');
-}
-
 TEST(TQTaskExData, EnvironmentReplacesTheCallersAndTaskIsHandedOut)
 {
     TQTaskEx::Task task;
@@ -52,15 +44,18 @@ TEST(TQTaskExData, EnvironmentReplacesTheCallersAndTaskIsHandedOut)
     EXPECT_EQ(task->launchPath(), "/usr/bin/env");
 }
 
-TEST(TQTaskExData, ToolsThatCannotRunGiveNone)
+// What may run is the platform's executable check; here only that every form applies it,
+// package folders included.
+TEST(TQTaskExData, ToolsThatCannotRunGiveNoneOrMinusOne)
 {
     TempDir scratch;
     std::filesystem::create_directories(scratch / "Player.app");
-    writeFile(scratch / "notes.txt", "text");
-    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "missing", {}).has_value());
-    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "Player.app", {}).has_value());
-    EXPECT_FALSE(TQTaskEx::dataFromTask(scratch / "notes.txt", {}).has_value());
-    EXPECT_FALSE(TQTaskEx::dataFromTask("", {}).has_value());
+    for (const std::string& tool : {scratch / "missing", scratch / "Player.app", std::string()}) {
+        EXPECT_FALSE(TQTaskEx::dataFromTask(tool, {}).has_value()) << tool;
+        EXPECT_EQ(TQTaskEx::terminationCodeFromTask(tool), -1) << tool;
+        EXPECT_EQ(TQTaskEx::runTaskAndReturn(tool), nullptr) << tool;
+    }
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}), 7);
 }
 
 TEST(TQTaskExString, DecodesOrGivesEmptyForToolsThatCannotRun)
@@ -90,53 +85,35 @@ TEST(TQTaskExRun, RunTaskAndReturnHandsOverARunningTask)
     task->terminate();
     task->waitUntilExit();
     EXPECT_EQ(task->terminationStatus(), 128 + SIGTERM);
-    EXPECT_EQ(TQTaskEx::runTaskAndReturn("/nonexistent/tool"), nullptr);
-    EXPECT_EQ(TQTaskEx::runTaskAndReturn(""), nullptr);
-}
-
-TEST(TQTaskExStatus, ReturnsTheExitStatusOrMinusOne)
-{
-    TempDir scratch;
-    std::filesystem::create_directories(scratch / "Editor.app");
-    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}), 7);
-    EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/true"), 0);
-    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(scratch / "Editor.app"), -1);
-    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(scratch / "missing"), -1);
 }
 
 TEST(TQTaskExLog, FailuresAreLoggedInTheirOwnWords)
 {
     if (!inChild()) return expectChildPasses();
-    {
-        const std::string bundle = childHome() + "/Tools/Editor.app";
-        std::filesystem::create_directories(bundle);
-        TQLog::createNewLog("Services");
-        TQLog::sharedController().setNoPrinting(true);
-        EXPECT_EQ(TQTaskEx::terminationCodeFromTask(bundle), -1);
-        EXPECT_FALSE(TQTaskEx::runTask("relative-tool"));
-        TQLog::finishWriting();
-        const auto log = logEntries(childLogPath());
-        EXPECT_EQ(std::ranges::count(log, "Error: " + bundle + " is not executable"), 1);
-        bool exceptionLine = false;
-        for (const auto& l : log) exceptionLine |= l.rfind("Exception running task relative-tool: ", 0) == 0;
-        EXPECT_TRUE(exceptionLine);
-    }
+    const std::string bundle = childHome() + "/Tools/Editor.app";
+    std::filesystem::create_directories(bundle);
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+    EXPECT_EQ(TQTaskEx::terminationCodeFromTask(bundle), -1);
+    EXPECT_FALSE(TQTaskEx::runTask("relative-tool"));
+    TQLog::finishWriting();
+    const auto log = logEntries(childLogPath());
+    EXPECT_EQ(std::ranges::count(log, "Error: " + bundle + " is not executable"), 1);
+    EXPECT_THAT(log, testing::Contains(testing::StartsWith("Exception running task relative-tool: ")));
 }
 
 TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
 {
     if (!inChild()) return expectChildPasses();
-    {
-        TQLog::createNewLog("Services");
-        TQLog::sharedController().setNoPrinting(true);
-        // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
-        // blocked reading the tool's output when the time-out ends it.
-        const auto data =
-            TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
-        EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
-        TQLog::finishWriting();
-        EXPECT_EQ(std::ranges::count(logEntries(childLogPath()), "Task /bin/sh timed out. Terminating..."), 1);
-    }
+    TQLog::createNewLog("Services");
+    TQLog::sharedController().setNoPrinting(true);
+    // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
+    // blocked reading the tool's output when the time-out ends it.
+    const auto data =
+        TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
+    EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
+    TQLog::finishWriting();
+    EXPECT_EQ(std::ranges::count(logEntries(childLogPath()), "Task /bin/sh timed out. Terminating..."), 1);
 }
 
 TEST(TQTaskExTimeoutConcurrency, StatusFormReportsTheTerminatedTool)

@@ -1,4 +1,5 @@
 // Timecode strings from typed entries, seconds, the time of day; file-name forms.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -20,7 +21,6 @@ TEST(TQTimecodeStringTest, TypedEntries)
 {
     const TypedCase cases[] = {
         {"5", "01:00:00;05", "00:00:00:05"},
-        {"12", "01:00:00;12", "00:00:00:12"},
         {"1234", "01:00:12;34", "00:00:12:34"},
         {"12345", "01:01:23;45", "00:01:23:45"},
         {"1.", "01:00:01;00", "00:00:01:00"},
@@ -34,14 +34,11 @@ TEST(TQTimecodeStringTest, TypedEntries)
         {"123456789", "23:45:67;89", "23:45:67:89"},
         // Exactly 11 characters: returned as typed
         {"1:2:3:4:5:6", "1:2:3:4:5:6", "1:2:3:4:5:6"},
-        {"00:00:10:00", "00:00:10:00", "00:00:10:00"},
         {"abcdefghijk", "abcdefghijk", "abcdefghijk"},
         // The typed 1 is cut off with the ninth character
         {"1....", "00:00:00;00", "00:00:00:00"},
         // Commas expand like dots
-        {"2,,", "01:02:00;00", "00:02:00:00"},
         {"2,,,", "02:00:00;00", "02:00:00:00"},
-        {",,,,", "00:00:00;00", "00:00:00:00"},
         // Mixed separators and empty pieces
         {"1.,2", "01:00:01;02", "00:00:01:02"},
         // Leading separators add nothing: the single 5 becomes the frames field
@@ -178,17 +175,8 @@ TEST(TQTimecodeStringTest, TimeOfDay)
     }
 
     // The clock itself: two-digit fields, frames 00 throughout at NTSC 25 (rate 0).
-    const auto hasShape = [](const std::string& tc, char frameSeparator) {
-        if (tc.size() != 11 || tc[2] != ':' || tc[5] != ':' || tc[8] != frameSeparator) return false;
-        for (size_t i : {0, 1, 3, 4, 6, 7, 9, 10})
-            if (tc[i] < '0' || tc[i] > '9') return false;
-        return true;
-    };
-    const std::string ntsc25 = TQTimecode::timeOfDayTimecode(25, true, true);
-    EXPECT_TRUE(hasShape(ntsc25, ';')) << ntsc25;
-    EXPECT_EQ(ntsc25.substr(9), "00");
-    const std::string plain30 = TQTimecode::timeOfDayTimecode(30, false, false);
-    EXPECT_TRUE(hasShape(plain30, ':')) << plain30;
+    EXPECT_THAT(TQTimecode::timeOfDayTimecode(25, true, true), testing::MatchesRegex("([0-9]{2}:){2}[0-9]{2};00"));
+    EXPECT_THAT(TQTimecode::timeOfDayTimecode(30, false, false), testing::MatchesRegex("([0-9]{2}:){3}[0-9]{2}"));
 }
 
 TEST(TQTimecodeStringTest, FileNames)

@@ -21,21 +21,14 @@ struct CountCase {
 TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
 {
     const CountCase cases[] = {
-        // 29.97 drop frame
+        // 29.97 drop frame (every frame of a day is checked by the round trip below)
         {0, 30, true, true, 0, "00:00:00;00"},
-        {1799, 30, true, true, 0, "00:00:59;29"},
         {1800, 30, true, true, 0, "00:01:00;02"},
-        {1801, 30, true, true, 0, "00:01:00;03"},
-        {17981, 30, true, true, 0, "00:09:59;29"},
         {17982, 30, true, true, 0, "00:10:00;00"},
-        {107892, 30, true, true, 0, "01:00:00;00"},
         {0, 30, true, true, -1, "01:00:00;00"},
-        {0, 30, true, true, -500, "01:00:00;00"},
         {10, 30, true, true, 107892, "01:00:00;10"},
         // 59.94 drop frame
-        {3599, 60, true, true, 0, "00:00:59;59"},
         {3600, 60, true, true, 0, "00:01:00;04"},
-        {35964, 60, true, true, 0, "00:10:00;00"},
         // Non-drop: the NTSC flag changes nothing
         {17982, 30, false, false, 0, "00:09:59:12"},
         {17982, 30, true, false, 0, "00:09:59:12"},
@@ -51,7 +44,6 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
         {1800, 0, false, false, 0, "00:01:00:00"},
         {1800, -5, false, false, 0, "00:01:00:00"},
         {1800, 0, true, true, 0, "00:01:00;02"},
-        {1800, -5, true, true, 0, "00:01:00;02"},
         // 25 fps drop frame: two numbers dropped each minute as well (the NTSC flag is
         // only a factor on the rate here)
         {1500, 25, false, true, 0, "00:01:00;02"},
@@ -73,7 +65,6 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
 {
     const CountCase cases[] = {
         {1800, 30, true, true, 0, "00:01:00;02"},
-        {3598, 30, true, true, 0, "00:02:00;02"},
         {17982, 30, true, true, 0, "00:10:00;00"},
         {107892, 30, true, true, 0, "01:00:00;00"},
         {0, 30, true, true, -1, "01:00:00;00"},
@@ -85,7 +76,6 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
         {1802, 30, false, false, 0, "00:01:00;02"},
         // Timebase 0 or less behaves as 30
         {1802, 0, false, false, 0, "00:01:00:02"},
-        {1802, -5, false, false, 0, "00:01:00:02"},
         {1800, -5, true, true, 0, "00:01:00;02"},
         // White space and newlines around the string are ignored; further fields too
         {1802, 30, false, false, 0, "  00:01:00:02\n"},
@@ -99,7 +89,6 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
         {0, 30, false, false, 0, "01:00:00"},
         {0, 30, false, false, 500, "01:00:00"},
         {0, 30, true, true, -1, ""},
-        {0, 30, false, false, 0, "garbage"},
         // Frame fields are not limited to their range
         {30 + 45, 30, false, false, 0, "00:00:01:45"},
     };
@@ -200,13 +189,8 @@ TEST(TQTimecodeTest, Arithmetic)
     EXPECT_EQ(TQTimecode::timecode("00:00:59;29", 1, 30, true, true), "00:01:00;02");
     EXPECT_EQ(TQTimecode::timecode("00:01:00;02", -1, 30, true, true), "00:00:59;29");
     EXPECT_EQ(TQTimecode::timecode("01:00:00:00", 48, 24, false, false), "01:00:02:00");
-    for (const char* tc : {"00:00:00;00", "00:01:00;02", "00:09:59;29", "01:00:00;00", "01:01:00;02"})
-        EXPECT_EQ(TQTimecode::timecode(tc, 0, 30, true, true), tc);
-    for (const char* tc : {"00:00:00;00", "00:01:00;04", "00:09:59;59", "01:00:00;00"})
-        EXPECT_EQ(TQTimecode::timecode(tc, 0, 60, true, true), tc);
-    for (const char* tc : {"00:01:59;28", "12:34:56;07", "23:59:59;29"})
-        EXPECT_EQ(TQTimecode::timecode(tc, 0, 30, true, true), tc);
-    // A skipped label moves on to the frame that exists.
+    // A skipped label moves on to the frame that exists (labels that exist read back as they
+    // are: the string round trips above).
     EXPECT_EQ(TQTimecode::timecode("00:02:00;00", 0, 30, true, true), "00:02:00;02");
 
     // subtractTimecode(a, fromTimecode b): b - a, none when negative
@@ -255,27 +239,11 @@ TEST(TQTimecodeTest, RangeTest)
 
 TEST(TQTimecodeTest, FrameRateFromTimebase)
 {
-    struct Case {
-        int64_t timebase;
-        bool ntsc;
-        double rate;
-    };
-    const Case cases[] = {
-        {24, true, 24000.0 / 1001.0},
-        {30, true, 30000.0 / 1001.0},
-        {60, true, 60000.0 / 1001.0},
-        {25, true, 0.0},
-        {50, true, 0.0},
-        {-30, true, 0.0},
-        {0, true, 0.0},
-        {25, false, 25.0},
-        {30, false, 30.0},
-        {0, false, 0.0},
-        {-5, false, -5.0},
-    };
-    for (const Case& c : cases)
-        EXPECT_DOUBLE_EQ(TQTimecode::frameRateFromTimebase(c.timebase, c.ntsc), c.rate)
-            << c.timebase << (c.ntsc ? " ntsc" : "");
+    // Only 24, 30 and 60 have an NTSC rate; other timebases give 0 with the flag.
+    for (int64_t tb : {24, 30, 60})
+        EXPECT_DOUBLE_EQ(TQTimecode::frameRateFromTimebase(tb, true), tb * 1000.0 / 1001.0) << tb;
+    for (int64_t tb : {25, 50, -30, 0}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, true), 0.0) << tb;
+    for (int64_t tb : {25, 0, -5}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, false), double(tb)) << tb;
 }
 
 TEST(TQTimecodeTest, ModulusTruncatesToThirtyTwoBits)
