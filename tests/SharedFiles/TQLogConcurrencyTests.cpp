@@ -266,9 +266,11 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
                 done++;
             });
         }
+        // Each hold lasts until 40,000 entries wait: several restarts' worth, and well below
+        // the 8 MiB the queue holds (about 65,000 of these entries), where producers would wait.
         for (int round = 0; round < 3 && done < kThreads; ++round) {
             TQLog::suspendWriterForTesting(true);
-            while (TQLog::sharedController().queuedEntryCount() < 70000 && done < kThreads) std::this_thread::yield();
+            while (TQLog::sharedController().queuedEntryCount() < 40000 && done < kThreads) std::this_thread::yield();
             TQLog::suspendWriterForTesting(false);
         }
         for (auto& th : threads) th.join();
