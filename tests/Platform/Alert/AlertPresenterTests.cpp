@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -109,6 +110,14 @@ TEST(AlertPresenterChoice, FirstPresenterThatCanReachSomeone)
     EXPECT_EQ(choosePresenterKind(env), AlertPresenterKind::Terminal) << "dialog program but no display";
 }
 
+// The automatic choice, in a child whose streams are pipes and which has no display.
+TEST(AlertPresenterChoice, NobodyToAskOnPipesWithoutADisplay)
+{
+    if (!test::inChild()) return test::expectChildPasses();
+    ASSERT_EQ(std::getenv("DISPLAY"), nullptr);
+    EXPECT_EQ(currentAlertPresenter()->name(), "headless");
+}
+
 TEST(HeadlessAlertPresenter, LogsTheTextsAndAnswersWithTheDefaultButtonAtOnce)
 {
     ScopedSystemLogCapture capture;
@@ -142,6 +151,16 @@ TEST(DialogAlertArguments, ButtonsMapToDialogKinds)
     EXPECT_THAT(args, Contains("--cancel-label=Keep"));
     EXPECT_THAT(args, Contains("--extra-button=Compare"));
     EXPECT_THAT(args, Contains("--text=Replace?"));
+
+    // A check box makes the question a one-row check list, in the stored state.
+    auto boxed = content("Replace?", "", "Replace", "Keep");
+    boxed.suppressionBinding = "quiet";
+    boxed.suppressionChecked = true;
+    args = dialogArguments(boxed);
+    EXPECT_THAT(args, Contains("--checklist"));
+    ASSERT_GE(args.size(), 2u);
+    EXPECT_EQ(args[args.size() - 2], "TRUE");
+    EXPECT_EQ(args.back(), kSuppressionCheckBoxTitle);
 }
 
 TEST(TerminalAlertAnswers, NumbersSelectOnlyButtonsThatExist)
@@ -160,6 +179,13 @@ TEST(TerminalAlertAnswers, NumbersSelectOnlyButtonsThatExist)
     EXPECT_NE(prompt.find("2) Stop"), std::string::npos);
     EXPECT_NE(prompt.find("3) Later"), std::string::npos);
     EXPECT_EQ(terminalPrompt(one).find("2)"), std::string::npos);
+
+    // "s" toggles the check box, shown in its current state; without a box it is no answer.
+    auto boxed = three;
+    boxed.suppressionBinding = "quiet";
+    EXPECT_NE(terminalPrompt(boxed, true).find("s) [x] "), std::string::npos);
+    EXPECT_TRUE(isSuppressionToggle(boxed, " S\r"));
+    EXPECT_FALSE(isSuppressionToggle(three, "s"));
 }
 
 // An alert on a terminal whose keyboard and screen are pipes.
