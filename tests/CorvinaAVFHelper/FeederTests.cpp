@@ -18,13 +18,10 @@ Value entry(uint64_t offset, uint64_t length, std::optional<int64_t> frameCount 
     return Value(std::move(d));
 }
 
-// A data file whose byte at position p is p mod 251, so every range is recognisable.
+// Data files hold test::patternBytes, so that every range is recognisable.
 std::string makeDataFile(const TempDir& dir, const std::string& name, size_t size)
 {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i % 251);
-    test::writeFile(dir / name, bytes);
-    return dir / name;
+    return test::makeFile(dir / name, size);
 }
 
 std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
@@ -35,9 +32,8 @@ std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
 
 std::vector<uint8_t> expected(uint64_t offset, size_t length)
 {
-    std::vector<uint8_t> out(length);
-    for (size_t i = 0; i < length; ++i) out[i] = static_cast<uint8_t>((offset + i) % 251);
-    return out;
+    const std::string bytes = test::patternBytes(offset + length);
+    return {bytes.begin() + long(offset), bytes.end()};
 }
 
 FormatDescriptionRef videoFormat()
