@@ -1,10 +1,9 @@
 // The sample feeders against small data files whose bytes are known.
 #include <gtest/gtest.h>
 
-#include <numeric>
-
 #include "AppController.h"
 #include "HelperRun.h"
+#include "WriterSupport.h"
 
 using namespace corvina;
 using corvina::test::TempDir;
@@ -36,13 +35,6 @@ std::vector<uint8_t> expected(uint64_t offset, size_t length)
     return {bytes.begin() + long(offset), bytes.end()};
 }
 
-FormatDescriptionRef videoFormat()
-{
-    FormatDescriptionRef format;
-    FormatDescription::createVideo(fourCC("dvc "), 720, 480, &format);
-    return format;
-}
-
 class VideoFeeder : public ::testing::Test {
 protected:
     void SetUp() override
@@ -51,7 +43,7 @@ protected:
     }
     TempDir dir;
     AppController controller;
-    FormatDescriptionRef format = videoFormat();
+    FormatDescriptionRef format = test::videoFormat(fourCC("dvc "), 720, 480);
 };
 
 TEST_F(VideoFeeder, NtscTimingIsExactAndTheTableEndsTheTrack)
