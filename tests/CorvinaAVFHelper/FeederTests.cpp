@@ -1,10 +1,9 @@
 // The sample feeders against small data files whose bytes are known.
 #include <gtest/gtest.h>
 
-#include <numeric>
-
 #include "AppController.h"
 #include "HelperRun.h"
+#include "WriterSupport.h"
 
 using namespace corvina;
 using corvina::test::TempDir;
@@ -18,13 +17,10 @@ Value entry(uint64_t offset, uint64_t length, std::optional<int64_t> frameCount 
     return Value(std::move(d));
 }
 
-// A data file whose byte at position p is p mod 251, so every range is recognisable.
+// Data files hold test::patternBytes, so that every range is recognisable.
 std::string makeDataFile(const TempDir& dir, const std::string& name, size_t size)
 {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i % 251);
-    test::writeFile(dir / name, bytes);
-    return dir / name;
+    return test::makeFile(dir / name, size);
 }
 
 std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
@@ -35,16 +31,8 @@ std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
 
 std::vector<uint8_t> expected(uint64_t offset, size_t length)
 {
-    std::vector<uint8_t> out(length);
-    for (size_t i = 0; i < length; ++i) out[i] = static_cast<uint8_t>((offset + i) % 251);
-    return out;
-}
-
-FormatDescriptionRef videoFormat()
-{
-    FormatDescriptionRef format;
-    FormatDescription::createVideo(fourCC("dvc "), 720, 480, &format);
-    return format;
+    const std::string bytes = test::patternBytes(offset + length);
+    return {bytes.begin() + long(offset), bytes.end()};
 }
 
 class VideoFeeder : public ::testing::Test {
@@ -55,7 +43,7 @@ protected:
     }
     TempDir dir;
     AppController controller;
-    FormatDescriptionRef format = videoFormat();
+    FormatDescriptionRef format = test::videoFormat(fourCC("dvc "), 720, 480);
 };
 
 TEST_F(VideoFeeder, NtscTimingIsExactAndTheTableEndsTheTrack)

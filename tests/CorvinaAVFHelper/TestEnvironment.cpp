@@ -13,16 +13,14 @@ class HelperTestEnvironment : public ::testing::Environment {
 public:
     void SetUp() override
     {
-        home_ = std::make_unique<corvina::test::TempDir>();
-        ::setenv("HOME", home_->path().c_str(), 1);
-        ::setenv("TQ_CONSOLE_USER", "", 1);
-        ::setenv("TQ_LOCAL_ROOT", (home_->path() + "/root").c_str(), 1);
+        home_ = std::make_unique<corvina::test::HelperHome>();
+        for (const auto& [name, value] : home_->environment()) ::setenv(name.c_str(), value.c_str(), 1);
         TQLog::createNewLog(std::string("CorvinaAVFHelperTests"));
     }
     void TearDown() override { TQLog::finishWriting(); }
 
 private:
-    std::unique_ptr<corvina::test::TempDir> home_;
+    std::unique_ptr<corvina::test::HelperHome> home_;
 };
 
 [[maybe_unused]] const auto* const registered = ::testing::AddGlobalTestEnvironment(new HelperTestEnvironment);

@@ -121,10 +121,9 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         EXPECT_EQ(streams[1].at("codec_name"), c.codec);
         EXPECT_EQ(streams[1].at("sample_rate"), std::to_string(c.rate));
         EXPECT_EQ(streams[1].at("channels"), std::to_string(c.channels));
-        EXPECT_EQ(ffprobePacketCount(output, 0), 10);
-        EXPECT_EQ(extractStreamBytes(output, 'v'), extractStreamBytes(input, 'v'));  // passed through unchanged
-        std::string diagnostics;
-        EXPECT_TRUE(ffmpegDecodesCleanly(output, &diagnostics)) << diagnostics;
+        EXPECT_EQ(streams[0].at("nb_read_packets"), "10");
+        const auto video = extractStreamBytes(input, 'v');  // passed through unchanged
+        expectToolsAccept(output, true, &video);
         // Two pumps report: at most once a percentage (give or take a race between them), up
         // to nearly the whole export.
         ASSERT_FALSE(progress.empty());
@@ -150,8 +149,8 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     ASSERT_EQ(streams.size(), 1u);
     EXPECT_EQ(streams[0].at("codec_name"), "dvvideo");
     EXPECT_EQ(streams[0].at("codec_tag_string"), "dvcp");
-    EXPECT_EQ(ffprobePacketCount(output, 0), 5);
-    EXPECT_TRUE(ffmpegDecodesCleanly(output));
+    EXPECT_EQ(streams[0].at("nb_read_packets"), "5");
+    expectToolsAccept(output, true);
     // One track: whole percentages that only rise, and the mean of the two stays at or below
     // half (the last of 5 frames starts at 4/5 of the range).
     ASSERT_FALSE(progress.empty());

