@@ -4,8 +4,11 @@ and memory aim of the helper from one run.
 
 Sections (medians of --runs runs; ratios are taken within this run only):
   remux   DV NTSC 29.97 + 48 kHz stereo, and ProRes 422 HQ 1920x1080 29.97 + 48 kHz stereo:
-          floor (cat of the inputs), ffmpeg -c copy, the helper with its complete log and with
-          logging off, the ratios to ffmpeg and the helper's peak memory in both modes.
+          floor (cat of the inputs), ffmpeg -c copy, ffmpeg -c copy followed by a sync of its
+          output (the helper syncs its movie before renaming it into place), the helper with its
+          complete log and with logging off, the ratios to both forms of the peer and the
+          helper's peak memory in both modes. Neither side is timed removing its previous
+          output.
   scale   the same 10 s of DV essence described with its usual audio runs and with one entry
           per audio frame (480,000 at 48 kHz): time and peak memory of each (logging off).
   read    a document of 1,000,000 entries whose data files do not exist: the run ends right
@@ -93,8 +96,8 @@ def remux_section(args, helper, tool, work):
                                               "--frame-rate", "29.97", "--distinct-frames", "30"]),
     ]
     print(f"remux: {args.seconds:g} s jobs, median of {args.runs} runs")
-    print(f"  {'job':32} {'floor s':>8} {'ffmpeg s':>9} {'log s':>8} {'nolog s':>8} {'log/ff':>7} {'nolog/ff':>8}"
-          f" {'peak log':>9} {'peak nolog':>10}")
+    print(f"  {'job':32} {'floor s':>8} {'ffmpeg s':>9} {'+sync s':>8} {'log s':>8} {'nolog s':>8} {'log/ff':>7}"
+          f" {'nolog/ff':>8} {'log/ffs':>8} {'nolog/ffs':>9} {'peak log':>9} {'peak nolog':>10}")
     for name, options in jobs:
         jobdir = os.path.join(work, "remux-" + name.split()[0])
         settings, movie = make_job(tool, jobdir, args.seconds, options)
@@ -104,7 +107,7 @@ def remux_section(args, helper, tool, work):
         home_nl.set_document(settings)
         inputs = [settings["tmpFilename"], settings["tmpAudioFilename"]]
         remuxed = os.path.join(jobdir, "remuxed.mov")
-        times = {k: [] for k in ("floor", "ffmpeg", "log", "nolog")}
+        times = {k: [] for k in ("floor", "ffmpeg", "ffsync", "log", "nolog")}
         run([helper], home_nl.env)  # warms the cache and makes the movie ffmpeg remuxes
         source = os.path.join(jobdir, "source.mov")
         shutil.move(movie, source)
@@ -112,17 +115,24 @@ def remux_section(args, helper, tool, work):
             times["floor"].append(run(["sh", "-c", 'cat "$@" > /dev/null', "cat"] + inputs))
             if os.path.exists(remuxed):
                 os.remove(remuxed)
-            times["ffmpeg"].append(run(["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", source, "-map", "0",
-                                        "-c", "copy", "-f", "mov", remuxed]))
-            home.clear_logs()
-            times["log"].append(run([helper], home.env))
-            times["nolog"].append(run([helper], home_nl.env))
+            ffmpeg = ["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", source, "-map", "0", "-c", "copy", "-f", "mov"]
+            times["ffmpeg"].append(run(ffmpeg + [remuxed]))
+            os.remove(remuxed)
+            # The helper syncs its movie before it renames it into place; the same for the peer.
+            times["ffsync"].append(run(["sh", "-c", '"$@" && sync "$0"', remuxed] + ffmpeg + [remuxed]))
+            # Neither the peer nor the helper is timed removing its previous output.
+            for key, env in (("log", home.env), ("nolog", home_nl.env)):
+                if os.path.exists(movie):
+                    os.remove(movie)
+                home.clear_logs()
+                times[key].append(run([helper], env))
         home.clear_logs()
         peak_log = peak_rss_mib([helper], home.env)
         peak_nolog = peak_rss_mib([helper], home_nl.env)
         med = {k: statistics.median(v) for k, v in times.items()}
-        print(f"  {name:32} {med['floor']:8.3f} {med['ffmpeg']:9.3f} {med['log']:8.3f} {med['nolog']:8.3f}"
-              f" {med['log'] / med['ffmpeg']:7.2f} {med['nolog'] / med['ffmpeg']:8.2f}"
+        print(f"  {name:32} {med['floor']:8.3f} {med['ffmpeg']:9.3f} {med['ffsync']:8.3f} {med['log']:8.3f}"
+              f" {med['nolog']:8.3f} {med['log'] / med['ffmpeg']:7.2f} {med['nolog'] / med['ffmpeg']:8.2f}"
+              f" {med['log'] / med['ffsync']:8.2f} {med['nolog'] / med['ffsync']:9.2f}"
               f" {peak_log:7.1f}Mi {peak_nolog:8.1f}Mi")
         for path in (source, remuxed, settings["tmpFilename"], settings["tmpAudioFilename"]):
             if os.path.exists(path):
