@@ -169,8 +169,10 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
 
 TEST(TQAVExportTest, CancelKeepsWhatWasThere)
 {
-    const std::string input = source("long.mov", "testsrc=s=64x48:r=25:d=4", {"-c:v", "mjpeg", "-c:a", "pcm_s16le"},
-                                     constantAudio({1}, 48000, 4));
+    // Long enough that a cancel on the first progress report lands well before half-way,
+    // however late a loaded machine lets it act.
+    const std::string input = source("long.mov", "testsrc=s=64x48:r=25:d=12", {"-c:v", "mjpeg", "-c:a", "pcm_s16le"},
+                                     constantAudio({1}, 48000, 12));
     TempDir dir;
     const std::string output = dir / "out.mov";
     for (bool midway : {false, true}) {
