@@ -121,10 +121,10 @@ def remux_section(args, helper, tool, work):
             # The helper syncs its movie before it renames it into place; the same for the peer.
             times["ffsync"].append(run(["sh", "-c", '"$@" && sync "$0"', remuxed] + ffmpeg + [remuxed]))
             # Neither the peer nor the helper is timed removing its previous output.
+            home.clear_logs()
             for key, env in (("log", home.env), ("nolog", home_nl.env)):
                 if os.path.exists(movie):
                     os.remove(movie)
-                home.clear_logs()
                 times[key].append(run([helper], env))
         home.clear_logs()
         peak_log = peak_rss_mib([helper], home.env)

@@ -332,12 +332,9 @@ std::span<const FormatArg> readArgs(const char*& at, uint8_t count)
     return args;
 }
 
-// Formats the format entry whose count byte `at` points at, appending the text trimmed.
-void makeText(const char* at, std::string& out)
+// Appends the formatted text, trimmed in place.
+void appendTrimmed(std::string& out, std::string_view format, std::span<const FormatArg> args)
 {
-    const uint8_t count = get<uint8_t>(at);
-    const std::string_view format = getBytes(at);
-    const std::span<const FormatArg> args = readArgs(at, count);
     const size_t start = out.size();
     corvina::appendFormatv(out, format, args);
     const std::string_view all(out.data() + start, out.size() - start);
@@ -345,6 +342,14 @@ void makeText(const char* at, std::string& out)
     const size_t lead = static_cast<size_t>(kept.data() - all.data());
     if (lead > 0 && !kept.empty()) std::memmove(out.data() + start, kept.data(), kept.size());
     out.resize(start + kept.size());
+}
+
+// Formats the format entry whose count byte `at` points at, appending the text trimmed.
+void makeText(const char* at, std::string& out)
+{
+    const uint8_t count = get<uint8_t>(at);
+    const std::string_view format = getBytes(at);
+    appendTrimmed(out, format, readArgs(at, count));
 }
 
 }  // namespace
@@ -371,18 +376,18 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
         const uint8_t count = get<uint8_t>(at);
         const std::string_view format = getBytes(at);
         handled16 += format.size();
+        const std::span<const FormatArg> args = readArgs(at, count);
         if (defer) {
             // Deferred only when trimming cannot change the text.
-            const auto measured = corvina::measurePlainFormat(format, readArgs(at, count));
+            const auto measured = corvina::measurePlainFormat(format, args);
             if (measured && measured->visibleEnds) {
                 texts.pushDeferred(body, measured->length, &makeText);
                 at = entry + size;
                 continue;
             }
         }
-        std::string& out = texts.buffer();
-        const size_t start = out.size();
-        makeText(body, out);
+        const size_t start = texts.buffer().size();
+        appendTrimmed(texts.buffer(), format, args);
         texts.commit(start);
         at = entry + size;
     }
