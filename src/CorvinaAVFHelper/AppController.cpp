@@ -430,6 +430,11 @@ int64_t AppController::openReaders(const MovieJob& job, Session&)
     return 0;
 }
 
+namespace {
+// The most audio frames handed to the writer at once once the video track has ended.
+constexpr uint64_t kMaxAudioRun = 1u << 14;
+}  // namespace
+
 void AppController::startPump(Session& session)
 {
     // One pump feeds both tracks on the video queue: the track whose media ends earlier gets
@@ -492,10 +497,21 @@ void AppController::startPump(Session& session)
                 }
                 if (!sample) finish(true, *videoInput, videoOpen, videoFinished_);
             } else {
+                // The audio frames this loop would take one by one before the video's turn
+                // comes again go to the writer as one run; it stores them as it would store
+                // them singly.
+                uint64_t run = kMaxAudioRun;
+                if (videoOpen && timing.timescale > 0) {
+                    using u128 = unsigned __int128;
+                    const u128 videoEnd = u128(video.framesHandedOut()) * uint64_t(timing.frameDuration) * audioRate;
+                    const u128 turn = (videoEnd + uint64_t(timing.timescale) - 1) / uint64_t(timing.timescale);
+                    const u128 handed = audio.framesHandedOut();
+                    run = turn > handed ? uint64_t(std::min<u128>(turn - handed, kMaxAudioRun)) : 1;
+                }
                 const SampleBuffer* sample = nullptr;
                 try {
-                    if (!stopRequested_.load()) sample = audio.next();
-                    if (sample && !audioInput->appendSampleBuffer(*sample)) {
+                    if (!stopRequested_.load()) sample = audio.nextRun(run);
+                    if (sample && !audioInput->appendSampleRun(*sample)) {
                         if (!stopRequested_.load())
                             TQLog::appendLog("Error appending audio sample. The audio track ends here.");
                         sample = nullptr;

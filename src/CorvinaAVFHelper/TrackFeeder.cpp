@@ -125,7 +125,9 @@ void AudioTrackFeeder::setFormat(const FormatDescriptionRef& format, uint64_t sa
     bytesPerFrame_ = bytesPerFrame;
 }
 
-const SampleBuffer* AudioTrackFeeder::next()
+const SampleBuffer* AudioTrackFeeder::next() { return nextRun(1); }
+
+const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
 {
     // Passing over a used-up entry is a turn of this loop, so a long run of entries without a
     // whole frame costs no stack.
@@ -141,12 +143,21 @@ const SampleBuffer* AudioTrackFeeder::next()
             continue;
         }
 
+        // The frames asked for that this entry still holds, as many as fit the read window.
+        uint64_t count = std::min(std::max<uint64_t>(maxFrames, 1), frames - frameIndex_);
+        count = std::max<uint64_t>(1, std::min(count, kRunBytes / bytesPerFrame_));
         const uint64_t within = frameIndex_ * bytesPerFrame_;
         BlockBuffer* block = sample_->mutableDataBuffer();
         size_t got = 0;
         if (entry.offset <= UINT64_MAX - within && bytesPerFrame_ <= (1u << 20)) {
-            const std::span<const uint8_t> bytes = reader_.windowAt(entry.offset + within, size_t(bytesPerFrame_));
+            const std::span<const uint8_t> bytes =
+                reader_.windowAt(entry.offset + within, size_t(count * bytesPerFrame_));
+            // Only whole frames make a run; a short read hands out the frame it cut alone.
             got = bytes.size();
+            if (got < count * bytesPerFrame_) {
+                count = std::max<uint64_t>(1, got / bytesPerFrame_);
+                got = std::min<size_t>(got, count * bytesPerFrame_);
+            }
             if (got) std::memcpy(block->prepare(got), bytes.data(), got);
         }
         block->setDataLength(got);
@@ -160,12 +171,17 @@ const SampleBuffer* AudioTrackFeeder::next()
                                       MediaTime::make(static_cast<int64_t>(framesHandedOut_), timescale),
                                       MediaTime::invalid()};
         const size_t size = size_t(bytesPerFrame_);
-        if (sample_->refill(format_, 1, {&timing, 1}, {&size, 1}) != kNoErr) {
+        if (sample_->refill(format_, int64_t(count), {&timing, 1}, {&size, 1}) != kNoErr) {
             TQLog::fastAppendLog("Error creating audio CMSampleBuffer");
             return nullptr;
         }
-        ++frameIndex_;
-        ++framesHandedOut_;
+        // The lines each frame after the first would have written had it been asked for alone.
+        for (uint64_t i = 1; i < count; ++i) {
+            TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", entryIndex_, frameIndex_ + i);
+            TQLog::fastAppendLog("number of audio samples: %u", frames);
+        }
+        frameIndex_ += count;
+        framesHandedOut_ += count;
         return sample_.get();
     }
 }

@@ -78,6 +78,11 @@ public:
     // The next audio frame as a sample of its own, or null at the end of the table or when
     // the frame cannot be read or wrapped.
     const corvina::SampleBuffer* next();
+    // Up to maxFrames consecutive frames of the current entry as one sample buffer of that
+    // many samples (fewer at the entry's end or when the file ends). Logs the lines, moves
+    // the indices and fails exactly as that many calls of next() would; the writer's
+    // appendSampleRun stores it as it would store them one by one.
+    const corvina::SampleBuffer* nextRun(uint64_t maxFrames);
 
     uint64_t entryIndex() const { return entryIndex_; }
     void setEntryIndex(uint64_t index) { entryIndex_ = index; }
@@ -90,6 +95,7 @@ public:
     const std::shared_ptr<const MediaEntryTable>& entries() const { return entries_; }
 
 private:
+    static constexpr uint64_t kRunBytes = 64u << 10;
     EssenceReader reader_;
     std::shared_ptr<const MediaEntryTable> entries_;
     corvina::FormatDescriptionRef format_;

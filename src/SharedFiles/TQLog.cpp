@@ -51,17 +51,16 @@ TQLog::TQLog()
 
 TQLog::~TQLog() { shutdown(); }
 
-TQLog& TQLog::sharedController()
+TQLog& TQLog::makeShared()
 {
     static std::once_flag once;
-    static TQLog* instance = nullptr;
     std::call_once(once, [] {
         std::lock_guard<std::mutex> lock(classMutex());
         // Never destroyed: other threads may log until the process ends.
         alignas(TQLog) static unsigned char storage[sizeof(TQLog)];
-        instance = ::new (static_cast<void*>(storage)) TQLog();
+        shared_.store(::new (static_cast<void*>(storage)) TQLog(), std::memory_order_release);
     });
-    return *instance;
+    return *shared_.load(std::memory_order_acquire);
 }
 
 // ---- properties

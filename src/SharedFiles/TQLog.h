@@ -47,8 +47,13 @@ public:
 
     static constexpr uint64_t kSizeLimit = 500000;
 
-    // The one instance, created on the first call. Not copyable: hold a reference.
-    static TQLog& sharedController();
+    // The one instance, created on the first call. Not copyable: hold a reference. Inline,
+    // as every log call starts here, thousands of times a second on the sample path.
+    static TQLog& sharedController()
+    {
+        TQLog* made = shared_.load(std::memory_order_acquire);
+        return made ? *made : makeShared();
+    }
     TQLog(const TQLog&) = delete;
     TQLog& operator=(const TQLog&) = delete;
 
@@ -182,6 +187,8 @@ private:
 
     TQLog();
     ~TQLog();
+    static TQLog& makeShared();
+    static inline std::atomic<TQLog*> shared_{nullptr};
 
     template <class... A>
     static void appendEscaped(std::string& out, std::string_view fmt, const A&... args)

@@ -179,6 +179,42 @@ TEST_F(AudioFeeder, EndsAtTheEndOfTheFileAndOnEmptyTables)
     EXPECT_EQ(empty.copyNextAudioSampleBuffer(format, 48000, 4), nullptr);
 }
 
+// A run must hand out the frames, times and positions that as many single calls give: across
+// entries without a whole frame, at an entry's end and where the file ends inside a frame.
+TEST_F(AudioFeeder, RunsHandOutWhatSingleCallsWould)
+{
+    const auto table = std::make_shared<const MediaEntryTable>(
+        MediaEntryTable{{0, 8, 1}, {50, 3, 1}, {0, 0, 1}, {200, 3800, 1}, {10, 6, 1}, {4090, 16, 1}, {0, 4, 1}});
+    struct Frame {
+        MediaTime pts;
+        std::vector<uint8_t> bytes;
+        bool operator==(const Frame&) const = default;
+    };
+    const auto drainRuns = [&](uint64_t maxFrames, AudioTrackFeeder& feeder) {
+        feeder.setFormat(format, 48000, 4);
+        std::vector<Frame> frames;
+        while (const SampleBuffer* s = maxFrames ? feeder.nextRun(maxFrames) : feeder.next()) {
+            EXPECT_LE(uint64_t(s->numSamples()), std::max<uint64_t>(maxFrames, 1));
+            const std::vector<uint8_t> all = bytesOf(*s);
+            EXPECT_EQ(all.size(), size_t(s->numSamples()) * 4);
+            for (int64_t i = 0; i < s->numSamples(); ++i)
+                frames.push_back({s->presentationTimeStamp(i), {all.begin() + i * 4, all.begin() + i * 4 + 4}});
+        }
+        return frames;
+    };
+    AudioTrackFeeder single(FileHandle::forReadingAtPath(dir / "audio.raw"), table);
+    const std::vector<Frame> expectedFrames = drainRuns(0, single);
+    ASSERT_EQ(expectedFrames.size(), 2u + 950 + 1 + 1);
+    for (uint64_t maxFrames : {1, 2, 7, 949, 951, 100000}) {
+        SCOPED_TRACE(maxFrames);
+        AudioTrackFeeder runs(FileHandle::forReadingAtPath(dir / "audio.raw"), table);
+        EXPECT_TRUE(drainRuns(maxFrames, runs) == expectedFrames);
+        EXPECT_EQ(runs.entryIndex(), single.entryIndex());
+        EXPECT_EQ(runs.frameIndex(), single.frameIndex());
+        EXPECT_EQ(runs.framesHandedOut(), single.framesHandedOut());
+    }
+}
+
 TEST_F(AudioFeeder, TheFortyEightThousandthFrameLandsJustBeforeOneSecond)
 {
     controller.setAudioHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "long.raw", 48001 * 2)));

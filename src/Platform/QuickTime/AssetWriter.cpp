@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <mutex>
@@ -115,6 +116,28 @@ struct WriterCore : std::enable_shared_from_this<WriterCore> {
             error = std::move(e);
             scheduleOthersLocked(nullptr);
         }
+    }
+
+    // A chunk closes once it holds half a second of media or 1 MiB.
+    static bool chunkFull(const TrackState& t)
+    {
+        return t.chunk.size() >= kChunkBytes ||
+               t.chunkDuration * kInterleaveWindowDenominator >= uint64_t(t.timescale) * kInterleaveWindowNumerator;
+    }
+
+    // How many more samples of one size and duration the open chunk takes before it is full
+    // (at least 1: a full chunk is closed as soon as it fills).
+    static uint64_t samplesToCloseChunk(const TrackState& t, uint32_t size, uint32_t delta)
+    {
+        using u128 = unsigned __int128;
+        const uint64_t held = t.chunk.size();
+        const uint64_t bySize = held >= kChunkBytes ? 1 : (kChunkBytes - held + size - 1) / size;
+        const u128 goal = u128(t.timescale) * kInterleaveWindowNumerator;
+        const u128 have = u128(t.chunkDuration) * kInterleaveWindowDenominator;
+        const u128 step = u128(delta) * kInterleaveWindowDenominator;
+        const u128 byTime = have >= goal ? 1 : (goal - have + step - 1) / step;
+        const u128 closing = std::min<u128>(bySize, byTime);
+        return closing < 1 ? 1 : uint64_t(closing);
     }
 
     // Writes the open chunk. The state lock is let go during the write itself; the chunk's
@@ -281,7 +304,11 @@ void AssetWriterInput::requestMediaDataWhenReadyOnQueue(std::shared_ptr<Dispatch
     core->scheduleLocked(t);
 }
 
-bool AssetWriterInput::appendSampleBuffer(const SampleBuffer& sample)
+bool AssetWriterInput::appendSampleBuffer(const SampleBuffer& sample) { return append(sample, false); }
+
+bool AssetWriterInput::appendSampleRun(const SampleBuffer& sample) { return append(sample, true); }
+
+bool AssetWriterInput::append(const SampleBuffer& sample, bool eachAlone)
 {
     using namespace writer_internal;
     TrackState& t = *state_->track;
@@ -296,28 +323,54 @@ bool AssetWriterInput::appendSampleBuffer(const SampleBuffer& sample)
     if (timescale == 0) return false;
     SampleLayout layout;
     if (!planLayout(sample, timescale, &layout)) return false;
-    if (t.tables.sampleCount() + layout.count > UINT32_MAX) return false;
+    // A run stops where one-sample appends would start failing; a buffer stored whole fits
+    // whole or not at all.
+    const uint64_t room = UINT32_MAX - t.tables.sampleCount();
+    eachAlone = eachAlone && layout.uniform && layout.count > 1;
+    if (room == 0 || (!eachAlone && layout.count > room)) return false;
     if (!t.hasSamples()) {
         t.format = format;
         t.timescale = timescale;
     }
 
-    if (layout.uniform) {
-        t.tables.addSamples(layout.count, layout.size, layout.delta);
-    } else {
-        for (int64_t i = 0; i < sample.numSamples(); ++i)
-            t.tables.addSamples(1, uint32_t(sample.sampleSize(i)), uint32_t(durationIn(sample.duration(i), timescale)));
-    }
-    if (t.chunk.capacity() == 0) t.chunk.reserve(std::max(t.lastChunkBytes, size_t(layout.bytes)));
     const uint8_t* bytes = sample.dataBuffer()->data();
-    t.chunk.insert(t.chunk.end(), bytes, bytes + layout.bytes);
-    t.chunkSamples += uint32_t(layout.count);
-    t.chunkDuration += layout.duration;
-
+    const auto store = [&t, &bytes](uint64_t bytesStored, uint64_t duration, uint32_t count) {
+        if (t.chunk.capacity() == 0) t.chunk.reserve(std::max(t.lastChunkBytes, size_t(bytesStored)));
+        t.chunk.insert(t.chunk.end(), bytes, bytes + bytesStored);
+        bytes += bytesStored;
+        t.chunkSamples += count;
+        t.chunkDuration += duration;
+    };
     bool ok = true;
-    if (t.chunk.size() >= kChunkBytes ||
-        t.chunkDuration * kInterleaveWindowDenominator >= uint64_t(t.timescale) * kInterleaveWindowNumerator)
-        ok = core->closeChunkLocked(lock, t);
+    if (eachAlone) {
+        // As one append per sample: the chunk closes after the very sample that fills it.
+        uint64_t left = std::min(layout.count, room);
+        while (left > 0) {
+            const uint64_t closing = core->samplesToCloseChunk(t, layout.size, layout.delta);
+            const uint64_t take = std::min(left, closing);
+            t.tables.addSamples(take, layout.size, layout.delta);
+            store(take * layout.size, take * layout.delta, uint32_t(take));
+            left -= take;
+            if (take == closing) {
+                ok = core->closeChunkLocked(lock, t);
+                if (!ok || core->status != AssetWriterStatus::Writing || t.finished) {
+                    ok = false;
+                    break;
+                }
+            }
+        }
+        ok = ok && layout.count <= room;
+    } else {
+        if (layout.uniform) {
+            t.tables.addSamples(layout.count, layout.size, layout.delta);
+        } else {
+            for (int64_t i = 0; i < sample.numSamples(); ++i)
+                t.tables.addSamples(1, uint32_t(sample.sampleSize(i)),
+                                    uint32_t(durationIn(sample.duration(i), timescale)));
+        }
+        store(layout.bytes, layout.duration, uint32_t(layout.count));
+        if (core->chunkFull(t)) ok = core->closeChunkLocked(lock, t);
+    }
     core->scheduleOthersLocked(&t);
     return ok && core->status == AssetWriterStatus::Writing;
 }

@@ -47,11 +47,17 @@ public:
     // sample does not fit the track (another media type); the writer's error says why when
     // the writer failed (a full disk, for instance).
     bool appendSampleBuffer(const SampleBuffer& sample);
+    // Stores a buffer of samples of one size and duration as one appendSampleBuffer call per
+    // sample would: chunks close between samples exactly where those calls would close them,
+    // so the file is the same byte for byte. Other buffers are stored as appendSampleBuffer
+    // stores them.
+    bool appendSampleRun(const SampleBuffer& sample);
     void markAsFinished();
 
 private:
     friend class AssetWriter;
     AssetWriterInput() = default;
+    bool append(const SampleBuffer& sample, bool eachAlone);
     struct State;
     std::shared_ptr<State> state_;
 };

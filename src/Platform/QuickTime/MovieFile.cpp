@@ -57,7 +57,11 @@ std::optional<MovieFile> MovieFile::create(const std::string& path, Error* error
 }
 
 MovieFile::MovieFile(MovieFile&& other) noexcept
-    : fd_(other.fd_), end_(other.end_), written_(other.written_), buffer_(std::move(other.buffer_))
+    : fd_(other.fd_),
+      end_(other.end_),
+      written_(other.written_),
+      writebackFrom_(other.writebackFrom_),
+      buffer_(std::move(other.buffer_))
 {
     other.fd_ = -1;
 }
@@ -107,6 +111,7 @@ bool MovieFile::writeBufferAnd(std::span<const uint8_t> bytes, Error* error)
             return false;
         }
         written_ += uint64_t(n);
+        startWriteback();
         auto left = size_t(n);
         while (count > 0 && left >= part->iov_len) {
             left -= part->iov_len;
@@ -142,11 +147,21 @@ bool MovieFile::writeAt(uint64_t offset, const uint8_t* data, size_t size, Error
     return true;
 }
 
+void MovieFile::startWriteback()
+{
+    // Asks the kernel to start writing what has piled up, without waiting for it: the disk
+    // works while the samples are still being read, and the final fsync has little left.
+    if (written_ - writebackFrom_ < kWritebackBytes) return;
+    ::sync_file_range(fd_, off_t(writebackFrom_), off_t(written_ - writebackFrom_), SYNC_FILE_RANGE_WRITE);
+    writebackFrom_ = written_;
+}
+
 bool MovieFile::flush(Error* error)
 {
     if (buffer_.empty()) return true;
     bool ok = writeAll(buffer_.data(), buffer_.size(), error);
     buffer_.clear();
+    if (ok) startWriteback();
     return ok;
 }
 

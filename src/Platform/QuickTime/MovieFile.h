@@ -17,9 +17,10 @@ namespace corvina::qt {
 class MovieFile {
 public:
     static constexpr size_t kBufferSize = 4u << 20;
-    static constexpr size_t kDirectBytes = 256u << 10;  // appended pieces this large are not buffered
-    static constexpr uint64_t kWideAtomOffset = 20;     // after the 20-byte 'ftyp'
-    static constexpr uint64_t kMediaDataStart = 36;     // 'ftyp', 'wide', 'mdat' header
+    static constexpr size_t kDirectBytes = 256u << 10;     // appended pieces this large are not buffered
+    static constexpr uint64_t kWritebackBytes = 8u << 20;  // written bytes handed to the disk at once
+    static constexpr uint64_t kWideAtomOffset = 20;        // after the 20-byte 'ftyp'
+    static constexpr uint64_t kMediaDataStart = 36;        // 'ftyp', 'wide', 'mdat' header
 
     // Creates the file (never replacing one) and writes the headers.
     static std::optional<MovieFile> create(const std::string& path, Error* error);
@@ -40,10 +41,12 @@ private:
     bool writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error);
     bool flush(Error* error);
     bool writeBufferAnd(std::span<const uint8_t> bytes, Error* error);
+    void startWriteback();
 
     int fd_ = -1;
-    uint64_t end_ = 0;      // logical end, buffered bytes included
-    uint64_t written_ = 0;  // bytes on disk
+    uint64_t end_ = 0;            // logical end, buffered bytes included
+    uint64_t written_ = 0;        // bytes on disk
+    uint64_t writebackFrom_ = 0;  // bytes before this are on their way to the disk
     std::vector<uint8_t> buffer_;
 };
 

@@ -243,6 +243,55 @@ TEST(AssetWriter, BothTracksAlternateInChunksOfAboutHalfASecond)
     expectToolsAccept(path, false, &video, &audio);
 }
 
+// Runs must leave the file that one append per sample leaves: video runs close chunks at
+// 1 MiB, audio runs at half a second, and runs end before, on and after those boundaries.
+TEST(AssetWriter, RunsOfSamplesWriteWhatSingleAppendsWrite)
+{
+    AssetWriter::setClock([] { return int64_t(1700000000); });
+    TempDir dir;
+    auto vf = videoFormat(fourCC("apch"), 1920, 1080);
+    auto af = audioFormat(48000, Layout::Stereo, false);
+    const auto frames = randomBytes(300000 * 12, 5);
+    const auto pcm = randomBytes(4 * 60000, 6);
+    const size_t videoRuns[] = {1, 2, 3, 4, 2};                 // 12 frames of 300000 bytes, 4 to a chunk
+    const size_t audioRuns[] = {7, 23993, 1, 24000, 11999, 1};  // the last is cut to the 60000 made
+    const auto write = [&](const std::string& path, bool runs) {
+        OpenWriter w(path);
+        ASSERT_TRUE(w.writer);
+        const auto append = [runs](AssetWriterInput& input, const std::unique_ptr<SampleBuffer>& s) {
+            return runs ? input.appendSampleRun(*s) : input.appendSampleBuffer(*s);
+        };
+        size_t v = 0, a = 0;
+        for (size_t k = 0; k < 6; ++k) {
+            if (k < std::size(videoRuns)) {
+                for (size_t n = runs ? videoRuns[k] : 1, left = videoRuns[k]; left > 0; left -= n, v += n)
+                    EXPECT_TRUE(
+                        append(*w.video, makeSample(vf, frames.data() + v * 300000, n * 300000, int64_t(n),
+                                                    {{MediaTime::make(1001, 30000),
+                                                      MediaTime::make(int64_t(v) * 1001, 30000), MediaTime::invalid()}},
+                                                    {300000})));
+            }
+            const size_t count = std::min(audioRuns[k], pcm.size() / 4 - a);
+            for (size_t n = runs ? count : 1, left = count; left > 0; left -= n, a += n)
+                EXPECT_TRUE(append(*w.audio, makeSample(af, pcm.data() + a * 4, n * 4, int64_t(n),
+                                                        {{MediaTime::make(1, 48000), MediaTime::make(int64_t(a), 48000),
+                                                          MediaTime::invalid()}},
+                                                        {4})));
+        }
+        EXPECT_TRUE(w.writer->finishWriting());
+    };
+    write(dir / "single.mov", false);
+    write(dir / "runs.mov", true);
+    AssetWriter::setClock(nullptr);
+    const auto single = readFile(dir / "single.mov"), runs = readFile(dir / "runs.mov");
+    EXPECT_GT(single.size(), 300000u * 12);
+    EXPECT_TRUE(single == runs) << "the runs wrote other bytes";
+    const MovieSummary m = checkedSummary(dir / "runs.mov");
+    ASSERT_EQ(m.tracks.size(), 2u);
+    EXPECT_EQ(m.tracks[0].chunkOffsets.size(), 3u);
+    EXPECT_EQ(m.tracks[1].chunkOffsets.size(), 3u) << "two whole half-seconds and the rest";
+}
+
 TEST(AssetWriter, RefusesWrongMediaAndAppendsOutsideWriting)
 {
     TempDir dir;
