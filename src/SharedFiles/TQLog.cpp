@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -101,8 +102,49 @@ void TQLog::appendTextToLog(std::string_view text) { queueText(text); }
 
 void TQLog::queueText(std::string_view text) { queue_->pushText(text); }
 
+namespace {
+
+// The formats this thread queued last and their numbers in the queue's table: a format seen
+// again costs a comparison of its text, not a search for what needs escaping. The text is
+// compared, not only its address, as a buffer may be reused for another format.
+class RecentFormats {
+public:
+    template <class Intern>
+    std::optional<uint32_t> idFor(std::string_view fmt, Intern intern)
+    {
+        for (const Recent& r : recent_)
+            if (r.data == fmt.data() && r.text == fmt) return r.id;
+        Recent& r = recent_[next_++ % recent_.size()];
+        r.data = fmt.data();
+        r.text.assign(fmt);
+        r.id = intern(fmt);
+        return r.id;
+    }
+
+private:
+    struct Recent {
+        const char* data = nullptr;
+        std::string text;
+        std::optional<uint32_t> id;
+    };
+    std::array<Recent, 8> recent_;
+    size_t next_ = 0;
+};
+
+}  // namespace
+
 void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
 {
+    thread_local RecentFormats recent;
+    const std::optional<uint32_t> id = recent.idFor(fmt, [](std::string_view text) {
+        const size_t percent = text.find('%');
+        if (percent == std::string_view::npos || !needsEscapingFrom(text, percent)) return TQLogQueue::intern(text);
+        return TQLogQueue::intern(escapeTextForLogging(text));
+    });
+    if (id) {
+        queue_->pushInterned(*id, args);
+        return;
+    }
     const size_t percent = fmt.find('%');
     if (percent == std::string_view::npos) {
         queue_->pushText(fmt);  // nothing to format

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -16,14 +17,15 @@ using corvina::FormatArg;
 using Kind = FormatArg::Kind;
 
 // Entries back to back. Every entry starts with its size (8 bytes) and its kind (1 byte):
-//   text:   length in UTF-16 code units (8), the trimmed text
-//   format: argument count (1), format length (4), the format, then per argument a tag (1)
-//           and its value: 8 bytes for numbers and pointers, 1 for a character, length (4)
-//           and bytes for a string, pointer (8), length (4) and bytes for an object.
-enum : uint8_t { kTextEntry = 0, kFormatEntry = 1 };
+//   text:     length in UTF-16 code units (8), the trimmed text
+//   format:   argument count (1), format length (4), the format, then per argument a tag
+//             (1) and its value: 8 bytes for numbers and pointers, 1 for a character, length
+//             (4) and bytes for a string, pointer (8), length (4) and bytes for an object.
+//   interned: argument count (1), the format's number (4), the arguments as for a format.
+enum : uint8_t { kTextEntry = 0, kFormatEntry = 1, kInternedEntry = 2 };
 enum : uint8_t { kNone, kSigned, kUnsigned, kDouble, kFloat, kChar, kString, kPointer, kObject };
 constexpr size_t kTextHead = 8 + 1 + 8;
-constexpr size_t kFormatHead = 8 + 1 + 1 + 4;
+constexpr size_t kFormatHead = 8 + 1 + 1 + 4;  // an interned entry's head too
 constexpr size_t kStackEntry = 320;
 // Batches at least this large (bytes of entries) leave plain formats to be made on demand.
 constexpr size_t kDeferredBatch = 256 << 10;
@@ -97,9 +99,60 @@ private:
     char* data_ = stack_;
 };
 
+// The process's interned formats. Slots are filled once, under the lock, before the number
+// is handed out; the queue's own lock orders that before any reading of the slot.
+struct InternedFormat {
+    std::string text;
+    uint64_t length16 = 0;  // what an entry of it counts in bytesInQueue
+    std::optional<corvina::PlainFormatPlan> plan;
+};
+
+class FormatTable {
+public:
+    static constexpr size_t kCapacity = 1024;
+    static constexpr size_t kLongest = 512;
+
+    static FormatTable& shared()
+    {
+        // Never destroyed: the writer may read it while the process exits.
+        static FormatTable* table = new FormatTable();  // NOLINT: lives as long as the process
+        return *table;
+    }
+    std::optional<uint32_t> intern(std::string_view format)
+    {
+        if (format.size() > kLongest) return std::nullopt;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (const auto known = ids_.find(format); known != ids_.end()) return known->second;
+        if (count_ == kCapacity) return std::nullopt;
+        auto made = std::make_unique<InternedFormat>();
+        if (format.find('%') == std::string_view::npos) {
+            made->text = corvina::trimWhitespaceAndNewlines(format);
+            made->length16 = utf16LengthFast(made->text);
+        } else {
+            made->text = format;
+            made->length16 = format.size();
+        }
+        made->plan = corvina::PlainFormatPlan::make(made->text);
+        const auto id = static_cast<uint32_t>(count_);
+        slots_[count_++] = std::move(made);
+        ids_.emplace(std::string(format), id);
+        return id;
+    }
+    const InternedFormat& operator[](uint32_t id) const { return *slots_[id]; }
+    std::mutex& mutex() { return mutex_; }
+
+private:
+    std::mutex mutex_;
+    std::unique_ptr<InternedFormat> slots_[kCapacity];
+    size_t count_ = 0;
+    std::map<std::string, uint32_t, std::less<>> ids_;
+};
+
 }  // namespace
 
 TQLogQueue::TQLogQueue(Sink sink) : sink_(std::move(sink)) {}
+
+std::optional<uint32_t> TQLogQueue::intern(std::string_view format) { return FormatTable::shared().intern(format); }
 
 TQLogQueue::~TQLogQueue() { shutdown(std::numeric_limits<size_t>::max()); }
 
@@ -125,6 +178,22 @@ void TQLogQueue::pushFormat(std::string_view format, std::span<const FormatArg> 
         pushText(corvina::formatv(format, args));
         return;
     }
+    pushEntry(kFormatEntry, format, 0, format.size(), args);
+}
+
+void TQLogQueue::pushInterned(uint32_t id, std::span<const FormatArg> args)
+{
+    const InternedFormat& interned = FormatTable::shared()[id];
+    if (args.size() > 255) {
+        pushText(corvina::formatv(interned.text, args));
+        return;
+    }
+    pushEntry(kInternedEntry, {}, id, interned.length16, args);
+}
+
+void TQLogQueue::pushEntry(uint8_t kind, std::string_view format, uint32_t id, uint64_t length16,
+                           std::span<const FormatArg> args)
+{
     size_t size = kFormatHead + format.size();
     bool objects = false;
     for (const FormatArg& arg : args) {
@@ -159,52 +228,59 @@ void TQLogQueue::pushFormat(std::string_view format, std::span<const FormatArg> 
         size += 13 * describedEnds.size() + described.size();
     }
     if (described.size() > std::numeric_limits<uint32_t>::max()) {
-        pushText(corvina::formatv(format, args));
+        pushText(corvina::formatv(kind == kInternedEntry ? FormatTable::shared()[id].text : format, args));
         return;
     }
 
-    EntryBuffer entry(size);
-    char* at = put(entry.data(), static_cast<uint64_t>(size));
-    at = put(at, kFormatEntry);
-    at = put(at, static_cast<uint8_t>(args.size()));
-    at = putBytes(at, format);
-    size_t object = 0;
-    for (const FormatArg& arg : args) {
-        switch (arg.kind()) {
-        case Kind::None:
-            at = put(at, kNone);
-            break;
-        case Kind::Signed:
-            at = put(put(at, kSigned), arg.asSigned());
-            break;
-        case Kind::Unsigned:
-            at = put(put(at, kUnsigned), arg.asUnsigned());
-            break;
-        case Kind::Double:
-            at = put(put(at, arg.isSingle() ? kFloat : kDouble), arg.asDouble());
-            break;
-        case Kind::Char:
-            at = put(put(at, kChar), static_cast<uint8_t>(arg.asSigned()));
-            break;
-        case Kind::String:
-            at = putBytes(put(at, kString), arg.stringView());
-            break;
-        case Kind::Pointer:
-            at = put(put(at, kPointer), reinterpret_cast<uint64_t>(arg.pointer()));
-            break;
-        case Kind::Object: {
-            const size_t begin = object == 0 ? 0 : describedEnds[object - 1];
-            const size_t end = describedEnds[object++];
-            at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
-            at = putBytes(at, std::string_view(described).substr(begin, end - begin));
-            break;
+    // Written straight into the queue, under its lock: the entry is not copied on the way.
+    pushWith(size, length16, [&](char* start) {
+        char* at = put(start, static_cast<uint64_t>(size));
+        at = put(at, kind);
+        at = put(at, static_cast<uint8_t>(args.size()));
+        at = kind == kInternedEntry ? put(at, id) : putBytes(at, format);
+        size_t object = 0;
+        for (const FormatArg& arg : args) {
+            switch (arg.kind()) {
+            case Kind::None:
+                at = put(at, kNone);
+                break;
+            case Kind::Signed:
+                at = put(put(at, kSigned), arg.asSigned());
+                break;
+            case Kind::Unsigned:
+                at = put(put(at, kUnsigned), arg.asUnsigned());
+                break;
+            case Kind::Double:
+                at = put(put(at, arg.isSingle() ? kFloat : kDouble), arg.asDouble());
+                break;
+            case Kind::Char:
+                at = put(put(at, kChar), static_cast<uint8_t>(arg.asSigned()));
+                break;
+            case Kind::String:
+                at = putBytes(put(at, kString), arg.stringView());
+                break;
+            case Kind::Pointer:
+                at = put(put(at, kPointer), reinterpret_cast<uint64_t>(arg.pointer()));
+                break;
+            case Kind::Object: {
+                const size_t begin = object == 0 ? 0 : describedEnds[object - 1];
+                const size_t end = describedEnds[object++];
+                at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
+                at = putBytes(at, std::string_view(described).substr(begin, end - begin));
+                break;
+            }
+            }
         }
-        }
-    }
-    push(std::string_view(entry.data(), size), format.size());
+    });
 }
 
 void TQLogQueue::push(std::string_view entry, uint64_t length16)
+{
+    pushWith(entry.size(), length16, [entry](char* at) { std::memcpy(at, entry.data(), entry.size()); });
+}
+
+template <class Fill>
+void TQLogQueue::pushWith(size_t size, uint64_t length16, const Fill& fill)
 {
     bool wake = false;
     {
@@ -221,7 +297,9 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
         }
         bytesInQueue_.fetch_add(length16, std::memory_order_relaxed);
         wake = pending_.empty() && writerIdle_;
-        pending_.append(entry);
+        const size_t at = pending_.size();
+        pending_.resize(at + size);
+        fill(pending_.data() + at);
         ++pushedSeq_;
     }
     if (wake) queueCv_.notify_one();
@@ -344,11 +422,18 @@ void appendTrimmed(std::string& out, std::string_view format, std::span<const Fo
     out.resize(start + kept.size());
 }
 
-// Formats the format entry whose count byte `at` points at, appending the text trimmed.
+// A format entry's or an interned entry's format (the entry's count has been read).
+std::string_view formatOf(uint8_t kind, const char*& at)
+{
+    return kind == kInternedEntry ? std::string_view(FormatTable::shared()[get<uint32_t>(at)].text) : getBytes(at);
+}
+
+// Formats the entry whose kind byte `at` points at, appending the text trimmed.
 void makeText(const char* at, std::string& out)
 {
+    const uint8_t kind = get<uint8_t>(at);
     const uint8_t count = get<uint8_t>(at);
-    const std::string_view format = getBytes(at);
+    const std::string_view format = formatOf(kind, at);
     appendTrimmed(out, format, readArgs(at, count));
 }
 
@@ -372,16 +457,18 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
             at = entry + size;
             continue;
         }
-        const char* const body = at;
         const uint8_t count = get<uint8_t>(at);
-        const std::string_view format = getBytes(at);
-        handled16 += format.size();
+        const InternedFormat* interned = kind == kInternedEntry ? &FormatTable::shared()[get<uint32_t>(at)] : nullptr;
+        const std::string_view format = interned ? std::string_view(interned->text) : getBytes(at);
+        handled16 += interned ? interned->length16 : format.size();
         const std::span<const FormatArg> args = readArgs(at, count);
         if (defer) {
             // Deferred only when trimming cannot change the text.
-            const auto measured = corvina::measurePlainFormat(format, args);
+            const auto measured = !interned        ? corvina::measurePlainFormat(format, args)
+                                  : interned->plan ? interned->plan->measure(args)
+                                                   : std::nullopt;
             if (measured && measured->visibleEnds) {
-                texts.pushDeferred(body, measured->length, &makeText);
+                texts.pushDeferred(entry + 8, measured->length, &makeText);
                 at = entry + size;
                 continue;
             }
@@ -403,6 +490,9 @@ uint64_t TQLogQueue::totalLength16(std::string_view entries)
         const uint8_t kind = get<uint8_t>(at);
         if (kind == kTextEntry) {
             total += get<uint64_t>(at);
+        } else if (kind == kInternedEntry) {
+            get<uint8_t>(at);
+            total += FormatTable::shared()[get<uint32_t>(at)].length16;
         } else {
             get<uint8_t>(at);
             total += getBytes(at).size();
@@ -487,9 +577,17 @@ void TQLogQueue::shutdown(size_t keepAtMost)
 
 // ---- fork
 
-void TQLogQueue::lockForFork() { mutex_.lock(); }
+void TQLogQueue::lockForFork()
+{
+    FormatTable::shared().mutex().lock();
+    mutex_.lock();
+}
 
-void TQLogQueue::unlockInParent() { mutex_.unlock(); }
+void TQLogQueue::unlockInParent()
+{
+    mutex_.unlock();
+    FormatTable::shared().mutex().unlock();
+}
 
 void TQLogQueue::resetInChild()
 {
@@ -506,4 +604,5 @@ void TQLogQueue::resetInChild()
     std::construct_at(&doneCv_);
     std::construct_at(&roomCv_);
     mutex_.unlock();
+    FormatTable::shared().mutex().unlock();
 }

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -40,6 +41,14 @@ public:
     // bytesInQueue.
     void pushFormat(std::string_view format, std::span<const corvina::FormatArg> args);
 
+    // A format queued again and again (a feeder's line for every sample) is kept once for the
+    // process and queued by its number: the caller copies only the arguments, and the writer
+    // measures it without reading its text. intern takes the text as pushFormat would (a
+    // format without conversions stands for itself, trimmed as pushText trims); none once
+    // the table is full or for a text too long to keep.
+    static std::optional<uint32_t> intern(std::string_view format);
+    void pushInterned(uint32_t id, std::span<const corvina::FormatArg> args);
+
     // Blocks until everything queued before the call is handed on; at once on the writer.
     void waitUntilWritten();
     // Hands on what is queued when at most keepAtMost entries wait, else drops those the
@@ -65,6 +74,11 @@ public:
 
 private:
     void push(std::string_view entry, uint64_t length16);
+    // Queues an entry of `size` bytes that fill writes in place, under the lock.
+    template <class Fill>
+    void pushWith(size_t size, uint64_t length16, const Fill& fill);
+    void pushEntry(uint8_t kind, std::string_view format, uint32_t id, uint64_t length16,
+                   std::span<const corvina::FormatArg> args);
     void startWriterLocked();
     static void* writerMain(void* self);
     void writerLoop();

@@ -285,10 +285,20 @@ TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
     both("Progress: 50% done %d", 3);
     both("%@", std::string(" \t "));  // nothing left after trimming
     both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
+    // Formats are kept by the writer and known again by their text: a buffer reused for
+    // another format, one too long to keep and more formats than are kept must all still
+    // come out as given.
+    char reused[] = "first %u";
+    both(static_cast<const char*>(reused), 1u);
+    reused[0] = 'F';
+    both(static_cast<const char*>(reused), 2u);
+    both(std::string(600, 'x') + " %d", 5);
+    both("no conversions ", 5);
+    for (int i = 0; i < 1100; ++i) both("format " + std::to_string(i) + " %d", i);
     TQLog::finishWriting();
     auto texts = logEntries(logPath(childHome(), "Tool", 1));
     texts.erase(texts.begin(), std::ranges::find(texts, "Running in 64-bit mode") + 1);
-    ASSERT_EQ(texts.size(), 16u);
+    ASSERT_EQ(texts.size(), 16u + 8 + 2200);
     for (size_t i = 0; i + 1 < texts.size(); i += 2) EXPECT_EQ(texts[i + 1], texts[i]) << "row " << i / 2;
     EXPECT_EQ(texts[4], "clip 7%  / (null) /   padded");
 }

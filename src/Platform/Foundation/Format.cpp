@@ -542,7 +542,49 @@ bool isVisibleAscii(char c) { return c > ' ' && c < 0x7f; }
 
 }  // namespace
 
-std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::span<const FormatArg> args)
+std::optional<PlainFormatPlan> PlainFormatPlan::make(std::string_view fmt)
+{
+    PlainFormatPlan plan;
+    auto literal = [&plan](size_t n, bool visibleFirst, bool visibleLast) {
+        if (n == 0) return;
+        auto& steps = plan.steps_;
+        if (!steps.empty() && steps.back().piece == Piece::Literal) {
+            steps.back().length += n;
+            steps.back().visibleLast = visibleLast;
+        } else {
+            steps.push_back({Piece::Literal, visibleFirst, visibleLast, n});
+        }
+    };
+    size_t i = 0;
+    while (i < fmt.size()) {
+        const size_t pct = fmt.find('%', i);
+        const size_t literalEnd = pct == std::string_view::npos ? fmt.size() : pct;
+        if (literalEnd > i) literal(literalEnd - i, isVisibleAscii(fmt[i]), isVisibleAscii(fmt[literalEnd - 1]));
+        if (pct == std::string_view::npos) break;
+        size_t p = pct + 1;
+        while (p < fmt.size() && (fmt[p] == 'l' || fmt[p] == 'h' || fmt[p] == 'q' || fmt[p] == 'j' || fmt[p] == 'z' ||
+                                  fmt[p] == 't' || fmt[p] == 'L'))
+            ++p;
+        if (p >= fmt.size()) return std::nullopt;
+        const char conv = fmt[p];
+        const bool modified = p != pct + 1;
+        i = p + 1;
+        if (conv == '%' && !modified) {
+            literal(1, true, true);
+        } else if (conv == 'd' || conv == 'i') {
+            plan.steps_.push_back({Piece::Signed, true, true, 0});
+        } else if (conv == 'u') {
+            plan.steps_.push_back({Piece::Unsigned, true, true, 0});
+        } else if ((conv == '@' || conv == 's') && !modified) {
+            plan.steps_.push_back({Piece::String, false, false, 0});
+        } else {
+            return std::nullopt;
+        }
+    }
+    return plan;
+}
+
+std::optional<PlainFormatMeasure> PlainFormatPlan::measure(std::span<const FormatArg> args) const
 {
     using K = FormatArg::Kind;
     size_t length = 0;
@@ -555,34 +597,21 @@ std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::
         length += n;
     };
     size_t nextArg = 0;
-    size_t i = 0;
-    while (i < fmt.size()) {
-        const size_t pct = fmt.find('%', i);
-        const size_t literalEnd = pct == std::string_view::npos ? fmt.size() : pct;
-        if (literalEnd > i) add(literalEnd - i, isVisibleAscii(fmt[i]), isVisibleAscii(fmt[literalEnd - 1]));
-        if (pct == std::string_view::npos) break;
-        size_t p = pct + 1;
-        while (p < fmt.size() && (fmt[p] == 'l' || fmt[p] == 'h' || fmt[p] == 'q' || fmt[p] == 'j' || fmt[p] == 'z' ||
-                                  fmt[p] == 't' || fmt[p] == 'L'))
-            ++p;
-        if (p >= fmt.size()) return std::nullopt;
-        const char conv = fmt[p];
-        i = p + 1;
-        if (conv == '%') {
-            if (p != pct + 1) return std::nullopt;
-            add(1, true, true);
+    for (const Step& step : steps_) {
+        if (step.piece == Piece::Literal) {
+            add(step.length, step.visibleFirst, step.visibleLast);
             continue;
         }
         if (nextArg >= args.size()) return std::nullopt;
         const FormatArg& arg = args[nextArg++];
         // Digits and the minus sign are visible.
-        if ((conv == 'd' || conv == 'i') && arg.kind() == K::Signed) {
+        if (step.piece == Piece::Signed && arg.kind() == K::Signed) {
             const int64_t v = arg.asSigned();
             const uint64_t magnitude = v < 0 ? ~static_cast<uint64_t>(v) + 1 : static_cast<uint64_t>(v);
             add(decimalDigits(magnitude) + (v < 0 ? 1 : 0), true, true);
-        } else if (conv == 'u' && arg.kind() == K::Unsigned) {
+        } else if (step.piece == Piece::Unsigned && arg.kind() == K::Unsigned) {
             add(decimalDigits(arg.asUnsigned()), true, true);
-        } else if ((conv == '@' || conv == 's') && arg.kind() == K::String && p == pct + 1) {
+        } else if (step.piece == Piece::String && arg.kind() == K::String) {
             const std::string_view s = arg.stringView();
             if (!s.empty()) add(s.size(), isVisibleAscii(s.front()), isVisibleAscii(s.back()));
         } else {
@@ -593,6 +622,12 @@ std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::
     m.length = length;
     m.visibleEnds = length > 0 && visibleFirst && visibleLast;
     return m;
+}
+
+std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::span<const FormatArg> args)
+{
+    const auto plan = PlainFormatPlan::make(fmt);
+    return plan ? plan->measure(args) : std::nullopt;
 }
 
 std::string formatv(std::string_view fmt, std::span<const FormatArg> args)

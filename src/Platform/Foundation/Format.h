@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 namespace corvina {
 
@@ -109,6 +110,25 @@ struct PlainFormatMeasure {
     bool visibleEnds = false;  // false for an empty text
 };
 std::optional<PlainFormatMeasure> measurePlainFormat(std::string_view fmt, std::span<const FormatArg> args);
+
+// A plain format read once and measured for any number of argument lists: what
+// measurePlainFormat does, without going over the format's text each time.
+class PlainFormatPlan {
+public:
+    // None when the format is not plain whatever its arguments.
+    static std::optional<PlainFormatPlan> make(std::string_view fmt);
+    std::optional<PlainFormatMeasure> measure(std::span<const FormatArg> args) const;
+
+private:
+    enum class Piece : uint8_t { Literal, Signed, Unsigned, String };
+    struct Step {
+        Piece piece;
+        bool visibleFirst;  // literals only
+        bool visibleLast;
+        size_t length;  // literals only
+    };
+    std::vector<Step> steps_;
+};
 
 std::string formatv(std::string_view fmt, std::span<const FormatArg> args);
 
