@@ -327,7 +327,7 @@ void TQLogQueue::writerLoop()
     writerId_.store(std::this_thread::get_id());
     // Both buffers are made large enough for a full queue at once: growing them entry by
     // entry would copy what they hold over and over.
-    std::string batch;
+    TQLogEntryBytes batch;
     batch.reserve(kReserved);
     TQLogTexts texts;
     std::unique_lock<std::mutex> lock(mutex_);
@@ -346,7 +346,7 @@ void TQLogQueue::writerLoop()
         lock.unlock();
         if (room) roomCv_.notify_all();
 
-        const uint64_t handled16 = unpack(batch, texts);
+        const uint64_t handled16 = unpack(std::string_view(batch.data(), batch.size()), texts);
         if (!texts.empty()) sink_(texts);
         bytesInQueue_.fetch_sub(handled16, std::memory_order_relaxed);
         texts.clear();
@@ -553,7 +553,7 @@ void TQLogQueue::shutdown(size_t keepAtMost)
         suspended_ = false;
         if (pushedSeq_ - writtenSeq_ > keepAtMost) {
             // Too much left: what the writer has not taken is never written.
-            bytesInQueue_.fetch_sub(totalLength16(pending_));
+            bytesInQueue_.fetch_sub(totalLength16(std::string_view(pending_.data(), pending_.size())));
             pending_.clear();
             pushedSeq_ = takenSeq_;
         }

@@ -18,9 +18,31 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Foundation/Format.h"
 #include "TQLogFile.h"
+
+// Bytes that grow without being zero-filled first: every byte an entry adds is written by it.
+template <class T>
+struct UninitializedAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+        using other = UninitializedAllocator<U>;
+    };
+    template <class U>
+    void construct(U* at) noexcept
+    {
+        ::new (static_cast<void*>(at)) U;
+    }
+    template <class U, class... A>
+    void construct(U* at, A&&... args)
+    {
+        ::new (static_cast<void*>(at)) U(std::forward<A>(args)...);
+    }
+};
+using TQLogEntryBytes = std::vector<char, UninitializedAllocator<char>>;
 
 class TQLogQueue {
 public:
@@ -90,7 +112,7 @@ private:
     std::condition_variable queueCv_;  // the writer waits for work
     std::condition_variable doneCv_;   // waitUntilWritten waits for progress
     std::condition_variable roomCv_;   // callers wait for room
-    std::string pending_;              // entries back to back
+    TQLogEntryBytes pending_;          // entries back to back
     uint64_t pushedSeq_ = 0;           // entries queued so far
     uint64_t takenSeq_ = 0;            // entries taken by the writer
     uint64_t writtenSeq_ = 0;          // entries handed on by the writer
