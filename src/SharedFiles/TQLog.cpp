@@ -1,5 +1,6 @@
 #include "TQLog.h"
 
+#include <link.h>
 #include <pthread.h>
 
 #include <array>
@@ -104,16 +105,55 @@ void TQLog::queueText(std::string_view text) { queue_->pushText(text); }
 
 namespace {
 
+// The read-only segments of the program itself: a literal there never changes, so a format
+// found at the same address and length is the same format.
+class ProgramConstants {
+public:
+    static const ProgramConstants& shared()
+    {
+        static const ProgramConstants constants;
+        return constants;
+    }
+    bool holds(const char* data, size_t size) const
+    {
+        const auto at = reinterpret_cast<uintptr_t>(data);
+        for (size_t i = 0; i < count_; ++i)
+            if (at >= ranges_[i].first && at + size <= ranges_[i].second) return true;
+        return false;
+    }
+
+private:
+    ProgramConstants()
+    {
+        dl_iterate_phdr(
+            [](dl_phdr_info* info, size_t, void* self) {
+                auto& me = *static_cast<ProgramConstants*>(self);
+                for (ElfW(Half) i = 0; i < info->dlpi_phnum && me.count_ < me.ranges_.size(); ++i) {
+                    const ElfW(Phdr)& segment = info->dlpi_phdr[i];
+                    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
+                    const uintptr_t start = info->dlpi_addr + segment.p_vaddr;
+                    me.ranges_[me.count_++] = {start, start + segment.p_memsz};
+                }
+                return 1;  // the first object is the program; libraries may be unloaded
+            },
+            this);
+    }
+    std::array<std::pair<uintptr_t, uintptr_t>, 8> ranges_{};
+    size_t count_ = 0;
+};
+
 // The formats this thread queued last and their numbers in the queue's table: a format seen
-// again costs a comparison of its text, not a search for what needs escaping. The text is
-// compared, not only its address, as a buffer may be reused for another format.
+// again costs a comparison of its text, not a search for what needs escaping. Only the
+// program's own literals are known by their address alone: any other buffer may have been
+// reused for another format, so its text is compared.
 class RecentFormats {
 public:
     template <class Intern>
     std::optional<uint32_t> idFor(std::string_view fmt, Intern intern)
     {
+        const bool constant = ProgramConstants::shared().holds(fmt.data(), fmt.size());
         for (const Recent& r : recent_)
-            if (r.data == fmt.data() && r.text == fmt) return r.id;
+            if (r.data == fmt.data() && r.text.size() == fmt.size() && (constant || r.text == fmt)) return r.id;
         Recent& r = recent_[next_++ % recent_.size()];
         r.data = fmt.data();
         r.text.assign(fmt);

@@ -288,7 +288,7 @@ TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
     // Formats are kept by the writer and known again by their text: a buffer reused for
     // another format, one too long to keep and more formats than are kept must all still
     // come out as given.
-    char reused[] = "first %u";
+    static char reused[] = "first %u";  // in the program's image, but writable
     both(static_cast<const char*>(reused), 1u);
     reused[0] = 'F';
     both(static_cast<const char*>(reused), 2u);
