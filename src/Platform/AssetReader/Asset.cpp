@@ -152,11 +152,11 @@ void Asset::inspect()
 
     // A start timecode kept as a property of the container or of its video becomes a track.
     if (!hasTimecodeTrack && videoRate.num > 0 && videoRate.den > 0) {
-        const AVDictionaryEntry* entry = av_dict_get(context->metadata, "timecode", nullptr, 0);
+        const AVDictionaryEntry* entry = AV_CALL(av_dict_get)(context->metadata, "timecode", nullptr, 0);
         for (unsigned i = 0; !entry && i < context->nb_streams; ++i)
-            entry = av_dict_get(context->streams[i]->metadata, "timecode", nullptr, 0);
+            entry = AV_CALL(av_dict_get)(context->streams[i]->metadata, "timecode", nullptr, 0);
         AVTimecode tc{};
-        if (entry && av_timecode_init_from_string(&tc, videoRate, entry->value, nullptr) == 0) {
+        if (entry && AV_CALL(av_timecode_init_from_string)(&tc, videoRate, entry->value, nullptr) == 0) {
             auto track = std::make_shared<AssetTrack>();
             track->trackID_ = int32_t(context->nb_streams + 1);
             track->mediaType_ = MediaType::Timecode;

@@ -46,9 +46,9 @@ enum class OutputKind { AsStored, LinearPCM, Encoded };
 
 const AVCodec* encoderFor(FourCharCode codec)
 {
-    if ((codec >> 16) == (fourCC("dv  ") >> 16)) return avcodec_find_encoder(AV_CODEC_ID_DVVIDEO);
-    if (codec == fourCC("jpeg")) return avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-    if ((codec >> 16) == (fourCC("ap  ") >> 16)) return avcodec_find_encoder_by_name("prores_ks");
+    if ((codec >> 16) == (fourCC("dv  ") >> 16)) return AV_CALL(avcodec_find_encoder)(AV_CODEC_ID_DVVIDEO);
+    if (codec == fourCC("jpeg")) return AV_CALL(avcodec_find_encoder)(AV_CODEC_ID_MJPEG);
+    if ((codec >> 16) == (fourCC("ap  ") >> 16)) return AV_CALL(avcodec_find_encoder_by_name)("prores_ks");
     return nullptr;
 }
 
@@ -105,8 +105,8 @@ struct AssetReaderTrackOutput::Impl {
     av::CodecContextPtr decoder;
     av::CodecContextPtr encoder;
     av::ResamplerPtr resampler;
-    av::PacketPtr packet{av_packet_alloc()};
-    av::FramePtr frame{av_frame_alloc()};
+    av::PacketPtr packet{AV_CALL(av_packet_alloc)()};
+    av::FramePtr frame{AV_CALL(av_frame_alloc)()};
     FormatDescriptionRef outputFormat;
     std::deque<std::unique_ptr<SampleBuffer>> ready;
     bool inputDone = false;               // the demuxer reached the end (or the range's end)
@@ -130,7 +130,7 @@ struct AssetReaderTrackOutput::Impl {
     {
         AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
         if (rate.num <= 0 || rate.den <= 0) return 1;
-        return std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), stream->time_base));
+        return std::max<int64_t>(1, AV_CALL(av_rescale_q)(1, av_inv_q(rate), stream->time_base));
     }
 };
 
@@ -162,13 +162,13 @@ bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
         if (int(i) != track->streamIndex()) input->streams[i]->discard = AVDISCARD_ALL;
 
     const auto toStream = [&](MediaTime t) {
-        return av_rescale_q(t.value, AVRational{1, t.timescale}, stream->time_base);
+        return AV_CALL(av_rescale_q)(t.value, AVRational{1, t.timescale}, stream->time_base);
     };
     if (state->rangeDuration.isNumeric() && state->rangeDuration.value > 0) {
         const MediaTime start = state->rangeStart.isNumeric() ? state->rangeStart : MediaTime::zero();
         rangeStart = toStream(start);
         rangeEnd = toStream(start + state->rangeDuration);
-        if (rangeStart > 0) av_seek_frame(input.get(), stream->index, rangeStart, AVSEEK_FLAG_BACKWARD);
+        if (rangeStart > 0) AV_CALL(av_seek_frame)(input.get(), stream->index, rangeStart, AVSEEK_FLAG_BACKWARD);
     }
     if (kind == OutputKind::AsStored) return true;
     return openDecoder(err);
@@ -176,15 +176,15 @@ bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
 
 bool AssetReaderTrackOutput::Impl::openDecoder(Error* err)
 {
-    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    const AVCodec* codec = AV_CALL(avcodec_find_decoder)(stream->codecpar->codec_id);
     if (!codec) {
         *err = av::error("No decoder for the track's coding");
         return false;
     }
-    decoder.reset(avcodec_alloc_context3(codec));
-    avcodec_parameters_to_context(decoder.get(), stream->codecpar);
+    decoder.reset(AV_CALL(avcodec_alloc_context3)(codec));
+    AV_CALL(avcodec_parameters_to_context)(decoder.get(), stream->codecpar);
     decoder->pkt_timebase = stream->time_base;
-    if (const int rc = avcodec_open2(decoder.get(), codec, nullptr); rc < 0) {
+    if (const int rc = AV_CALL(avcodec_open2)(decoder.get(), codec, nullptr); rc < 0) {
         *err = av::error(rc, "Cannot open the decoder");
         return false;
     }
@@ -217,44 +217,46 @@ void AssetReaderTrackOutput::Impl::takeAudio(const AVFrame* decoded)
     const int outRate = int(out.mSampleRate);
     if (!resampler) {
         AVChannelLayout outLayout{};
-        av_channel_layout_default(&outLayout, int(out.mChannelsPerFrame));
+        AV_CALL(av_channel_layout_default)(&outLayout, int(out.mChannelsPerFrame));
         SwrContext* raw = nullptr;
-        const int rc = swr_alloc_set_opts2(&raw, &outLayout, sampleFormatFor(audio), outRate,
-                                           const_cast<AVChannelLayout*>(&decoded->ch_layout),
-                                           AVSampleFormat(decoded->format), decoded->sample_rate, 0, nullptr);
-        av_channel_layout_uninit(&outLayout);
+        const int rc = AV_CALL(swr_alloc_set_opts2)(&raw, &outLayout, sampleFormatFor(audio), outRate,
+                                                    const_cast<AVChannelLayout*>(&decoded->ch_layout),
+                                                    AVSampleFormat(decoded->format), decoded->sample_rate, 0, nullptr);
+        AV_CALL(av_channel_layout_uninit)(&outLayout);
         resampler.reset(raw);
-        if (rc < 0 || swr_init(raw) < 0) {
+        if (rc < 0 || AV_CALL(swr_init)(raw) < 0) {
             state->fail(av::error(rc < 0 ? rc : AVERROR(EINVAL), "Cannot convert the audio"));
             return;
         }
         const int64_t pts = decoded ? decoded->best_effort_timestamp : AV_NOPTS_VALUE;
-        nextAudioFrame = pts == AV_NOPTS_VALUE ? 0 : av_rescale_q(pts, stream->time_base, AVRational{1, outRate});
+        nextAudioFrame =
+            pts == AV_NOPTS_VALUE ? 0 : AV_CALL(av_rescale_q)(pts, stream->time_base, AVRational{1, outRate});
     }
     const int inFrames = decoded ? decoded->nb_samples : 0;
-    const int capacity = swr_get_out_samples(resampler.get(), inFrames);
+    const int capacity = AV_CALL(swr_get_out_samples)(resampler.get(), inFrames);
     if (capacity <= 0) return;
     const AVSampleFormat format = sampleFormatFor(audio);
     const int channels = int(out.mChannelsPerFrame);
-    std::vector<uint8_t> converted(size_t(capacity) * channels * av_get_bytes_per_sample(format));
+    std::vector<uint8_t> converted(size_t(capacity) * channels * AV_CALL(av_get_bytes_per_sample)(format));
     uint8_t* planes[] = {converted.data()};
-    const int got = swr_convert(resampler.get(), planes, capacity,
-                                decoded ? const_cast<const uint8_t**>(decoded->extended_data) : nullptr, inFrames);
+    const int got =
+        AV_CALL(swr_convert)(resampler.get(), planes, capacity,
+                             decoded ? const_cast<const uint8_t**>(decoded->extended_data) : nullptr, inFrames);
     if (got <= 0) return;
 
     // Trim to the time range, in frames of the output rate.
     int64_t first = nextAudioFrame, skip = 0, count = got;
     nextAudioFrame += got;
     if (rangeEnd != AV_NOPTS_VALUE) {
-        const int64_t startFrame = av_rescale_q(rangeStart, stream->time_base, AVRational{1, outRate});
-        const int64_t endFrame = av_rescale_q(rangeEnd, stream->time_base, AVRational{1, outRate});
+        const int64_t startFrame = AV_CALL(av_rescale_q)(rangeStart, stream->time_base, AVRational{1, outRate});
+        const int64_t endFrame = AV_CALL(av_rescale_q)(rangeEnd, stream->time_base, AVRational{1, outRate});
         if (first < startFrame) skip = std::min<int64_t>(startFrame - first, got);
         count = std::min<int64_t>(got, endFrame - first) - skip;
         if (first + got >= endFrame) inputDone = true;
         if (count <= 0) return;
         first += skip;
     }
-    const size_t inBytes = size_t(av_get_bytes_per_sample(format));
+    const size_t inBytes = size_t(AV_CALL(av_get_bytes_per_sample)(format));
     const size_t outBytes = out.mBitsPerChannel / 8;
     std::vector<uint8_t> bytes(size_t(count) * channels * outBytes);
     const uint8_t* src = converted.data() + size_t(skip) * channels * inBytes;
@@ -276,14 +278,14 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
         bool fits = false;
         for (const AVPixelFormat* f = codec ? codec->pix_fmts : nullptr; f && *f != AV_PIX_FMT_NONE; ++f)
             fits |= *f == decoded->format;
-        const char* name = av_get_pix_fmt_name(AVPixelFormat(decoded->format));
+        const char* name = AV_CALL(av_get_pix_fmt_name)(AVPixelFormat(decoded->format));
         if (!fits) {
             state->fail(av::error(std::string("Frames of ") + (name ? name : "this sampling") + " at " +
                                   std::to_string(decoded->width) + "x" + std::to_string(decoded->height) +
                                   " cannot be encoded as requested without conversion"));
             return false;
         }
-        encoder.reset(avcodec_alloc_context3(codec));
+        encoder.reset(AV_CALL(avcodec_alloc_context3)(codec));
         encoder->width = decoded->width;
         encoder->height = decoded->height;
         encoder->pix_fmt = AVPixelFormat(decoded->format);
@@ -297,9 +299,9 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
         if (video.keyFrameInterval > 0) encoder->gop_size = int(video.keyFrameInterval);
         AVDictionary* options = nullptr;
         if ((video.codec >> 16) == (fourCC("ap  ") >> 16))
-            av_dict_set_int(&options, "profile", proResProfile(video.codec), 0);
-        const int rc = avcodec_open2(encoder.get(), codec, &options);
-        av_dict_free(&options);
+            AV_CALL(av_dict_set_int)(&options, "profile", proResProfile(video.codec), 0);
+        const int rc = AV_CALL(avcodec_open2)(encoder.get(), codec, &options);
+        AV_CALL(av_dict_free)(&options);
         if (rc < 0) {
             state->fail(av::error(rc, "Cannot encode frames of " + std::string(name ? name : "this sampling") + " at " +
                                           std::to_string(decoded->width) + "x" + std::to_string(decoded->height) +
@@ -315,20 +317,20 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
     }
     decoded->pict_type = AV_PICTURE_TYPE_NONE;
     decoded->pts = decoded->best_effort_timestamp;
-    avcodec_send_frame(encoder.get(), decoded);
+    AV_CALL(avcodec_send_frame)(encoder.get(), decoded);
     return drainEncoder();
 }
 
 bool AssetReaderTrackOutput::Impl::drainEncoder()
 {
-    while (avcodec_receive_packet(encoder.get(), packet.get()) == 0) {
+    while (AV_CALL(avcodec_receive_packet)(encoder.get(), packet.get()) == 0) {
         if (packet->duration <= 0) packet->duration = frameDuration();
         const int32_t scale = av::timescaleFor(stream->time_base);
         SampleTimingInfo timing{av::mediaTime(packet->duration, stream->time_base, scale),
                                 av::mediaTime(packet->pts, stream->time_base, scale), MediaTime::invalid()};
         wrap(std::vector<uint8_t>(packet->data, packet->data + packet->size), 1, timing, size_t(packet->size),
              outputFormat);
-        av_packet_unref(packet.get());
+        AV_CALL(av_packet_unref)(packet.get());
     }
     return true;
 }
@@ -346,22 +348,22 @@ bool AssetReaderTrackOutput::Impl::pump()
     if (inputDone) {
         if (!decoder) return false;
         // Drain the decoder (and the converter or encoder after it).
-        avcodec_send_packet(decoder.get(), nullptr);
-        while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
+        AV_CALL(avcodec_send_packet)(decoder.get(), nullptr);
+        while (AV_CALL(avcodec_receive_frame)(decoder.get(), frame.get()) == 0) {
             if (kind == OutputKind::LinearPCM)
                 takeAudio(frame.get());
             else
                 takeVideo(frame.get());
-            av_frame_unref(frame.get());
+            AV_CALL(av_frame_unref)(frame.get());
         }
         if (kind == OutputKind::LinearPCM && resampler) takeAudio(nullptr);
         if (encoder) {
-            avcodec_send_frame(encoder.get(), nullptr);
+            AV_CALL(avcodec_send_frame)(encoder.get(), nullptr);
             drainEncoder();
         }
         return false;
     }
-    const int rc = av_read_frame(input.get(), packet.get());
+    const int rc = AV_CALL(av_read_frame)(input.get(), packet.get());
     if (rc == AVERROR_EOF) {
         inputDone = true;
         return true;
@@ -370,7 +372,7 @@ bool AssetReaderTrackOutput::Impl::pump()
         state->fail(av::error(rc, "Cannot read on"));
         return false;
     }
-    std::unique_ptr<AVPacket, void (*)(AVPacket*)> unref(packet.get(), av_packet_unref);
+    std::unique_ptr<AVPacket, void (*)(AVPacket*)> unref(packet.get(), AV_CALL(av_packet_unref));
     if (packet->stream_index != stream->index) return true;
     const int64_t pts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     if (rangeEnd != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts >= rangeEnd && kind != OutputKind::LinearPCM) {
@@ -395,8 +397,8 @@ bool AssetReaderTrackOutput::Impl::pump()
         return true;
     }
     // Damaged packets that the decoder refuses are skipped.
-    if (avcodec_send_packet(decoder.get(), packet.get()) < 0) return true;
-    while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
+    if (AV_CALL(avcodec_send_packet)(decoder.get(), packet.get()) < 0) return true;
+    while (AV_CALL(avcodec_receive_frame)(decoder.get(), frame.get()) == 0) {
         const int64_t t = frame->best_effort_timestamp;
         const bool early =
             kind == OutputKind::Encoded && rangeStart != AV_NOPTS_VALUE && t != AV_NOPTS_VALUE && t < rangeStart;
@@ -406,7 +408,7 @@ bool AssetReaderTrackOutput::Impl::pump()
             else if (!takeVideo(frame.get()))
                 return false;
         }
-        av_frame_unref(frame.get());
+        AV_CALL(av_frame_unref)(frame.get());
     }
     return state->reading();
 }

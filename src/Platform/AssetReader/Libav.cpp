@@ -1,10 +1,70 @@
 #include "AssetReader/Libav.h"
 
+#include <dlfcn.h>
+
+#include <array>
 #include <cmath>
+#include <iterator>
+#include <string>
 
 #include "AssetReader/Asset.h"
+#include "Foundation/Exception.h"
 
 namespace corvina::av {
+
+namespace {
+
+#define CORVINA_SONAME(lib, major) "lib" lib ".so." CORVINA_STRINGIFY(major)
+#define CORVINA_STRINGIFY(x) CORVINA_STRINGIFY2(x)
+#define CORVINA_STRINGIFY2(x) #x
+
+// The libraries in the order they depend on each other, by the names of the versions the
+// program was built against.
+class MediaLibraries {
+public:
+    static MediaLibraries& shared()
+    {
+        static MediaLibraries libraries;  // never closed: functions found stay valid
+        return libraries;
+    }
+    void* find(const char* name) const
+    {
+        for (void* handle : handles_)
+            if (void* symbol = handle ? ::dlsym(handle, name) : nullptr) return symbol;
+        return nullptr;
+    }
+    const std::string& problem() const { return problem_; }
+
+private:
+    MediaLibraries()
+    {
+        const char* names[] = {CORVINA_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR),
+                               CORVINA_SONAME("swresample", LIBSWRESAMPLE_VERSION_MAJOR),
+                               CORVINA_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR),
+                               CORVINA_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR)};
+        for (size_t i = 0; i < std::size(names); ++i) {
+            handles_[i] = ::dlopen(names[i], RTLD_NOW | RTLD_LOCAL);
+            if (!handles_[i] && problem_.empty()) {
+                const char* why = ::dlerror();
+                problem_ = why ? why : names[i];
+            }
+        }
+    }
+    std::array<void*, 4> handles_{};
+    std::string problem_;
+};
+
+}  // namespace
+
+void* librarySymbol(const char* name)
+{
+    const MediaLibraries& libraries = MediaLibraries::shared();
+    if (void* symbol = libraries.find(name)) return symbol;
+    throw PlatformException("MediaLibrariesUnavailable",
+                            libraries.problem().empty()
+                                ? std::string("The media libraries have no function ") + name
+                                : "The media libraries cannot be loaded: " + libraries.problem());
+}
 
 namespace {
 
@@ -19,7 +79,7 @@ FourCharCode fromTag(uint32_t tag)
 Error error(int avCode, const std::string& what)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(avCode, text, sizeof text);
+    AV_CALL(av_strerror)(avCode, text, sizeof text);
     return Error{kAssetErrorDomain, avCode, what + ": " + text};
 }
 
@@ -30,18 +90,18 @@ FormatContextPtr openInput(const std::string& path, Error* err)
     // Failures reach callers as errors; libav's own console messages about damaged input
     // would only repeat them.
     static const bool quiet = [] {
-        if (av_log_get_level() > AV_LOG_FATAL) av_log_set_level(AV_LOG_FATAL);
+        if (AV_CALL(av_log_get_level)() > AV_LOG_FATAL) AV_CALL(av_log_set_level)(AV_LOG_FATAL);
         return true;
     }();
     (void)quiet;
     AVFormatContext* raw = nullptr;
-    int rc = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
+    int rc = AV_CALL(avformat_open_input)(&raw, path.c_str(), nullptr, nullptr);
     if (rc < 0) {
         if (err) *err = error(rc, "Cannot open " + path);
         return nullptr;
     }
     FormatContextPtr context(raw);
-    rc = avformat_find_stream_info(context.get(), nullptr);
+    rc = AV_CALL(avformat_find_stream_info)(context.get(), nullptr);
     if (rc < 0) {
         if (err) *err = error(rc, "Cannot read the streams of " + path);
         return nullptr;
@@ -59,7 +119,7 @@ MediaTime mediaTime(int64_t ts, AVRational timeBase, int32_t fallbackScale)
     if (ts == AV_NOPTS_VALUE || timeBase.den <= 0) return MediaTime::invalid();
     const int32_t scale = timescaleFor(timeBase, fallbackScale);
     if (scale == timeBase.den && timeBase.num == 1) return MediaTime::make(ts, scale);
-    return MediaTime::make(av_rescale_q(ts, timeBase, AVRational{1, scale}), scale);
+    return MediaTime::make(AV_CALL(av_rescale_q)(ts, timeBase, AVRational{1, scale}), scale);
 }
 
 FourCharCode dvSubType(int width, int height, AVPixelFormat pixelFormat, double fps)
@@ -88,7 +148,7 @@ FourCharCode videoSubType(const AVCodecParameters& par, AVRational frameRate)
         if (par.codec_id == AV_CODEC_ID_MJPEG) return fourCC("jpeg");
         return stored;
     }
-    const AVCodecTag* const tables[] = {avformat_get_mov_video_tags(), nullptr};
+    const AVCodecTag* const tables[] = {AV_CALL(avformat_get_mov_video_tags)(), nullptr};
     if (par.codec_id == AV_CODEC_ID_PRORES) {
         switch (par.profile) {
         case 0:
@@ -105,7 +165,7 @@ FourCharCode videoSubType(const AVCodecParameters& par, AVRational frameRate)
             return fourCC("apcn");
         }
     }
-    const unsigned tag = av_codec_get_tag(tables, par.codec_id);
+    const unsigned tag = AV_CALL(av_codec_get_tag)(tables, par.codec_id);
     return tag ? fromTag(tag) : 0;
 }
 
@@ -129,7 +189,7 @@ std::string videoFormatName(const AVCodecParameters& par, FourCharCode subType)
         if (n.code == subType) return n.name;
     if (par.codec_id == AV_CODEC_ID_H264) return "H.264";
     if (par.codec_id == AV_CODEC_ID_HEVC) return "HEVC";
-    const AVCodecDescriptor* descriptor = avcodec_descriptor_get(par.codec_id);
+    const AVCodecDescriptor* descriptor = AV_CALL(avcodec_descriptor_get)(par.codec_id);
     return descriptor && descriptor->long_name ? descriptor->long_name : "";
 }
 
@@ -175,8 +235,8 @@ AudioStreamBasicDescription streamDescription(const AVCodecParameters& par)
     } else if (par.codec_tag) {
         d.mFormatID = fromTag(par.codec_tag);
     } else {
-        const AVCodecTag* const tables[] = {avformat_get_mov_audio_tags(), nullptr};
-        d.mFormatID = fromTag(av_codec_get_tag(tables, par.codec_id));
+        const AVCodecTag* const tables[] = {AV_CALL(avformat_get_mov_audio_tags)(), nullptr};
+        d.mFormatID = fromTag(AV_CALL(av_codec_get_tag)(tables, par.codec_id));
     }
     return d;
 }

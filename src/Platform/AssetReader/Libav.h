@@ -17,20 +17,37 @@ extern "C" {
 
 namespace corvina::av {
 
+// The media libraries are opened the first time something needs them, not when the program
+// starts: a movie job never uses them, and loading them with the hundred libraries they
+// bring costs every start tens of milliseconds. AV_CALL(name) is the library function
+// `name`, looked up once per call site. Throws PlatformException when the libraries or the
+// function cannot be found (a broken installation).
+void* librarySymbol(const char* name);
+template <class Function>
+Function libraryFunction(const char* name)
+{
+    return reinterpret_cast<Function>(librarySymbol(name));
+}
+#define AV_CALL(name)                                                                          \
+    ([] {                                                                                      \
+        static const auto function = ::corvina::av::libraryFunction<decltype(&::name)>(#name); \
+        return function;                                                                       \
+    }())
+
 struct FormatContextDeleter {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+    void operator()(AVFormatContext* c) const { AV_CALL(avformat_close_input)(&c); }
 };
 struct CodecContextDeleter {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+    void operator()(AVCodecContext* c) const { AV_CALL(avcodec_free_context)(&c); }
 };
 struct PacketDeleter {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
+    void operator()(AVPacket* p) const { AV_CALL(av_packet_free)(&p); }
 };
 struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
+    void operator()(AVFrame* f) const { AV_CALL(av_frame_free)(&f); }
 };
 struct ResamplerDeleter {
-    void operator()(SwrContext* s) const { swr_free(&s); }
+    void operator()(SwrContext* s) const { AV_CALL(swr_free)(&s); }
 };
 using FormatContextPtr = std::unique_ptr<AVFormatContext, FormatContextDeleter>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;

@@ -6,6 +6,8 @@
 #include <fstream>
 
 #include "AssetReader/AssetReader.h"
+#include "AssetReader/Libav.h"
+#include "Foundation/Exception.h"
 #include "TestSupport.h"
 #include "TestMovies.h"
 
@@ -217,6 +219,7 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
         EXPECT_FALSE(AssetReader::create(asset, &error));
         EXPECT_EQ(error.domain, kAssetErrorDomain);
     }
+    EXPECT_THROW(av::librarySymbol("av_no_such_function"), PlatformException) << "a broken installation";
     const AssetRef remote = Asset::assetWithURL("https://example.invalid/movie.mov");
     EXPECT_FALSE(remote->isReadable());
     EXPECT_EQ(remote->urlScheme(), "https");
