@@ -176,9 +176,12 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
             return nullptr;
         }
         // The lines each frame after the first would have written had it been asked for alone.
-        for (uint64_t i = 1; i < count; ++i) {
-            TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", entryIndex_, frameIndex_ + i);
-            TQLog::fastAppendLog("number of audio samples: %u", frames);
+        if (count > 1) {
+            const FormatArg request[] = {entryIndex_, frameIndex_ + 1};
+            const FormatArg number[] = {frames};
+            const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", request, 1},
+                                               {"number of audio samples: %u", number, std::nullopt}};
+            TQLog::fastAppendLogSeries(count - 1, lines);
         }
         frameIndex_ += count;
         framesHandedOut_ += count;

@@ -3,6 +3,7 @@
 #include <link.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -173,15 +174,69 @@ private:
 
 }  // namespace
 
-void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
+std::optional<uint32_t> TQLog::internedFormat(std::string_view fmt)
 {
     thread_local RecentFormats recent;
-    const std::optional<uint32_t> id = recent.idFor(fmt, [](std::string_view text) {
+    return recent.idFor(fmt, [](std::string_view text) {
         const size_t percent = text.find('%');
         if (percent == std::string_view::npos || !needsEscapingFrom(text, percent)) return TQLogQueue::intern(text);
         return TQLogQueue::intern(escapeTextForLogging(text));
     });
-    if (id) {
+}
+
+void TQLog::fastAppendLogSeries(uint64_t steps, std::span<const SeriesLine> lines)
+{
+    if (steps == 0 || lines.empty()) return;
+    TQLog& log = sharedController();
+    if (!log.loggingDisabled()) log.queueSeries(steps, lines);
+}
+
+void TQLog::queueSeries(uint64_t steps, std::span<const SeriesLine> lines)
+{
+    using Kind = corvina::FormatArg::Kind;
+    constexpr size_t kMostLines = 16;
+    std::array<TQLogQueue::SeriesLine, kMostLines> queued;
+    size_t count = 0;
+    bool whole = lines.size() <= kMostLines;
+    for (size_t l = 0; whole && l < lines.size(); ++l) {
+        const SeriesLine& line = lines[l];
+        if (!line.format) continue;  // a null format logs nothing
+        const std::optional<uint32_t> id = internedFormat(line.format.view());
+        whole = id && line.args.size() < 255 &&
+                std::ranges::none_of(line.args, [](const auto& arg) { return arg.kind() == Kind::Object; });
+        if (line.counting) {
+            const size_t c = *line.counting;
+            whole = whole && c < line.args.size() &&
+                    (line.args[c].kind() == Kind::Signed || line.args[c].kind() == Kind::Unsigned);
+        }
+        if (whole)
+            queued[count++] = {*id, line.args, line.counting ? std::optional<uint8_t>(*line.counting) : std::nullopt};
+    }
+    if (whole) {
+        queue_->pushSeries(std::span(queued.data(), count), steps);
+        return;
+    }
+    // Otherwise line by line, as the calls the series stands for.
+    std::vector<corvina::FormatArg> args;
+    for (uint64_t s = 0; s < steps; ++s) {
+        for (const SeriesLine& line : lines) {
+            if (!line.format) continue;
+            args.assign(line.args.begin(), line.args.end());
+            if (line.counting && *line.counting < args.size()) {
+                corvina::FormatArg& arg = args[*line.counting];
+                if (arg.kind() == Kind::Signed)
+                    arg = corvina::FormatArg(static_cast<int64_t>(static_cast<uint64_t>(arg.asSigned()) + s));
+                else if (arg.kind() == Kind::Unsigned)
+                    arg = corvina::FormatArg(arg.asUnsigned() + s);
+            }
+            queueFormat(line.format.view(), args);
+        }
+    }
+}
+
+void TQLog::queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args)
+{
+    if (const std::optional<uint32_t> id = internedFormat(fmt)) {
         queue_->pushInterned(*id, args);
         return;
     }

@@ -89,6 +89,18 @@ public:
             log.queueFormat(fmt.view(), std::span<const corvina::FormatArg>(list, sizeof...(A)));
         }
     }
+    // One line of a series: a format, its arguments, and the integer argument that counts up
+    // by one from each step to the next, if any.
+    struct SeriesLine {
+        Format format;
+        std::span<const corvina::FormatArg> args;
+        std::optional<size_t> counting;
+    };
+    // As fastAppendLog of each line in turn, `steps` times over, with the counting arguments
+    // one higher at each step. Queued as one entry when every format can be kept and the
+    // arguments are numbers or text: for the long runs of lines that differ only by a
+    // counter, such as a feeder's lines for each sample of a run.
+    static void fastAppendLogSeries(uint64_t steps, std::span<const SeriesLine> lines);
     template <class... A>
     static void appendLogAndPrint(Format fmt, const A&... args)
     {
@@ -204,6 +216,9 @@ private:
     static bool isShort(std::string_view formatted);
     void queueText(std::string_view text);
     void queueFormat(std::string_view fmt, std::span<const corvina::FormatArg> args);
+    void queueSeries(uint64_t steps, std::span<const SeriesLine> lines);
+    // The format's number in the queue's table of kept formats (escaped first), if kept.
+    static std::optional<uint32_t> internedFormat(std::string_view fmt);
     void createNewLogImpl(std::optional<std::string> name);
     void shutdown();
     static void atforkPrepare();

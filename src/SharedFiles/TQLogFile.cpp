@@ -109,9 +109,9 @@ void TQLogTexts::materialize(size_t from)
     if (deferred_ == 0) return;
     for (size_t i = from; i < slots_.size(); ++i) {
         Slot& slot = slots_[i];
-        if (slot.offset != kDeferred) continue;
+        if (!(slot.offset & kDeferred)) continue;
         const size_t start = bytes_.size();
-        maker_(slot.data, bytes_);
+        maker_(slot.data, slot.offset & ~kDeferred, bytes_);
         // The size was measured without making the text; the text made is what counts.
         assert(bytes_.size() - start == slot.size);
         slot = {nullptr, bytes_.size() - start, start};

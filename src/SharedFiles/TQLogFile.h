@@ -25,8 +25,9 @@ class FileHandle;
 // (materialize), so that texts a batch rotates out of the kept files are never made.
 class TQLogTexts {
 public:
-    // Makes a deferred text: appends it to out, trimmed, from what `source` points at.
-    using Maker = void (*)(const char* source, std::string& out);
+    // Makes a deferred text: appends it to out, trimmed, from what `source` points at (part
+    // tells which of the texts a source stands for is meant).
+    using Maker = void (*)(const char* source, uint64_t part, std::string& out);
 
     void pushView(std::string_view text) { slots_.push_back({text.data(), text.size(), 0}); }
     void push(std::string_view text)
@@ -35,11 +36,12 @@ public:
         bytes_.append(text);
         commit(start);
     }
-    // A text of `size` bytes (never 0) that maker(source, ...) makes later.
-    void pushDeferred(const char* source, size_t size, Maker maker)
+    // A text of `size` bytes (never 0) that maker(source, part, ...) makes later.
+    void pushDeferred(const char* source, size_t size, Maker maker, uint64_t part = 0)
     {
+        assert(part < kDeferred);
         maker_ = maker;
-        slots_.push_back({source, size, kDeferred});
+        slots_.push_back({source, size, kDeferred | part});
         ++deferred_;
     }
     // Room for one more text written straight into the buffer: append to buffer(), then
@@ -57,7 +59,7 @@ public:
     std::string_view operator[](size_t i) const
     {
         const Slot& slot = slots_[i];
-        assert(slot.offset != kDeferred);
+        assert(!(slot.offset & kDeferred));
         return std::string_view(slot.data ? slot.data : bytes_.data() + slot.offset, slot.size);
     }
     void clear()
@@ -70,11 +72,11 @@ public:
     void trim(size_t keepBytes);
 
 private:
-    static constexpr size_t kDeferred = ~size_t(0);
+    static constexpr uint64_t kDeferred = uint64_t(1) << 63;  // the rest of the offset: the part
     struct Slot {
         const char* data;  // a view's text, a deferred text's source; none: at offset in bytes_
         size_t size;
-        size_t offset;  // kDeferred: not made yet
+        uint64_t offset;  // with kDeferred set: not made yet
     };
     std::string bytes_;
     std::vector<Slot> slots_;

@@ -22,7 +22,13 @@ using Kind = FormatArg::Kind;
 //             (1) and its value: 8 bytes for numbers and pointers, 1 for a character, length
 //             (4) and bytes for a string, pointer (8), length (4) and bytes for an object.
 //   interned: argument count (1), the format's number (4), the arguments as for a format.
-enum : uint8_t { kTextEntry = 0, kFormatEntry = 1, kInternedEntry = 2 };
+//   series:   steps (8), line count (1), then per line: argument count (1), the format's
+//             number (4), the counting argument's index (1, kNotCounting for none), the
+//             arguments as for a format.
+enum : uint8_t { kTextEntry = 0, kFormatEntry = 1, kInternedEntry = 2, kSeriesEntry = 3 };
+constexpr uint8_t kNotCounting = 0xFF;
+constexpr size_t kSeriesHead = 8 + 1 + 8 + 1;
+constexpr size_t kSeriesLineHead = 1 + 4 + 1;
 enum : uint8_t { kNone, kSigned, kUnsigned, kDouble, kFloat, kChar, kString, kPointer, kObject };
 constexpr size_t kTextHead = 8 + 1 + 8;
 constexpr size_t kFormatHead = 8 + 1 + 1 + 4;  // an interned entry's head too
@@ -148,6 +154,46 @@ private:
     std::map<std::string, uint32_t, std::less<>> ids_;
 };
 
+// The bytes an argument other than an object takes in an entry.
+size_t encodedSize(const FormatArg& arg)
+{
+    switch (arg.kind()) {
+    case Kind::None:
+        return 1;
+    case Kind::Char:
+        return 2;
+    case Kind::String:
+        return 5 + arg.stringView().size();
+    default:
+        return 9;
+    }
+}
+
+// Writes an argument other than an object.
+char* putArg(char* at, const FormatArg& arg)
+{
+    switch (arg.kind()) {
+    case Kind::Signed:
+        return put(put(at, kSigned), arg.asSigned());
+    case Kind::Unsigned:
+        return put(put(at, kUnsigned), arg.asUnsigned());
+    case Kind::Double:
+        return put(put(at, arg.isSingle() ? kFloat : kDouble), arg.asDouble());
+    case Kind::Char:
+        return put(put(at, kChar), static_cast<uint8_t>(arg.asSigned()));
+    case Kind::String:
+        return putBytes(put(at, kString), arg.stringView());
+    case Kind::Pointer:
+        return put(put(at, kPointer), reinterpret_cast<uint64_t>(arg.pointer()));
+    default:
+        return put(at, kNone);
+    }
+}
+
+// What a series' entries weigh against the queue's bound beyond their own bytes: about what
+// the lines would take queued one by one.
+constexpr uint64_t kSeriesLineWeight = 32;
+
 }  // namespace
 
 TQLogQueue::TQLogQueue(Sink sink) : sink_(std::move(sink)) {}
@@ -197,23 +243,10 @@ void TQLogQueue::pushEntry(uint8_t kind, std::string_view format, uint32_t id, u
     size_t size = kFormatHead + format.size();
     bool objects = false;
     for (const FormatArg& arg : args) {
-        switch (arg.kind()) {
-        case Kind::None:
-            size += 1;
-            break;
-        case Kind::Char:
-            size += 2;
-            break;
-        case Kind::String:
-            size += 5 + arg.stringView().size();
-            break;
-        case Kind::Object:
+        if (arg.kind() == Kind::Object)
             objects = true;
-            break;
-        default:
-            size += 9;
-            break;
-        }
+        else
+            size += encodedSize(arg);
     }
     // Objects describe themselves before anything is queued (a description may log too).
     std::string described;
@@ -240,38 +273,43 @@ void TQLogQueue::pushEntry(uint8_t kind, std::string_view format, uint32_t id, u
         at = kind == kInternedEntry ? put(at, id) : putBytes(at, format);
         size_t object = 0;
         for (const FormatArg& arg : args) {
-            switch (arg.kind()) {
-            case Kind::None:
-                at = put(at, kNone);
-                break;
-            case Kind::Signed:
-                at = put(put(at, kSigned), arg.asSigned());
-                break;
-            case Kind::Unsigned:
-                at = put(put(at, kUnsigned), arg.asUnsigned());
-                break;
-            case Kind::Double:
-                at = put(put(at, arg.isSingle() ? kFloat : kDouble), arg.asDouble());
-                break;
-            case Kind::Char:
-                at = put(put(at, kChar), static_cast<uint8_t>(arg.asSigned()));
-                break;
-            case Kind::String:
-                at = putBytes(put(at, kString), arg.stringView());
-                break;
-            case Kind::Pointer:
-                at = put(put(at, kPointer), reinterpret_cast<uint64_t>(arg.pointer()));
-                break;
-            case Kind::Object: {
-                const size_t begin = object == 0 ? 0 : describedEnds[object - 1];
-                const size_t end = describedEnds[object++];
-                at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
-                at = putBytes(at, std::string_view(described).substr(begin, end - begin));
-                break;
+            if (arg.kind() != Kind::Object) {
+                at = putArg(at, arg);
+                continue;
             }
-            }
+            const size_t begin = object == 0 ? 0 : describedEnds[object - 1];
+            const size_t end = describedEnds[object++];
+            at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
+            at = putBytes(at, std::string_view(described).substr(begin, end - begin));
         }
     });
+}
+
+void TQLogQueue::pushSeries(std::span<const SeriesLine> lines, uint64_t steps)
+{
+    if (steps == 0 || lines.empty()) return;
+    size_t size = kSeriesHead;
+    uint64_t length16 = 0;
+    for (const SeriesLine& line : lines) {
+        size += kSeriesLineHead;
+        for (const FormatArg& arg : line.args) size += encodedSize(arg);
+        length16 += FormatTable::shared()[line.id].length16;
+    }
+    pushWith(
+        size, length16 * steps,
+        [&](char* start) {
+            char* at = put(start, static_cast<uint64_t>(size));
+            at = put(at, kSeriesEntry);
+            at = put(at, steps);
+            at = put(at, static_cast<uint8_t>(lines.size()));
+            for (const SeriesLine& line : lines) {
+                at = put(at, static_cast<uint8_t>(line.args.size()));
+                at = put(at, line.id);
+                at = put(at, line.counting.value_or(kNotCounting));
+                for (const FormatArg& arg : line.args) at = putArg(at, arg);
+            }
+        },
+        steps * lines.size());
 }
 
 void TQLogQueue::push(std::string_view entry, uint64_t length16)
@@ -280,7 +318,7 @@ void TQLogQueue::push(std::string_view entry, uint64_t length16)
 }
 
 template <class Fill>
-void TQLogQueue::pushWith(size_t size, uint64_t length16, const Fill& fill)
+void TQLogQueue::pushWith(size_t size, uint64_t length16, const Fill& fill, uint64_t entries)
 {
     bool wake = false;
     {
@@ -288,10 +326,11 @@ void TQLogQueue::pushWith(size_t size, uint64_t length16, const Fill& fill)
         if (shutDown_) return;
         startWriterLocked();
         // Full: wait for the writer to take what is there (never on the writer itself).
-        if (pending_.size() >= kCapacity && writerRunning_ && !isWriterThread()) {
+        const auto full = [this] { return pending_.size() + seriesWeight_ >= kCapacity; };
+        if (full() && writerRunning_ && !isWriterThread()) {
             ++roomWaiters_;
             queueCv_.notify_one();
-            roomCv_.wait(lock, [&] { return pending_.size() < kCapacity || shutDown_; });
+            roomCv_.wait(lock, [&] { return !full() || shutDown_; });
             --roomWaiters_;
             if (shutDown_) return;
         }
@@ -300,7 +339,8 @@ void TQLogQueue::pushWith(size_t size, uint64_t length16, const Fill& fill)
         const size_t at = pending_.size();
         pending_.resize(at + size);
         fill(pending_.data() + at);
-        ++pushedSeq_;
+        pushedSeq_ += entries;
+        seriesWeight_ += (entries - 1) * kSeriesLineWeight;
     }
     if (wake) queueCv_.notify_one();
 }
@@ -339,6 +379,7 @@ void TQLogQueue::writerLoop()
         writerIdle_ = false;
         if (pending_.empty()) break;
         batch.swap(pending_);
+        seriesWeight_ = 0;
         const uint64_t last = pushedSeq_;
         const size_t entries = static_cast<size_t>(last - takenSeq_);
         takenSeq_ = last;
@@ -346,7 +387,7 @@ void TQLogQueue::writerLoop()
         lock.unlock();
         if (room) roomCv_.notify_all();
 
-        const uint64_t handled16 = unpack(std::string_view(batch.data(), batch.size()), texts);
+        const uint64_t handled16 = unpack(std::string_view(batch.data(), batch.size()), entries, texts);
         if (!texts.empty()) sink_(texts);
         bytesInQueue_.fetch_sub(handled16, std::memory_order_relaxed);
         texts.clear();
@@ -369,10 +410,9 @@ void TQLogQueue::writerLoop()
 namespace {
 
 // A format entry's arguments, read back from the queue (the entry's format has been read)
-// into a list the thread keeps from entry to entry.
-std::span<const FormatArg> readArgs(const char*& at, uint8_t count)
+// into `args`.
+void readArgsInto(const char*& at, uint8_t count, std::vector<FormatArg>& args)
 {
-    thread_local std::vector<FormatArg> args;
     args.clear();
     for (uint8_t i = 0; i < count; ++i) {
         switch (get<uint8_t>(at)) {
@@ -407,8 +447,55 @@ std::span<const FormatArg> readArgs(const char*& at, uint8_t count)
             break;
         }
     }
+}
+
+// The same into a list the thread keeps from entry to entry.
+std::span<const FormatArg> readArgs(const char*& at, uint8_t count)
+{
+    thread_local std::vector<FormatArg> args;
+    readArgsInto(at, count, args);
     return args;
 }
+
+// The lines of a series entry, read once (the entry's kind has been read).
+struct SeriesLines {
+    struct Line {
+        const InternedFormat* format;
+        std::vector<FormatArg> args;
+        uint8_t counting;
+    };
+    uint64_t steps = 0;
+    std::vector<Line> lines;  // kept from series to series: only ever grows
+
+    size_t read(const char*& at)
+    {
+        steps = get<uint64_t>(at);
+        const uint8_t count = get<uint8_t>(at);
+        if (lines.size() < count) lines.resize(count);
+        for (uint8_t l = 0; l < count; ++l) {
+            Line& line = lines[l];
+            const uint8_t argCount = get<uint8_t>(at);
+            line.format = &FormatTable::shared()[get<uint32_t>(at)];
+            line.counting = get<uint8_t>(at);
+            readArgsInto(at, argCount, line.args);
+        }
+        return count;
+    }
+    // Line l's arguments at step s.
+    std::span<const FormatArg> argsAt(size_t l, uint64_t s)
+    {
+        Line& line = lines[l];
+        if (line.counting >= line.args.size()) return line.args;
+        counted = line.args;
+        FormatArg& arg = counted[line.counting];
+        arg = arg.kind() == FormatArg::Kind::Signed ? FormatArg(static_cast<int64_t>(uint64_t(arg.asSigned()) + s))
+                                                    : FormatArg(arg.asUnsigned() + s);
+        return counted;
+    }
+
+private:
+    std::vector<FormatArg> counted;
+};
 
 // Appends the formatted text, trimmed in place.
 void appendTrimmed(std::string& out, std::string_view format, std::span<const FormatArg> args)
@@ -428,22 +515,32 @@ std::string_view formatOf(uint8_t kind, const char*& at)
     return kind == kInternedEntry ? std::string_view(FormatTable::shared()[get<uint32_t>(at)].text) : getBytes(at);
 }
 
-// Formats the entry whose kind byte `at` points at, appending the text trimmed.
-void makeText(const char* at, std::string& out)
+// Formats the entry whose kind byte `at` points at, appending the text trimmed; of a series,
+// the line `part` counts to, step by step.
+void makeText(const char* at, uint64_t part, std::string& out)
 {
     const uint8_t kind = get<uint8_t>(at);
+    if (kind == kSeriesEntry) {
+        thread_local SeriesLines series;
+        const size_t count = series.read(at);
+        const size_t l = static_cast<size_t>(part % count);
+        appendTrimmed(out, series.lines[l].format->text, series.argsAt(l, part / count));
+        return;
+    }
     const uint8_t count = get<uint8_t>(at);
     const std::string_view format = formatOf(kind, at);
     appendTrimmed(out, format, readArgs(at, count));
 }
 
+uint64_t unpackSeries(const char* entry, bool defer, TQLogTexts& texts);
+
 }  // namespace
 
-uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
+uint64_t TQLogQueue::unpack(std::string_view entries, uint64_t count, TQLogTexts& texts)
 {
     // In a large batch a plain format's text is only measured here: the file makes the texts
     // that outlive the batch's rotations, and a long burst rotates most of them out.
-    const bool defer = entries.size() >= kDeferredBatch;
+    const bool defer = entries.size() >= kDeferredBatch || count >= kDeferredBatch / kSeriesLineWeight;
     uint64_t handled16 = 0;
     const char* at = entries.data();
     const char* const end = entries.data() + entries.size();
@@ -457,11 +554,16 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
             at = entry + size;
             continue;
         }
-        const uint8_t count = get<uint8_t>(at);
+        if (kind == kSeriesEntry) {
+            handled16 += unpackSeries(entry, defer, texts);
+            at = entry + size;
+            continue;
+        }
+        const uint8_t argCount = get<uint8_t>(at);
         const InternedFormat* interned = kind == kInternedEntry ? &FormatTable::shared()[get<uint32_t>(at)] : nullptr;
         const std::string_view format = interned ? std::string_view(interned->text) : getBytes(at);
         handled16 += interned ? interned->length16 : format.size();
-        const std::span<const FormatArg> args = readArgs(at, count);
+        const std::span<const FormatArg> args = readArgs(at, argCount);
         if (defer) {
             // Deferred only when trimming cannot change the text.
             const auto measured = !interned        ? corvina::measurePlainFormat(format, args)
@@ -481,6 +583,38 @@ uint64_t TQLogQueue::unpack(std::string_view entries, TQLogTexts& texts)
     return handled16;
 }
 
+namespace {
+
+// A series' lines in order, each measured and left to be made later when it may be, made
+// now otherwise; what they count in bytesInQueue.
+uint64_t unpackSeries(const char* entry, bool defer, TQLogTexts& texts)
+{
+    thread_local SeriesLines series;
+    const char* at = entry + 9;
+    const size_t count = series.read(at);
+    uint64_t handled16 = 0;
+    for (size_t l = 0; l < count; ++l) handled16 += series.lines[l].format->length16;
+    for (uint64_t s = 0; s < series.steps; ++s) {
+        for (size_t l = 0; l < count; ++l) {
+            const InternedFormat& format = *series.lines[l].format;
+            const std::span<const FormatArg> args = series.argsAt(l, s);
+            if (defer && format.plan) {
+                const auto measured = format.plan->measure(args);
+                if (measured && measured->visibleEnds) {
+                    texts.pushDeferred(entry + 8, measured->length, &makeText, s * count + l);
+                    continue;
+                }
+            }
+            const size_t start = texts.buffer().size();
+            appendTrimmed(texts.buffer(), format.text, args);
+            texts.commit(start);
+        }
+    }
+    return handled16 * series.steps;
+}
+
+}  // namespace
+
 uint64_t TQLogQueue::totalLength16(std::string_view entries)
 {
     uint64_t total = 0;
@@ -493,6 +627,12 @@ uint64_t TQLogQueue::totalLength16(std::string_view entries)
         } else if (kind == kInternedEntry) {
             get<uint8_t>(at);
             total += FormatTable::shared()[get<uint32_t>(at)].length16;
+        } else if (kind == kSeriesEntry) {
+            SeriesLines series;
+            const size_t count = series.read(at);
+            uint64_t step16 = 0;
+            for (size_t l = 0; l < count; ++l) step16 += series.lines[l].format->length16;
+            total += step16 * series.steps;
         } else {
             get<uint8_t>(at);
             total += getBytes(at).size();
@@ -555,6 +695,7 @@ void TQLogQueue::shutdown(size_t keepAtMost)
             // Too much left: what the writer has not taken is never written.
             bytesInQueue_.fetch_sub(totalLength16(std::string_view(pending_.data(), pending_.size())));
             pending_.clear();
+            seriesWeight_ = 0;
             pushedSeq_ = takenSeq_;
         }
     }
@@ -595,6 +736,7 @@ void TQLogQueue::resetInChild()
     writerIdle_ = false;
     writerId_.store(std::thread::id());
     pending_.clear();
+    seriesWeight_ = 0;
     pushedSeq_ = takenSeq_ = writtenSeq_ = 0;
     flushWaiters_ = roomWaiters_ = 0;
     bytesInQueue_.store(0);

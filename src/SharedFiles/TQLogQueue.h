@@ -71,6 +71,18 @@ public:
     static std::optional<uint32_t> intern(std::string_view format);
     void pushInterned(uint32_t id, std::span<const corvina::FormatArg> args);
 
+    // One line of a series: an interned format, its arguments (numbers, characters, strings
+    // and pointers: objects are described when they are logged one by one), and the integer
+    // argument that counts up by one from each step to the next, if any.
+    struct SeriesLine {
+        uint32_t id = 0;
+        std::span<const corvina::FormatArg> args;
+        std::optional<uint8_t> counting;
+    };
+    // As pushing each of the lines in turn, `steps` times over, with the counting arguments
+    // one higher at each step: steps x lines entries queued in one. At most 255 lines.
+    void pushSeries(std::span<const SeriesLine> lines, uint64_t steps);
+
     // Blocks until everything queued before the call is handed on; at once on the writer.
     void waitUntilWritten();
     // Hands on what is queued when at most keepAtMost entries wait, else drops those the
@@ -98,14 +110,14 @@ private:
     void push(std::string_view entry, uint64_t length16);
     // Queues an entry of `size` bytes that fill writes in place, under the lock.
     template <class Fill>
-    void pushWith(size_t size, uint64_t length16, const Fill& fill);
+    void pushWith(size_t size, uint64_t length16, const Fill& fill, uint64_t entries = 1);
     void pushEntry(uint8_t kind, std::string_view format, uint32_t id, uint64_t length16,
                    std::span<const corvina::FormatArg> args);
     void startWriterLocked();
     static void* writerMain(void* self);
     void writerLoop();
     static uint64_t totalLength16(std::string_view entries);
-    static uint64_t unpack(std::string_view entries, TQLogTexts& texts);
+    static uint64_t unpack(std::string_view entries, uint64_t count, TQLogTexts& texts);
 
     Sink sink_;
     mutable std::mutex mutex_;
@@ -113,6 +125,7 @@ private:
     std::condition_variable doneCv_;   // waitUntilWritten waits for progress
     std::condition_variable roomCv_;   // callers wait for room
     TQLogEntryBytes pending_;          // entries back to back
+    uint64_t seriesWeight_ = 0;        // what the series queued weigh beyond their bytes
     uint64_t pushedSeq_ = 0;           // entries queued so far
     uint64_t takenSeq_ = 0;            // entries taken by the writer
     uint64_t writtenSeq_ = 0;          // entries handed on by the writer

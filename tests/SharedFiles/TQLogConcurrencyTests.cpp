@@ -149,7 +149,8 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
                 std::snprintf(made, sizeof made, "entry %08d %-56s", i, "x");
                 std::memcpy(text, made, 71);
                 if (mode == 2 && i % 2 == 0)
-                    texts.pushDeferred(text, 71, [](const char* source, std::string& out) { out.append(source, 71); });
+                    texts.pushDeferred(text, 71,
+                                       [](const char* source, uint64_t, std::string& out) { out.append(source, 71); });
                 else
                     texts.push(std::string_view(text, 71));
             }
@@ -187,12 +188,19 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t, &done] {
+            const std::string padding(40, '.');
             for (int i = 0; i < kLines; ++i) {
-                if (i % 5000 == 4999)
+                if (i % 5000 == 4999) {
                     TQLog::appendLog("t%d %d", t, i);
-                else
-                    TQLog::fastAppendLog("t%d %d padding the line to about a hundred bytes %@", t, i,
-                                         std::string(40, '.'));
+                } else if (t == 2 && i % 1000 == 0) {
+                    // A hundred lines in one series.
+                    const corvina::FormatArg args[] = {t, i, padding};
+                    const TQLog::SeriesLine line[] = {{"t%d %d padding the line to about a hundred bytes %@", args, 1}};
+                    TQLog::fastAppendLogSeries(100, line);
+                    i += 99;
+                } else {
+                    TQLog::fastAppendLog("t%d %d padding the line to about a hundred bytes %@", t, i, padding);
+                }
             }
             done++;
         });

@@ -303,6 +303,30 @@ TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
     EXPECT_EQ(texts[4], "clip 7%  / (null) /   padded");
 }
 
+// A series comes out as the lines it stands for: counters going up (across a digit), null
+// formats logging nothing, and lines with objects (described one by one) among them.
+TEST(TQLogWriting, SeriesAreTheLinesTheyStandFor)
+{
+    if (!inChild()) return expectChildPasses();
+    TQLog::createNewLog("Tool");
+    const Clip clip;
+    const corvina::FormatArg request[] = {int64_t(-2), std::string(" a b "), uint64_t(98)};
+    const corvina::FormatArg number[] = {uint64_t(7)};
+    const corvina::FormatArg object[] = {corvina::FormatArg(clip), 5};
+    const TQLog::SeriesLine plain[] = {
+        {"step %d %@ %u", request, 2}, {nullptr, {}, std::nullopt}, {"  count %u  ", number, std::nullopt}};
+    const TQLog::SeriesLine objects[] = {{"%@ %d", object, 1}, {"no conversions", {}, std::nullopt}};
+    TQLog::fastAppendLogSeries(3, plain);
+    TQLog::fastAppendLogSeries(2, objects);
+    TQLog::fastAppendLogSeries(0, plain);
+    TQLog::finishWriting();
+    auto texts = logEntries(logPath(childHome(), "Tool", 1));
+    texts.erase(texts.begin(), std::ranges::find(texts, "Running in 64-bit mode") + 1);
+    EXPECT_EQ(texts, (std::vector<std::string>{"step -2  a b  98", "count 7", "step -2  a b  99", "count 7",
+                                               "step -2  a b  100", "count 7", "clip 7%  5", "no conversions",
+                                               "clip 7%  6", "no conversions"}));
+}
+
 // Texts with no log opened go to the existing current file of the default name, the
 // executable's; a new log of that name rotates it.
 TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
