@@ -325,6 +325,16 @@ TEST(TQLogWriting, SeriesAreTheLinesTheyStandFor)
     EXPECT_EQ(texts, (std::vector<std::string>{"step -2  a b  98", "count 7", "step -2  a b  99", "count 7",
                                                "step -2  a b  100", "count 7", "clip 7%  5", "no conversions",
                                                "clip 7%  6", "no conversions"}));
+    // A long series is queued in pieces; the count goes on across them.
+    const corvina::FormatArg start[] = {uint64_t(0)};
+    const TQLog::SeriesLine pair[] = {{"n %u", start, 0}, {"m", {}, std::nullopt}};
+    TQLog::fastAppendLogSeries(36000, pair);
+    TQLog::finishWriting();
+    texts = logEntries(logPath(childHome(), "Tool", 1));
+    const auto piece = std::ranges::find(texts, "n 32767");
+    ASSERT_GE(texts.end() - piece, 4);
+    EXPECT_EQ(std::vector<std::string>(piece, piece + 4), (std::vector<std::string>{"n 32767", "m", "n 32768", "m"}));
+    EXPECT_EQ(std::vector<std::string>(texts.end() - 2, texts.end()), (std::vector<std::string>{"n 35999", "m"}));
 }
 
 // Texts with no log opened go to the existing current file of the default name, the
