@@ -474,6 +474,7 @@ private:
             MediaEntry entry;
             for (;;) {
                 if (readPlainField(entry)) continue;
+                if (readPlainDictEnd()) break;
                 bool done = false;
                 if (!readKey(key, done)) return false;
                 if (done) break;
@@ -490,6 +491,17 @@ private:
             }
             table.push_back(entry);
         }
+    }
+
+    // The end of an entry in its usual spelling: white space, then </dict>.
+    bool readPlainDictEnd()
+    {
+        const char* q = p_;
+        while (q < end_ && isSpace(*q)) ++q;
+        constexpr std::string_view kClose = "</dict>";
+        if (size_t(end_ - q) < kClose.size() || std::memcmp(q, kClose.data(), kClose.size()) != 0) return false;
+        p_ = q + kClose.size();
+        return true;
     }
 
     bool startsWith(std::string_view text) const
@@ -519,12 +531,12 @@ private:
         if (key.empty() || !take(kKeyClose)) return false;
         while (q < end_ && isSpace(*q)) ++q;
         if (!take(kIntOpen)) return false;
+        // Digits only: from_chars takes no sign for an unsigned number.
         const char* const digits = q;
-        while (q < end_ && *q >= '0' && *q <= '9') ++q;
         uint64_t value = 0;
-        auto [ptr, ec] = std::from_chars(digits, q, value);
-        if (digits == q || ec != std::errc() || ptr != q || hasRadixPrefix({digits, size_t(q - digits)}) ||
-            !take(kIntClose))
+        const auto [ptr, ec] = std::from_chars(digits, end_, value);
+        q = ptr;
+        if (digits == q || ec != std::errc() || hasRadixPrefix({digits, size_t(q - digits)}) || !take(kIntClose))
             return false;
         // What the accessors make of a non-negative integer.
         if (key == "offset")

@@ -113,6 +113,21 @@ const SampleBuffer* VideoTrackFeeder::next()
 // ---------------------------------------------------------------------------------------
 // AudioTrackFeeder
 
+uint64_t AudioTrackFeeder::followingEntries(const MediaEntry& entry, uint64_t frames, uint64_t roomFrames) const
+{
+    if (frames == 0 || frames > kMostFramesFollowing || entry.length != frames * bytesPerFrame_) return 0;
+    uint64_t count = 0;
+    uint64_t end = entry.offset;
+    for (uint64_t i = entryIndex_ + 1; i < entries_->size() && roomFrames >= frames; ++i) {
+        const MediaEntry& next = (*entries_)[i];
+        if (end > UINT64_MAX - entry.length || next.offset != end + entry.length || next.length != entry.length) break;
+        end = next.offset;
+        roomFrames -= frames;
+        ++count;
+    }
+    return count;
+}
+
 AudioTrackFeeder::AudioTrackFeeder(std::shared_ptr<FileHandle> file, std::shared_ptr<const MediaEntryTable> entries)
     : reader_(std::move(file)), entries_(entries ? std::move(entries) : std::make_shared<const MediaEntryTable>())
 {
@@ -144,19 +159,29 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
         }
 
         // The frames asked for that this entry still holds, as many as fit the read window.
-        uint64_t count = std::min(std::max<uint64_t>(maxFrames, 1), frames - frameIndex_);
-        count = std::max<uint64_t>(1, std::min(count, kRunBytes / bytesPerFrame_));
+        const uint64_t most =
+            std::max<uint64_t>(1, std::min(std::max<uint64_t>(maxFrames, 1), kRunBytes / bytesPerFrame_));
+        uint64_t count = std::min(most, frames - frameIndex_);
+        // A run that reaches the entry's end goes on into the entries after it that hold the
+        // same whole number of frames and follow on in the file (carved audio in short
+        // pieces): the lines that passing from one to the next writes form a series too.
+        const uint64_t following = frameIndex_ + count == frames ? followingEntries(entry, frames, most - count) : 0;
         const uint64_t within = frameIndex_ * bytesPerFrame_;
         BlockBuffer* block = sample_->mutableDataBuffer();
         size_t got = 0;
+        uint64_t passed = 0;
         if (entry.offset <= UINT64_MAX - within && bytesPerFrame_ <= (1u << 20)) {
-            const std::span<const uint8_t> bytes =
-                reader_.windowAt(entry.offset + within, size_t(count * bytesPerFrame_));
-            // Only whole frames make a run; a short read hands out the frame it cut alone.
+            const uint64_t wanted = (count + following * frames) * bytesPerFrame_;
+            const std::span<const uint8_t> bytes = reader_.windowAt(entry.offset + within, size_t(wanted));
             got = bytes.size();
-            if (got < count * bytesPerFrame_) {
+            if (got == wanted) {
+                passed = following;
+            } else if (got < count * bytesPerFrame_) {
+                // Only whole frames make a run; a short read hands out the frame it cut alone.
                 count = std::max<uint64_t>(1, got / bytesPerFrame_);
                 got = std::min<size_t>(got, count * bytesPerFrame_);
+            } else {
+                got = size_t(count * bytesPerFrame_);
             }
             if (got) std::memcpy(block->prepare(got), bytes.data(), got);
         }
@@ -171,7 +196,8 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
                                       MediaTime::make(static_cast<int64_t>(framesHandedOut_), timescale),
                                       MediaTime::invalid()};
         const size_t size = size_t(bytesPerFrame_);
-        if (sample_->refill(format_, int64_t(count), {&timing, 1}, {&size, 1}) != kNoErr) {
+        const uint64_t handed = count + passed * frames;
+        if (sample_->refill(format_, int64_t(handed), {&timing, 1}, {&size, 1}) != kNoErr) {
             TQLog::fastAppendLog("Error creating audio CMSampleBuffer");
             return nullptr;
         }
@@ -183,8 +209,25 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
                                                {"number of audio samples: %u", number, std::nullopt}};
             TQLog::fastAppendLogSeries(count - 1, lines);
         }
-        frameIndex_ += count;
-        framesHandedOut_ += count;
+        if (passed > 0) {
+            // Per entry passed into: the call that finds the previous one used up, then one
+            // call per frame of the next.
+            FormatArg request[kMostFramesFollowing + 1][2];
+            const FormatArg number[] = {frames};
+            TQLog::SeriesLine lines[2 * (kMostFramesFollowing + 1)];
+            for (uint64_t j = 0; j <= frames; ++j) {
+                request[j][0] = j == 0 ? entryIndex_ : entryIndex_ + 1;
+                request[j][1] = j == 0 ? frames : j - 1;
+                lines[2 * j] = {"Requesting next audio sample at sample index %u,%u...", request[j], 0};
+                lines[2 * j + 1] = {"number of audio samples: %u", number, std::nullopt};
+            }
+            TQLog::fastAppendLogSeries(passed, std::span(lines, size_t(2 * (frames + 1))));
+            entryIndex_ += passed;
+            frameIndex_ = frames;
+        } else {
+            frameIndex_ += count;
+        }
+        framesHandedOut_ += handed;
         return sample_.get();
     }
 }

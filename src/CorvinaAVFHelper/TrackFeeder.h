@@ -78,9 +78,10 @@ public:
     // The next audio frame as a sample of its own, or null at the end of the table or when
     // the frame cannot be read or wrapped.
     const corvina::SampleBuffer* next();
-    // Up to maxFrames consecutive frames of the current entry as one sample buffer of that
-    // many samples (fewer at the entry's end or when the file ends). Logs the lines, moves
-    // the indices and fails exactly as that many calls of next() would; the writer's
+    // Up to maxFrames consecutive frames as one sample buffer of that many samples: the
+    // current entry's, and those of following entries that continue it in the file with as
+    // many frames (fewer at an entry's end or when the file ends). Logs the lines, moves the
+    // indices and fails exactly as that many calls of next() would; the writer's
     // appendSampleRun stores it as it would store them one by one.
     const corvina::SampleBuffer* nextRun(uint64_t maxFrames);
 
@@ -96,6 +97,11 @@ public:
 
 private:
     static constexpr uint64_t kRunBytes = 64u << 10;
+    // Entries of up to this many frames may carry a run on into the ones after them.
+    static constexpr uint64_t kMostFramesFollowing = 7;
+    // How many entries after `entry` (of `frames` whole frames) hold as many frames and
+    // follow on from it in the file, within roomFrames frames.
+    uint64_t followingEntries(const MediaEntry& entry, uint64_t frames, uint64_t roomFrames) const;
     EssenceReader reader_;
     std::shared_ptr<const MediaEntryTable> entries_;
     corvina::FormatDescriptionRef format_;

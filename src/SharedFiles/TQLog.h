@@ -92,7 +92,7 @@ public:
     // One line of a series: a format, its arguments, and the integer argument that counts up
     // by one from each step to the next, if any.
     struct SeriesLine {
-        Format format;
+        Format format = nullptr;
         std::span<const corvina::FormatArg> args;
         std::optional<size_t> counting;
     };
