@@ -310,7 +310,7 @@ TEST(TQLogWriting, SeriesAreTheLinesTheyStandFor)
     if (!inChild()) return expectChildPasses();
     TQLog::createNewLog("Tool");
     const Clip clip;
-    const corvina::FormatArg request[] = {int64_t(-2), std::string(" a b "), uint64_t(98)};
+    const corvina::FormatArg request[] = {int64_t(-2), std::string_view(" a b "), uint64_t(98)};
     const corvina::FormatArg number[] = {uint64_t(7)};
     const corvina::FormatArg object[] = {corvina::FormatArg(clip), 5};
     const TQLog::SeriesLine plain[] = {
