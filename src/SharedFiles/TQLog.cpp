@@ -213,28 +213,19 @@ void TQLog::queueSeries(uint64_t steps, std::span<const SeriesLine> lines)
         if (whole)
             queued[count++] = {*id, line.args, line.counting ? std::optional<uint8_t>(*line.counting) : std::nullopt};
     }
-    // A counting argument moved on by `steps`.
-    const auto counted = [](const corvina::FormatArg& arg, uint64_t steps) {
-        if (arg.kind() == Kind::Signed)
-            return corvina::FormatArg(static_cast<int64_t>(static_cast<uint64_t>(arg.asSigned()) + steps));
-        return arg.kind() == Kind::Unsigned ? corvina::FormatArg(arg.asUnsigned() + steps) : arg;
-    };
     if (whole) {
         // In pieces of a bounded number of lines, so that the writer never takes a series
-        // larger than a queue of single lines would be.
+        // larger than a queue of single lines would be; each piece's counters go on from
+        // where the previous piece's ended.
         const uint64_t mostSteps = std::max<uint64_t>(1, kMostSeriesLines / std::max<size_t>(count, 1));
-        std::array<std::vector<corvina::FormatArg>, kMostLines> moved;  // counting lines' arguments
-        if (steps > mostSteps) {
-            for (size_t l = 0; l < count; ++l) {
-                if (!queued[l].counting) continue;
-                moved[l].assign(queued[l].args.begin(), queued[l].args.end());
-                queued[l].args = moved[l];
-            }
+        std::array<std::vector<corvina::FormatArg>, kMostLines> moved;
+        for (size_t l = 0; l < count && steps > mostSteps; ++l) {
+            moved[l].assign(queued[l].args.begin(), queued[l].args.end());
+            queued[l].args = moved[l];
         }
         for (uint64_t from = 0; from < steps; from += mostSteps) {
             for (size_t l = 0; from > 0 && l < count; ++l)
-                if (queued[l].counting)
-                    moved[l][*queued[l].counting] = counted(moved[l][*queued[l].counting], mostSteps);
+                if (const auto c = queued[l].counting) moved[l][*c] = moved[l][*c].plus(mostSteps);
             queue_->pushSeries(std::span(queued.data(), count), std::min(mostSteps, steps - from));
         }
         return;
@@ -245,7 +236,7 @@ void TQLog::queueSeries(uint64_t steps, std::span<const SeriesLine> lines)
         for (const SeriesLine& line : lines) {
             if (!line.format) continue;
             args.assign(line.args.begin(), line.args.end());
-            if (line.counting && *line.counting < args.size()) args[*line.counting] = counted(args[*line.counting], s);
+            if (line.counting && *line.counting < args.size()) args[*line.counting] = args[*line.counting].plus(s);
             queueFormat(line.format.view(), args);
         }
     }

@@ -463,38 +463,40 @@ struct SeriesLines {
         const InternedFormat* format;
         std::vector<FormatArg> args;
         uint8_t counting;
+        FormatArg first;  // the counting argument at step 0
     };
     uint64_t steps = 0;
+    size_t count = 0;
     std::vector<Line> lines;  // kept from series to series: only ever grows
 
-    size_t read(const char*& at)
+    void read(const char*& at)
     {
         steps = get<uint64_t>(at);
-        const uint8_t count = get<uint8_t>(at);
+        count = get<uint8_t>(at);
         if (lines.size() < count) lines.resize(count);
-        for (uint8_t l = 0; l < count; ++l) {
+        for (size_t l = 0; l < count; ++l) {
             Line& line = lines[l];
             const uint8_t argCount = get<uint8_t>(at);
             line.format = &FormatTable::shared()[get<uint32_t>(at)];
             line.counting = get<uint8_t>(at);
             readArgsInto(at, argCount, line.args);
+            if (line.counting < line.args.size()) line.first = line.args[line.counting];
         }
-        return count;
     }
-    // Line l's arguments at step s.
+    // Line l's arguments at step s (its counter set in place).
     std::span<const FormatArg> argsAt(size_t l, uint64_t s)
     {
         Line& line = lines[l];
-        if (line.counting >= line.args.size()) return line.args;
-        counted = line.args;
-        FormatArg& arg = counted[line.counting];
-        arg = arg.kind() == FormatArg::Kind::Signed ? FormatArg(static_cast<int64_t>(uint64_t(arg.asSigned()) + s))
-                                                    : FormatArg(arg.asUnsigned() + s);
-        return counted;
+        if (line.counting < line.args.size()) line.args[line.counting] = line.first.plus(s);
+        return line.args;
     }
-
-private:
-    std::vector<FormatArg> counted;
+    // What one step's lines count in bytesInQueue.
+    uint64_t stepLength16() const
+    {
+        uint64_t total = 0;
+        for (size_t l = 0; l < count; ++l) total += lines[l].format->length16;
+        return total;
+    }
 };
 
 // Appends the formatted text, trimmed in place.
@@ -522,9 +524,9 @@ void makeText(const char* at, uint64_t part, std::string& out)
     const uint8_t kind = get<uint8_t>(at);
     if (kind == kSeriesEntry) {
         thread_local SeriesLines series;
-        const size_t count = series.read(at);
-        const size_t l = static_cast<size_t>(part % count);
-        appendTrimmed(out, series.lines[l].format->text, series.argsAt(l, part / count));
+        series.read(at);
+        const size_t l = static_cast<size_t>(part % series.count);
+        appendTrimmed(out, series.lines[l].format->text, series.argsAt(l, part / series.count));
         return;
     }
     const uint8_t count = get<uint8_t>(at);
@@ -591,9 +593,8 @@ uint64_t unpackSeries(const char* entry, bool defer, TQLogTexts& texts)
 {
     thread_local SeriesLines series;
     const char* at = entry + 9;
-    const size_t count = series.read(at);
-    uint64_t handled16 = 0;
-    for (size_t l = 0; l < count; ++l) handled16 += series.lines[l].format->length16;
+    series.read(at);
+    const size_t count = series.count;
     for (uint64_t s = 0; s < series.steps; ++s) {
         for (size_t l = 0; l < count; ++l) {
             const InternedFormat& format = *series.lines[l].format;
@@ -610,7 +611,7 @@ uint64_t unpackSeries(const char* entry, bool defer, TQLogTexts& texts)
             texts.commit(start);
         }
     }
-    return handled16 * series.steps;
+    return series.stepLength16() * series.steps;
 }
 
 }  // namespace
@@ -629,10 +630,8 @@ uint64_t TQLogQueue::totalLength16(std::string_view entries)
             total += FormatTable::shared()[get<uint32_t>(at)].length16;
         } else if (kind == kSeriesEntry) {
             SeriesLines series;
-            const size_t count = series.read(at);
-            uint64_t step16 = 0;
-            for (size_t l = 0; l < count; ++l) step16 += series.lines[l].format->length16;
-            total += step16 * series.steps;
+            series.read(at);
+            total += series.stepLength16() * series.steps;
         } else {
             get<uint8_t>(at);
             total += getBytes(at).size();

@@ -77,6 +77,15 @@ public:
     bool isSingle() const { return single_; }
     int64_t asSigned() const;
     uint64_t asUnsigned() const;
+    // An integer argument n higher (wrapping round as unsigned arithmetic does); any other
+    // argument as it is. For counters that step through a series of lines.
+    FormatArg plus(uint64_t n) const
+    {
+        FormatArg moved = *this;
+        if (kind_ == Kind::Signed) moved.i_ = static_cast<int64_t>(static_cast<uint64_t>(i_) + n);
+        if (kind_ == Kind::Unsigned) moved.u_ = u_ + n;
+        return moved;
+    }
     double asDouble() const;
     // Appends what "%@" shows for this argument: strings as they are, numbers in their
     // shortest form, objects by description(), none as "(null)".
