@@ -27,6 +27,9 @@ uint64_t EssenceReader::fileSize()
 size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)
 {
     if (!file_ || file_->isClosed() || length == 0 || offset > uint64_t(INT64_MAX)) return 0;
+    // A range that would end past the largest file offset is cut there: pread never sees a
+    // negative offset.
+    length = std::min(length, uint64_t(INT64_MAX) - offset);
     const int fd = file_->fileDescriptor();
     size_t done = 0;
     while (done < length) {
@@ -40,8 +43,12 @@ size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)
 
 std::span<const uint8_t> EssenceReader::windowAt(uint64_t offset, size_t length)
 {
-    if (offset >= windowStart_ && offset - windowStart_ + length <= windowLength_)
-        return {window_.data() + (offset - windowStart_), length};
+    // Compared without adding offsets, so no offset (an impossible one from the document
+    // included) can wrap around into the window.
+    if (offset >= windowStart_) {
+        const uint64_t into = offset - windowStart_;
+        if (into <= windowLength_ && length <= windowLength_ - into) return {window_.data() + into, length};
+    }
     const size_t want = std::max(length, kWindowBytes);
     if (window_.size() < want) window_.resize(want);
     windowStart_ = offset;

@@ -175,6 +175,52 @@ TEST_F(HostileRun, JobsThatWouldGiveNoPlayableMovieKeepThePreviousOne)
     }
 }
 
+// An impossible offset or length in the middle of a table ends that track there, every time,
+// or is refused before anything is written: the reads around it never leave their buffers
+// (the address build runs this too, and each case runs several times, since a wild read may
+// fault only now and then).
+TEST_F(HostileRun, ImpossibleRangesInTheMiddleOfATable)
+{
+    makeJob({"--video", "0", "--audio", "2", "--seconds", "1"});
+    const std::string endsEarly = "track ended early: entry ";
+    const std::string tooMany = "a track holds at most 4294967295 frames";
+    const struct {
+        const char* name;
+        Value offset, length;  // none: the entry's own
+        std::string audioLine, videoLine;
+    } ranges[] = {
+        {"offset -1", Value(-1), Value(), endsEarly, endsEarly},
+        {"offset -2^63", Value(INT64_MIN), Value(), endsEarly, endsEarly},
+        {"offset 2^63-1", Value(INT64_MAX), Value(), endsEarly, endsEarly},
+        {"offset 2^64-1", Value(UINT64_MAX), Value(), endsEarly, endsEarly},
+        {"offset 2^63-4, length 8", Value(INT64_MAX - 3), Value(8), endsEarly, endsEarly},
+        {"offset+length past 2^64", Value(uint64_t(1) << 63), Value(UINT64_MAX), tooMany, endsEarly},
+        {"length 2^64-1", Value(), Value(UINT64_MAX), tooMany, endsEarly},
+    };
+    for (const char* key : {"audioOffsetArray", "offsetArray"}) {
+        const bool audio = key[0] == 'a';
+        for (const auto& range : ranges) {
+            SCOPED_TRACE(std::string(key) + ", " + range.name);
+            Value::ArrayType entries = *doc[key].asArray();
+            Value& middle = entries[entries.size() / 2];
+            if (range.offset) middle = withKey(middle, "offset", range.offset);
+            if (range.length) middle = withKey(middle, "length", range.length);
+            const std::string& line = audio ? range.audioLine : range.videoLine;
+            ASSERT_TRUE(home.writeSettings(withKey(doc, key, Value(entries))));
+            for (int attempt = 0; attempt < 4; ++attempt) {
+                const ProcessResult run = home.runHelper();
+                const std::string summary = home.logEntries().back();
+                EXPECT_EQ(run.status, line == tooMany ? 1 : 0) << run.err;
+                EXPECT_EQ(summary.rfind("Summary: status ", 0), 0u) << summary;
+                EXPECT_NE(summary.find(line), std::string::npos) << summary;
+                if (run.status == 0) {
+                    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+                }
+            }
+        }
+    }
+}
+
 TEST_F(HostileRun, FifosFoldersAndUnreadableDocuments)
 {
     makeJob({"--video", "0", "--audio", "2", "--seconds", "0.1"});

@@ -44,14 +44,18 @@ std::string readAll(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// A number an offset entry might hold: small and near the data most of the time.
+// A number an offset entry might hold: small and near the data most of the time, now and
+// then one at the edge of the 64-bit range.
 Value entryNumber(Bytes& in)
 {
-    switch (in.take(1) % 4) {
+    switch (in.take(1) % 5) {
     case 0:
         return Value(static_cast<int64_t>(in.take(8)));
     case 1:
         return Value(-static_cast<int64_t>(in.take(1)));
+    case 2:
+        return Value(in.pick<uint64_t>({UINT64_MAX, uint64_t(INT64_MIN), uint64_t(INT64_MAX), uint64_t(INT64_MAX) - 3,
+                                        uint64_t(1) << 62, UINT64_MAX - 3}));
     default:
         return Value(static_cast<int64_t>(in.take(2)));
     }
