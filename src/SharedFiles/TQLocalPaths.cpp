@@ -440,6 +440,16 @@ bool TQLocalPaths::isPathOnTimeMachineVolume(const std::string& path)
     return false;
 }
 
+std::optional<corvina::UserIdentity> TQLocalPaths::actingUser()
+{
+    if (getuid() != 0) return std::nullopt;
+    const auto console = currentConsoleUser();
+    if (!console) return std::nullopt;
+    auto user = corvina::UserIdentity::forName(*console);
+    if (!user || user->uid == 0) return std::nullopt;
+    return user;
+}
+
 std::optional<std::string> TQLocalPaths::currentConsoleUser()
 {
     if (testVariablesHonoured()) {

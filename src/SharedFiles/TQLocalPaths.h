@@ -11,6 +11,8 @@
 //   TQ_CONSOLE_USER  the console user's name; set but empty means nobody is logged in
 #pragma once
 
+#include "Foundation/UserIdentity.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -90,6 +92,11 @@ public:
 
     // Name of the user logged in on a local seat (a tty or an X display), or none.
     static std::optional<std::string> currentConsoleUser();
+    // The user a root process acts for: the console user's identity when the real user is
+    // root and somebody known to the user database other than root is at the console; none
+    // otherwise (a process that is not root acts as itself anyway). Files in the user's
+    // folders are opened and made under corvina::ScopedFileIdentity with it.
+    static std::optional<corvina::UserIdentity> actingUser();
 
     // "corvina.plist" in the current user's Downloads folder (root rule applies).
     static std::optional<std::string> replaySettingsPath();

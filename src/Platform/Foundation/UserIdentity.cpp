@@ -72,9 +72,8 @@ ScopedFileIdentity::ScopedFileIdentity(const std::optional<UserIdentity>& user)
     // capability to do so is kept), but doing it first leaves no moment with the user's
     // uid and root's groups.
     if (setThreadGroups(user->groups.empty() ? std::vector<gid_t>{user->gid} : user->groups) != 0)
-        throw PlatformException("NSInternalInconsistencyException",
-                                std::string("cannot take the groups of user ") + user->name + ": " +
-                                    std::strerror(errno));
+        throw PlatformException("NSInternalInconsistencyException", std::string("cannot take the groups of user ") +
+                                                                        user->name + ": " + std::strerror(errno));
     setThreadFsgid(user->gid);
     setThreadFsuid(user->uid);
     if (setThreadFsuid(uid_t(-1)) != user->uid || setThreadFsgid(gid_t(-1)) != user->gid) {
