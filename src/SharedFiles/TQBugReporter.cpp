@@ -55,7 +55,7 @@ corvina::UserDefaults programDefaults()
 
 // The launch record as it is on disk; read with the acting user's rights.
 Value::DictionaryType readRecord(const TQBugReporter::RecordPath& plistPath)
-{
+try {
     corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
     if (plistPath) return readRecordFile(*plistPath);
     auto defaults = programDefaults();
@@ -65,6 +65,8 @@ Value::DictionaryType readRecord(const TQBugReporter::RecordPath& plistPath)
         if (!value.isNone()) dict.emplace(key, std::move(value));
     }
     return dict;
+} catch (const corvina::PlatformException&) {
+    return {};  // the user's identity could not be taken: nothing is read as root instead
 }
 
 // Merges the values into the record and replaces it atomically, as the acting user: the file
@@ -72,7 +74,7 @@ Value::DictionaryType readRecord(const TQBugReporter::RecordPath& plistPath)
 // scope (a log writer started there would keep the user's identity).
 void writeRecord(const TQBugReporter::RecordPath& plistPath, const Value::DictionaryType& values)
 {
-    {
+    try {
         corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
         if (!plistPath) {
             auto defaults = programDefaults();
@@ -83,6 +85,8 @@ void writeRecord(const TQBugReporter::RecordPath& plistPath, const Value::Dictio
         Value::DictionaryType dict = readRecordFile(*plistPath);
         for (const auto& [key, value] : values) dict.insert_or_assign(key, value);
         Value(std::move(dict)).writeToFile(*plistPath, true);
+    } catch (const corvina::PlatformException&) {
+        return;  // the user's identity could not be taken: nothing is written as root instead
     }
     TQBugReporter::chownPlist(*plistPath);
 }

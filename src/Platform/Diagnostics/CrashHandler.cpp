@@ -1,5 +1,6 @@
 #include "Diagnostics/CrashHandler.h"
 
+#include "Foundation/Exception.h"
 #include "Foundation/FolderDescriptor.h"
 
 #include <execinfo.h>
@@ -311,11 +312,13 @@ bool installCrashHandler(const CrashReportSettings& settings)
         std::copy(settings.user->groups.begin(), settings.user->groups.end(), next.groups);
         if (next.groupCount == 0) next.groups[next.groupCount++] = next.gid;
     }
-    {
+    try {
         // The folders are made by the user they belong to (nothing happens as root in the
         // user's home), and no link on the way is followed.
         ScopedFileIdentity asUser(next.actAsUser ? settings.user : std::nullopt);
         next.folderFd = openFolderNoFollow(settings.folder, true, 0755);
+    } catch (const PlatformException&) {
+        return false;  // the user's identity could not be taken
     }
     if (next.folderFd < 0) return false;
     char host[kNameCapacity] = {};
