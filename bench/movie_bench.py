@@ -6,7 +6,7 @@ Sections (medians of --runs runs; ratios are taken within this run only):
   remux   DV NTSC 29.97 + 48 kHz stereo, and ProRes 422 HQ 1920x1080 29.97 + 48 kHz stereo:
           floor (cat of the inputs), ffmpeg -c copy, ffmpeg -c copy followed by a sync of its
           output (the helper syncs its movie before renaming it into place), the helper with its
-          complete log and with logging off, the ratios to both forms of the peer and the
+          log at the default level (no per-sample lines) and with logging off, the ratios to both forms of the peer and the
           helper's peak memory in both modes. Neither side is timed removing its previous
           output.
   scale   the same 10 s of DV essence described with its usual audio runs and with one entry

@@ -75,7 +75,7 @@ void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameTiming
 
 const SampleBuffer* VideoTrackFeeder::next()
 {
-    TQLog::fastAppendLog("Requesting next video sample at sample index...");
+    TQLog::sampleAppendLog("Requesting next video sample at sample index...");
     if (entryIndex_ >= entries_->size()) return nullptr;
     const MediaEntry& entry = (*entries_)[entryIndex_];
     const uint64_t frameCount = entry.frameCount < 1 ? 1 : uint64_t(entry.frameCount);
@@ -154,11 +154,11 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
     // Passing over a used-up entry is a turn of this loop, so a long run of entries without a
     // whole frame costs no stack.
     for (;;) {
-        TQLog::fastAppendLog("Requesting next audio sample at sample index %u,%u...", entryIndex_, frameIndex_);
+        TQLog::sampleAppendLog("Requesting next audio sample at sample index %u,%u...", entryIndex_, frameIndex_);
         if (entryIndex_ >= entries_->size() || bytesPerFrame_ == 0) return nullptr;
         const MediaEntry& entry = (*entries_)[entryIndex_];
         const uint64_t frames = entry.length / bytesPerFrame_;
-        TQLog::fastAppendLog("number of audio samples: %u", frames);
+        TQLog::sampleAppendLog("number of audio samples: %u", frames);
         if (frameIndex_ >= frames) {
             frameIndex_ = 0;
             ++entryIndex_;
@@ -214,7 +214,7 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
             const FormatArg number[] = {frames};
             const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", request, 1},
                                                {"number of audio samples: %u", number, std::nullopt}};
-            TQLog::fastAppendLogSeries(count - 1, lines);
+            TQLog::sampleAppendLogSeries(count - 1, lines);
         }
         if (passed > 0) {
             // Per entry passed into: the call that finds the previous one used up, then one
@@ -228,7 +228,7 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
                 lines[2 * j] = {"Requesting next audio sample at sample index %u,%u...", request[j], 0};
                 lines[2 * j + 1] = {"number of audio samples: %u", number, std::nullopt};
             }
-            TQLog::fastAppendLogSeries(passed, std::span(lines, size_t(2 * (frames + 1))));
+            TQLog::sampleAppendLogSeries(passed, std::span(lines, size_t(2 * (frames + 1))));
             entryIndex_ += passed;
             frameIndex_ = frames;
         } else {

@@ -73,6 +73,8 @@ int main(int argc, char** argv)
     corvina::markMainThread();
     // The crash check comes before any other work (a request for the usage or the version is
     // not work); every normal exit, a return from main or exit(), records that this run ended well.
+    // The new log is opened first, so that a crash of the last run is noted in this run's log.
+    TQLog::createNewLog(std::string("CorvinaAVFHelper"));
     TQBugReporter::startBugReporter();
     std::atexit([] { TQBugReporter::stopBugReporter(); });
 
@@ -87,7 +89,6 @@ int main(int argc, char** argv)
                                     stopsignals::signalName(number)));
             },
             std::chrono::milliseconds(800));
-    TQLog::createNewLog(std::string("CorvinaAVFHelper"));
     const std::string lastArgument = arguments.empty() ? std::string() : arguments.back();
 
     if (settingsMode) {

@@ -13,6 +13,7 @@
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
+#include "Foundation/UserIdentity.h"
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
@@ -27,39 +28,80 @@ namespace {
 
 constexpr const char* kLaunchKey = "launch";
 constexpr const char* kExitKey = "exit";
+// Dates in a property list keep whole seconds only; these tell runs apart within a second.
+constexpr const char* kLaunchSerialKey = "launch-serial";  // counts launches
+constexpr const char* kExitSerialKey = "exit-serial";      // the serial of the run that ended normally
+constexpr const char* kLaunchTimeKey = "launch-time";      // seconds since 1970, with their fraction
 constexpr const char* kGlobalPrefs = "com.brantwell.global.plist";
 constexpr const char* kBugReporterName = "Bug Reporter";
 constexpr const char* kChownTool = "/usr/bin/chown";
 
-std::optional<Value> readRecordFile(const std::string& path)
+// This run's launch serial, for the exit record.
+std::optional<int64_t> g_runSerial;
+
+Value::DictionaryType readRecordFile(const std::string& path)
 {
     auto value = Value::fromPropertyListFile(path);
-    if (!value || !value->asDictionary()) return std::nullopt;
-    return value;
+    if (!value || !value->asDictionary()) return {};
+    return *value->asDictionary();
 }
 
-std::optional<corvina::Date> recordedDate(const TQBugReporter::RecordPath& plistPath, const char* key)
+// The program's defaults in the acting user's Preferences folder (as root: the console user's).
+corvina::UserDefaults programDefaults()
 {
-    if (!plistPath) return corvina::UserDefaults::standard().objectForKey(key).asDate();
-    const auto record = readRecordFile(*plistPath);
-    return record ? (*record)[key].asDate() : std::nullopt;
+    return corvina::UserDefaults(corvina::deletingPathExtension(corvina::processinfo::processName()),
+                                 TQLocalPaths::prefsDirectory(true));
 }
 
-// Stores the current date under the key, in the defaults or in the record file.
-void recordDate(const TQBugReporter::RecordPath& plistPath, const char* key)
-{
-    const Value now = Value::date(corvina::Clock::now());
-    if (!plistPath) {
-        auto& defaults = corvina::UserDefaults::standard();
-        defaults.setObject(key, now);
-        defaults.synchronize();
-        return;
+// The launch record as it is on disk; read with the acting user's rights.
+Value::DictionaryType readRecord(const TQBugReporter::RecordPath& plistPath)
+try {
+    corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
+    if (plistPath) return readRecordFile(*plistPath);
+    auto defaults = programDefaults();
+    Value::DictionaryType dict;
+    for (const char* key : {kLaunchKey, kExitKey, kLaunchSerialKey, kExitSerialKey, kLaunchTimeKey}) {
+        Value value = defaults.objectForKey(key);
+        if (!value.isNone()) dict.emplace(key, std::move(value));
     }
-    const auto record = readRecordFile(*plistPath);
-    Value::DictionaryType dict = record ? *record->asDictionary() : Value::DictionaryType();
-    dict.insert_or_assign(key, now);
-    Value(std::move(dict)).writeToFile(*plistPath, true);
+    return dict;
+} catch (const corvina::PlatformException&) {
+    return {};  // the user's identity could not be taken: nothing is read as root instead
+}
+
+// Merges the values into the record and replaces it atomically, as the acting user: the file
+// and any folder made for it belong to the user, never to root. Nothing is logged inside the
+// scope (a log writer started there would keep the user's identity).
+void writeRecord(const TQBugReporter::RecordPath& plistPath, const Value::DictionaryType& values)
+{
+    try {
+        corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
+        if (!plistPath) {
+            auto defaults = programDefaults();
+            for (const auto& [key, value] : values) defaults.setObject(key, value);
+            defaults.synchronize();
+            return;
+        }
+        Value::DictionaryType dict = readRecordFile(*plistPath);
+        for (const auto& [key, value] : values) dict.insert_or_assign(key, value);
+        Value(std::move(dict)).writeToFile(*plistPath, true);
+    } catch (const corvina::PlatformException&) {
+        return;  // the user's identity could not be taken: nothing is written as root instead
+    }
     TQBugReporter::chownPlist(*plistPath);
+}
+
+std::optional<corvina::Date> dateIn(const Value::DictionaryType& record, const char* key)
+{
+    const auto it = record.find(key);
+    return it == record.end() ? std::nullopt : it->second.asDate();
+}
+
+std::optional<int64_t> integerIn(const Value::DictionaryType& record, const char* key)
+{
+    const auto it = record.find(key);
+    if (it == record.end() || !it->second.isNumber()) return std::nullopt;
+    return it->second.integerValue();
 }
 
 bool crashReporterDisabled()
@@ -81,41 +123,53 @@ bool beginsWithIgnoringCase(const std::string& text, const std::string& prefix)
     });
 }
 
-// The newest report of the program in the folder that is later than the launch: reports are
-// named with their date after the program's name, so the last in name order is the newest.
+// The newest report of the program in the folder that was written after the launch: the
+// regular file (links are not reports) with the latest modification among those named after
+// the program, the last in name order on a tie.
 std::optional<std::string> reportIn(const std::string& folder, const std::string& program, corvina::Date launch)
 {
     std::vector<std::string> names;
     std::error_code ec;
     for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();
-        if (beginsWithIgnoringCase(name, program + "_")) names.push_back(name);
+        if (beginsWithIgnoringCase(name, program + "_") && it->is_regular_file(ec) && !it->is_symlink(ec))
+            names.push_back(name);
     }
-    if (names.empty()) return std::nullopt;
     std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
         return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
             return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
         });
     });
-    const std::string path = corvina::appendPathComponent(folder, names.back());
-    const auto modified = fs::last_write_time(path, ec);
-    if (ec) return std::nullopt;
-    const auto modifiedDate = std::chrono::file_clock::to_sys(modified);
-    if (modifiedDate > launch) return path;
-    return std::nullopt;
+    std::optional<std::string> newest;
+    corvina::Date newestDate = launch;
+    for (const auto& name : names) {
+        const std::string path = corvina::appendPathComponent(folder, name);
+        const auto modified = fs::last_write_time(path, ec);
+        if (ec) continue;
+        const auto date =
+            std::chrono::time_point_cast<corvina::Date::duration>(std::chrono::file_clock::to_sys(modified));
+        if (date > newestDate || (newest && date == newestDate)) {
+            newest = path;
+            newestDate = date;
+        }
+    }
+    return newest;
 }
 
-// Starts the bug-reporting program (else the desktop's opener) on the report, without waiting.
-void handOver(const std::string& report)
+// Starts the bug-reporting program (else the desktop's opener) on the report, without
+// waiting; the program started, or none.
+std::optional<std::string> handOver(const std::string& report)
 {
     auto program = TQBugReporter::bugReporterPath();
     if (!program) program = corvina::findProgramOnPath("xdg-open");
-    if (!program) return;
+    if (!program) return std::nullopt;
     try {
         TQTaskEx::runTaskAndReturn(*program, {report});
     } catch (const corvina::PlatformException&) {
         // Not being able to show the report changes nothing for the caller.
+        return std::nullopt;
     }
+    return program;
 }
 
 void installHandler(const std::string& program)
@@ -126,7 +180,8 @@ void installHandler(const std::string& program)
     if (const auto library = TQLocalPaths::libraryDirectory(::getuid() != 0)) {
         logPath = *library + "/Logs/Brantwell/" + program + ".1.log";
     }
-    corvina::installCrashHandler({program, *folder, logPath});
+    if (!corvina::installCrashHandler({program, *folder, logPath, TQLocalPaths::actingUser()}))
+        TQLog::appendLog("Unable to prepare crash reports in %@", *folder);
 }
 
 }  // namespace
@@ -145,22 +200,39 @@ void TQBugReporter::startBugReporter(const Name& name, const RecordPath& plistPa
         corvina::DispatchQueue::main().async(
             [delegate, path = *report] { delegate->applicationDidCrashWithLog(path); });
     }
-    recordDate(plistPath, kLaunchKey);
+    const int64_t serial = integerIn(readRecord(plistPath), kLaunchSerialKey).value_or(0) + 1;
+    const corvina::Date now = corvina::Clock::now();
+    writeRecord(plistPath, {{kLaunchKey, Value::date(now)},
+                            {kLaunchSerialKey, Value(serial)},
+                            {kLaunchTimeKey, Value(std::chrono::duration<double>(now.time_since_epoch()).count())}});
+    g_runSerial = serial;
     installHandler(programName(name));
 }
 
 void TQBugReporter::stopBugReporter(const RecordPath& plistPath)
 {
     corvina::removeCrashHandler();
-    recordDate(plistPath, kExitKey);
+    Value::DictionaryType values{{kExitKey, Value::date(corvina::Clock::now())}};
+    if (g_runSerial) values.emplace(kExitSerialKey, Value(*g_runSerial));
+    writeRecord(plistPath, values);
 }
 
 std::optional<std::string> TQBugReporter::checkForCrashes(const Name& name, const RecordPath& plistPath)
 {
-    const auto launch = recordedDate(plistPath, kLaunchKey);
+    const Value::DictionaryType record = readRecord(plistPath);
+    auto launch = dateIn(record, kLaunchKey);
     if (!launch) return std::nullopt;  // no earlier run to judge
     const std::string program = programName(name);
-    if (const auto exit = recordedDate(plistPath, kExitKey); exit && *exit >= *launch) return std::nullopt;
+    if (const auto serial = integerIn(record, kLaunchSerialKey)) {
+        // The serials tell even runs within one second apart.
+        if (integerIn(record, kExitSerialKey) == serial) return std::nullopt;
+        if (const auto it = record.find(kLaunchTimeKey); it != record.end() && it->second.isNumber()) {
+            launch = corvina::Date(std::chrono::duration_cast<corvina::Date::duration>(
+                std::chrono::duration<double>(it->second.doubleValue())));
+        }
+    } else if (const auto exit = dateIn(record, kExitKey); exit && *exit >= *launch) {
+        return std::nullopt;
+    }
 
     std::optional<std::string> report;
     for (const auto& folder : reportFolders()) {
@@ -169,12 +241,16 @@ std::optional<std::string> TQBugReporter::checkForCrashes(const Name& name, cons
     if (!report) return std::nullopt;
 
     TQLog::appendLog("Application crashed on last launch");
+    TQLog::appendLog("Crash report: %@", *report);
     if (crashReporterDisabled()) {
         corvina::systemLog("Crash reporter disabled");
         TQLog::appendLog("Crash reporter disabled");
         return report;
     }
-    handOver(*report);
+    if (const auto program = handOver(*report))
+        TQLog::appendLog("Crash report opened with %@", *program);
+    else
+        TQLog::appendLog("No program found to open the crash report");
     return report;
 }
 

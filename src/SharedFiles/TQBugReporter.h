@@ -8,10 +8,12 @@
 //   ...
 //   TQBugReporter::stopBugReporter();    // on every normal exit
 //
-// The launch record ("launch" and "exit" dates) lives in the program's user defaults, or in a
-// property-list file given by the caller (its other keys are kept). Reports are searched in
-// CrashReporter and DiagnosticReports of the user's Logs folder, then of the machine-wide
-// Logs folder; this program writes its own into the user's DiagnosticReports.
+// The launch record ("launch" and "exit" dates, and the launch serials that tell runs within
+// one second apart) lives in the program's user defaults, or in a property-list file given by
+// the caller (its other keys are kept). As root it is read and written as the console user.
+// Reports are searched in CrashReporter and DiagnosticReports of the user's Logs folder, then
+// of the machine-wide Logs folder; this program writes its own into the user's
+// DiagnosticReports. What is found, and the program it is opened with, is logged.
 #pragma once
 
 #include <optional>

@@ -92,6 +92,7 @@ void TQLog::createNewLogImpl(std::optional<std::string> name)
     // What was queued before a new log is opened belongs to the file it was meant for.
     finishWriting();
     if (!file_->open(std::move(name))) return;
+    setLogsSamples(TQLogFile::preferencesAskForSamples());
     for (const TQLogFile::HeaderLine& line : file_->header(corvina::currentDateDescription()))
         appendFormatted(line.waits ? Mode::Wait : Mode::Fast, line.text);
 }

@@ -101,6 +101,19 @@ public:
     // arguments are numbers or text: for the long runs of lines that differ only by a
     // counter, such as a feeder's lines for each sample of a run.
     static void fastAppendLogSeries(uint64_t steps, std::span<const SeriesLine> lines);
+    // The per-sample lines (a feeder's "Requesting next ... sample" lines, thousands a second):
+    // fastAppendLog and fastAppendLogSeries when the global preferences set "log-level" to
+    // "verbose", nothing otherwise. Kept out by default so that one job's samples do not
+    // rotate the earlier runs' logs out of the five kept files.
+    template <class... A>
+    static void sampleAppendLog(Format fmt, const A&... args)
+    {
+        if (sharedController().logsSamples()) fastAppendLog(fmt, args...);
+    }
+    static void sampleAppendLogSeries(uint64_t steps, std::span<const SeriesLine> lines)
+    {
+        if (sharedController().logsSamples()) fastAppendLogSeries(steps, lines);
+    }
     template <class... A>
     static void appendLogAndPrint(Format fmt, const A&... args)
     {
@@ -142,6 +155,9 @@ public:
     bool loggingDisabled() const { return loggingDisabled_.load(std::memory_order_relaxed); }
     bool noPrinting() const { return noPrinting_.load(std::memory_order_relaxed); }
     void setNoPrinting(bool value) { noPrinting_.store(value, std::memory_order_relaxed); }
+    // Whether the per-sample lines are written; createNewLog sets it from the preferences.
+    bool logsSamples() const { return logsSamples_.load(std::memory_order_relaxed); }
+    void setLogsSamples(bool value) { logsSamples_.store(value, std::memory_order_relaxed); }
     bool hasFileHandle() const;
     bool hasWriteQueue() const;
     // Entries queued and not yet written.
@@ -227,6 +243,7 @@ private:
 
     std::atomic<bool> loggingDisabled_{false};
     std::atomic<bool> noPrinting_{false};
+    std::atomic<bool> logsSamples_{false};
     std::unique_ptr<TQLogFile> file_;
     std::unique_ptr<TQLogQueue> queue_;
 };

@@ -1,7 +1,11 @@
 #include "TQLogFile.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +15,7 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/FileHandle.h"
+#include "Foundation/FolderDescriptor.h"
 #include "Foundation/Format.h"
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
@@ -27,12 +32,19 @@ constexpr std::string_view kTruncated = "Log truncated at 500KB";
 constexpr size_t kDateEvery = 256;  // texts written between two looks at the clock
 constexpr size_t kKeptBuffer = 1 << 20;
 
-bool preferencesDisableLogging()
+std::optional<corvina::Value> globalPreferences()
 {
     auto prefs = TQLocalPaths::prefsDirectory(true);
-    if (!prefs) return false;
+    if (!prefs) return std::nullopt;
     auto plist = corvina::Value::fromPropertyListFile(corvina::appendPathComponent(*prefs, kGlobalPrefs));
-    if (!plist || !plist->asDictionary()) return false;
+    if (!plist || !plist->asDictionary()) return std::nullopt;
+    return plist;
+}
+
+bool preferencesDisableLogging()
+{
+    const auto plist = globalPreferences();
+    if (!plist) return false;
     const corvina::Value& value = (*plist)["disable-logging"];
     if (const std::string* s = value.asString()) return *s == "1";
     return value.isNumber() && value.doubleValue() == 1.0;
@@ -50,30 +62,42 @@ std::string numberedPath(const std::string& folder, const std::string& base, lon
     return folder + corvina::format("/%@.%li.log", base, n);
 }
 
-bool existsAt(const std::string& path)
+// The log folder as a descriptor. As root it is the machine-wide folder: made 0755 and
+// reached without following a link anywhere on its path; a user's own folder is made and
+// opened as usual.
+corvina::UniqueFd openLogFolder(const std::string& folder, bool create)
 {
+    if (::geteuid() == 0) return corvina::UniqueFd(corvina::openFolderNoFollow(folder, create, 0755));
     std::error_code ec;
-    return fs::exists(fs::symlink_status(path, ec));
+    if (create) fs::create_directories(folder, ec);
+    return corvina::UniqueFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-// Writes an empty file in place of path through a temporary file in the same folder.
-bool createEmptyFileAtomically(const std::string& path, std::string& error)
+std::string numberedName(const std::string& base, long n) { return corvina::format("%@.%li.log", base, n); }
+
+// What is at the name in the folder, links not followed; 0 when nothing is.
+mode_t kindAt(int folder, const std::string& name)
 {
-    std::string temp = path + ".tmp" + std::to_string(getpid());
-    {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        if (!out) {
-            error = std::strerror(errno);
-            return false;
-        }
-    }
-    if (std::rename(temp.c_str(), path.c_str()) != 0) {
-        error = std::strerror(errno);
-        std::remove(temp.c_str());
-        return false;
-    }
-    return true;
+    struct stat st {};
+    return ::fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ? (st.st_mode & S_IFMT) : 0;
 }
+
+// The folder's lock, held while files are rotated and a new one is created, so that runs
+// starting together take turns: each finds the other's file and rotates it instead of
+// replacing it.
+class FolderLock {
+public:
+    explicit FolderLock(int folder) : folder_(folder)
+    {
+        while (::flock(folder_, LOCK_EX) != 0 && errno == EINTR) {}
+    }
+    ~FolderLock() { ::flock(folder_, LOCK_UN); }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+private:
+    int folder_;
+};
 
 // What the header says about the program and the machine; the same for the whole run.
 struct HeaderFacts {
@@ -164,13 +188,6 @@ void TQLogFile::print(std::string_view text) const
     std::fflush(stdout);
 }
 
-std::optional<std::string> TQLogFile::currentPath() const
-{
-    auto folder = logFolder(getuid() == 0);
-    if (!folder) return std::nullopt;
-    return *folder + corvina::format("/%@.1.log", appName());
-}
-
 bool TQLogFile::open(std::optional<std::string> name)
 {
     if (disabled_.load()) return false;
@@ -207,36 +224,41 @@ bool TQLogFile::startFile(std::optional<std::string> name, bool clearAll)
         print(corvina::format("Unable to create folder %s.\n", "(null)"));
         return false;
     }
-    std::error_code ec;
-    if (!fs::is_directory(*folder, ec)) {
-        fs::create_directories(*folder, ec);
-        if (!fs::is_directory(*folder, ec)) {
-            print(corvina::format("Unable to create folder %s.\n", *folder));
-            return false;
-        }
+    const corvina::UniqueFd dir = openLogFolder(*folder, true);
+    if (!dir) {
+        print(corvina::format("Unable to create folder %s.\n", *folder));
+        return false;
     }
-    const std::string current = numberedPath(*folder, base, 1);
+    const FolderLock lock(dir.get());
+    const std::string current = numberedName(base, 1);
+    // Only regular files are removed: anything else in their place is not this log's.
+    auto removeFile = [&](long n) {
+        if (kindAt(dir.get(), numberedName(base, n)) == S_IFREG)
+            ::unlinkat(dir.get(), numberedName(base, n).c_str(), 0);
+    };
     if (clearAll) {
-        for (long n = 1; n <= kKeptFiles; ++n) std::remove(numberedPath(*folder, base, n).c_str());
-    } else if (existsAt(current)) {
-        std::remove(numberedPath(*folder, base, kKeptFiles).c_str());
+        for (long n = 1; n <= kKeptFiles; ++n) removeFile(n);
+    } else if (kindAt(dir.get(), current) != 0) {
+        removeFile(kKeptFiles);
         for (long n = kKeptFiles - 1; n >= 1; --n) {
-            const std::string from = numberedPath(*folder, base, n);
-            if (!existsAt(from)) continue;
-            const std::string to = numberedPath(*folder, base, n + 1);
+            const std::string from = numberedName(base, n);
+            if (kindAt(dir.get(), from) == 0) continue;
+            const std::string to = numberedName(base, n + 1);
             // A move never replaces an existing item.
-            if (existsAt(to) || std::rename(from.c_str(), to.c_str()) != 0) {
-                print(corvina::format("Unable to move file %s to %s.\n", from, to));
+            if (::renameat2(dir.get(), from.c_str(), dir.get(), to.c_str(), RENAME_NOREPLACE) != 0) {
+                print(corvina::format("Unable to move file %s to %s.\n", *folder + "/" + from, *folder + "/" + to));
                 return false;
             }
         }
     }
-    std::string error;
-    if (!createEmptyFileAtomically(current, error)) {
-        print(corvina::format("Unable to create log file %s - %s\n", current, error));
+    // Made new and empty in one step; an item at the name (a link among them) is never
+    // opened or replaced.
+    const int fd = ::openat(dir.get(), current.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        print(corvina::format("Unable to create log file %s - %s\n", *folder + "/" + current, std::strerror(errno)));
         return false;
     }
-    handle_ = corvina::FileHandle::forUpdatingAtPath(current);
+    handle_ = corvina::FileHandle::forUpdatingDescriptor(fd);
     return handle_ != nullptr;
 }
 
@@ -250,6 +272,17 @@ std::vector<TQLogFile::HeaderLine> TQLogFile::header(std::string_view date) cons
     lines.push_back({facts.system, true});
     lines.push_back({"Running in 64-bit mode"});
     return lines;
+}
+
+bool TQLogFile::preferencesAskForSamples()
+{
+    const auto plist = globalPreferences();
+    if (!plist) return false;
+    const std::string* level = (*plist)["log-level"].asString();
+    if (!level || level->size() != 7) return false;
+    std::string lower = *level;
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return lower == "verbose";
 }
 
 std::vector<std::string> TQLogFile::availableLogs(const std::string& appName)
@@ -296,7 +329,14 @@ void TQLogFile::write(TQLogTexts& texts)
     // One entry; true when the file has reached the size limit.
     auto put = [&](std::string_view text) {
         if (!handle_) {
-            if (auto path = currentPath()) handle_ = corvina::FileHandle::forUpdatingAtPath(*path);
+            if (auto folder = logFolder(getuid() == 0)) {
+                const corvina::UniqueFd dir = openLogFolder(*folder, false);
+                if (dir) {
+                    const std::string name = numberedName(appName(), 1);
+                    handle_ = corvina::FileHandle::forUpdatingDescriptor(
+                        ::openat(dir.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+                }
+            }
             if (!handle_) {
                 print(corvina::format("Unable to log the following information: %s\n", text));
                 print("Unable to open log for output\n");

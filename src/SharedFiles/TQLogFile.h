@@ -127,6 +127,10 @@ public:
     void setBatchShortcut(bool on) { shortcut_.store(on, std::memory_order_relaxed); }
     uint64_t shortcutsTaken() const { return shortcutsTaken_.load(std::memory_order_relaxed); }
 
+    // True when the global preferences set "log-level" to "verbose" (any case): the per-sample
+    // lines are then written.
+    static bool preferencesAskForSamples();
+
     // Paths of the existing {appName}.{1..5}.log in the user log folder, in order.
     static std::vector<std::string> availableLogs(const std::string& appName);
 
@@ -135,7 +139,6 @@ public:
     void unlockAfterFork();
 
 private:
-    std::optional<std::string> currentPath() const;
     size_t firstKeptText(const TQLogTexts& texts, uint64_t written, size_t prefixSize);
     bool startFile(std::optional<std::string> name, bool clearAll);
     void print(std::string_view text) const;

@@ -1,5 +1,6 @@
 // The helper's own crash check: started before anything else, stopped on a normal exit, and
-// handing the previous run's crash report to the "Bug Reporter" beside the executable.
+// handing the previous run's crash report to the "Bug Reporter" beside the executable; the
+// notice stays in the kept logs after a job with thousands of samples.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,15 +36,17 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
         home.path() + "/Library/Logs/DiagnosticReports/CorvinaAVFHelper_2026-11-23-120000_box.crash";
     writeFile(report, "Signal: 11 (SIGSEGV)\n");
 
-    // The crashed run's log: the check runs before the new log is opened, so its line goes to
-    // the end of that file (which the new log then rotates to .2).
+    // The crashed run's log: the notice goes into the new run's log, not at the end of this one.
     const std::string logs = home.path() + (::getuid() == 0 ? "/root" : "") + "/Library/Logs/Brantwell";
     writeFile(logs + "/CorvinaAVFHelper.1.log", "2026-11-23 11:00:00 +0000 - Log started\n");
 
     auto env = home.environment();
     const auto run = runProgram({bin + "/CorvinaAVFHelper"}, env);
     EXPECT_EQ(run.status, 1) << "no settings document: a normal failure";
-    EXPECT_THAT(home.logEntries(), Contains("Application crashed on last launch"));
+    const auto notice = logEntries(logs + "/CorvinaAVFHelper.1.log");
+    EXPECT_THAT(notice, Contains("Application crashed on last launch"));
+    EXPECT_THAT(notice, Contains("Crash report: " + report));
+    EXPECT_THAT(notice, Contains("Crash report opened with " + bin + "/Bug Reporter"));
     EXPECT_EQ(waitForFile(bin + "/handed-over.txt"), report + "\n");
 
     // That run ended normally: its exit is recorded, so the next launch stays quiet.
@@ -58,4 +61,19 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     runProgram({bin + "/CorvinaAVFHelper"}, env);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_FALSE(fs::exists(bin + "/handed-over.txt"));
+
+    // A two-second DV job with 48 kHz audio: its per-sample lines stay out of the log, so the
+    // runs before it (the notice among them) are still kept, each whole.
+    TempDir job;
+    const auto doc = makeSampleJob(job.path(), {"--video", "0", "--audio", "2", "--seconds", "2"});
+    ASSERT_TRUE(doc.has_value());
+    ASSERT_TRUE(home.writeSettings(withKey(*doc, "destFilename", job / "movie.mov")));
+    EXPECT_EQ(runProgram({bin + "/CorvinaAVFHelper"}, env).status, 0);
+    EXPECT_THAT(logEntries(logs + "/CorvinaAVFHelper.3.log"), Contains("Application crashed on last launch"));
+    for (int n = 1; n <= 3; ++n) {
+        const auto entries = logEntries(logs + "/CorvinaAVFHelper." + std::to_string(n) + ".log");
+        EXPECT_FALSE(entries.empty()) << n;
+        EXPECT_THAT(entries, ::testing::Not(Contains("Log truncated at 500KB"))) << n;
+        EXPECT_THAT(entries, Contains(::testing::StartsWith("Summary:"))) << n;
+    }
 }

@@ -188,6 +188,8 @@ TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
         uint64_t entry, frame, handedOut;
         bool operator==(const Drained&) const = default;
     };
+    // The per-sample lines are compared too: let them into the log.
+    TQLog::sharedController().setLogsSamples(true);
     // maxFrames 0: one next() call per frame.
     const auto drain = [&](uint64_t maxFrames) {
         AudioTrackFeeder feeder(FileHandle::forReadingAtPath(dir / "audio.raw"), table);

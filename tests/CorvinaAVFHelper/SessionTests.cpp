@@ -150,6 +150,9 @@ TEST(HelperSession, EveryFormatMakesAMovieThatToolsAcceptWithItsEssence)
 TEST(HelperSession, ASuccessfulRunLogsEveryStageInOrder)
 {
     AssembledJob job;
+    // The per-sample lines are counted below: the verbose log level lets them in.
+    writeFile(job.home.path() + "/Library/Preferences/com.brantwell.global.plist",
+              Value(Value::DictionaryType{{"log-level", Value("verbose")}}).toXMLPropertyList());
     ASSERT_TRUE(job.assemble({"--video", "31", "--audio", "3", "--seconds", "0.1", "--width", "1920", "--height",
                               "1080", "--distinct-frames", "1"}));
     ASSERT_EQ(job.run.status, 0) << job.run.err;

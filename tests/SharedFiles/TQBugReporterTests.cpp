@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <thread>
 
 #include "TestSupport.h"
@@ -76,6 +77,7 @@ TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
     TQBugReporter::startBugReporter();
     TQLog::appendLog("Last words before the crash");
     TQLog::finishWriting();
+    if (std::getenv("CORVINA_CRASH_SENT")) ::kill(::getpid(), sig);  // sent, not a fault
     switch (sig) {
     case SIGSEGV: {
         // A page with no access: a real fault, and not a null store that a sanitizer
@@ -123,16 +125,16 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
     const struct {
         int sig;
         const char* line;
-    } signals[] = {{SIGSEGV, "Signal: 11 (SIGSEGV)"},
-                   {SIGBUS, "Signal: 7 (SIGBUS)"},
-                   {SIGILL, "Signal: 4 (SIGILL)"},
-                   {SIGFPE, "Signal: 8 (SIGFPE)"},
-                   {SIGABRT, "Signal: 6 (SIGABRT)"}};
+        bool sent = false;  // by kill() rather than a fault
+    } signals[] = {{SIGSEGV, "Signal: 11 (SIGSEGV)"}, {SIGBUS, "Signal: 7 (SIGBUS)"},
+                   {SIGILL, "Signal: 4 (SIGILL)"},    {SIGFPE, "Signal: 8 (SIGFPE)"},
+                   {SIGABRT, "Signal: 6 (SIGABRT)"},  {SIGSEGV, "Signal: 11 (SIGSEGV)", true}};
     for (const auto& s : signals) {
-        SCOPED_TRACE(s.line);
+        SCOPED_TRACE(std::string(s.line) + (s.sent ? " sent" : ""));
         TempDir home;
-        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
-                                     {{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}});
+        std::map<std::string, std::string> env{{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}};
+        if (s.sent) env["CORVINA_CRASH_SENT"] = "1";
+        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(), env);
         EXPECT_EQ(crashed.status, 128 + s.sig) << crashed.output;
         const auto reports = filesIn(reportsFolder(home.path()));
         ASSERT_EQ(reports.size(), 1u) << crashed.output;
@@ -143,7 +145,15 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         EXPECT_THAT(text, HasSubstr(s.line));
         EXPECT_THAT(text, HasSubstr("Backtrace:\n"));
         EXPECT_THAT(text, HasSubstr("Last words before the crash"));
-        if (s.sig == SIGSEGV) {
+        EXPECT_THAT(text, HasSubstr("(main+0x")) << "the backtrace names functions";
+        if (s.sent) {
+            // Who sent it, instead of an address that would be the sender's pid.
+            const auto at = text.find("Process: ");
+            ASSERT_NE(at, std::string::npos);
+            const std::string pid = text.substr(at + 9, text.find('\n', at) - at - 9);
+            EXPECT_THAT(text, HasSubstr("Origin: sent by pid " + pid + " (uid " + std::to_string(::getuid()) + ")\n"));
+            EXPECT_THAT(text, ::testing::Not(HasSubstr("Fault address")));
+        } else if (s.sig == SIGSEGV) {
             // The report names the address that faulted, as the child printed it.
             const auto at = crashed.output.find("fault at ");
             ASSERT_NE(at, std::string::npos) << crashed.output;
@@ -158,6 +168,9 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
         EXPECT_EQ(next.status, 0) << next.output;
         const auto log = logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
         EXPECT_EQ(std::ranges::count(log, "Application crashed on last launch"), 1);
+        EXPECT_THAT(log, Contains("Crash report: " + report));
+        EXPECT_THAT(log, Contains("Crash report opened with " + home / "bin/Bug Reporter"));
+        EXPECT_THAT(log, ::testing::Not(Contains("Last words before the crash"))) << "the new run's log";
         EXPECT_EQ(waitForFile(home / "bin/handed-over.txt"), report + "\n");
     }
 }
@@ -295,4 +308,132 @@ TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
     ASSERT_EQ(::stat(record.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 65534u);
     fs::remove_all(home);
+}
+
+// --- Runs close together, and root acting for a user ---------------------------------------
+
+// Runs in a child: a run that starts and ends normally.
+TEST(TQBugReporterChild, DISABLED_NormalRun)
+{
+    TQLog::createNewLog(std::string(kProgram));
+    TQLog::sharedController().setNoPrinting(true);
+    TQBugReporter::startBugReporter();
+    TQBugReporter::stopBugReporter();
+}
+
+TEST(TQBugReporterCrash, ACrashStartedInTheSecondOfTheLastNormalExitIsFound)
+{
+    // Record dates keep whole seconds: the crashing run must start in the second the normal
+    // one ended in. Runs are started at the beginning of a second, and tried again when they
+    // still straddle two.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        TempDir home;
+        while (std::chrono::system_clock::now().time_since_epoch() % std::chrono::seconds(1) >
+               std::chrono::milliseconds(100))
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        runTest("TQBugReporterChild.DISABLED_NormalRun", home.path());
+        const auto exited = corvina::UserDefaults(kProgram, home / "Library/Preferences").objectForKey("exit").asDate();
+        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
+                                     {{"CORVINA_CRASH_SIGNAL", std::to_string(SIGABRT)}});
+        ASSERT_EQ(crashed.status, 128 + SIGABRT) << crashed.output;
+        const auto launched =
+            corvina::UserDefaults(kProgram, home / "Library/Preferences").objectForKey("launch").asDate();
+        ASSERT_TRUE(exited && launched);
+        if (*launched != *exited) continue;  // not within one second: try again
+        writeRecorder(home / "bin/Bug Reporter");
+        const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
+                                  {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
+        const auto log = logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
+        EXPECT_THAT(log, Contains("Application crashed on last launch")) << next.output;
+        return;
+    }
+    FAIL() << "the two runs never fell within one second";
+}
+
+namespace {
+
+// An unprivileged user made for the test, with a home folder of its own; removed afterwards.
+class ScratchUser {
+public:
+    ScratchUser() : name_("corvscr" + std::to_string(::getpid() % 100000))
+    {
+        home_ = base_ / "home";
+        fs::create_directories(home_);
+        fs::permissions(base_.path(), fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+        ok_ = runProgram({"/usr/sbin/useradd", "-M", "-d", home_, "-s", "/usr/sbin/nologin", name_}).status == 0;
+        if (!ok_) return;
+        user_ = corvina::UserIdentity::forName(name_);
+        ok_ = user_ && ::chown(home_.c_str(), user_->uid, user_->gid) == 0;
+    }
+    ~ScratchUser()
+    {
+        if (user_) runProgram({"/usr/sbin/userdel", name_});
+    }
+    ScratchUser(const ScratchUser&) = delete;
+    ScratchUser& operator=(const ScratchUser&) = delete;
+    bool ok() const { return ok_; }
+    const std::string& name() const { return name_; }
+    const std::string& home() const { return home_; }
+    uid_t uid() const { return user_->uid; }
+    std::string scratch(const std::string& rel) const { return base_ / rel; }
+
+private:
+    std::string name_;
+    TempDir base_;
+    std::string home_;
+    std::optional<corvina::UserIdentity> user_;
+    bool ok_ = false;
+};
+
+uid_t ownerOf(const std::string& path)
+{
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0 ? st.st_uid : uid_t(-1);
+}
+
+}  // namespace
+
+TEST(TQBugReporterAsRoot, FilesInTheUsersHomeAreTheUsersAndPlantedLinksAreNotFollowed)
+{
+    if (::getuid() != 0) GTEST_SKIP() << "needs root";
+    for (const bool planted : {false, true}) {
+        SCOPED_TRACE(planted ? "links planted at the report names" : "no Library folder yet");
+        ScratchUser user;
+        ASSERT_TRUE(user.ok()) << "useradd failed";
+        const std::string victim = user.scratch("victim");
+        fs::copy_file("/etc/passwd", victim);
+        const std::string reports = user.home() + "/Library/Logs/DiagnosticReports";
+        if (planted) {
+            // The user owns the folders and points every name of the next seconds at the victim.
+            fs::create_directories(reports);
+            for (const char* rel : {"/Library", "/Library/Logs", "/Library/Logs/DiagnosticReports"})
+                ASSERT_EQ(::chown((user.home() + rel).c_str(), user.uid(), 0), 0);
+            char host[256] = {};
+            ::gethostname(host, sizeof host - 1);
+            const std::time_t now = std::time(nullptr);
+            std::tm local{};
+            ::localtime_r(&now, &local);
+            for (std::time_t t = now; t < now + 30; ++t)
+                fs::create_symlink(victim,
+                                   reports + "/" + corvina::crashReportName(kProgram, t, local.tm_gmtoff, host));
+        }
+        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", user.scratch("root"),
+                                     {{"CORVINA_CRASH_SIGNAL", std::to_string(SIGSEGV)},
+                                      {"TQ_CONSOLE_USER", user.name()},
+                                      {"HOME", user.home()}});
+        ASSERT_EQ(crashed.status, 128 + SIGSEGV) << crashed.output;
+        EXPECT_EQ(readFile(victim), readFile("/etc/passwd"));
+        EXPECT_EQ(ownerOf(victim), 0u);
+        size_t written = 0;
+        for (const auto& name : filesIn(reports)) {
+            if (fs::is_symlink(reports + "/" + name)) continue;
+            ++written;
+            EXPECT_EQ(ownerOf(reports + "/" + name), user.uid()) << name;
+            EXPECT_THAT(readFile(reports + "/" + name), HasSubstr("Signal: 11 (SIGSEGV)"));
+        }
+        EXPECT_EQ(written, 1u) << crashed.output;
+        for (const char* rel : {"/Library", "/Library/Logs", "/Library/Logs/DiagnosticReports", "/Library/Preferences",
+                                "/Library/Preferences/SharedFilesTests.plist"})
+            EXPECT_EQ(ownerOf(user.home() + rel), user.uid()) << rel;
+    }
 }

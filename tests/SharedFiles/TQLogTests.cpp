@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,11 +12,13 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include "Foundation/Exception.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
+#include "Process/Process.h"
 #include "TQLog.h"
 #include "TestSupport.h"
 
@@ -526,4 +531,137 @@ TEST(TQLogRoot, MachineWideLogFolder)
     EXPECT_FALSE(fs::exists(logDir(childHome())));
     EXPECT_TRUE(TQLog::availableLogs().empty()) << "availableLogs looks in the user folder";
     EXPECT_EQ(logEntries(folder + "/Tool.1.log").back(), "as root");
+}
+
+// Nothing planted in the log folder is written through or removed: a link at the name a new
+// file is made under, at the current file, or at the oldest kept one.
+TEST(TQLogLinks, PlantedLinksAreNeitherFollowedNorRemoved)
+{
+    const struct {
+        const char* name;
+        const char* at;  // the link's file name; {pid} is the child's process id
+    } rows[] = {
+        {"temporary name", "Tool.1.log.tmp{pid}"}, {"current file", "Tool.1.log"}, {"oldest file", "Tool.5.log"}};
+    if (inChild()) {
+        const std::string home = childHome(), victim = home + "/victim";
+        writeFile(victim, "victim\n");
+        writeFile(logPath(home, "Tool", 1), "previous run\n");
+        const std::string link =
+            logDir(home) + "/" + corvina::replaceAll(rows[childCase()].at, "{pid}", std::to_string(::getpid()));
+        if (fs::exists(fs::symlink_status(link))) fs::remove(link);
+        fs::create_symlink(victim, link);
+        TQLog::createNewLog("Tool");
+        TQLog::appendLog("new run");
+        TQLog::finishWriting();
+        EXPECT_EQ(readFile(victim), "victim\n");
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(logPath(home, "Tool", 1))));
+        EXPECT_EQ(logEntries(logPath(home, "Tool", 1)).back(), "new run");
+        if (std::string(rows[childCase()].name) == "oldest file") {
+            EXPECT_TRUE(fs::is_symlink(link)) << "not this log's to remove";
+        }
+        return;
+    }
+    for (int i = 0; i < int(std::size(rows)); ++i) {
+        TempDir dir;
+        runChild(dir.path(), i);
+    }
+}
+
+// "log-level" "verbose" in the global preferences lets the per-sample lines in; any other
+// value or none keeps them out.
+TEST(TQLogPreferences, SampleLinesOnlyWhenVerbose)
+{
+    using corvina::Value;
+    const struct {
+        std::optional<Value> level;
+        bool written;
+    } rows[] = {{Value("verbose"), true},
+                {Value("Verbose"), true},
+                {Value("debug"), false},
+                {Value(1), false},
+                {std::nullopt, false}};
+    if (inChild()) {
+        TQLog::createNewLog("Tool");
+        TQLog::sampleAppendLog("Requesting next video sample at sample index...");
+        const corvina::FormatArg args[] = {1, 2};
+        const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", args, 1}};
+        TQLog::sampleAppendLogSeries(2, lines);
+        TQLog::appendLog("Summary: done");
+        TQLog::finishWriting();
+        const auto entries = logEntries(logPath(childHome(), "Tool", 1));
+        const auto samples =
+            std::ranges::count_if(entries, [](const std::string& e) { return e.starts_with("Requesting"); });
+        EXPECT_EQ(samples, rows[childCase()].written ? 3 : 0);
+        EXPECT_EQ(entries.back(), "Summary: done");
+        return;
+    }
+    for (int i = 0; i < int(std::size(rows)); ++i) {
+        TempDir dir;
+        Value::DictionaryType dict;
+        if (rows[i].level) dict.emplace("log-level", *rows[i].level);
+        fs::create_directories(dir / "Library/Preferences");
+        ASSERT_TRUE(Value(dict).writeToFile(dir / "Library/Preferences/com.brantwell.global.plist", true));
+        runChild(dir.path(), i);
+    }
+}
+
+// One run of the program for the test below: its whole log, start to summary.
+TEST(TQLogStarts, DISABLED_OneRun)
+{
+    TQLog::createNewLog("Tool");
+    TQLog::appendLog("Run %d", childCase());
+    TQLog::appendLog("Summary: run %d", childCase());
+    TQLog::finishWriting();
+}
+
+// Runs starting together take turns at the log folder: each finds the one before it and
+// rotates it, so every run keeps its whole log. The test holds the folder's lock while the
+// runs of a round start, sees each one wait for it, then lets them all go at once; five
+// rounds of four (the four fit the kept files beside one older run).
+TEST(TQLogStarts, RunsStartingTogetherEachKeepTheirWholeLog)
+{
+    TempDir dir;
+    fs::create_directories(logDir(dir.path()));
+    const int folder = ::open(logDir(dir.path()).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(folder, 0);
+    constexpr int kRuns = 4;
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        for (int n = 1; n <= 5; ++n) fs::remove(logPath(dir.path(), "Tool", n));
+        ASSERT_EQ(::flock(folder, LOCK_EX), 0);
+        std::vector<std::unique_ptr<corvina::Process>> runs;
+        for (int k = 0; k < kRuns; ++k) {
+            auto run = std::make_unique<corvina::Process>();
+            run->setLaunchPath("/proc/self/exe");
+            run->setArguments(childArguments("TQLogStarts.DISABLED_OneRun"));
+            run->setEnvironment(environmentWith(dir.path(), {{"CORVINA_CASE", std::to_string(round * kRuns + k)}}));
+            run->setStandardOutput(corvina::Process::Stream::Null);
+            run->setStandardError(corvina::Process::Stream::Null);
+            run->launch();
+            runs.push_back(std::move(run));
+        }
+        // Each run stops in flock on the folder (or has ended without waiting for it).
+        for (auto& run : runs) {
+            const std::string syscallFile = "/proc/" + std::to_string(run->processIdentifier()) + "/syscall";
+            bool waiting = false;
+            while (!waiting && run->isRunning()) {
+                waiting = readFile(syscallFile).starts_with(std::to_string(SYS_flock) + " ");
+                if (!waiting) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            EXPECT_TRUE(waiting) << "a run did not wait for the folder's lock";
+        }
+        ASSERT_EQ(::flock(folder, LOCK_UN), 0);
+        std::set<std::string> summaries;
+        for (auto& run : runs) run->waitUntilExit();
+        for (int n = 1; n <= kRuns; ++n) {
+            const auto entries = logEntries(logPath(dir.path(), "Tool", n));
+            ASSERT_GE(entries.size(), 3u) << "." << n;  // the header, the run's line, its summary
+            EXPECT_TRUE(entries.front().starts_with("Log started: "));
+            EXPECT_TRUE(entries.back().starts_with("Summary: run ")) << entries.back();
+            EXPECT_EQ(std::ranges::count_if(entries, [](const std::string& e) { return e.starts_with("Summary"); }), 1);
+            summaries.insert(entries.back());
+        }
+        EXPECT_EQ(summaries.size(), size_t(kRuns)) << "each run's log is there once";
+    }
+    ::close(folder);
 }

@@ -1,15 +1,20 @@
 #include "Diagnostics/CrashHandler.h"
 
+#include "Foundation/Exception.h"
+#include "Foundation/FolderDescriptor.h"
+
 #include <execinfo.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <algorithm>
 
 namespace corvina {
 
@@ -21,17 +26,33 @@ constexpr size_t kNameCapacity = 256;
 constexpr size_t kPathCapacity = PATH_MAX;
 constexpr size_t kLogTail = 4096;
 constexpr int kMaxFrames = 64;
+constexpr size_t kMaxGroups = 256;
+constexpr int kNameTries = 10;
 
 // Everything the handler reads, prepared at installation.
 struct Prepared {
     char program[kNameCapacity];
     char host[kNameCapacity];
-    char folder[kPathCapacity];
     char logPath[kPathCapacity];
     long utcOffset;
+    int folderFd;    // the report folder, -1 when it could not be opened
+    bool actAsUser;  // root writing for a user: take the user's file-system identity first
+    uid_t uid;
+    gid_t gid;
+    size_t groupCount;
+    gid_t groups[kMaxGroups];
 };
 
-Prepared g_prepared;
+Prepared g_prepared{.program = {},
+                    .host = {},
+                    .logPath = {},
+                    .utcOffset = 0,
+                    .folderFd = -1,
+                    .actAsUser = false,
+                    .uid = 0,
+                    .gid = 0,
+                    .groupCount = 0,
+                    .groups = {}};
 struct sigaction g_previous[kSignalCount];
 bool g_installed = false;
 volatile sig_atomic_t g_handling = 0;
@@ -110,12 +131,16 @@ Civil civilTime(int64_t seconds)
     return c;
 }
 
-void appendName(Line& line, std::string_view program, int64_t when, long utcOffset, std::string_view host)
+// attempt > 1 adds "-{attempt}" after the host, for a second report in the same second.
+void appendName(Line& line, std::string_view program, int64_t when, long utcOffset, std::string_view host,
+                int attempt = 1)
 {
     const Civil c = civilTime(when + utcOffset);
     line.text(program).text("_").number(static_cast<uint64_t>(c.year), 4).text("-").number(c.month, 2).text("-");
     line.number(c.day, 2).text("-").number(c.hour, 2).number(c.minute, 2).number(c.second, 2);
-    line.text("_").text(host).text(".crash");
+    line.text("_").text(host);
+    if (attempt > 1) line.text("-").number(static_cast<uint64_t>(attempt));
+    line.text(".crash");
 }
 
 void writeAll(int fd, const char* data, size_t size)
@@ -149,31 +174,9 @@ const char* signalName(int sig)
     }
 }
 
-// mkdir -p on a copy of the folder path.
-void makeFolders(const char* folder)
+// The end of the log: whole lines from the last few kilobytes of an open file.
+void copyLogTail(int fd, int out)
 {
-    char path[kPathCapacity];
-    size_t n = 0;
-    while (folder[n] && n + 1 < sizeof path) {
-        path[n] = folder[n];
-        ++n;
-    }
-    path[n] = 0;
-    for (size_t i = 1; i <= n; ++i) {
-        if (path[i] == '/' || path[i] == 0) {
-            const char saved = path[i];
-            path[i] = 0;
-            ::mkdir(path, 0755);
-            path[i] = saved;
-        }
-    }
-}
-
-// The end of the log: whole lines from the last few kilobytes.
-void copyLogTail(int out)
-{
-    if (!g_prepared.logPath[0]) return;
-    const int fd = ::open(g_prepared.logPath, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
     struct stat st {};
     if (::fstat(fd, &st) == 0 && st.st_size > 0) {
@@ -193,24 +196,46 @@ void copyLogTail(int out)
             writeAll(out, g_logBuffer + from, total - from);
         }
     }
-    ::close(fd);
+}
+
+// A signal another process (or this one) sent, rather than a fault: si_addr means nothing then.
+bool wasSent(const siginfo_t* info)
+{
+    return info && (info->si_code == SI_USER || info->si_code == SI_QUEUE || info->si_code == SI_TKILL);
+}
+
+// A new report file in the report folder: the name of this second, else the same with "-2"
+// to "-10" after the host; an existing name or link is never opened.
+int createReport(int64_t when)
+{
+    for (int attempt = 1; attempt <= kNameTries; ++attempt) {
+        char nameBuffer[kPathCapacity];
+        Line name(nameBuffer, sizeof nameBuffer);
+        appendName(name, g_prepared.program, when, g_prepared.utcOffset, g_prepared.host, attempt);
+        const int fd =
+            ::openat(g_prepared.folderFd, nameBuffer, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
 }
 
 void writeReport(int sig, const siginfo_t* info)
 {
-    makeFolders(g_prepared.folder);
+    if (g_prepared.folderFd < 0) return;
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    char pathBuffer[kPathCapacity];
-    Line path(pathBuffer, sizeof pathBuffer);
-    path.text(g_prepared.folder).text("/");
-    appendName(path, g_prepared.program, now.tv_sec, g_prepared.utcOffset, g_prepared.host);
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    // A report written by root into someone's folder belongs to that folder's owner.
-    struct stat folder {};
-    if (::geteuid() == 0 && ::stat(g_prepared.folder, &folder) == 0) {
-        [[maybe_unused]] int ignored = ::fchown(fd, folder.st_uid, folder.st_gid);
+    // The log is opened with the process's own rights (as root: the machine-wide log).
+    const int logFd = g_prepared.logPath[0] ? ::open(g_prepared.logPath, O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
+    if (g_prepared.actAsUser) {
+        // The process ends after the report: the identity is never given back.
+        ::syscall(SYS_setgroups, g_prepared.groupCount, g_prepared.groups);
+        ::syscall(SYS_setfsgid, g_prepared.gid);
+        ::syscall(SYS_setfsuid, g_prepared.uid);
+    }
+    const int fd = createReport(now.tv_sec);
+    if (fd < 0) {
+        if (logFd >= 0) ::close(logFd);
+        return;
     }
 
     char lineBuffer[512];
@@ -220,13 +245,21 @@ void writeReport(int sig, const siginfo_t* info)
     line.text("\nHost: ").text(g_prepared.host).text("\nDate: ").number(static_cast<uint64_t>(c.year), 4).text("-");
     line.number(c.month, 2).text("-").number(c.day, 2).text(" ").number(c.hour, 2).text(":").number(c.minute, 2);
     line.text(":").number(c.second, 2).text("\nSignal: ").number(static_cast<uint64_t>(sig)).text(" (");
-    line.text(signalName(sig)).text(")\nFault address: 0x");
-    line.number(reinterpret_cast<uintptr_t>(info ? info->si_addr : nullptr), 1, 16).text("\n\nBacktrace:\n");
+    line.text(signalName(sig)).text(")\n");
+    if (wasSent(info)) {
+        line.text("Origin: sent by pid ").number(static_cast<uint64_t>(info->si_pid)).text(" (uid ");
+        line.number(static_cast<uint64_t>(info->si_uid)).text(")\n");
+    } else {
+        line.text("Fault address: 0x").number(reinterpret_cast<uintptr_t>(info ? info->si_addr : nullptr), 1, 16);
+        line.text("\n");
+    }
+    line.text("\nBacktrace:\n");
     writeAll(fd, line.c_str(), line.size());
     void* frames[kMaxFrames];
     const int count = ::backtrace(frames, kMaxFrames);
     ::backtrace_symbols_fd(frames, count, fd);
-    copyLogTail(fd);
+    copyLogTail(logFd, fd);
+    if (logFd >= 0) ::close(logFd);
     ::close(fd);
 }
 
@@ -267,10 +300,27 @@ bool installCrashHandler(const CrashReportSettings& settings)
 {
     Prepared next{};
     if (!copyInto(next.program, sizeof next.program, settings.program) ||
-        !copyInto(next.folder, sizeof next.folder, settings.folder) ||
         !copyInto(next.logPath, sizeof next.logPath, settings.logPath)) {
         return false;
     }
+    next.actAsUser = settings.user && settings.user->uid != 0 && ::geteuid() == 0;
+    if (next.actAsUser) {
+        if (settings.user->groups.size() > kMaxGroups) return false;
+        next.uid = settings.user->uid;
+        next.gid = settings.user->gid;
+        next.groupCount = settings.user->groups.size();
+        std::copy(settings.user->groups.begin(), settings.user->groups.end(), next.groups);
+        if (next.groupCount == 0) next.groups[next.groupCount++] = next.gid;
+    }
+    try {
+        // The folders are made by the user they belong to (nothing happens as root in the
+        // user's home), and no link on the way is followed.
+        ScopedFileIdentity asUser(next.actAsUser ? settings.user : std::nullopt);
+        next.folderFd = openFolderNoFollow(settings.folder, true, 0755);
+    } catch (const PlatformException&) {
+        return false;  // the user's identity could not be taken
+    }
+    if (next.folderFd < 0) return false;
     char host[kNameCapacity] = {};
     if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
     std::memcpy(next.host, host, sizeof host);
@@ -293,7 +343,9 @@ bool installCrashHandler(const CrashReportSettings& settings)
     sigemptyset(&fatal);
     for (int sig : kFatalSignals) sigaddset(&fatal, sig);
     ::pthread_sigmask(SIG_BLOCK, &fatal, &old);
+    const int previousFolder = g_prepared.folderFd;
     g_prepared = next;
+    if (previousFolder >= 0) ::close(previousFolder);
     bool ok = true;
     for (size_t i = 0; i < kSignalCount; ++i) {
         struct sigaction action {};
@@ -313,6 +365,8 @@ void removeCrashHandler()
     if (!g_installed) return;
     for (size_t i = 0; i < kSignalCount; ++i) ::sigaction(kFatalSignals[i], &g_previous[i], nullptr);
     g_installed = false;
+    if (g_prepared.folderFd >= 0) ::close(g_prepared.folderFd);
+    g_prepared.folderFd = -1;
 }
 
 }  // namespace corvina

@@ -81,7 +81,11 @@ std::unique_ptr<FileHandle> FileHandle::forWritingAtPath(const std::string& path
 
 std::unique_ptr<FileHandle> FileHandle::forUpdatingAtPath(const std::string& path)
 {
-    const int fd = openFile(path, O_RDWR);
+    return forUpdatingDescriptor(openFile(path, O_RDWR));
+}
+
+std::unique_ptr<FileHandle> FileHandle::forUpdatingDescriptor(int fd)
+{
     if (fd < 0) return nullptr;
     std::unique_ptr<FileHandle> handle(new FileHandle(fd, 0));
     struct stat st {};

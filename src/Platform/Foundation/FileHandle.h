@@ -37,6 +37,9 @@ public:
     static std::unique_ptr<FileHandle> forWritingAtPath(const std::string& path);
     // Opens for appending writes (O_APPEND is not used; the handle seeks to the end once).
     static std::unique_ptr<FileHandle> forUpdatingAtPath(const std::string& path);
+    // The same for a descriptor opened by the caller (say with openat and O_NOFOLLOW); the
+    // handle owns it from then on. Null for a negative descriptor.
+    static std::unique_ptr<FileHandle> forUpdatingDescriptor(int fd);
 
     void seekToFileOffset(uint64_t offset);
     uint64_t seekToEndOfFile();
