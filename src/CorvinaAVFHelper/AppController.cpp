@@ -11,6 +11,7 @@
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Exception.h"
+#include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "JobChecks.h"
 #include "MovieDestination.h"
@@ -126,10 +127,16 @@ int64_t AppController::createQuickTimeMovie(const Value& settings)
     // The document goes back to the replay path first, so the last movie can be assembled
     // again by starting the helper without arguments. A document that is already there is
     // left exactly as it is.
+    actor_ = TQLocalPaths::actingUser();
     const auto replayPath = TQLocalPaths::replaySettingsPath();
     if (replayPath) {
-        const auto present = Value::fromPropertyListFile(*replayPath);
-        if (!present || !(*present == settings)) settings.writeToFile(*replayPath, true);
+        try {
+            ScopedFileIdentity asUser(actor_);
+            const auto present = Value::fromPropertyListFile(*replayPath);
+            if (!present || !(*present == settings)) settings.writeToFile(*replayPath, true);
+        } catch (const PlatformException&) {
+            // No copy without the user's rights; the session reports the identity itself.
+        }
     }
     return runSession(MovieJob::fromSettings(settings), replayPath);
 }
@@ -138,14 +145,19 @@ int64_t AppController::createQuickTimeMovie(MovieJob job)
 {
     // The job's own document goes to the replay path (beside, then renamed), unless it was
     // read from there.
+    actor_ = TQLocalPaths::actingUser();
     const auto replayPath = TQLocalPaths::replaySettingsPath();
     if (replayPath && !job.documentPath.empty()) {
-        std::error_code ec;
-        if (!std::filesystem::equivalent(job.documentPath, *replayPath, ec)) {
-            const std::string beside = *replayPath + ".copying";
-            std::filesystem::copy_file(job.documentPath, beside, std::filesystem::copy_options::overwrite_existing, ec);
-            if (!ec) std::filesystem::rename(beside, *replayPath, ec);
-            if (ec) std::filesystem::remove(beside, ec);
+        // Read and written with the acting user's rights, through a fresh file beside the
+        // replay path that is then renamed over it.
+        try {
+            ScopedFileIdentity asUser(actor_);
+            std::error_code ec;
+            if (!std::filesystem::equivalent(job.documentPath, *replayPath, ec))
+                if (const auto bytes = Value::propertyListFileBytes(job.documentPath))
+                    writeFileAtomically(*replayPath, *bytes);
+        } catch (const PlatformException&) {
+            // No copy without the user's rights; the session reports the identity itself.
         }
     }
     if (settingsDocumentPath_.empty() && !job.documentPath.empty()) settingsDocumentPath_ = job.documentPath;
@@ -285,10 +297,15 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
         if (auto problem = jobcheck::frameRateProblem(job.frameRate)) return fail(*problem);
         if (!size.usable()) {
             const bool proRes = job.formatType >= kFirstProResFormat && job.formatType <= kLastProResFormat;
-            const auto fromHeader = proRes && videoCount > 0
-                                        ? jobcheck::frameSizeFromProResFrame(
-                                              firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes))
-                                        : std::nullopt;
+            std::optional<jobcheck::FrameSize> fromHeader;
+            if (proRes && videoCount > 0) {
+                std::vector<uint8_t> start;
+                {
+                    ScopedFileIdentity asUser(actor_);
+                    start = firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes);
+                }
+                fromHeader = jobcheck::frameSizeFromProResFrame(start);
+            }
             if (!fromHeader)
                 return fail(
                     format("Error: the frame size of this %s movie is unknown: the document gives none "
@@ -309,12 +326,16 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
             return fail(
                 "Error: the document describes no samples (offsetArray and audioOffsetArray hold no entries); "
                 "the movie would have no track.");
-        const uint64_t videoFileSize = regularFileSize(tmpFilename);
+        uint64_t videoFileSize = 0, audioFileSize = 0;
+        {
+            ScopedFileIdentity asUser(actor_);
+            videoFileSize = regularFileSize(tmpFilename);
+            audioFileSize = regularFileSize(job.tmpAudioFilename);
+        }
         for (const MediaEntry& entry : videoEntries)
             videoHeld =
                 jobcheck::addSaturating(videoHeld, jobcheck::bytesHeld({entry.offset, entry.length}, videoFileSize));
         if (audio) {
-            const uint64_t audioFileSize = regularFileSize(job.tmpAudioFilename);
             for (const MediaEntry& entry : audioEntries)
                 audioHeld = jobcheck::addSaturating(
                     audioHeld,
@@ -326,11 +347,11 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
     const MovieDestination::Input inputs[] = {{"video data file", tmpFilename},
                                               {"audio data file", job.tmpAudioFilename},
                                               {"settings document", settingsPath}};
-    if (auto problem = MovieDestination::problem(destFilename, inputs)) return fail(*problem);
+    session.destination = std::make_unique<MovieDestination>(destFilename, actor_);
+    if (auto problem = session.destination->check(inputs)) return fail(*problem);
 
     if (stopRequested_.load()) return 1;
     // Holding the destination's lock: stale temporary files go, then the room is measured.
-    session.destination = std::make_unique<MovieDestination>(destFilename);
     std::string lockProblem;
     if (!session.destination->acquire(&lockProblem)) {
         session.destination.reset();
@@ -341,7 +362,7 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
                          session.destination->staleFilesRemoved(), destFilename);
     const uint64_t needed = jobcheck::addSaturating(jobcheck::addSaturating(videoHeld, audioHeld),
                                                     jobcheck::movieHeaderAllowance(videoCount, audioCount));
-    const auto available = MovieDestination::freeBytes(MovieDestination::folderOf(destFilename));
+    const auto available = session.destination->freeBytes();
     if (available && *available < needed)
         return fail(
             format("Error: not enough free space for %@: the movie needs %llu bytes, the volume has %llu "
@@ -381,7 +402,10 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
 int64_t AppController::openWriter(const MovieJob&, Session& session)
 {
     Error writerError;
-    session.writer = AssetWriter::create(session.destination->temporaryPath(), kFileTypeQuickTimeMovie, &writerError);
+    const int fd = session.destination->createTemporary(&writerError);
+    if (fd >= 0)
+        session.writer = AssetWriter::createOnDescriptor(fd, session.destination->temporaryPath(),
+                                                         kFileTypeQuickTimeMovie, &writerError);
     TQLog::appendLog("2");
     if (!session.writer) return fail(format("Error creating AssetWriter: %@", writerError));
     publishWriter(session.writer.get());
@@ -407,8 +431,14 @@ int64_t AppController::openWriter(const MovieJob&, Session& session)
 
 int64_t AppController::openReaders(const MovieJob& job, Session&)
 {
+    // Both data files are opened with the acting user's rights; the feeders read through the
+    // open handles.
     Error openError;
-    std::shared_ptr<FileHandle> videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
+    std::shared_ptr<FileHandle> videoReader;
+    {
+        ScopedFileIdentity asUser(actor_);
+        videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
+    }
     if (!videoReader) {
         TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
         return fail(
@@ -418,7 +448,11 @@ int64_t AppController::openReaders(const MovieJob& job, Session&)
     videoFeeder_ = std::make_unique<VideoTrackFeeder>(videoHandle_, videoEntries_);
     TQLog::appendLog("8");
 
-    std::shared_ptr<FileHandle> audioReader = FileHandle::forReadingRegularFileAtPath(job.tmpAudioFilename, &openError);
+    std::shared_ptr<FileHandle> audioReader;
+    {
+        ScopedFileIdentity asUser(actor_);
+        audioReader = FileHandle::forReadingRegularFileAtPath(job.tmpAudioFilename, &openError);
+    }
     if (!audioReader) {
         TQLog::appendLog("Error creating audio read handle for %@", job.tmpAudioFilename);
         return fail(format("Error: cannot read the audio data file %@: %@", job.tmpAudioFilename,

@@ -20,6 +20,7 @@
 
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
+#include "Foundation/UserIdentity.h"
 #include "Foundation/Value.h"
 #include "MovieJob.h"
 #include "RunSummary.h"
@@ -156,6 +157,9 @@ private:
     std::atomic<bool> finishedWithError_{false};
 
     std::string settingsDocumentPath_;
+    // The console user a root run acts for: every file of the session is opened and made with
+    // that user's rights, on the main thread, in scopes that start no thread.
+    std::optional<corvina::UserIdentity> actor_;
     std::atomic<bool> stopRequested_{false};
     mutable std::mutex mutex_;  // guards summary_ and liveWriter_
     RunSummary summary_;

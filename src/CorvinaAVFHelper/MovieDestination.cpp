@@ -7,6 +7,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -15,8 +16,13 @@
 #include "Foundation/Format.h"
 
 using corvina::format;
+using corvina::ScopedFileIdentity;
+using corvina::UserIdentity;
 
 namespace {
+
+// What a lock file this program made holds, so that only such a file is ever removed.
+constexpr char kLockMark[] = "CorvinaAVFHelper lock\n";
 
 std::string errnoText(int err)
 {
@@ -47,24 +53,19 @@ std::set<MovieDestination*>& registry()
 }
 bool abandoned = false;  // guarded by registryMutex
 
-// A file this program wrote: the movie's first bytes ('ftyp' of brand 'qt  ', then 'wide'),
-// or an empty file from a run that died before its first write.
-bool looksLikeOurPartialMovie(int folderFd, const char* name)
+// Runs `step` with the acting user's rights. Should the identity not be taken (which only a
+// broken user database makes possible), the step runs anyway: the steps given here remove
+// nothing but files they have just checked to be this run's own.
+template <class Step>
+void withActorOrAnyway(const std::optional<UserIdentity>& actor, const Step& step) noexcept
 {
-    const int fd = ::openat(folderFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st {};
-    uint8_t head[28] = {};
-    bool ours = false;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        if (st.st_size == 0) {
-            ours = true;
-        } else if (::pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head)) {
-            ours = std::memcmp(head + 4, "ftypqt  ", 8) == 0 && std::memcmp(head + 20, "\0\0\0\x08wide", 8) == 0;
-        }
+    try {
+        ScopedFileIdentity asUser(actor);
+        step();
+        return;
+    } catch (...) {
     }
-    ::close(fd);
-    return ours;
+    step();
 }
 
 }  // namespace
@@ -79,63 +80,35 @@ std::string MovieDestination::folderOf(const std::string& destination)
 
 bool MovieDestination::isTemporaryNameFor(const std::string& fileName, const std::string& destinationName)
 {
+    // NAME.incomplete-PID, or NAME.incomplete-PID-N
     const std::string prefix = destinationName + ".incomplete-";
     if (fileName.size() <= prefix.size() || fileName.compare(0, prefix.size(), prefix) != 0) return false;
-    for (size_t i = prefix.size(); i < fileName.size(); ++i)
-        if (fileName[i] < '0' || fileName[i] > '9') return false;
-    return true;
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    size_t i = prefix.size();
+    while (i < fileName.size() && isDigit(fileName[i])) ++i;
+    if (i == prefix.size()) return false;
+    if (i == fileName.size()) return true;
+    if (fileName[i] != '-' || i + 1 == fileName.size()) return false;
+    return std::all_of(fileName.begin() + std::ptrdiff_t(i) + 1, fileName.end(), isDigit);
 }
 
-std::optional<std::string> MovieDestination::problem(const std::string& destination, std::span<const Input> inputs)
+bool MovieDestination::startsWithWriterHeaders(int fd)
 {
-    if (destination.empty()) return std::string("Error: the settings document names no destination (destFilename).");
-    const std::string refused = format("Error: destination %@ refused: ", destination);
-    if (destination.back() == '/') return refused + "it names a folder.";
-    const std::string folder = folderOf(destination);
-    struct stat folderInfo {};
-    if (::stat(folder.c_str(), &folderInfo) != 0)
-        return refused + format("its folder %@ does not exist (%@).", folder, errnoText(errno));
-    if (!S_ISDIR(folderInfo.st_mode)) return refused + format("%@ is not a folder.", folder);
-
-    struct stat link {};
-    if (::lstat(destination.c_str(), &link) != 0) {
-        if (errno == ENOENT) return std::nullopt;  // a new file
-        return refused + errnoText(errno) + ".";
-    }
-    struct stat target {};
-    if (::stat(destination.c_str(), &target) != 0)
-        return refused + "it is a symbolic link to nothing that can be replaced.";
-    if (S_ISDIR(target.st_mode)) return refused + "it is an existing folder.";
-    for (const auto& input : inputs) {
-        struct stat other {};
-        if (input.path.empty() || ::stat(input.path.c_str(), &other) != 0) continue;
-        if (other.st_dev == target.st_dev && other.st_ino == target.st_ino)
-            return refused + format("it is the same file as the %s %@.", input.what, input.path);
-    }
-    if (!S_ISREG(target.st_mode)) return refused + format("it is %s, not a movie file.", kindOf(target.st_mode));
-    // Renaming over a link would replace the link, not the file it names.
-    if (S_ISLNK(link.st_mode)) return refused + "it is a symbolic link; name the file itself.";
-    return std::nullopt;
+    // 'ftyp' (20 bytes: brand 'qt  ', the writer's version 2005.03.00, compatible 'qt  '),
+    // then the 8-byte 'wide' atom that a finished movie may turn into a 64-bit size.
+    static const uint8_t kHeaders[28] = {0, 0, 0,   20,  'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
+                                         3, 0, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
+    uint8_t head[sizeof kHeaders] = {};
+    return ::pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head) &&
+           std::memcmp(head, kHeaders, sizeof head) == 0;
 }
 
-std::optional<uint64_t> MovieDestination::freeBytes(const std::string& folder)
-{
-    struct statvfs info {};
-    if (::statvfs(folder.c_str(), &info) != 0) return std::nullopt;
-    const uint64_t blocks = info.f_bavail;
-    const uint64_t size = info.f_frsize ? info.f_frsize : info.f_bsize;
-    if (size != 0 && blocks > UINT64_MAX / size) return UINT64_MAX;
-    return blocks * size;
-}
-
-MovieDestination::MovieDestination(std::string destination)
-    : destination_(std::move(destination)), folder_(folderOf(destination_))
+MovieDestination::MovieDestination(std::string destination, std::optional<UserIdentity> actor)
+    : destination_(std::move(destination)), folder_(folderOf(destination_)), actor_(std::move(actor))
 {
     const auto slash = destination_.find_last_of('/');
     name_ = slash == std::string::npos ? destination_ : destination_.substr(slash + 1);
-    const std::string prefix = folder_ == "/" ? "/" : folder_ + "/";
-    temporary_ = prefix + name_ + ".incomplete-" + std::to_string(::getpid());
-    lockPath_ = prefix + "." + name_ + ".lock";
+    lockName_ = "." + name_ + ".lock";
     std::lock_guard lock(registryMutex());
     registry().insert(this);
 }
@@ -143,19 +116,105 @@ MovieDestination::MovieDestination(std::string destination)
 MovieDestination::~MovieDestination()
 {
     std::lock_guard lock(registryMutex());
-    if (!committed_) ::unlink(temporary_.c_str());
-    release();
+    withActorOrAnyway(actor_, [this] {
+        removeTemporaryLocked();
+        release();
+    });
+    if (folderFd_ >= 0) ::close(folderFd_);
     registry().erase(this);
+}
+
+std::string MovieDestination::temporaryPath() const { return (folder_ == "/" ? "/" : folder_ + "/") + temporaryName_; }
+
+bool MovieDestination::names(const std::string& name, const FileId& id) const
+{
+    struct stat info {};
+    return !name.empty() && ::fstatat(folderFd_, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+           FileId{info.st_dev, info.st_ino} == id;
+}
+
+std::optional<std::string> MovieDestination::check(std::span<const Input> inputs)
+{
+    if (destination_.empty()) return std::string("Error: the settings document names no destination (destFilename).");
+    const std::string refused = format("Error: destination %@ refused: ", destination_);
+    if (destination_.back() == '/') return refused + "it names a folder.";
+
+    ScopedFileIdentity asUser(actor_);
+    // The inputs as the user sees them: the destination may be none of them, and no killed
+    // run's file is ever taken for one.
+    std::vector<std::pair<const Input*, FileId>> seen;
+    for (const auto& input : inputs) {
+        struct stat info {};
+        if (input.path.empty() || ::stat(input.path.c_str(), &info) != 0) continue;
+        seen.emplace_back(&input, FileId{info.st_dev, info.st_ino});
+        inputs_.push_back(seen.back().second);
+    }
+
+    if (folderFd_ < 0) {
+        const int fd = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int err = errno;
+        if (fd < 0) {
+            if (err == ENOENT) return refused + format("its folder %@ does not exist (%@).", folder_, errnoText(err));
+            if (err == ENOTDIR) return refused + format("%@ is not a folder.", folder_);
+            return refused + format("its folder %@ cannot be opened (%@).", folder_, errnoText(err));
+        }
+        std::lock_guard lock(registryMutex());  // a stopping run may look at it from another thread
+        folderFd_ = fd;
+    }
+    struct stat link {};
+    if (::fstatat(folderFd_, name_.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT) return std::nullopt;  // a new file
+        return refused + errnoText(errno) + ".";
+    }
+    struct stat target {};
+    if (::fstatat(folderFd_, name_.c_str(), &target, 0) != 0)
+        return refused + "it is a symbolic link to nothing that can be replaced.";
+    if (S_ISDIR(target.st_mode)) return refused + "it is an existing folder.";
+    for (const auto& [input, id] : seen)
+        if (id == FileId{target.st_dev, target.st_ino})
+            return refused + format("it is the same file as the %s %@.", input->what, input->path);
+    if (!S_ISREG(target.st_mode)) return refused + format("it is %s, not a movie file.", kindOf(target.st_mode));
+    // Renaming over a link would replace the link, not the file it names.
+    if (S_ISLNK(link.st_mode)) return refused + "it is a symbolic link; name the file itself.";
+    return std::nullopt;
+}
+
+std::optional<uint64_t> MovieDestination::freeBytes() const
+{
+    struct statvfs info {};
+    if (folderFd_ < 0 || ::fstatvfs(folderFd_, &info) != 0) return std::nullopt;
+    const uint64_t blocks = info.f_bavail;
+    const uint64_t size = info.f_frsize ? info.f_frsize : info.f_bsize;
+    if (size != 0 && blocks > UINT64_MAX / size) return UINT64_MAX;
+    return blocks * size;
 }
 
 bool MovieDestination::acquire(std::string* problem)
 {
+    ScopedFileIdentity asUser(actor_);
+    const std::string lockPath = (folder_ == "/" ? "/" : folder_ + "/") + lockName_;
     // The lock file may be removed by the run that held it between our open and our flock;
-    // a lock is only ours when the path still names the file we locked.
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        const int fd = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    // a lock is only ours when the name still gives the file we locked.
+    for (int attempt = 0; attempt < 16 && lockFd_ < 0; ++attempt) {
+        bool created = true;
+        int fd = ::openat(folderFd_, lockName_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd < 0 && errno == EEXIST) {
+            // Somebody else's: read-only is enough for flock, and it is never written.
+            created = false;
+            fd = ::openat(folderFd_, lockName_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+            if (fd < 0 && errno == ENOENT) continue;
+        }
         if (fd < 0) {
-            *problem = format("Error: cannot write in the folder of %@: %@.", destination_, errnoText(errno));
+            const int err = errno;
+            *problem = err == ELOOP
+                           ? format("Error: cannot lock %@: %@ is a symbolic link.", destination_, lockPath)
+                           : format("Error: cannot write in the folder of %@: %@.", destination_, errnoText(err));
+            return false;
+        }
+        struct stat held {};
+        if (::fstat(fd, &held) != 0 || !S_ISREG(held.st_mode)) {
+            ::close(fd);
+            *problem = format("Error: cannot lock %@: %@ is not a lock file.", destination_, lockPath);
             return false;
         }
         if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
@@ -163,40 +222,92 @@ bool MovieDestination::acquire(std::string* problem)
             ::close(fd);
             *problem = err == EWOULDBLOCK
                            ? format("Error: another run is writing %@ now; this run stops.", destination_)
-                           : format("Error: cannot lock %@: %@.", lockPath_, errnoText(err));
+                           : format("Error: cannot lock %@: %@.", lockPath, errnoText(err));
             return false;
         }
-        struct stat held {
-        }, named{};
-        if (::fstat(fd, &held) == 0 && ::lstat(lockPath_.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
-            held.st_ino == named.st_ino) {
-            std::lock_guard lock(registryMutex());
-            lockFd_ = fd;
-            if (abandoned) {
-                release();
-                *problem = "Error: the run was stopped before writing began.";
-                return false;
-            }
-            break;
+        const FileId id{held.st_dev, held.st_ino};
+        if (!names(lockName_, id)) {
+            ::close(fd);
+            continue;
         }
-        ::close(fd);
+        bool ours = created;
+        if (created) {
+            [[maybe_unused]] const ssize_t written = ::write(fd, kLockMark, sizeof kLockMark - 1);
+        } else {
+            char mark[sizeof kLockMark] = {};
+            ours = ::pread(fd, mark, sizeof mark, 0) == static_cast<ssize_t>(sizeof kLockMark - 1) &&
+                   std::memcmp(mark, kLockMark, sizeof kLockMark - 1) == 0;
+        }
+        std::lock_guard lock(registryMutex());
+        lockFd_ = fd;
+        lock_ = id;
+        lockIsOurs_ = ours;
+        if (abandoned) {
+            release();
+            *problem = "Error: the run was stopped before writing began.";
+            return false;
+        }
     }
     if (lockFd_ < 0) {
         *problem = format("Error: cannot lock %@: the lock file keeps changing.", destination_);
         return false;
     }
 
-    // Holding the lock, every temporary file of this destination is a killed run's.
-    if (DIR* dir = ::opendir(folder_.c_str())) {
-        while (const dirent* entry = ::readdir(dir)) {
-            if (!isTemporaryNameFor(entry->d_name, name_)) continue;
-            if (looksLikeOurPartialMovie(::dirfd(dir), entry->d_name) &&
-                ::unlinkat(::dirfd(dir), entry->d_name, 0) == 0)
-                ++staleRemoved_;
-        }
+    // Holding the lock, a file with a temporary name of this destination that starts with the
+    // writer's headers is a killed run's, unless it is one of the job's inputs.
+    std::vector<std::string> candidates;
+    const int listFd = ::openat(folderFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (DIR* dir = listFd >= 0 ? ::fdopendir(listFd) : nullptr) {
+        while (const dirent* entry = ::readdir(dir))
+            if (isTemporaryNameFor(entry->d_name, name_)) candidates.emplace_back(entry->d_name);
         ::closedir(dir);
+    } else if (listFd >= 0) {
+        ::close(listFd);
+    }
+    for (const std::string& name : candidates) {
+        const int fd = ::openat(folderFd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) continue;
+        struct stat info {};
+        const bool stale =
+            ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+            std::find(inputs_.begin(), inputs_.end(), FileId{info.st_dev, info.st_ino}) == inputs_.end() &&
+            startsWithWriterHeaders(fd);
+        ::close(fd);
+        if (stale && names(name, {info.st_dev, info.st_ino}) && ::unlinkat(folderFd_, name.c_str(), 0) == 0)
+            ++staleRemoved_;
     }
     return true;
+}
+
+int MovieDestination::createTemporary(corvina::Error* error)
+{
+    ScopedFileIdentity asUser(actor_);
+    // Never over an existing file, nor through a link: a taken name is passed over.
+    const std::string base = name_ + ".incomplete-" + std::to_string(::getpid());
+    for (int n = 0; n < 100; ++n) {
+        const std::string name = n == 0 ? base : base + "-" + std::to_string(n);
+        const int fd = ::openat(folderFd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd < 0 && errno == EEXIST) continue;
+        const std::string shown = (folder_ == "/" ? "/" : folder_ + "/") + name;
+        if (fd < 0) {
+            *error = corvina::Error::fromErrno(errno, "cannot create " + shown);
+            return -1;
+        }
+        struct stat info {};
+        ::fstat(fd, &info);
+        std::lock_guard lock(registryMutex());
+        temporaryName_ = name;
+        temporary_ = {info.st_dev, info.st_ino};
+        if (abandoned) {
+            removeTemporaryLocked();
+            ::close(fd);
+            *error = corvina::Error{"NSPOSIXErrorDomain", ECANCELED, "the run was stopped before writing began"};
+            return -1;
+        }
+        return fd;
+    }
+    *error = corvina::Error{"NSPOSIXErrorDomain", EEXIST, format("every temporary name for %@ is taken", destination_)};
+    return -1;
 }
 
 bool MovieDestination::commit(std::string* problem)
@@ -206,31 +317,43 @@ bool MovieDestination::commit(std::string* problem)
         *problem = "Error: the run was stopped before the movie was put in place.";
         return false;
     }
-    if (::rename(temporary_.c_str(), destination_.c_str()) != 0) {
+    ScopedFileIdentity asUser(actor_);
+    if (!names(temporaryName_, temporary_)) {
+        *problem = format("Error: the temporary movie %@ was replaced by another file; nothing was put in place.",
+                          temporaryPath());
+        return false;
+    }
+    if (::renameat(folderFd_, temporaryName_.c_str(), folderFd_, name_.c_str()) != 0) {
         *problem = format("Error: cannot move the movie into place at %@: %@.", destination_, errnoText(errno));
         return false;
     }
     committed_ = true;
-    const int dirFd = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd >= 0) {
-        ::fsync(dirFd);
-        ::close(dirFd);
-    }
+    ::fsync(folderFd_);
     return true;
 }
 
 void MovieDestination::discard()
 {
     std::lock_guard lock(registryMutex());
-    if (!committed_) ::unlink(temporary_.c_str());
+    withActorOrAnyway(actor_, [this] { removeTemporaryLocked(); });
+}
+
+// Called with registryMutex held: the temporary file goes only while its name still gives the
+// file this run created.
+void MovieDestination::removeTemporaryLocked()
+{
+    if (committed_ || temporaryName_.empty()) return;
+    if (names(temporaryName_, temporary_)) ::unlinkat(folderFd_, temporaryName_.c_str(), 0);
+    temporaryName_.clear();
 }
 
 // Called with registryMutex held.
 void MovieDestination::release()
 {
     if (lockFd_ < 0) return;
-    // Removed while still held: a run that opened it meanwhile sees a changed path and retries.
-    ::unlink(lockPath_.c_str());
+    // Removed while still held: a run that opened it meanwhile sees a changed name and retries.
+    // A lock file that is not this program's stays.
+    if (lockIsOurs_ && names(lockName_, lock_)) ::unlinkat(folderFd_, lockName_.c_str(), 0);
     ::close(lockFd_);
     lockFd_ = -1;
 }
@@ -239,8 +362,9 @@ void MovieDestination::abandonAll()
 {
     std::lock_guard lock(registryMutex());
     abandoned = true;
-    for (MovieDestination* destination : registry()) {
-        if (!destination->committed_) ::unlink(destination->temporary_.c_str());
-        destination->release();
-    }
+    for (MovieDestination* destination : registry())
+        withActorOrAnyway(destination->actor_, [destination] {
+            destination->removeTemporaryLocked();
+            destination->release();
+        });
 }

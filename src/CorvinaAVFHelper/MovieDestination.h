@@ -1,18 +1,36 @@
 // Where a movie is written, and how it gets there without ever destroying anything.
 //
-// The destination is checked before anything is touched: an existing folder, something that
-// is not a regular file, the very file of an input, or a path whose folder does not exist are
-// refused. A run then takes a lock tied to the destination (a hidden ".NAME.lock" file in the
-// destination's folder, held with flock and removed when the run ends), removes temporary
-// files that killed runs left for the same destination, and writes the movie to
-// "NAME.incomplete-PID" beside it. Only a complete, flushed movie is renamed over NAME; until
-// then a previous file there is untouched, and after any failure the temporary file is gone.
+// The destination's folder is opened once and every later step goes through that descriptor
+// (openat, renameat, unlinkat), so a path swapped between a check and its use changes
+// nothing. The destination is checked first: an existing folder, something that is not a
+// regular file, the very file of an input, or a folder that cannot be opened are refused. A
+// run then takes a lock tied to the destination (a hidden ".NAME.lock" file in the folder,
+// held with flock), removes temporary files that killed runs left for the same destination,
+// and writes the movie to a file it creates exclusively, "NAME.incomplete-PID" (or
+// "NAME.incomplete-PID-N" when that name is taken). Only a complete, flushed movie is renamed
+// over NAME; until then a previous file there is untouched, and after any failure the
+// temporary file is gone.
+//
+// Nothing is removed that does not carry this program's mark: the temporary file and the lock
+// file this run created itself (checked to be the same file before each removal), a lock file
+// that holds the lock mark, and a killed run's temporary file that starts with the movie
+// writer's own headers and is none of the job's inputs.
+//
+// With an acting user (a root process working for the console user) every one of these file
+// operations is made with that user's rights, so the run can do nothing the user could not do
+// alone and what it creates belongs to the user.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
+
+#include "Foundation/Error.h"
+#include "Foundation/UserIdentity.h"
 
 class MovieDestination {
 public:
@@ -21,25 +39,33 @@ public:
         std::string path;
     };
 
-    // The line that refuses the destination, or nothing when it may be written.
-    static std::optional<std::string> problem(const std::string& destination, std::span<const Input> inputs);
-    // Bytes an unprivileged writer may still use on the file system that holds the folder.
-    static std::optional<uint64_t> freeBytes(const std::string& folder);
     // The folder a destination path lies in ("." for a bare name).
     static std::string folderOf(const std::string& destination);
     // True for a name that a run writing `destinationName` gives its temporary file.
     static bool isTemporaryNameFor(const std::string& fileName, const std::string& destinationName);
+    // The first bytes of every movie file the writer makes, the mark of a killed run's file.
+    static bool startsWithWriterHeaders(int fd);
 
-    explicit MovieDestination(std::string destination);
+    MovieDestination(std::string destination, std::optional<corvina::UserIdentity> actor);
     ~MovieDestination();
     MovieDestination(const MovieDestination&) = delete;
     MovieDestination& operator=(const MovieDestination&) = delete;
 
+    // Opens the destination's folder and checks the destination in it: the line that refuses
+    // it, or nothing when it may be written. The inputs are remembered, so that no input is
+    // ever taken for a killed run's file.
+    std::optional<std::string> check(std::span<const Input> inputs);
+    // Bytes an unprivileged writer may still use on the destination's file system.
+    std::optional<uint64_t> freeBytes() const;
     // Takes the lock and clears stale temporary files. False with the line that says why
     // (another run is writing this destination, the folder cannot be written).
     bool acquire(std::string* problem);
+    // Creates the temporary file, never over an existing name: a descriptor open for writing
+    // that the caller owns, or -1 with *error set.
+    int createTemporary(corvina::Error* error);
+
     const std::string& path() const { return destination_; }
-    const std::string& temporaryPath() const { return temporary_; }
+    std::string temporaryPath() const;
     int staleFilesRemoved() const { return staleRemoved_; }
 
     // Renames the complete movie over the destination and makes the rename durable.
@@ -53,14 +79,28 @@ public:
     static void abandonAll();
 
 private:
+    struct FileId {
+        dev_t dev = 0;
+        ino_t ino = 0;
+        bool operator==(const FileId&) const = default;
+    };
+    // True when `name` in the folder is (still) the file `id`, links not followed.
+    bool names(const std::string& name, const FileId& id) const;
+    void removeTemporaryLocked();
     void release();
 
     std::string destination_;
     std::string folder_;
     std::string name_;
-    std::string temporary_;
-    std::string lockPath_;
+    std::string lockName_;
+    std::optional<corvina::UserIdentity> actor_;
+    int folderFd_ = -1;
+    std::vector<FileId> inputs_;
+    std::string temporaryName_;
+    FileId temporary_;
     int lockFd_ = -1;
+    FileId lock_;
+    bool lockIsOurs_ = false;
     int staleRemoved_ = 0;
     bool committed_ = false;
 };

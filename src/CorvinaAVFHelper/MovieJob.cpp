@@ -1,10 +1,5 @@
 #include "MovieJob.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -51,10 +46,7 @@ void readScalars(const Value& settings, MovieJob& job)
 
 class XMLJobReader {
 public:
-    XMLJobReader(const char* text, size_t length, void* mapping)
-        : p_(text), begin_(text), end_(text + length), mapping_(mapping)
-    {
-    }
+    XMLJobReader(const char* text, size_t length) : p_(text), begin_(text), end_(text + length) {}
 
     std::optional<MovieJob> read()
     {
@@ -166,7 +158,6 @@ private:
         if (q[-1] == '/' && q - 1 >= p_) tag.empty = true;
         if (tag.closing && tag.empty) return false;
         p_ = q + 1;
-        maybeRelease();
         return true;
     }
 
@@ -546,7 +537,6 @@ private:
         else if (key == "frameCount")
             entry.frameCount = static_cast<int64_t>(value);
         p_ = q;
-        maybeRelease();
         return true;
     }
 
@@ -561,25 +551,9 @@ private:
         table.reserve(table.size() + left / perEntry + 16);
     }
 
-    // Pages of a mapped document that have been read are given back now and then, so that
-    // a large document does not stay resident while the rest of it is read.
-    void maybeRelease()
-    {
-        constexpr size_t kStep = 8u << 20;
-        if (!mapping_ || size_t(p_ - begin_) < released_ + 2 * kStep) return;
-        const size_t page = size_t(::sysconf(_SC_PAGESIZE));
-        const size_t upTo = (size_t(p_ - begin_) - kStep) / page * page;
-        if (upTo > released_) {
-            ::madvise(mapping_, upTo, MADV_DONTNEED);
-            released_ = upTo;
-        }
-    }
-
     const char* p_;
     const char* begin_;
     const char* end_;
-    void* mapping_;
-    size_t released_ = 0;
     std::string text_;
     Value::DictionaryType scalars_;
     MovieJob job_;
@@ -608,45 +582,38 @@ MovieJob MovieJob::fromSettings(const Value& settings)
 
 std::optional<MovieJob> MovieJob::readXMLDocument(const char* text, size_t length)
 {
-    return XMLJobReader(text, length, nullptr).read();
+    return XMLJobReader(text, length).read();
 }
 
 std::optional<MovieJob> MovieJob::readDocument(const std::string& path, Error* error)
 {
-    // Never blocks: a FIFO or a device at the path is left to the property-list reader, which
-    // refuses it with its reason.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd >= 0) {
-        std::optional<MovieJob> job;
-        struct stat info {};
-        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
-            const auto size = static_cast<size_t>(info.st_size);
-            void* mapping = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-            if (mapping != MAP_FAILED) {
-                ::madvise(mapping, size, MADV_SEQUENTIAL);
-                const char* text = static_cast<const char*>(mapping);
-                if (!(size >= 6 && std::memcmp(text, "bplist", 6) == 0)) job = XMLJobReader(text, size, mapping).read();
-                ::munmap(mapping, size);
-            }
-        }
-        ::close(fd);
-        if (job) {
-            job->documentPath = path;
-            return job;
-        }
-    }
+    // Read, never mapped: the person who owns the document may change or truncate it while it
+    // is parsed, and a mapping would turn that into a fatal signal. FIFOs, devices and folders
+    // are refused with their reason, without blocking.
+    const auto bytes = Value::propertyListFileBytes(path, error);
+    if (!bytes) return std::nullopt;
+    auto job = fromDocumentBytes(*bytes, error);
+    if (job) job->documentPath = path;
+    return job;
+}
+
+std::optional<MovieJob> MovieJob::fromDocumentBytes(std::string_view bytes, Error* error)
+{
+    const bool binary = bytes.size() >= 6 && bytes.substr(0, 6) == "bplist";
+    if (!binary)
+        if (auto job = XMLJobReader(bytes.data(), bytes.size()).read()) return job;
     // Binary documents, and whatever the stream reader left alone, take the full reader; its
     // tree lives only until the job is made.
-    std::optional<MovieJob> job;
-    {
-        const auto settings = Value::fromPropertyListFile(path, error);
-        if (!settings) return std::nullopt;
-        if (!settings->asDictionary()) {
-            if (error) *error = Error{"NSCocoaErrorDomain", 3840, "the settings document holds no dictionary"};
-            return std::nullopt;
-        }
-        job = fromSettings(*settings);
+    const auto settings = Value::fromPropertyListData(bytes.data(), bytes.size(), error);
+    if (!settings) return std::nullopt;
+    if (!settings->asDictionary()) {
+        static const char* const kinds[] = {"nothing", "a string", "an integer", "a real number", "a boolean",
+                                            "a date",  "data",     "an array",   "a dictionary"};
+        if (error)
+            *error =
+                Error{"NSCocoaErrorDomain", 3840,
+                      std::string("its root is ") + kinds[static_cast<int>(settings->type())] + ", not a dictionary"};
+        return std::nullopt;
     }
-    job->documentPath = path;
-    return job;
+    return fromSettings(*settings);
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Foundation/Error.h"
@@ -56,10 +57,13 @@ struct MovieJob {
     static MovieJob fromSettings(const corvina::Value& settings);
     // A table of offset entries as the document's arrays hold them.
     static MediaEntryTable entriesFrom(const corvina::Value& array);
-    // Reads a settings document from a file. XML documents are read as a stream, one entry at
-    // a time; binary ones through the property-list reader. Nullopt when the file is missing,
-    // malformed or holds no dictionary.
+    // Reads a settings document from a file: its bytes are copied into memory once, then
+    // parsed. Nullopt when the file is missing, malformed or holds no dictionary, with the
+    // cause in *error.
     static std::optional<MovieJob> readDocument(const std::string& path, corvina::Error* error = nullptr);
+    // The job a document's bytes describe. XML documents are read as a stream, one entry at
+    // a time; binary ones through the property-list reader.
+    static std::optional<MovieJob> fromDocumentBytes(std::string_view bytes, corvina::Error* error = nullptr);
     // The streaming reader alone: nullopt where it cannot be sure of the document (a binary
     // one, dates or data among the values, anything malformed), so that the caller can fall
     // back on the full property-list reader.

@@ -1,5 +1,7 @@
 // The helper's entry point: run the crash check, open the log, read the settings document from the replay path and
 // run one movie writing session; its status is the exit status.
+#include <signal.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +11,7 @@
 
 #include "AppController.h"
 #include "Dispatch/Dispatch.h"
+#include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/SystemLog.h"
@@ -36,14 +39,10 @@ constexpr const char* kUsage =
     "\n"
     "Exit status: 0 when a playable movie was written, 1 otherwise.\n";
 
-// Why a settings document could not be read, in a few words.
-std::string settingsProblem(const std::optional<corvina::Value>& settings, const corvina::Error& error)
-{
-    if (!settings) return error.localizedDescription.empty() ? "unreadable" : error.localizedDescription;
-    const char* kinds[] = {"nothing", "a string", "an integer", "a real number", "a boolean",
-                           "a date",  "data",     "an array",   "a dictionary"};
-    return corvina::format("its root is %s, not a dictionary", kinds[static_cast<int>(settings->type())]);
-}
+// A write beyond the file size limit fails with EFBIG instead of ending the process, so the
+// session takes its full-disk path. A handler rather than SIG_IGN: programs the helper starts
+// get the default action back.
+void onFileSizeLimit(int) {}
 
 }  // namespace
 
@@ -77,6 +76,10 @@ int main(int argc, char** argv)
     TQLog::createNewLog(std::string("CorvinaAVFHelper"));
     TQBugReporter::startBugReporter();
     std::atexit([] { TQBugReporter::stopBugReporter(); });
+    struct sigaction fileSizeLimit {};
+    fileSizeLimit.sa_handler = onFileSizeLimit;
+    sigemptyset(&fileSizeLimit.sa_mask);
+    ::sigaction(SIGXFSZ, &fileSizeLimit, nullptr);
 
     // A stop signal cancels the session; the session then removes its temporary file and
     // returns 1. Should it not end in time, the signal thread ends the process itself.
@@ -107,17 +110,23 @@ int main(int argc, char** argv)
     const auto startedAt = std::chrono::steady_clock::now();
     // The document is read straight into a typed job: its property-list tree never outlives
     // the reading.
+    // As root for the console user, the document is opened with the user's rights; nothing
+    // inside the scope logs or starts a thread, so no other thread takes the identity.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
-    auto job = replayPath ? MovieJob::readDocument(*replayPath) : std::optional<MovieJob>();
+    std::optional<MovieJob> job;
+    std::string cause = "there is no Downloads folder";
+    if (replayPath) {
+        corvina::Error readError;
+        try {
+            corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
+            job = MovieJob::readDocument(*replayPath, &readError);
+        } catch (const corvina::PlatformException& exception) {
+            readError.localizedDescription = exception.reason();
+        }
+        cause = readError.localizedDescription.empty() ? "unreadable" : readError.localizedDescription;
+    }
     if (!job) {
         const std::string path = replayPath.value_or("(no Downloads folder)");
-        std::string cause = "there is no Downloads folder";
-        if (replayPath) {
-            // Read once more as a tree, only to say what is wrong with it.
-            corvina::Error readError;
-            const auto settings = corvina::Value::fromPropertyListFile(*replayPath, &readError);
-            cause = settingsProblem(settings, readError);
-        }
         corvina::systemLog("Unable to open settings dictionary");
         corvina::systemLog(corvina::format("Cannot read the settings document %@: %@", path, cause));
         RunSummary story;

@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <thread>
 
+#include "Foundation/UserIdentity.h"
 #include "HelperRun.h"
 #include "MovieCheck.h"
 #include "SampleBuffer/FormatDescription.h"
@@ -21,7 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Everything below the folders: regular files by content, other things by kind.
+// Everything below the folders: regular files by owner, mode and content, other things by kind.
 using Snapshot = std::map<std::string, std::string>;
 Snapshot snapshot(std::initializer_list<std::string> roots)
 {
@@ -39,8 +41,10 @@ Snapshot snapshot(std::initializer_list<std::string> roots)
                 text.find("/Library/Preferences/CorvinaAVFHelper.plist") != std::string::npos)
                 continue;
             const auto status = fs::symlink_status(path);
+            struct stat info {};
+            ::lstat(path.c_str(), &info);
             if (fs::is_regular_file(status))
-                out[path] = readFile(path);
+                out[path] = std::to_string(info.st_uid) + " " + std::to_string(info.st_mode) + " " + readFile(path);
             else if (fs::is_symlink(status))
                 out[path] = "link to " + fs::read_symlink(path).string();
             else
@@ -81,12 +85,18 @@ protected:
         writeFile(movie, "the previous movie");
         doc = withKey(*made, "destFilename", movie);
     }
-    // Runs the document; the run must fail with `line` and leave every file as it was.
-    void expectRefused(const Value& document, const std::string& line, const std::string& extraRoot = {})
+    // Runs the document (the helper started by `launcher`, when given); the run must fail
+    // with `line` and leave every file as it was.
+    void expectRefused(const Value& document, const std::string& line, const std::string& extraRoot = {},
+                       std::vector<std::string> launcher = {})
     {
         ASSERT_TRUE(home.writeSettings(document));
+        if (user) {
+            ASSERT_EQ(::chown(home.replaySettingsPath().c_str(), user->uid, user->gid), 0);
+        }
         const Snapshot before = snapshot({job.path(), home.path(), extraRoot});
-        const ProcessResult run = home.runHelper();
+        launcher.push_back(helperPath());
+        const ProcessResult run = runProgram(launcher, environment());
         EXPECT_EQ(run.status, 1) << run.err;
         EXPECT_TRUE(logHas(home, line)) << "missing: " << line;
         const Snapshot after = snapshot({job.path(), home.path(), extraRoot});
@@ -98,10 +108,17 @@ protected:
         EXPECT_TRUE(changed.empty()) << "changed:" << changed;
         EXPECT_EQ(home.logEntries().back().rfind("Summary: status 1", 0), 0u) << home.logEntries().back();
     }
+    std::map<std::string, std::string> environment() const
+    {
+        auto env = home.environment();
+        if (user) env["TQ_CONSOLE_USER"] = user->name;
+        return env;
+    }
     HelperHome home;
     TempDir job;
     std::string movie;
     Value doc;
+    std::optional<UserIdentity> user;  // the console user a root run acts for
 };
 
 TEST_F(HostileRun, DestinationsThatWouldDestroyDataAreRefused)
@@ -275,20 +292,33 @@ TEST_F(HostileRun, AnotherRunsLockAndStaleTemporaryFiles)
     expectRefused(doc, "another run is writing " + movie);
     ::close(lock);
 
-    // Killed runs' files go; a user's look-alikes stay.
-    std::string partial(28, '\0');
-    partial.replace(4, 8, "ftypqt  ");
-    partial.replace(20, 8, std::string("\0\0\0\x08wide", 8));
-    writeFile(job / "movie.mov.incomplete-4242", partial + "half a movie");
-    writeFile(job / "movie.mov.incomplete-4343", "");
-    writeFile(job / "movie.mov.incomplete-77", "a user's notes");
-    writeFile(job / "movie.mov.incomplete-x1", partial);
-    ASSERT_TRUE(home.writeSettings(doc));
+    // Killed runs' files (the writer's headers under a temporary name) go. Look-alikes stay:
+    // a user's file, an empty one, one with another name, one of the job's inputs, and a lock
+    // file this program did not make.
+    const std::string partial(
+        "\0\0\0\x14"
+        "ftypqt  \x20\x05\x03\0qt  \0\0\0\x08wide",
+        28);
+    std::string markedAudio = readFile(doc["tmpAudioFilename"].stringValue());
+    markedAudio.replace(0, partial.size(), partial);
+    const std::map<std::string, std::string> planted = {{"movie.mov.incomplete-4242", partial + "half a movie"},
+                                                        {"movie.mov.incomplete-4545-2", partial},
+                                                        {"movie.mov.incomplete-4343", ""},
+                                                        {"movie.mov.incomplete-77", "a user's notes"},
+                                                        {"movie.mov.incomplete-x1", partial},
+                                                        {"movie.mov.incomplete-4646", markedAudio},
+                                                        {".movie.mov.lock", "a user's notes"}};
+    for (const auto& [name, bytes] : planted) writeFile(job / name, bytes);
+    ASSERT_TRUE(home.writeSettings(withKey(doc, "tmpAudioFilename", job / "movie.mov.incomplete-4646")));
     ASSERT_EQ(home.runHelper().status, 0);
     EXPECT_TRUE(logHas(home, "Removed 2 temporary file(s) that an interrupted run left for " + movie));
-    for (const char* name : {"movie.mov.incomplete-4242", "movie.mov.incomplete-4343", ".movie.mov.lock"})
-        EXPECT_FALSE(fs::exists(job / name)) << name;
-    EXPECT_TRUE(fs::exists(job / "movie.mov.incomplete-77") && fs::exists(job / "movie.mov.incomplete-x1"));
+    for (const auto& [name, bytes] : planted) {
+        const bool killedRuns = name.ends_with("4242") || name.ends_with("4545-2");
+        EXPECT_EQ(fs::exists(job / name), !killedRuns) << name;
+        if (!killedRuns) {
+            EXPECT_EQ(readFile(job / name), bytes) << name;
+        }
+    }
     EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
 }
 
@@ -327,6 +357,144 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     EXPECT_EQ(readFile(target), "the previous movie");
     EXPECT_EQ(std::distance(fs::directory_iterator(disk.path()), fs::directory_iterator()), 1);
     EXPECT_TRUE(logHas(home, "No space left on device"));
+
+    // A file size limit below the movie's size ends the run the same way.
+    expectRefused(doc, "File too large", {}, {"prlimit", "--fsize=4000000"});
+}
+
+// The helper as root for a scratch console user, as the main application starts it: it does
+// no more than the user could alone, trusts no name planted beside its files, and what it
+// makes belongs to the user.
+class RootRun : public HostileRun {
+protected:
+    void SetUp() override
+    {
+        if (::getuid() != 0) GTEST_SKIP() << "the helper runs as root for a scratch user only when the tests are root";
+        name_ = "corvt" + std::to_string(::getpid());
+        // Another program may hold the user database for a moment.
+        ProcessResult made;
+        for (int attempt = 0; attempt < 40 && made.status != 0; ++attempt) {
+            if (attempt) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            made = runProgram({"useradd", "--no-create-home", "--home-dir", home.path(), "--shell", "/usr/sbin/nologin",
+                               "--user-group", name_});
+        }
+        ASSERT_EQ(made.status, 0) << made.err;
+        created_ = true;
+        user = UserIdentity::forName(name_);
+        ASSERT_TRUE(user);
+        makeJob();
+        ASSERT_EQ(runProgram({"chown", "-R", name_ + ":", home.path(), job.path()}).status, 0);
+        // Root's things: a readable folder with a copy of the password file and root-only copies
+        // of the job's data, and a root-only folder.
+        ASSERT_EQ(::chmod(vault.path().c_str(), 0755), 0);
+        writeFile(open + "/passwd", readFile("/etc/passwd"), fs::perms(0644));
+        writeFile(open + "/video.dv", readFile(doc["tmpFilename"].stringValue()), fs::perms(0600));
+        writeFile(open + "/audio.pcm", readFile(doc["tmpAudioFilename"].stringValue()), fs::perms(0600));
+        writeFile(closed + "/passwd", readFile("/etc/passwd"), fs::perms(0644));
+        fs::permissions(open, fs::perms(0755));
+        fs::permissions(closed, fs::perms(0700));
+    }
+    void TearDown() override
+    {
+        for (int attempt = 0; created_ && attempt < 40; ++attempt) {
+            if (runProgram({"userdel", name_}).status == 0) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        }
+    }
+    TempDir vault;
+    const std::string open = vault / "open";
+    const std::string closed = vault / "closed";
+    std::string name_;
+    bool created_ = false;
+};
+
+TEST_F(RootRun, NothingBeyondTheUsersOwnRights)
+{
+    fs::create_directory_symlink(closed, home.path() + "/Movies");
+    const std::string movies = home.path() + "/Movies";
+    const struct {
+        const char *name, *key;
+        std::string value, line;
+    } cases[] = {
+        {"a root-owned file", "destFilename", open + "/passwd",
+         "Error: cannot write in the folder of " + open + "/passwd: Permission denied."},
+        {"a root-only folder", "destFilename", closed + "/movie.mov",
+         "its folder " + closed + " cannot be opened (Permission denied)."},
+        {"~/Movies links to a root-only folder", "destFilename", movies + "/movie.mov",
+         "its folder " + movies + " cannot be opened (Permission denied)."},
+        {"root-only video data", "tmpFilename", open + "/video.dv",
+         "Error: cannot read the video data file " + open + "/video.dv: Permission denied"},
+        {"root-only audio data", "tmpAudioFilename", open + "/audio.pcm",
+         "Error: cannot read the audio data file " + open + "/audio.pcm: Permission denied"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        expectRefused(withKey(doc, c.key, c.value), c.line, vault.path());
+    }
+    // A link at the lock's name is never followed.
+    fs::create_symlink(open + "/passwd", job / ".movie.mov.lock");
+    expectRefused(doc, "Error: cannot lock " + movie + ": " + job / ".movie.mov.lock" + " is a symbolic link.",
+                  vault.path());
+    fs::remove(job / ".movie.mov.lock");
+
+    // A settings document only root may read is not read.
+    ASSERT_TRUE(home.writeSettings(doc));
+    ASSERT_EQ(::chmod(home.replaySettingsPath().c_str(), 0600), 0);
+    const ProcessResult run = runProgram({helperPath()}, environment());
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("Cannot read the settings document " + home.replaySettingsPath() + ": Permission denied"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(home.logEntries().back().rfind("Summary: status 1", 0), 0u);
+}
+
+TEST_F(RootRun, NamesPlantedAtTheTemporaryNameAreLeftAlone)
+{
+    // The run's own temporary name (it is the shell's pid, which exec keeps) holds a link to a
+    // root-owned file, or one of the job's inputs: the run passes over the name and writes the
+    // movie as the user.
+    const std::string audio = doc["tmpAudioFilename"].stringValue();
+    const std::string replay = home.replaySettingsPath();
+    const struct {
+        const char* name;
+        std::string plant;
+        Value doc;
+    } cases[] = {
+        {"a link to a root-owned file", "ln -s '" + open + "/passwd' \"$at\"", doc},
+        {"the audio data file",
+         "cp '" + audio + "' \"$at\" && chown " + name_ + ": \"$at\" && sed -i \"s|@AUDIO@|$at|\" '" + replay + "'",
+         withKey(doc, "tmpAudioFilename", "@AUDIO@")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(home.writeSettings(c.doc));
+        const Snapshot before = snapshot({vault.path()});
+        const std::string script = "at='" + job / "movie.mov.incomplete-" + "'$$; " + c.plant + " && chown " + name_ +
+                                   ": '" + replay + "' && exec '" + helperPath() + "'";
+        const ProcessResult run = runProgram({"/bin/sh", "-c", script}, environment());
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(home.logEntries().back().rfind("Summary: status 0", 0), 0u) << home.logEntries().back();
+        EXPECT_TRUE(snapshot({vault.path()}) == before);
+        struct stat info {};
+        ASSERT_EQ(::stat(movie.c_str(), &info), 0);
+        EXPECT_EQ(info.st_uid, user->uid);
+        EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+        ASSERT_EQ(::stat(replay.c_str(), &info), 0);
+        EXPECT_EQ(info.st_uid, user->uid);
+        // What was planted is still there, as it was; nothing of the run's own is left.
+        std::string left;
+        for (const auto& entry : fs::directory_iterator(job.path())) {
+            const std::string file = entry.path().filename();
+            if (file.starts_with("movie.mov.") || file.starts_with(".movie")) left += (left.empty() ? "" : " ") + file;
+        }
+        ASSERT_TRUE(left.starts_with("movie.mov.incomplete-") && left.find(' ') == std::string::npos) << left;
+        const std::string at = job / left;
+        if (fs::is_symlink(at))
+            EXPECT_EQ(fs::read_symlink(at), open + "/passwd");
+        else
+            EXPECT_EQ(readFile(at), readFile(audio));
+        fs::remove(at);
+    }
 }
 
 TEST_F(HostileRun, HelpVersionAndTheSummary)

@@ -2,6 +2,8 @@
 // property-list reader and the settings accessors read it, or leave it to them.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -147,6 +149,20 @@ TEST(MovieJobReader, LargeDocumentsBecomePackedTables)
     EXPECT_EQ(job->audioEntries->back(), (MediaEntry{(kEntries - 1) * 10, 4, 0}));
     EXPECT_EQ((*job->audioEntries)[12345], (MediaEntry{123450, 4, 0}));
     EXPECT_EQ(job->frameTiming().frameDuration, 1001);
+
+    // The document is copied into memory before it is parsed: truncating or rewriting the
+    // file afterwards (as its owner may while a root run reads it) reaches nothing.
+    const auto bytes = Value::propertyListFileBytes(dir / "large.plist");
+    ASSERT_TRUE(bytes);
+    for (const off_t length : {off_t(bytes->size() / 2), off_t(0)}) {
+        ASSERT_EQ(::truncate((dir / "large.plist").c_str(), length), 0);
+        const auto again = MovieJob::fromDocumentBytes(*bytes);
+        ASSERT_TRUE(again);
+        expectSameJob(*again, *job);
+    }
+    Error error;
+    EXPECT_FALSE(MovieJob::readDocument(dir / "large.plist", &error));
+    EXPECT_EQ(error.localizedDescription, "The data is empty.");
 }
 
 // Entries in and around their usual spelling, among enough plain ones for the table to be

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Error.h"
@@ -24,6 +25,12 @@ bool copyItem(const std::string& from, const std::string& to, Error* error = nul
 // Renames an item; fails when something is at the destination. Across file systems the item
 // is copied, and the original removed once the copy is complete.
 bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);
+
+// Replaces the file at path with `bytes`: they go to a new file of a random name beside it
+// (created exclusively, so nothing that is already there is opened) that is flushed and
+// renamed over the path. The file keeps the mode of the one it replaces, else 0666 less the
+// umask. A failure leaves the old file as it was and no new file behind.
+bool writeFileAtomically(const std::string& path, std::string_view bytes);
 
 // Removes an item, a folder with everything in it. A link is removed, never its target.
 bool removeItem(const std::string& path, Error* error = nullptr);

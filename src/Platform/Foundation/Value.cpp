@@ -15,6 +15,7 @@
 #include <fstream>
 #include <limits>
 
+#include "FileOperations.h"
 #include "Format.h"
 #include "StringUtils.h"
 
@@ -795,7 +796,7 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
     return value;
 }
 
-std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error* error)
+std::optional<std::string> Value::propertyListFileBytes(const std::string& path, Error* error)
 {
     // Opened without blocking, so that a FIFO or a device at the path cannot hold us up; only
     // regular files are read.
@@ -842,7 +843,14 @@ std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error*
         bytes.append(buf, static_cast<size_t>(n));
     }
     ::close(fd);
-    return fromPropertyListData(bytes.data(), bytes.size(), error);
+    return bytes;
+}
+
+std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error* error)
+{
+    const auto bytes = propertyListFileBytes(path, error);
+    if (!bytes) return std::nullopt;
+    return fromPropertyListData(bytes->data(), bytes->size(), error);
 }
 
 // ---- writing -------------------------------------------------------------------------------
@@ -911,15 +919,6 @@ plist_t toNode(const Value& v, int depth)
     }
 }
 
-mode_t currentUmask()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8));
-    return 022;
-}
-
 bool writeAll(int fd, const char* data, size_t size)
 {
     while (size > 0) {
@@ -971,28 +970,7 @@ bool Value::writeToFile(const std::string& path, bool atomically) const
         const bool ok = writeAll(fd, xml.data(), xml.size());
         return (::close(fd) == 0) && ok;
     }
-    std::string folder = deletingLastPathComponent(path);
-    if (folder.empty()) folder = ".";
-    std::string temp = appendPathComponent(folder, "." + lastPathComponent(path) + ".XXXXXX");
-    const int fd = mkostemp(temp.data(), O_CLOEXEC);
-    if (fd < 0) return false;
-    // The replacement keeps the mode of the file it replaces, else the usual 0666 & ~umask.
-    struct stat st {};
-    const mode_t mode = ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : (0666 & ~currentUmask());
-    bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, xml.data(), xml.size()) && ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (ok) ok = ::rename(temp.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    // Make the rename itself durable.
-    const int dirfd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirfd >= 0) {
-        ::fsync(dirfd);
-        ::close(dirfd);
-    }
-    return true;
+    return writeFileAtomically(path, xml);
 }
 
 }  // namespace corvina

@@ -92,6 +92,10 @@ public:
     // Reads an XML or binary property list. A missing file, unreadable or malformed data
     // gives nullopt (error, when asked for, says why).
     static std::optional<Value> fromPropertyListFile(const std::string& path, Error* error = nullptr);
+    // The bytes of a property-list file, read (never mapped) into memory: a regular file no
+    // larger than a property list may be; none with *error set otherwise. Later changes to
+    // the file, a truncation included, do not reach the copy.
+    static std::optional<std::string> propertyListFileBytes(const std::string& path, Error* error = nullptr);
     static std::optional<Value> fromPropertyListData(const void* bytes, size_t length, Error* error = nullptr);
     // XML property list text of this value (a none value cannot be written: empty string).
     std::string toXMLPropertyList() const;

@@ -50,6 +50,7 @@ struct TrackState {
 
 struct WriterCore : std::enable_shared_from_this<WriterCore> {
     std::string path;
+    bool ownsName = true;      // false when the caller made the file and keeps its name
     mutable std::mutex mutex;  // state; taken before fileMutex when both are held
     AssetWriterStatus status = AssetWriterStatus::Unknown;
     std::optional<Error> error;
@@ -414,6 +415,28 @@ std::unique_ptr<AssetWriter> AssetWriter::create(const std::string& path, const 
     return writer;
 }
 
+std::unique_ptr<AssetWriter> AssetWriter::createOnDescriptor(int fd, const std::string& path,
+                                                             const std::string& fileType, Error* error)
+{
+    if (fileType != kFileTypeQuickTimeMovie) {
+        ::close(fd);
+        if (error) *error = Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
+        return nullptr;
+    }
+    Error failure;
+    auto file = qt::MovieFile::createOnDescriptor(fd, &failure);
+    if (!file) {
+        if (error) *error = failure;
+        return nullptr;
+    }
+    std::unique_ptr<AssetWriter> writer(new AssetWriter());  // NOLINT: private constructor
+    writer->impl_ = std::make_unique<Impl>();
+    writer->impl_->core->path = path;
+    writer->impl_->core->ownsName = false;
+    writer->impl_->core->file.emplace(std::move(*file));
+    return writer;
+}
+
 AssetWriter::~AssetWriter()
 {
     if (!impl_) return;
@@ -512,7 +535,7 @@ void AssetWriter::cancelWriting()
         std::lock_guard fileLock(core.fileMutex);
         core.file.reset();
     }
-    ::unlink(core.path.c_str());
+    if (core.ownsName) ::unlink(core.path.c_str());
     core.scheduleOthersLocked(nullptr);
 }
 

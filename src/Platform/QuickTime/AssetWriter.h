@@ -67,6 +67,11 @@ public:
     // Null with *error set when the file cannot be created there (missing folder, no rights,
     // an unknown file type); an existing file is an error too, as on the platform.
     static std::unique_ptr<AssetWriter> create(const std::string& path, const std::string& fileType, Error* error);
+    // A writer into an empty file that the caller created and opened for writing (the writer
+    // owns the descriptor from here on); `path` only names it. The file's name stays the
+    // caller's: cancelling closes the file but removes nothing.
+    static std::unique_ptr<AssetWriter> createOnDescriptor(int fd, const std::string& path, const std::string& fileType,
+                                                           Error* error);
     ~AssetWriter();
 
     bool canAddInput(const AssetWriterInput& input) const;

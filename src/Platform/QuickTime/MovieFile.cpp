@@ -44,6 +44,11 @@ std::optional<MovieFile> MovieFile::create(const std::string& path, Error* error
         if (error) *error = posixError(errno, "cannot create " + path);
         return std::nullopt;
     }
+    return createOnDescriptor(fd, error);
+}
+
+std::optional<MovieFile> MovieFile::createOnDescriptor(int fd, Error* error)
+{
     MovieFile file(fd);
     std::vector<uint8_t> headers = fileHeaders();
     Error failure;

@@ -24,6 +24,9 @@ public:
 
     // Creates the file (never replacing one) and writes the headers.
     static std::optional<MovieFile> create(const std::string& path, Error* error);
+    // Writes the headers into an empty file the caller created and opened for writing; the
+    // movie file owns the descriptor from here on, also when it fails.
+    static std::optional<MovieFile> createOnDescriptor(int fd, Error* error);
     MovieFile(MovieFile&& other) noexcept;
     MovieFile& operator=(MovieFile&&) = delete;
     ~MovieFile();
