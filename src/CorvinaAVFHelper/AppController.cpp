@@ -254,8 +254,13 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
         // Without a codec type nothing sensible can be written: the session ends here.
         return fail(format("Error: unknown video format %lld.", job.formatType));
     }
+    // Motion JPEG frames carry their size in their own header, which decoders follow: the
+    // first frame's is taken below, the document's only when that cannot be read.
+    const bool motionJpeg = video->codecType == fourCC("jpeg");
     jobcheck::FrameSize size{video->width, video->height};
-    if (size.width == 0) {
+    if (motionJpeg) {
+        TQLog::appendLog(format("Video format is %s", video->name));
+    } else if (size.width == 0) {
         size = {job.fWidth, job.fHeight};
         TQLog::appendLog(format("Video format is %s %%ix%%i", video->name), static_cast<int>(size.width),
                          static_cast<int>(size.height));
@@ -295,25 +300,31 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
         }
 
         if (auto problem = jobcheck::frameRateProblem(job.frameRate)) return fail(*problem);
-        if (!size.usable()) {
+        if (motionJpeg || !size.usable()) {
             const bool proRes = job.formatType >= kFirstProResFormat && job.formatType <= kLastProResFormat;
             std::optional<jobcheck::FrameSize> fromHeader;
-            if (proRes && videoCount > 0) {
+            if ((motionJpeg || proRes) && videoCount > 0) {
                 std::vector<uint8_t> start;
                 {
                     ScopedFileIdentity asUser(actor_);
-                    start = firstFrameStart(tmpFilename, videoEntries, jobcheck::kProResHeaderBytes);
+                    start = firstFrameStart(tmpFilename, videoEntries,
+                                            motionJpeg ? jobcheck::kJpegHeaderBytes : jobcheck::kProResHeaderBytes);
                 }
-                fromHeader = jobcheck::frameSizeFromProResFrame(start);
+                fromHeader = motionJpeg ? jobcheck::frameSizeFromJpegFrame(start)
+                                        : jobcheck::frameSizeFromProResFrame(start);
             }
-            if (!fromHeader)
+            if (fromHeader) {
+                size = *fromHeader;
+                TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
+                                 static_cast<int>(size.height));
+            } else if (motionJpeg) {
+                size = {job.fWidth, job.fHeight};
+            }
+            if (!size.usable())
                 return fail(
                     format("Error: the frame size of this %s movie is unknown: the document gives none "
                            "(fWidth, fHeight) and the first frame of %@ does not tell it.",
                            video->name, tmpFilename));
-            size = *fromHeader;
-            TQLog::appendLog("Frame size %ix%i read from the first frame", static_cast<int>(size.width),
-                             static_cast<int>(size.height));
             std::lock_guard lock(mutex_);
             summary_.video.format =
                 format("%s %ix%i (%@)", video->name, static_cast<int>(size.width), static_cast<int>(size.height),

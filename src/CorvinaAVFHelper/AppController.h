@@ -36,7 +36,7 @@ struct VideoFormatInfo {
     int64_t formatType;
     const char* name;  // as the log line names it
     corvina::FourCharCode codecType;
-    int32_t width;  // 0: taken from the document's fWidth/fHeight
+    int32_t width;  // 0: taken from the document's fWidth/fHeight, or from the first frame
     int32_t height;
 };
 
@@ -83,6 +83,9 @@ public:
     // Format tables. Null when the code is not in the table.
     static const VideoFormatInfo* videoFormatForType(int64_t formatType);
     static const AudioFormatInfo* audioFormatForCode(int64_t audioFormat);
+    // The code's four characters, most significant byte first, each byte taken as the
+    // character of that number (bytes of 128 and above as U+0080 to U+00FF, in UTF-8).
+    static std::string codecTypeFrom4CC(uint32_t code);
     // A linear PCM description with its channel layout; null (and a log line) on failure.
     corvina::FormatDescriptionRef audioFormatDescriptionForChannels(uint64_t channels, bool stereo, uint64_t bitDepth,
                                                                     uint64_t sampleRate, bool bigEndian);

@@ -15,7 +15,7 @@ constexpr std::array kVideoFormats = {
     VideoFormatInfo{1, "DV PAL", fourCC("dvcp"), 720, 576},
     VideoFormatInfo{2, "DVCPRO50 NTSC", fourCC("dv5n"), 720, 480},
     VideoFormatInfo{3, "DVCPRO50 PAL", fourCC("dv5p"), 720, 576},
-    VideoFormatInfo{4, "Motion JPEG", fourCC("jpeg"), 720, 576},
+    VideoFormatInfo{4, "Motion JPEG", fourCC("jpeg"), 0, 0},  // the size of the first frame's picture
     VideoFormatInfo{10, "DVCPROHD 720p60", fourCC("dvhp"), 1280, 720},
     VideoFormatInfo{11, "DVCPROHD 1080i60", fourCC("dvh6"), 1920, 1080},
     VideoFormatInfo{12, "DVCPROHD 1080i50", fourCC("dvh5"), 1920, 1080},
@@ -64,6 +64,21 @@ const AudioFormatInfo* AppController::audioFormatForCode(int64_t audioFormat)
     for (const auto& row : kAudioFormats)
         if (row.audioFormat == audioFormat) return &row;
     return nullptr;
+}
+
+std::string AppController::codecTypeFrom4CC(uint32_t code)
+{
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const auto byte = static_cast<uint8_t>(code >> shift);
+        if (byte < 0x80) {
+            text += static_cast<char>(byte);
+        } else {
+            text += static_cast<char>(0xC0 | (byte >> 6));
+            text += static_cast<char>(0x80 | (byte & 0x3F));
+        }
+    }
+    return text;
 }
 
 FormatDescriptionRef AppController::audioFormatDescriptionForChannels(uint64_t channels, bool stereo, uint64_t bitDepth,

@@ -48,6 +48,31 @@ std::optional<FrameSize> frameSizeFromProResFrame(std::span<const uint8_t> frame
     return size;
 }
 
+std::optional<FrameSize> frameSizeFromJpegFrame(std::span<const uint8_t> b)
+{
+    if (b.size() < 4 || b[0] != 0xFF || b[1] != 0xD8) return std::nullopt;
+    size_t at = 2;
+    for (;;) {
+        if (at >= b.size() || b[at] != 0xFF) return std::nullopt;
+        while (at < b.size() && b[at] == 0xFF) ++at;  // fill bytes before a marker code
+        if (at >= b.size()) return std::nullopt;
+        const uint8_t marker = b[at++];
+        if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;              // no segment
+        if (marker == 0xD9 || marker == 0xDA || at + 2 > b.size()) return std::nullopt;  // image data, no size
+        const uint16_t length = bigEndian16(b, at);
+        if (length < 2) return std::nullopt;
+        const bool startOfFrame =
+            marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+        if (startOfFrame) {
+            if (length < 7 || at + 7 > b.size()) return std::nullopt;
+            FrameSize size{bigEndian16(b, at + 5), bigEndian16(b, at + 3)};  // precision, height, width
+            if (!size.usable() || size.width > 32767 || size.height > 32767) return std::nullopt;
+            return size;
+        }
+        at += length;
+    }
+}
+
 std::optional<std::string> videoCountsProblem(std::span<const int64_t> frameCounts)
 {
     uint64_t frames = 0;

@@ -28,6 +28,11 @@ struct FrameSize {
 // header with the horizontal and vertical size at bytes 16 and 18), when the bytes hold one.
 std::optional<FrameSize> frameSizeFromProResFrame(std::span<const uint8_t> frameStart);
 inline constexpr size_t kProResHeaderBytes = 20;
+// The frame size in a JPEG frame's start-of-frame segment (any SOFn), found by walking the
+// segments from the start-of-image marker, when the bytes reach it.
+std::optional<FrameSize> frameSizeFromJpegFrame(std::span<const uint8_t> frameStart);
+// Enough for the segments before the start of frame: tables and a few application segments.
+inline constexpr size_t kJpegHeaderBytes = 256 * 1024;
 
 // The video entries' frame counts (a count below 1 counts as 1): refused when the track would
 // hold more frames than a track can.

@@ -99,6 +99,13 @@ void TQAVExport::discardPartial()
 
 void TQAVExport::exportAsset()
 {
+    if (running_) {
+        const Error busy = exportError("An export is already in progress");
+        DispatchQueue::main().async([this, busy] {
+            if (TQAVExportDelegate* d = delegate_.load()) d->avExportFailed(*this, busy);
+        });
+        return;
+    }
     std::optional<Error> error;
     // Whatever is at the output path stays until a complete movie replaces it; only a folder
     // (which a movie cannot replace) stops the export here.
@@ -137,7 +144,7 @@ bool TQAVExport::setupAssetReaderAndAssetWriter(std::optional<Error>* error)
     if (!videoTracks.empty()) {
         const AssetTrackRef& track = videoTracks.front();
         const uint32_t stored = TQAVFoundation::fourCCForTrack(track);
-        video_ = std::make_unique<Track>();
+        video_ = std::make_shared<Track>();
         video_->queue = videoQueue_;
         if (videoFourCC && videoFourCC != stored) {
             VideoOutputSettings settings;
@@ -169,7 +176,7 @@ bool TQAVExport::setupAssetReaderAndAssetWriter(std::optional<Error>* error)
         settings.isFloat = audioFloatingPoint;
         settings.bigEndian = !audioLittleEndian;
         settings.channelLayoutTag = audioLayout;
-        audio_ = std::make_unique<Track>();
+        audio_ = std::make_shared<Track>();
         audio_->queue = audioQueue_;
         audio_->output = AssetReaderTrackOutput::createAudio(audioTracks.front(), settings);
         if (!audio_->output)
@@ -216,6 +223,9 @@ bool TQAVExport::startAssetReaderAndWriter(std::optional<Error>* error)
     group_ = std::make_unique<DispatchGroup>();
     writer_->startSessionAtSourceTime(ranged ? timeRange.start : MediaTime::zero());
     lastPercent_ = std::make_shared<std::atomic<int64_t>>(0);
+    cancelled_ = false;
+    ++runNumber_;
+    running_ = true;
 
     if (audio_) {
         audio_->finished = false;
@@ -263,6 +273,7 @@ void TQAVExport::pump(Track& track, std::atomic<float>& progress)
 
 void TQAVExport::completion()
 {
+    running_ = false;  // a cancel step queued from now on finds nothing to stop
     if (cancelled_) {
         reader_->cancelReading();
         writer_->cancelWriting();
@@ -305,8 +316,10 @@ void TQAVExport::readingAndWritingDidFinishSuccessfully(bool success, const std:
 
 void TQAVExport::cancel()
 {
-    mainQueue_->async([this] {
-        for (Track* track : {audio_.get(), video_.get()}) {
+    if (!running_) return;  // idle: nothing to stop, and the next export must not inherit it
+    mainQueue_->async([this, run = runNumber_.load()] {
+        if (!running_ || runNumber_ != run) return;
+        for (const std::shared_ptr<Track>& track : {audio_, video_}) {
             if (!track || !track->input || track->finished) continue;
             track->queue->async([this, track] {
                 if (track->finish()) {

@@ -5,7 +5,11 @@
 // sample size, byte order, layout and channel count.
 //
 // An export runs on two serial queues (audio and video pumps) and ends with one delegate call
-// on the main queue: avExportFinished (also after cancel) or avExportFailed. Progress is the
+// on the main queue: avExportFinished (also after cancel) or avExportFailed. cancel() stops
+// the export in progress and does nothing to an idle exporter; an export asked for while one
+// is in progress fails at once and leaves the running one alone. A requested video codec is
+// written as asked or the export fails (a DV variant that the frames do not make is refused),
+// and a source that cannot be read to its end fails the export. Progress is the
 // mean of the two tracks, reported on the pumps' queues in whole-percentage steps. The
 // exporter must outlive the export it started (until its delegate hears the end).
 //
@@ -113,6 +117,10 @@ private:
     corvina::AssetRef asset_;
     std::string outputURL_;
     std::atomic<bool> cancelled_{false};
+    // From the start of the pumps until the completion step: cancel() acts only then, and
+    // only on the export that was in progress when it was called.
+    std::atomic<bool> running_{false};
+    std::atomic<uint64_t> runNumber_{0};
     std::atomic<TQAVExportDelegate*> delegate_{nullptr};
     std::atomic<float> audioProgress_{0};
     std::atomic<float> videoProgress_{0};
@@ -123,8 +131,8 @@ private:
     std::unique_ptr<corvina::DispatchGroup> group_;
     std::unique_ptr<corvina::AssetReader> reader_;
     std::unique_ptr<corvina::AssetWriter> writer_;
-    std::unique_ptr<Track> audio_;
-    std::unique_ptr<Track> video_;
+    std::shared_ptr<Track> audio_;
+    std::shared_ptr<Track> video_;
     std::string partialPath_;
     std::shared_ptr<std::atomic<int64_t>> lastPercent_;
     float total_ = 0;

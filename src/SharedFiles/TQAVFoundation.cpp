@@ -239,11 +239,19 @@ std::string TQAVFoundation::codecNameForTrack(const Track& track)
     const auto& formats = track->formatDescriptions();
     if (track->mediaType() == MediaType::Video) {
         if (formats.empty()) return "Unknown codec";
-        const std::string name = formats.front()->extension(kFormatDescriptionExtension_FormatName).value_or("");
-        if (name == "'avc1'") return "H.264 (avc1)";
-        if (name == "ap4x") return "ProRes 4444 XQ";
-        if (name == "hvc1") return "H.265 / HEVC";
-        return name;
+        // Codecs named after their four-character code; the others by the format's own name.
+        struct Named {
+            uint32_t code;
+            const char* name;
+        };
+        static constexpr Named kNamedVideo[] = {{fourCC("avc1"), "H.264 (avc1)"},
+                                                {fourCC("hvc1"), "H.265 / HEVC"},
+                                                {fourCC("hev1"), "H.265 / HEVC"},
+                                                {fourCC("ap4x"), "ProRes 4444 XQ"}};
+        const uint32_t code = formats.front()->mediaSubType();
+        for (const Named& n : kNamedVideo)
+            if (n.code == code) return n.name;
+        return formats.front()->extension(kFormatDescriptionExtension_FormatName).value_or("");
     }
     if (track->mediaType() == MediaType::Audio) {
         if (formats.empty()) return "Unknown codec";
@@ -258,7 +266,8 @@ std::string TQAVFoundation::codecNameForTrack(const Track& track)
 
 // --- Waveform -------------------------------------------------------------------------------
 
-std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Asset& asset, float* normalizeMax)
+std::optional<std::vector<TQAVFoundation::WaveformLevel>> TQAVFoundation::waveformLevelsForAsset(const Asset& asset,
+                                                                                                 uint32_t* bucketFrames)
 {
     const Track audio = firstTrack(asset, MediaType::Audio);
     if (!isReadable(asset) || !audio) return std::nullopt;
@@ -277,37 +286,54 @@ std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Ass
             channels = asbd->mChannelsPerFrame ? asbd->mChannelsPerFrame : 1;
         }
     }
-    const auto bucket = int64_t(std::ceil(double(float(uint32_t(sampleRate))) / 50.0));
+    const auto bucket = std::max<uint32_t>(1, uint32_t(std::ceil(std::clamp(sampleRate, 0.0, 4.0e9) / 50.0)));
+    if (bucketFrames) *bucketFrames = bucket;
 
     reader->startReading();
-    std::vector<float> levels;
-    float maximum = -90.0f;
-    int64_t sum = 0, count = 0;
-    std::vector<uint8_t> scratch;
+    std::vector<WaveformLevel> levels;
+    // A bucket's largest magnitude and sum of squares, carried from one sample buffer to the
+    // next (the converted buffers hold whole frames).
+    int32_t peak = 0;
+    double squares = 0;
+    uint32_t frames = 0;
+    constexpr double kFullScale = 32768.0;
     while (reader->status() == AssetReaderStatus::Reading) {
         const auto sample = output->copyNextSampleBuffer();
         if (!sample || !sample->dataBuffer()) continue;
         const BlockBuffer& data = *sample->dataBuffer();
-        scratch.assign(data.data(), data.data() + data.dataLength());
-        const auto frames = int32_t(scratch.size() / (2 * size_t(channels)));
-        for (int32_t i = 0; i < frames; ++i) {
-            int16_t v;
-            std::memcpy(&v, scratch.data() + size_t(i) * 2 * channels, 2);
-            sum = int64_t(std::trunc(float(sum) + float(v)));
-            if (count < bucket) {
-                ++count;
-                continue;
+        const size_t count = data.dataLength() / (2 * size_t(channels));
+        for (size_t i = 0; i < count; ++i) {
+            for (uint32_t c = 0; c < channels; ++c) {
+                int16_t v;
+                std::memcpy(&v, data.data() + (i * channels + c) * 2, 2);
+                peak = std::max(peak, std::abs(int32_t(v)));
+                squares += double(v) * double(v);
             }
-            ++count;
-            const float level = float(std::abs(int32_t(float(sum / count))));
-            levels.push_back(level);
-            maximum = std::max(maximum, level);
-            sum = count = 0;
+            if (++frames < bucket) continue;
+            levels.push_back(
+                {float(peak / kFullScale), float(std::sqrt(squares / (double(bucket) * channels)) / kFullScale)});
+            peak = 0;
+            squares = 0;
+            frames = 0;
         }
     }
     if (reader->status() != AssetReaderStatus::Completed) return std::nullopt;
-    if (normalizeMax) *normalizeMax = maximum;
     return levels;
+}
+
+std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Asset& asset, float* normalizeMax)
+{
+    const auto levels = waveformLevelsForAsset(asset);
+    if (!levels) return std::nullopt;
+    std::vector<float> peaks;
+    peaks.reserve(levels->size());
+    float maximum = -90.0f;
+    for (const WaveformLevel& level : *levels) {
+        peaks.push_back(level.peak * 32768.0f);
+        maximum = std::max(maximum, peaks.back());
+    }
+    if (normalizeMax) *normalizeMax = maximum;
+    return peaks;
 }
 
 std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Asset& asset)

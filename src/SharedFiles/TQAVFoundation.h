@@ -83,16 +83,27 @@ public:
     // trimmed from both ends: 'aac ' prints as "aac", 0x20202020 as "". Other bytes are
     // escaped as corvina::fourCCText does, so the text is always plain ASCII.
     static std::string fourCCString(uint32_t code);
-    // A display name: "H.264 (avc1)", "Linear PCM", "AAC", the format's own name, "Unknown
-    // codec" or "Unsupported track type".
+    // A display name. Video: "H.264 (avc1)" for 'avc1', "H.265 / HEVC" for 'hvc1' and 'hev1',
+    // "ProRes 4444 XQ" for 'ap4x', else the format's own name ("Motion JPEG", "DV - PAL",
+    // "H.264" for other H.264 codes, ...). Audio: "Linear PCM", "AAC", else the printed code.
+    // "Unknown codec" for a track without a description, "Unsupported track type" for
+    // tracks of other kinds.
     static std::string codecNameForTrack(const Track& track);
 
     // --- Waveform -------------------------------------------------------------------------
 
-    // The absolute mean of the first channel over buckets of (rate / 50, rounded up) + 1
-    // samples, one level per full bucket; none when the asset cannot be read or has no
-    // audio. *normalizeMax (when given) receives the largest level (-90 when there is none)
-    // and is left alone when the result is none.
+    // The loudness of the first audio track, about fifty levels a second: for each full
+    // bucket of (rate / 50, rounded up) frames, the peak and the RMS of its samples over all
+    // channels, 1.0 being full scale (a 16-bit sample of 32768). The samples of a last,
+    // incomplete bucket are dropped. None when the asset cannot be read or has no audio.
+    struct WaveformLevel {
+        float peak = 0;
+        float rms = 0;
+    };
+    static std::optional<std::vector<WaveformLevel>> waveformLevelsForAsset(const Asset& asset,
+                                                                            uint32_t* bucketFrames = nullptr);
+    // The buckets' peaks in 16-bit sample units (0 to 32768). *normalizeMax (when given)
+    // receives the largest (-90 when there is none) and is left alone when the result is none.
     static std::optional<std::vector<float>> waveformDataForAsset(const Asset& asset, float* normalizeMax);
     static std::optional<std::vector<float>> waveformDataForAsset(const Asset& asset);
 };

@@ -1,6 +1,7 @@
 #include "TQTaskEx.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,9 +19,12 @@ using corvina::Process;
 namespace {
 
 // What a run tells its caller: the task before it is launched, and that it was launched.
+// A run with a time-out starts its tool in a process group of its own, which the time-out
+// ends as a whole.
 struct Publish {
     std::function<void(const TQTaskEx::Task&)> task;
     std::function<void()> launched;
+    bool ownGroup = false;
 
     void operator()(const TQTaskEx::Task& t) const
     {
@@ -37,7 +41,7 @@ Publish publishTo(TQTaskEx::Task* out)
     return Publish{[out](const TQTaskEx::Task& t) {
                        if (out) *out = t;
                    },
-                   nullptr};
+                   nullptr, false};
 }
 
 bool isRunnableTool(const std::string& path)
@@ -62,6 +66,7 @@ std::optional<TQTaskEx::Data> runForData(const std::string& path, const TQTaskEx
         task->setEnvironment(environment);
         task->setStandardOutput(logOutput ? Process::Stream::Pipe : Process::Stream::Inherit);
         task->setStandardError(logError ? Process::Stream::Pipe : Process::Stream::Null);
+        task->setStartsProcessGroup(publish.ownGroup);
         task->launch();
         publish.afterLaunch();
         TQTaskEx::Data output;
@@ -89,6 +94,7 @@ bool runForSuccess(const std::string& path, const TQTaskEx::Arguments& args, con
         task->setArguments(args);
         task->setStandardOutput(Process::Stream::Null);
         task->setStandardError(Process::Stream::Null);
+        task->setStartsProcessGroup(publish.ownGroup);
         task->launch();
         publish.afterLaunch();
         task->waitUntilExit();
@@ -110,6 +116,7 @@ int32_t runForStatus(const std::string& path, const TQTaskEx::Arguments& args, c
     task->setArguments(args);
     task->setStandardOutput(Process::Stream::Null);
     task->setStandardError(Process::Stream::Null);
+    task->setStartsProcessGroup(publish.ownGroup);
     publish(task);
     task->launch();  // a launch failure reaches the caller
     publish.afterLaunch();
@@ -152,8 +159,10 @@ std::chrono::seconds wholeSeconds(TQTaskEx::Timeout timeout)
 }  // namespace
 
 // One timer per run: it sleeps for the whole time-out unless cancelled, and then runs the
-// check itself. Cancelling wakes it at once and joins it, so a timer can never reach a later
-// run of the same instance.
+// check itself. Cancelling wakes a sleeping timer at once and joins it, so a timer can never
+// reach a later run of the same instance. Once the check has terminated the tool's group,
+// the timer stays (cancelled or not) until the group is gone, and kills what is left of it
+// after the grace period, so that no process of the run outlives the run.
 class TQTaskEx::TimeoutTimer {
 public:
     TimeoutTimer(TQTaskEx& owner, std::chrono::seconds seconds)
@@ -162,6 +171,20 @@ public:
               if (cv_.wait_for(lock, seconds, [this] { return cancelled_; })) return;
               lock.unlock();
               owner.timeout();
+              // An expiry before the launch reaches the tool when it is launched.
+              Task fired;
+              lock.lock();
+              while (!(fired = owner.firedTask()) && !cancelled_) cv_.wait_for(lock, kPoll);
+              lock.unlock();
+              if (!fired) return;
+              const auto deadline = std::chrono::steady_clock::now() + kTerminationGrace;
+              while (fired->processGroupAlive()) {
+                  if (std::chrono::steady_clock::now() >= deadline) {
+                      fired->signalProcessGroup(SIGKILL);
+                      return;
+                  }
+                  std::this_thread::sleep_for(kPoll);
+              }
           })
     {
     }
@@ -177,6 +200,7 @@ public:
     }
 
 private:
+    static constexpr std::chrono::milliseconds kPoll{20};
     std::mutex mutex_;
     std::condition_variable cv_;
     bool cancelled_ = false;
@@ -195,7 +219,7 @@ auto TQTaskEx::runWithTimeout(Timeout timeout, Run&& run)
     }
     // The timer may expire at any point of the run, even before the task exists or is
     // launched: the expiry is remembered, and the launch looks at it.
-    const Publish publish{[this](const Task& t) { setTheTask(t); }, [this] { taskLaunched(); }};
+    const Publish publish{[this](const Task& t) { setTheTask(t); }, [this] { taskLaunched(); }, true};
     TimeoutTimer timer(*this, wholeSeconds(timeout));
     struct Clear {
         TQTaskEx* self;
@@ -226,10 +250,16 @@ void TQTaskEx::taskLaunched()
 
 void TQTaskEx::terminateIfExpiredLocked()
 {
-    if (!timeoutExpired_ || timeoutFired_ || !theTask_ || !theTask_->isRunning()) return;
+    if (!timeoutExpired_ || timeoutFired_ || !theTask_ || !theTask_->processGroupAlive()) return;
     timeoutFired_ = true;
     TQLog::appendLogAndPrint("Task %@ timed out. Terminating...", theTask_->launchPath());
-    theTask_->terminate();
+    theTask_->signalProcessGroup(SIGTERM);
+}
+
+TQTaskEx::Task TQTaskEx::firedTask() const
+{
+    std::lock_guard lock(taskMutex_);
+    return timeoutFired_ ? theTask_ : nullptr;
 }
 
 TQTaskEx::Task TQTaskEx::theTask() const

@@ -4,8 +4,12 @@
 // and hand its standard output to a chunk handler as it arrives, then one empty chunk.
 //
 // Shorter forms fill the missing arguments with defaults. Time-outs are cut to whole
-// seconds (2.9 s becomes 2 s); a tool still running when its time-out expires is always
-// terminated, even when the time-out (0 s) expires before the tool was launched. An instance
+// seconds (2.9 s becomes 2 s). A run with a time-out starts its tool in a process group of
+// its own; when the time-out expires the whole group is sent the terminate signal, and
+// whatever of it is left after kTerminationGrace is killed, so such a run returns within
+// its time-out and the grace period (even when the time-out (0 s) expires before the tool
+// was launched) and leaves nothing of the tool behind. Its tool must not need the terminal:
+// outside the terminal's foreground group, reading it stops the tool until the time-out. An instance
 // carries one time-out run at a time; the class forms create a fresh instance per call.
 #pragma once
 
@@ -33,6 +37,9 @@ public:
     using Timeout = std::chrono::duration<double>;
 
     enum class Encoding { ASCII = 1, UTF8 = 4 };
+
+    // How long a timed-out tool's group has to end after the terminate signal.
+    static constexpr std::chrono::seconds kTerminationGrace{2};
 
     // The chunk message: a chunk of standard output (empty for the end of output), the
     // instance running the tool, and the client's object (empty when none was given).
@@ -84,7 +91,7 @@ public:
     int32_t terminationCodeFromTaskWithTimeout(const std::string& path, const Arguments& args, Timeout timeout);
 
     // The time-out check: marks the time-out of the run in progress as expired and
-    // terminates its tool, with one log line. A tool launched after the expiry is terminated
+    // terminates its tool's process group, with one log line. A tool launched after the expiry is terminated
     // as soon as it is launched.
     void timeout();
 
@@ -116,6 +123,8 @@ private:
     // Called by the time-out forms once their tool is launched.
     void taskLaunched();
     void terminateIfExpiredLocked();
+    // The task of the run in progress once the time-out has terminated it; else none.
+    Task firedTask() const;
     // The reader thread's body.
     void launchAsyncTask(std::shared_ptr<AsyncRun> run);
     void deliver(Data chunk);

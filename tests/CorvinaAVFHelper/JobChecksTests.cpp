@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "JobChecks.h"
 
@@ -36,6 +37,46 @@ TEST(JobChecks, ProResFrameSizeComesFromTheFrameHeader)
         bad[at] = byte;
         if (at == 16 && byte == 0) bad[17] = 0;
         EXPECT_FALSE(frameSizeFromProResFrame(bad)) << at;
+    }
+}
+
+TEST(JobChecks, JpegFrameSizeComesFromTheStartOfFrame)
+{
+    using Bytes = std::vector<uint8_t>;
+    const Bytes soi = {0xFF, 0xD8};
+    const Bytes app0 = {0xFF, 0xE0, 0x00, 0x06, 'A', 'V', 'I', '1'};
+    const Bytes dqt = {0xFF, 0xDB, 0x00, 0x03, 0x00};
+    const auto sof = [](uint8_t marker, uint16_t w, uint16_t h) {
+        return Bytes{0xFF, marker, 0x00, 0x11, 8, uint8_t(h >> 8), uint8_t(h), uint8_t(w >> 8), uint8_t(w), 3};
+    };
+    const auto cat = [](std::initializer_list<Bytes> parts) {
+        Bytes all;
+        for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+        return all;
+    };
+    Bytes cutShort = cat({soi, sof(0xC0, 16, 16)});
+    cutShort.resize(cutShort.size() - 3);
+    struct Case {
+        const char* name;
+        Bytes bytes;
+        int width, height;  // 0: none
+    } cases[] = {
+        {"baseline after tables", cat({soi, app0, dqt, sof(0xC0, 1280, 720)}), 1280, 720},
+        {"progressive, fill bytes", cat({soi, {0xFF, 0xFF}, sof(0xC2, 320, 240)}), 320, 240},
+        {"restart marker skipped", cat({soi, {0xFF, 0xD0}, sof(0xC1, 64, 48)}), 64, 48},
+        {"Huffman tables are not a frame", cat({soi, {0xFF, 0xC4, 0x00, 0x02}, sof(0xC0, 16, 16)}), 16, 16},
+        {"scan before any frame", cat({soi, {0xFF, 0xDA, 0x00, 0x02}, sof(0xC0, 16, 16)}), 0, 0},
+        {"not a JPEG", cat({{0xFF, 0xD9}, sof(0xC0, 16, 16)}), 0, 0},
+        {"cut inside the frame header", cutShort, 0, 0},
+        {"segment running past the bytes", cat({soi, {0xFF, 0xE1, 0xFF, 0xF0}, sof(0xC0, 16, 16)}), 0, 0},
+        {"zero height", cat({soi, sof(0xC0, 16, 0)}), 0, 0},
+        {"width beyond 32767", cat({soi, sof(0xC0, 40000, 16)}), 0, 0},
+        {"garbage between segments", cat({soi, dqt, {0x00}, sof(0xC0, 16, 16)}), 0, 0},
+    };
+    for (const Case& c : cases) {
+        const auto size = frameSizeFromJpegFrame(c.bytes);
+        EXPECT_EQ(size ? size->width : 0, c.width) << c.name;
+        EXPECT_EQ(size ? size->height : 0, c.height) << c.name;
     }
 }
 

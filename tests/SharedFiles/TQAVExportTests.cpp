@@ -202,32 +202,72 @@ TEST(TQAVExportTest, CancelKeepsWhatWasThere)
 TEST(TQAVExportTest, FailuresReachTheDelegateOnTheMainQueue)
 {
     TempDir dir;
+    TempDir sources;
     const std::string mpeg4 = source("mpeg4.mp4", "testsrc=s=64x48:r=25:d=0.2", {"-c:v", "mpeg4"});
+    const std::string pal =
+        source("pal.avi", "testsrc=s=720x576:r=25:d=0.2", {"-c:v", "rawvideo", "-pix_fmt", "yuv420p"});
+    // A movie cut short: its sample tables (at the front) promise more than the file holds.
+    const std::string whole =
+        source("whole.mov", "testsrc=s=64x48:r=25:d=1",
+               {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-movflags", "faststart"}, constantAudio({1000}, 48000, 1));
+    const std::string cut = sources / "cut.mov";
+    writeFile(cut, readFile(whole).substr(0, std::filesystem::file_size(whole) * 6 / 10));
     struct Case {
         AssetRef asset;
         std::string output;
         int64_t audioCodec;
+        uint32_t videoFourCC;
         const char* words;
+        bool beforeAnySample;
     };
     const Case cases[] = {
-        {Asset::assetWithPath(dir / "missing.mov"), dir / "a.mov", 1819304813, "missing.mov"},
-        {Asset::assetWithPath(mpeg4), dir / "b.mov", 1819304813, "cannot be copied unchanged"},
-        {Asset::assetWithPath(mpeg4), dir.path(), 1819304813, ""},  // a folder is never replaced
+        {Asset::assetWithPath(dir / "missing.mov"), dir / "a.mov", 1819304813, 0, "missing.mov", true},
+        {Asset::assetWithPath(mpeg4), dir / "b.mov", 1819304813, 0, "cannot be copied unchanged", true},
+        {Asset::assetWithPath(mpeg4), dir.path(), 1819304813, 0, "", true},  // a folder is never replaced
         {Asset::assetWithPath(source("aac.mp4", "testsrc=s=64x48:r=25:d=0.2", {"-c:v", "mjpeg", "-c:a", "aac"},
                                      constantAudio({1}, 48000, 0.2))),
-         dir / "c.mov", 0x61616320, "linear PCM"},
+         dir / "c.mov", 0x61616320, 0, "linear PCM", true},
+        // PAL frames make 'dvcp', never the NTSC 'dvc ' asked for.
+        {Asset::assetWithPath(pal), dir / "d.mov", 1819304813, fourCC("dvc "), "not the requested 'dvc '", false},
+        {Asset::assetWithPath(cut), dir / "e.mov", 1819304813, 0, "cut.mov", false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.output);
         Export e(c.asset, c.output);
         e.exporter.audioCodec = c.audioCodec;
+        e.exporter.videoFourCC = c.videoFourCC;
         ASSERT_TRUE(e.run());
         EXPECT_TRUE(e.recorder.failed);
         EXPECT_TRUE(e.recorder.endedOnMainThread);
-        EXPECT_TRUE(e.recorder.progress.empty());
+        if (c.beforeAnySample) {
+            EXPECT_TRUE(e.recorder.progress.empty());
+        }
         ASSERT_TRUE(e.recorder.error);
         EXPECT_NE(e.why().find(c.words), std::string::npos) << e.why();
     }
     EXPECT_TRUE(std::filesystem::is_directory(dir.path()));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);
+}
+
+// cancel() on an idle exporter stops nothing, so the exports after it run to their end.
+TEST(TQAVExportTest, CancelWhileIdleLeavesTheNextExportAlone)
+{
+    const std::string input = source("idle.mov", "testsrc=s=64x48:r=25:d=0.4", {"-c:v", "mjpeg", "-c:a", "pcm_s16le"},
+                                     constantAudio({100}, 48000, 0.4));
+    TempDir dir;
+    Recorder recorder;
+    TQAVExport exporter;
+    exporter.setAsset(Asset::assetWithPath(input));
+    exporter.setDelegate(&recorder);
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        recorder.ended = false;
+        exporter.cancel();  // before the first export, then after each finished one
+        exporter.setOutputURL(dir / ("out" + std::to_string(round) + ".mov"));
+        exporter.exportAsset();
+        ASSERT_TRUE(recorder.wait());
+        EXPECT_TRUE(recorder.finished) << (recorder.error ? recorder.error->localizedDescription : "");
+        EXPECT_TRUE(std::filesystem::exists(dir / ("out" + std::to_string(round) + ".mov")));
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 3);  // no partial movie left
 }

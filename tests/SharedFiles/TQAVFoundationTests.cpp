@@ -1,8 +1,11 @@
 // Asset timing, timecode tracks, codec names and waveforms, on movies made by ffmpeg.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include "TestSupport.h"
 #include "MovieCheck.h"
@@ -126,36 +129,61 @@ TEST(TQAVFoundationTest, FourCharacterCodesAndCodecNames)
     EXPECT_EQ(TQAVFoundation::fourCCString(0x61E95C0A), "a\\xE9\\\\\\x0A");
     EXPECT_EQ(TQAVFoundation::fourCCString(0), "\\x00\\x00\\x00\\x00");
 
-    const AssetRef asset =
-        movie("codecs.mov", join({lavfi("testsrc=s=64x48:r=30000/1001:d=0.1"),
-                                  lavfi(constantAudio({1}, 48000, 0.1)),
-                                  {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:00:00;00"}}));
-    const AssetRef aac = movie("codecs.mp4", join({lavfi(constantAudio({1}, 48000, 0.1)), {"-c:a", "aac"}}));
-    const auto first = [](const AssetRef& a, MediaType t) { return a->tracksWithMediaType(t).at(0); };
-    EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Video)), "Motion JPEG");
-    EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Audio)), "Linear PCM");
-    EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(asset, MediaType::Timecode)), "Unsupported track type");
-    EXPECT_EQ(TQAVFoundation::fourCCForTrack(first(asset, MediaType::Timecode)), fourCC("tmcd"));
-    EXPECT_EQ(TQAVFoundation::codecNameForTrack(first(aac, MediaType::Audio)), "AAC");
+    // Every row of the name table, from movies that carry those codes.
+    const auto picture = lavfi("testsrc=s=64x48:r=30000/1001:d=0.1");
+    const auto sound = lavfi(constantAudio({1}, 48000, 0.1));
+    struct Case {
+        const char* name;
+        std::vector<std::string> arguments;
+        MediaType type;
+        const char* expected;
+    } cases[] = {
+        {"codecs.mov", join({picture, sound, {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:00:00;00"}}),
+         MediaType::Video, "Motion JPEG"},
+        {"codecs.mov", {}, MediaType::Audio, "Linear PCM"},
+        {"codecs.mov", {}, MediaType::Timecode, "Unsupported track type"},
+        {"codecs.mp4", join({sound, {"-c:a", "aac"}}), MediaType::Audio, "AAC"},
+        {"alac.mov", join({sound, {"-c:a", "alac"}}), MediaType::Audio, "alac"},
+        {"avc1.mp4", join({picture, {"-c:v", "libx264", "-pix_fmt", "yuv420p"}}), MediaType::Video, "H.264 (avc1)"},
+        {"hev1.mp4", join({picture, {"-c:v", "libx265", "-x265-params", "log-level=none"}}), MediaType::Video,
+         "H.265 / HEVC"},
+        {"hvc1.mp4", join({picture, {"-c:v", "libx265", "-x265-params", "log-level=none", "-tag:v", "hvc1"}}),
+         MediaType::Video, "H.265 / HEVC"},
+        {"ap4x.mov", join({picture, {"-c:v", "prores_ks", "-profile:v", "5", "-pix_fmt", "yuv444p10le"}}),
+         MediaType::Video, "ProRes 4444 XQ"},
+        {"dv.mov", join({lavfi("testsrc=s=720x576:r=25:d=0.1"), {"-c:v", "dvvideo", "-pix_fmt", "yuv420p"}}),
+         MediaType::Video, "DV - PAL"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const AssetRef asset = movie(c.name, c.arguments);
+        const auto tracks = asset->tracksWithMediaType(c.type);
+        ASSERT_FALSE(tracks.empty());
+        EXPECT_EQ(TQAVFoundation::codecNameForTrack(tracks.front()), c.expected);
+    }
+    EXPECT_EQ(TQAVFoundation::fourCCForTrack(movie("codecs.mov", {})->tracksWithMediaType(MediaType::Timecode).at(0)),
+              fourCC("tmcd"));
     EXPECT_EQ(TQAVFoundation::fourCCForTrack(nullptr), 0u);
 }
 
 TEST(TQAVFoundationTest, WaveformLevels)
 {
+    // Peaks and RMS over all channels, 1.0 full scale, in buckets of rate / 50 frames.
     struct Case {
         const char* name;
         std::vector<int> channels;
         int rate;
         const char* codec;
         size_t levels;
-        float level;
+        float peak, rms;
     };
     const Case cases[] = {
-        {"w1000.mov", {1000}, 48000, "pcm_s16le", 49, 1000},  // 48000 / 961, the last 911 dropped
-        {"wneg.mov", {-1000}, 48000, "pcm_s16be", 49, 1000},
-        {"wstereo.mov", {1000, -30000}, 44100, "pcm_s16le", 49, 1000},  // 44100 / 883
-        {"w6.avi", {-250, 9, 9, 9, 9, 9}, 48000, "pcm_s16le", 49, 250},
-        {"wshort.mov", {1000}, 48000, "pcm_s16le", 0, 0},  // less than one bucket
+        {"w1000.mov", {1000}, 48000, "pcm_s16le", 50, 1000, 1000},
+        {"wneg.mov", {-1000}, 48000, "pcm_s16be", 50, 1000, 1000},
+        {"wstereo.mov", {1000, -30000}, 44100, "pcm_s16le", 50, 30000, 21225.0f},  // 44100 / 882
+        {"wright.mov", {0, 8000}, 32000, "pcm_s16le", 50, 8000, 5656.85f},         // the right channel alone
+        {"w6.avi", {-250, 9, 9, 9, 9, 9}, 48000, "pcm_s16le", 50, 250, 102.3f},
+        {"wshort.mov", {1000}, 48000, "pcm_s16le", 0, 0, 0},  // less than one bucket
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -163,11 +191,17 @@ TEST(TQAVFoundationTest, WaveformLevels)
         const AssetRef asset =
             movie(c.name, join({lavfi(constantAudio(c.channels, c.rate, seconds)), {"-c:a", c.codec}}));
         float maximum = 7;
-        const auto levels = TQAVFoundation::waveformDataForAsset(asset, &maximum);
-        ASSERT_TRUE(levels);
-        EXPECT_EQ(levels->size(), c.levels);
-        for (float level : *levels) ASSERT_EQ(level, c.level);
-        EXPECT_EQ(maximum, c.levels ? c.level : -90.0f);
+        const auto peaks = TQAVFoundation::waveformDataForAsset(asset, &maximum);
+        const auto levels = TQAVFoundation::waveformLevelsForAsset(asset);
+        ASSERT_TRUE(peaks && levels);
+        ASSERT_EQ(peaks->size(), c.levels);
+        ASSERT_EQ(levels->size(), c.levels);
+        for (size_t i = 0; i < c.levels; ++i) {
+            ASSERT_EQ((*peaks)[i], c.peak);
+            ASSERT_NEAR((*levels)[i].peak * 32768, c.peak, 0.01);
+            ASSERT_NEAR((*levels)[i].rms * 32768, c.rms, 0.5);
+        }
+        EXPECT_EQ(maximum, c.levels ? c.peak : -90.0f);
     }
     // Nothing to read: none, and the caller's maximum stays.
     float maximum = 7;
@@ -177,28 +211,83 @@ TEST(TQAVFoundationTest, WaveformLevels)
     EXPECT_EQ(maximum, 7);
 }
 
+namespace {
+
+// The levels in dBFS that ffmpeg's own statistics give for each bucket of `frames` frames.
+std::vector<std::pair<double, double>> astatsPeakAndRms(const std::string& movie, uint32_t frames)
+{
+    TempDir dir;
+    const std::string out = dir / "stats.txt";
+    const ProcessResult run = runProgram({"ffmpeg", "-v", "error", "-i", movie, "-map", "0:a", "-af",
+                                          "aformat=sample_fmts=s16,asetnsamples=n=" + std::to_string(frames) +
+                                              ":p=0,astats=metadata=1:reset=1,ametadata=mode=print:file=" + out,
+                                          "-f", "null", "-"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    std::vector<std::pair<double, double>> levels;
+    std::istringstream lines(readFile(out));
+    for (std::string line; std::getline(lines, line);) {
+        const auto value = [&](const char* key) { return std::stod(line.substr(std::strlen(key))); };
+        if (line.rfind("lavfi.astats.Overall.Peak_level=", 0) == 0)
+            levels.push_back({value("lavfi.astats.Overall.Peak_level="), 0});
+        if (line.rfind("lavfi.astats.Overall.RMS_level=", 0) == 0)
+            levels.back().second = value("lavfi.astats.Overall.RMS_level=");
+    }
+    return levels;
+}
+
+}  // namespace
+
 TEST(TQAVFoundationTest, WaveformPictureTool)
 {
     const std::string tool = std::string(CORVINA_BINARY_DIR) + "/tools/waveform_png/waveform_png";
     TempDir dir;
+    // 1 kHz: quiet (peak 2048), loud, 20 dB below the loud part, then on the right channel only.
+    const std::string tone = "sin(2*PI*1000*t)";
+    const std::string left = "if(lt(t,1),0.0625,if(lt(t,2),0.9,if(lt(t,3),0.09,0)))*" + tone;
+    const std::string right = "if(lt(t,3)," + left + ",0.5*" + tone + ")";
     const std::string withAudio =
-        makeTestMovie("picture.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.5"),
-                                           lavfi(constantAudio({3000}, 48000, 0.5)),
+        makeTestMovie("picture.mov", join({lavfi("testsrc=s=64x48:r=25:d=4"),
+                                           lavfi("aevalsrc=exprs='" + left + "|" + right + "':s=48000:d=4"),
                                            {"-c:v", "mjpeg", "-c:a", "pcm_s16le", "-timecode", "00:59:59:24"}}));
-    ProcessResult run = runProgram({tool, withAudio, dir / "w.png", "--width", "300", "--height", "100"});
+    uint32_t frames = 0;
+    ASSERT_TRUE(TQAVFoundation::waveformLevelsForAsset(Asset::assetWithPath(withAudio), &frames));
+    const auto expected = astatsPeakAndRms(withAudio, frames);
+    ASSERT_EQ(expected.size(), 200u);
+
+    // One bucket a column, on the dBFS axis: -60 dBFS at the middle line, 0 dBFS 49 pixels away.
+    const int width = 200, height = 100, middle = height / 2;
+    ProcessResult run = runProgram(
+        {tool, withAudio, dir / "w.png", "--width", std::to_string(width), "--height", std::to_string(height)});
     ASSERT_EQ(run.status, 0) << run.err;
-    const auto png = readBytes(dir / "w.png");
-    ASSERT_GT(png.size(), 8u);
-    EXPECT_EQ(std::vector<uint8_t>(png.begin(), png.begin() + 8),
-              std::vector<uint8_t>({0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}));
     const auto streams = ffprobeStreams(dir / "w.png");
     ASSERT_EQ(streams.size(), 1u);
-    EXPECT_EQ(streams[0].at("width"), "300");
+    EXPECT_EQ(streams[0].at("width"), "200");
     EXPECT_EQ(streams[0].at("height"), "124");  // the picture and the timecode row
+    run = runProgram({"ffmpeg", "-v", "error", "-i", dir / "w.png", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    ASSERT_EQ(run.out.size(), size_t(width) * 124 * 3);
+    const auto pixel = [&](int x, int y) { return &run.out[(size_t(y) * width + size_t(x)) * 3]; };
+    const auto reach = [&](double db) {
+        return std::clamp(int(std::lround((db + 60) / 60 * (middle - 1))), 0, middle - 1);
+    };
+    for (int x = 0; x < width; ++x) {
+        SCOPED_TRACE(x);
+        int drawn = 0, bright = 0;  // pixels above the middle line: peak (all), RMS (the bright ones)
+        for (int y = middle - 1; y >= 0; --y) {
+            const char* p = pixel(x, y);
+            if (uint8_t(p[0]) == 24 && uint8_t(p[1]) == 24) continue;
+            ++drawn;
+            bright += uint8_t(p[0]) > 100;
+        }
+        EXPECT_NEAR(drawn, reach(expected[size_t(x)].first), 1);
+        EXPECT_NEAR(bright, reach(expected[size_t(x)].second), 1);
+    }
+    // The passage 20 dB down still shows, about a third of the scale below the loud one.
+    EXPECT_NEAR(reach(expected[120].first), reach(expected[60].first) - 16, 1);
 
     run = runProgram({tool, makeTestMovie("silent.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.1"), {"-c:v", "mjpeg"}})),
                       dir / "none.png"});
     EXPECT_EQ(run.status, 1);
     EXPECT_FALSE(std::filesystem::exists(dir / "none.png"));
     EXPECT_EQ(runProgram({tool, withAudio}).status, 2);
+    EXPECT_EQ(runProgram({tool, withAudio, dir / "x.png", "--scale", "loud"}).status, 2);
 }

@@ -322,6 +322,30 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
     EXPECT_TRUE(stored().boolValue());
 }
 
+// The dialog program itself, pointed at a display that nobody serves: its failure is no
+// answer, so neither the question nor the timed alert may take it for the alternate button.
+TEST(TQAlertPresenters, DialogOnADeadDisplayFallsBackToNobody)
+{
+    if (!corvina::isExecutablePath("/usr/bin/zenity")) GTEST_SKIP() << "zenity is not installed";
+    TempDir dir;
+    const std::string wrapper = dir / "zenity";
+    writeFile(wrapper, "#!/bin/sh\nexec env DISPLAY=:187 NO_AT_BRIDGE=1 /usr/bin/zenity \"$@\"\n",
+              fs::perms::owner_all);
+    PresenterScope scope(corvina::makeDialogAlertPresenter(wrapper, corvina::makeHeadlessAlertPresenter()));
+    for (const bool timed : {false, true}) {
+        SCOPED_TRACE(timed ? "timed" : "question");
+        corvina::ScopedSystemLogCapture capture;
+        const int64_t code =
+            timed ? TQAlert::timedAlertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
+                                                            nullptr, std::chrono::seconds(5))
+                  : TQAlert::alertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
+                                                       nullptr, true);
+        EXPECT_EQ(code, corvina::kAlertDefaultReturn);
+        EXPECT_THAT(capture.messages(), Contains(testing::StartsWith("Alert dialog cannot be shown: ")));
+        EXPECT_THAT(capture.messages(), Contains("Alert: Replace the movie?"));
+    }
+}
+
 TEST(TQAlertChild, DISABLED_AsksOnTheTerminal)
 {
     reportResult(TQAlert::alertSheetWithMessageText("Keep the partial movie?", "Keep", "Discard", nullptr,

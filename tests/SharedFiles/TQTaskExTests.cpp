@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -112,6 +113,51 @@ TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
     EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
     TQLog::finishWriting();
     EXPECT_EQ(std::ranges::count(logEntries(childLogPath()), "Task /bin/sh timed out. Terminating..."), 1);
+}
+
+TEST(TQTaskExTimeoutConcurrency, EndsTheToolsWholeGroupWithinTheGracePeriod)
+{
+    // Each tool leaves work to a process of its own; a time-out of 1 s must end that process
+    // as well, killing it after the grace period when it ignores the terminate signal.
+    using Clock = std::chrono::steady_clock;
+    const double latest = 1.0 + double(TQTaskEx::kTerminationGrace.count()) + 1.0;
+    struct Case {
+        const char* script;
+        int form;  // 0 data, 1 success, 2 exit status
+        double atLeast;
+    } cases[] = {
+        {"sleep 8; echo late", 0, 0.9},
+        {"sleep 8 & echo $!; wait", 0, 0.9},
+        {"(trap '' TERM; exec sleep 8) & echo $!", 0, 2.9},  // the tool itself is long gone
+        {"trap '' TERM; sleep 8", 1, 2.9},
+        {"sleep 8 & echo $! > \"$0\"; wait", 2, 0.9},
+    };
+    TempDir dir;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.script);
+        const std::string pidFile = dir / "pid";
+        std::filesystem::remove(pidFile);
+        const TQTaskEx::Arguments args = {"-c", c.script, pidFile};
+        const TQTaskEx::Timeout timeout(1.0);
+        const auto start = Clock::now();
+        std::string printed;
+        if (c.form == 0) printed = asText(TQTaskEx::dataFromTask("/bin/sh", args, timeout));
+        if (c.form == 1) TQTaskEx::runTask("/bin/sh", args, timeout);
+        if (c.form == 2) {
+            EXPECT_NE(TQTaskEx::terminationCodeFromTask("/bin/sh", args, timeout), 0);
+        }
+        const double took = std::chrono::duration<double>(Clock::now() - start).count();
+        EXPECT_GE(took, c.atLeast);
+        EXPECT_LT(took, latest);
+        EXPECT_EQ(printed.find("late"), std::string::npos);
+        // The grandchild is gone (or a zombie waiting for whoever adopted it).
+        if (c.form == 2) printed = readFile(pidFile);
+        const std::string pid = printed.substr(0, printed.find('\n'));
+        if (pid.empty()) continue;
+        const std::string stat = readFile("/proc/" + pid + "/stat");
+        const auto close = stat.rfind(')');
+        EXPECT_TRUE(stat.empty() || (close != std::string::npos && stat.substr(close + 2, 1) == "Z")) << stat;
+    }
 }
 
 TEST(TQTaskExTimeoutConcurrency, EarlierRunsTimerNeverReachesALaterRun)

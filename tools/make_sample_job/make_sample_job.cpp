@@ -96,7 +96,7 @@ constexpr VideoRow kVideoRows[] = {
     {1, "DV PAL", "dvvideo", 720, 576, 720, 576, AV_PIX_FMT_YUV420P, {25, 1}, -1},
     {2, "DVCPRO50 NTSC", "dvvideo", 720, 480, 720, 480, AV_PIX_FMT_YUV422P, {30000, 1001}, -1},
     {3, "DVCPRO50 PAL", "dvvideo", 720, 576, 720, 576, AV_PIX_FMT_YUV422P, {25, 1}, -1},
-    {4, "Motion JPEG", "mjpeg", 720, 576, 720, 576, AV_PIX_FMT_YUVJ422P, {25, 1}, -1},
+    {4, "Motion JPEG", "mjpeg", 0, 0, 0, 0, AV_PIX_FMT_YUVJ422P, {25, 1}, -1},
     {10, "DVCPROHD 720p60", "dvvideo", 960, 720, 1280, 720, AV_PIX_FMT_YUV422P, {60000, 1001}, -1},
     {11, "DVCPROHD 1080i60", "dvvideo", 1280, 1080, 1920, 1080, AV_PIX_FMT_YUV422P, {30000, 1001}, -1},
     {12, "DVCPROHD 1080i50", "dvvideo", 1440, 1080, 1920, 1080, AV_PIX_FMT_YUV422P, {25, 1}, -1},

@@ -1,11 +1,17 @@
 // waveform_png: draws the waveform of a movie's first audio track as a PNG picture, with the
 // timecode of the movie's start and end written under it.
 //
-//   waveform_png MOVIE OUT.png [--width W] [--height H]
+//   waveform_png MOVIE OUT.png [--width W] [--height H] [--scale dbfs|linear]
+//
+// Each column shows the peak (light) and the RMS (bright, inside it) of the audio it covers,
+// over all channels, mirrored about the middle line, on a fixed axis: from -60 dBFS at the
+// middle line to 0 dBFS at the edge (dbfs, the default), or from silence to full scale in
+// proportion to the level (linear). Quiet audio therefore looks quiet.
 //
 // Exit status: 0 written, 1 the movie has no readable audio or the picture cannot be written,
 // 2 bad arguments.
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -95,27 +101,44 @@ bool writePNG(const Picture& picture, const std::string& path)
     return written;
 }
 
+constexpr double kFloorDb = -60.0;
+
+// Pixels from the middle line for a level (1.0 full scale) on the chosen axis.
+int reachFor(double level, bool linear, int maxReach)
+{
+    double fraction = 0;
+    if (linear) {
+        fraction = level;
+    } else if (level > 0) {
+        fraction = (20.0 * std::log10(level) - kFloorDb) / -kFloorDb;
+    }
+    return int(std::lround(std::clamp(fraction, 0.0, 1.0) * maxReach));
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     std::vector<std::string> positional;
     int width = 800, height = 200;
+    std::string scale = "dbfs";
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if ((a == "--width" || a == "--height") && i + 1 < argc) {
             (a == "--width" ? width : height) = std::atoi(argv[++i]);
+        } else if (a == "--scale" && i + 1 < argc) {
+            scale = argv[++i];
         } else {
             positional.push_back(a);
         }
     }
-    if (positional.size() != 2 || width < 64 || height < 16 || width > 16384 || height > 16384) {
-        std::fprintf(stderr, "usage: waveform_png MOVIE OUT.png [--width W] [--height H]\n");
+    if (positional.size() != 2 || width < 64 || height < 16 || width > 16384 || height > 16384 ||
+        (scale != "dbfs" && scale != "linear")) {
+        std::fprintf(stderr, "usage: waveform_png MOVIE OUT.png [--width W] [--height H] [--scale dbfs|linear]\n");
         return 2;
     }
     const auto asset = corvina::Asset::assetWithPath(positional[0]);
-    float maximum = 0;
-    const auto levels = TQAVFoundation::waveformDataForAsset(asset, &maximum);
+    const auto levels = TQAVFoundation::waveformLevelsForAsset(asset);
     if (!levels) {
         std::fprintf(stderr, "No readable audio in %s\n", positional[0].c_str());
         return 1;
@@ -126,16 +149,26 @@ int main(int argc, char** argv)
     constexpr int kCaption = 24;
     Picture picture{width, height + kCaption, std::vector<uint8_t>(size_t(width) * (height + kCaption) * 3, 24)};
     const int middle = height / 2;
+    const bool linear = scale == "linear";
     for (int x = 0; x < width; ++x) picture.set(x, middle, 70, 70, 70);
-    if (!levels->empty() && maximum > 0) {
-        // Each column shows the loudest level of the buckets it covers, mirrored about the middle.
-        for (int x = 0; x < width; ++x) {
-            const size_t first = levels->size() * size_t(x) / size_t(width);
-            const size_t last = std::max(first + 1, levels->size() * size_t(x + 1) / size_t(width));
-            float level = 0;
-            for (size_t i = first; i < last && i < levels->size(); ++i) level = std::max(level, (*levels)[i]);
-            const int reach = int(level / maximum * float(middle - 1));
-            for (int y = middle - reach; y <= middle + reach; ++y) picture.set(x, y, 90, 200, 120);
+    // Each column covers whole buckets: the loudest peak among them, and the RMS of them all.
+    for (int x = 0; x < width && !levels->empty(); ++x) {
+        const size_t first = levels->size() * size_t(x) / size_t(width);
+        const size_t last = std::max(first + 1, levels->size() * size_t(x + 1) / size_t(width));
+        double peak = 0, squares = 0;
+        size_t count = 0;
+        for (size_t i = first; i < last && i < levels->size(); ++i, ++count) {
+            peak = std::max(peak, double((*levels)[i].peak));
+            squares += double((*levels)[i].rms) * double((*levels)[i].rms);
+        }
+        const double rms = count ? std::sqrt(squares / double(count)) : 0;
+        const int peakReach = reachFor(peak, linear, middle - 1);
+        const int rmsReach = std::min(peakReach, reachFor(rms, linear, middle - 1));
+        for (int d = 1; d <= peakReach; ++d) {
+            const bool inner = d <= rmsReach;
+            const uint8_t r = inner ? 150 : 60, g = inner ? 235 : 150, b = inner ? 170 : 90;
+            picture.set(x, middle - d, r, g, b);
+            picture.set(x, middle + d, r, g, b);
         }
     }
     picture.text(start, 4, height + 5);

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "Foundation/Exception.h"
+#include "Foundation/Format.h"
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
 
@@ -213,10 +214,14 @@ Process::Environment currentEnvironment()
     return env;
 }
 
-class DialogSession final : public AlertSession {
+class DialogSession final : public AlertSession, public std::enable_shared_from_this<DialogSession> {
 public:
-    DialogSession(AlertContent content, std::shared_ptr<Process> process, AlertPresenter::Completion completion)
-        : content_(std::move(content)), process_(std::move(process)), completion_(std::move(completion))
+    DialogSession(AlertContent content, std::shared_ptr<Process> process, AlertPresenter::Completion completion,
+                  std::shared_ptr<AlertPresenter> fallback)
+        : content_(std::move(content)),
+          process_(std::move(process)),
+          completion_(std::move(completion)),
+          fallback_(std::move(fallback))
     {
     }
     ~DialogSession() override
@@ -232,19 +237,35 @@ public:
     {
         dismissed_ = true;
         process_->terminate();
+        std::lock_guard lock(mutex_);
+        if (fallbackSession_) fallbackSession_->dismiss();
     }
 
 private:
     void run()
     {
         Process::Bytes output;
-        process_->readToEnd(&output, nullptr);
+        Process::Bytes error;
+        process_->readToEnd(&output, &error);
         process_->waitUntilExit();
         if (dismissed_) return;
         std::string printed(output.begin(), output.end());
         while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r')) printed.pop_back();
-        int64_t code = kAlertDefaultReturn;
         const int status = process_->terminationStatus();
+        if (const auto failure = dialogFailure(status, std::string(error.begin(), error.end()))) {
+            // Nobody saw the dialog: its status is no answer. Ask whoever else can be asked.
+            systemLog("Alert dialog cannot be shown: %@", *failure);
+            // A fallback that answers at once may release the last other reference to this
+            // session; it then goes when `self` does, on this thread.
+            const auto self = weak_from_this().lock();
+            if (!self) return;
+            auto fallback = fallback_->present(content_, std::move(completion_));
+            std::lock_guard lock(mutex_);
+            fallbackSession_ = std::move(fallback);
+            if (dismissed_ && fallbackSession_) fallbackSession_->dismiss();
+            return;
+        }
+        int64_t code = kAlertDefaultReturn;
         std::optional<bool> checked;
         if (status == 0 && content_.suppressionBinding) checked = printed == kSuppressionCheckBoxTitle;
         if (status == 1) {
@@ -263,13 +284,19 @@ private:
     AlertContent content_;
     std::shared_ptr<Process> process_;
     AlertPresenter::Completion completion_;
+    std::shared_ptr<AlertPresenter> fallback_;
+    std::mutex mutex_;
+    std::shared_ptr<AlertSession> fallbackSession_;  // goes before the worker is joined
     std::atomic<bool> dismissed_{false};
     std::unique_ptr<OwnedThread> worker_;
 };
 
 class DialogPresenter final : public AlertPresenter {
 public:
-    explicit DialogPresenter(std::string zenity) : zenity_(std::move(zenity)) {}
+    DialogPresenter(std::string zenity, std::shared_ptr<AlertPresenter> fallback)
+        : zenity_(std::move(zenity)), fallback_(std::move(fallback))
+    {
+    }
     std::string name() const override { return "dialog"; }
     std::shared_ptr<AlertSession> present(const AlertContent& content, Completion completion) override
     {
@@ -277,7 +304,7 @@ public:
         process->setLaunchPath(zenity_);
         process->setArguments(dialogArguments(content));
         process->setStandardOutput(Process::Stream::Pipe);
-        process->setStandardError(Process::Stream::Null);
+        process->setStandardError(Process::Stream::Pipe);
         // Without a session bus there is no accessibility bus either, and the dialog would
         // wait for one at exit long after it was answered.
         if (const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS"); !bus || !*bus) {
@@ -287,17 +314,18 @@ public:
         }
         try {
             process->launch();
-        } catch (const PlatformException&) {
-            // The dialog cannot be shown: nobody can be asked.
-            return makeHeadlessAlertPresenter()->present(content, std::move(completion));
+        } catch (const PlatformException& e) {
+            systemLog("Alert dialog cannot be shown: %@", e.reason());
+            return fallback_->present(content, std::move(completion));
         }
-        auto session = std::make_shared<DialogSession>(content, std::move(process), std::move(completion));
+        auto session = std::make_shared<DialogSession>(content, std::move(process), std::move(completion), fallback_);
         session->start();
         return session;
     }
 
 private:
     std::string zenity_;
+    std::shared_ptr<AlertPresenter> fallback_;
 };
 
 std::mutex& overrideMutex()
@@ -321,9 +349,32 @@ std::shared_ptr<AlertPresenter> makeTerminalAlertPresenter(int inputFd, int outp
     return std::make_shared<TerminalPresenter>(inputFd, outputFd);
 }
 
-std::shared_ptr<AlertPresenter> makeDialogAlertPresenter(std::string zenityPath)
+std::shared_ptr<AlertPresenter> makeDialogAlertPresenter(std::string zenityPath,
+                                                         std::shared_ptr<AlertPresenter> fallback)
 {
-    return std::make_shared<DialogPresenter>(std::move(zenityPath));
+    if (!fallback) {
+        AlertEnvironment env = AlertEnvironment::current();
+        env.displayAvailable = false;
+        fallback = choosePresenterKind(env) == AlertPresenterKind::Terminal
+                       ? makeTerminalAlertPresenter(STDIN_FILENO, STDOUT_FILENO)
+                       : makeHeadlessAlertPresenter();
+    }
+    return std::make_shared<DialogPresenter>(std::move(zenityPath), std::move(fallback));
+}
+
+std::optional<std::string> dialogFailure(int status, const std::string& printedError)
+{
+    // zenity answers with 0 (default button) or 1 (alternate, other, or closed); anything
+    // else (an error, a signal: 128 + its number) is no answer. The toolkit
+    // ends it with 1 as well when it cannot open the display, saying so on standard error.
+    const auto lineWith = [&](const std::string& words) -> std::optional<std::string> {
+        const auto at = printedError.find(words);
+        if (at == std::string::npos) return std::nullopt;
+        return printedError.substr(at, printedError.find('\n', at) - at);
+    };
+    if (auto line = lineWith("cannot open display")) return line;
+    if (status == 0 || status == 1) return std::nullopt;
+    return format("the dialog program ended with status %d", status);
 }
 
 AlertEnvironment AlertEnvironment::current()

@@ -2,7 +2,8 @@
 // the first presenter that can reach someone: a desktop dialog (zenity) when a display is
 // available, a prompt on the controlling terminal when standard input and output are
 // terminals, otherwise nobody: the alert is written to the system log and ends at once with
-// the default button.
+// the default button. A dialog that turns out not to reach the display hands its alert on to
+// the terminal or to nobody.
 #pragma once
 
 #include <cstdint>
@@ -56,7 +57,15 @@ public:
 std::shared_ptr<AlertPresenter> makeHeadlessAlertPresenter();
 // Asks on the given descriptors (the terminal's, normally 0 and 1).
 std::shared_ptr<AlertPresenter> makeTerminalAlertPresenter(int inputFd, int outputFd);
-std::shared_ptr<AlertPresenter> makeDialogAlertPresenter(std::string zenityPath);
+// A dialog that cannot be shown (the program cannot be started, cannot open the display, or
+// fails) is no answer: the system log gets "Alert dialog cannot be shown: <why>" and the
+// alert goes to the fallback, by default the terminal prompt when standard input and output
+// are terminals, else nobody.
+std::shared_ptr<AlertPresenter> makeDialogAlertPresenter(std::string zenityPath,
+                                                         std::shared_ptr<AlertPresenter> fallback = nullptr);
+// Why a dialog that ended with this status and printed this on standard error was not seen
+// by anyone; none when its status is a person's answer.
+std::optional<std::string> dialogFailure(int status, const std::string& printedError);
 
 // What the choice of presenter depends on.
 struct AlertEnvironment {

@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "AssetReader/Libav.h"
+#include "Foundation/Format.h"
 
 namespace corvina {
 
@@ -115,6 +116,23 @@ struct AssetReaderTrackOutput::Impl {
     int64_t rangeStart = AV_NOPTS_VALUE;  // in the stream's time base
     int64_t rangeEnd = AV_NOPTS_VALUE;
     int64_t nextAudioFrame = AV_NOPTS_VALUE;  // position of the next converted frame, output rate
+    int64_t lastDts = AV_NOPTS_VALUE;         // of the last packet read, in the stream's time base
+    std::string path;
+
+    // The file ends before the samples that its index lists (a movie cut short): fails the
+    // reader. Only the index entries inside the time range count. QuickTime and MP4 index
+    // their samples by decoding time; other containers' index entries may count otherwise
+    // (AVI counts audio in bytes), so they are not compared.
+    bool endsEarly() const
+    {
+        if (!input->iformat || !std::strstr(input->iformat->name, "mov")) return false;
+        const int entries = AV_CALL(avformat_index_get_entries_count)(stream);
+        if (entries <= 0) return false;
+        const AVIndexEntry* last = AV_CALL(avformat_index_get_entry)(stream, entries - 1);
+        if (!last || last->timestamp == AV_NOPTS_VALUE) return false;
+        if (rangeEnd != AV_NOPTS_VALUE && last->timestamp >= rangeEnd) return false;
+        return lastDts == AV_NOPTS_VALUE || lastDts < last->timestamp;
+    }
 
     bool open(const std::string& path, Error* err);
     bool openDecoder(Error* err);
@@ -151,6 +169,7 @@ void AssetReaderTrackOutput::Impl::wrap(std::vector<uint8_t> bytes, int64_t numS
 bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
 {
     if (track->streamIndex() < 0) return true;  // a made timecode track needs no file
+    this->path = path;
     input = av::openInput(path, err);
     if (!input) return false;
     if (track->streamIndex() >= int(input->nb_streams)) {
@@ -309,8 +328,17 @@ bool AssetReaderTrackOutput::Impl::takeVideo(AVFrame* decoded)
             return false;
         }
         FourCharCode subType = video.codec;
-        if (codec->id == AV_CODEC_ID_DVVIDEO)
+        if (codec->id == AV_CODEC_ID_DVVIDEO) {
+            // The DV encoder picks the variant that the frames' size, sampling and rate make.
             subType = av::dvSubType(decoded->width, decoded->height, encoder->pix_fmt, av_q2d(rate));
+            if (subType != video.codec) {
+                state->fail(av::error(std::string("Frames of ") + (name ? name : "this sampling") + " at " +
+                                      std::to_string(decoded->width) + "x" + std::to_string(decoded->height) + " and " +
+                                      format("%0.3g", av_q2d(rate)) + " fps make '" + fourCCText(subType) +
+                                      "' video, not the requested '" + fourCCText(video.codec) + "'"));
+                return false;
+            }
+        }
         FormatDescriptionRef plain;
         FormatDescription::createVideo(subType, decoded->width, decoded->height, &plain);
         outputFormat = plain;
@@ -365,6 +393,10 @@ bool AssetReaderTrackOutput::Impl::pump()
     }
     const int rc = AV_CALL(av_read_frame)(input.get(), packet.get());
     if (rc == AVERROR_EOF) {
+        if (endsEarly()) {
+            state->fail(av::error(path + " ends before the last samples of its track: the file is cut short"));
+            return false;
+        }
         inputDone = true;
         return true;
     }
@@ -374,6 +406,11 @@ bool AssetReaderTrackOutput::Impl::pump()
     }
     std::unique_ptr<AVPacket, void (*)(AVPacket*)> unref(packet.get(), AV_CALL(av_packet_unref));
     if (packet->stream_index != stream->index) return true;
+    if (packet->flags & AV_PKT_FLAG_CORRUPT) {
+        state->fail(av::error(path + " is cut short or damaged: a sample of its track cannot be read whole"));
+        return false;
+    }
+    if (packet->dts != AV_NOPTS_VALUE) lastDts = packet->dts;
     const int64_t pts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     if (rangeEnd != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts >= rangeEnd && kind != OutputKind::LinearPCM) {
         inputDone = true;

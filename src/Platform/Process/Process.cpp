@@ -178,7 +178,12 @@ void Process::launch()
     sigfillset(&all);
     posix_spawnattr_setsigmask(&sa.attr, &none);
     posix_spawnattr_setsigdefault(&sa.attr, &all);
-    posix_spawnattr_setflags(&sa.attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+    if (ownGroup_) {
+        posix_spawnattr_setpgroup(&sa.attr, 0);
+        flags |= POSIX_SPAWN_SETPGROUP;
+    }
+    posix_spawnattr_setflags(&sa.attr, flags);
 
     std::vector<char*> argv;
     argv.push_back(launchPath_.data());
@@ -334,6 +339,38 @@ void Process::terminate()
 {
     std::lock_guard lock(mutex_);
     if (pid_ > 0 && !reaped_) ::kill(pid_, SIGTERM);
+}
+
+void Process::signalProcessGroup(int signal)
+{
+    std::lock_guard lock(mutex_);
+    if (pid_ <= 0) return;
+    if (!ownGroup_) {
+        if (!reaped_) ::kill(pid_, signal);
+        return;
+    }
+    // The group outlives its leader while any member is left, and its id cannot be given to
+    // another process meanwhile.
+    ::kill(-pid_, signal);
+    if (signal == SIGTERM) ::kill(-pid_, SIGCONT);
+}
+
+bool Process::processGroupAlive()
+{
+    std::lock_guard lock(mutex_);
+    if (pid_ <= 0) return false;
+    if (!reaped_) {
+        int status = 0;
+        const pid_t r = ::waitpid(pid_, &status, WNOHANG);
+        if (r == 0) return true;
+        if (r == pid_) {
+            reapLocked(status);
+        } else {
+            reaped_ = true;
+        }
+    }
+    if (!ownGroup_) return false;
+    return ::kill(-pid_, 0) == 0 || errno == EPERM;
 }
 
 int Process::terminationStatus()

@@ -49,6 +49,10 @@ public:
     void setStandardInputData(std::string data) { stdinData_ = std::move(data); }
     // Standard input is an empty (or fed) pipe by default; Inherit leaves the caller's.
     void setStandardInput(Stream s) { stdin_ = s; }
+    // The tool starts a process group of its own (its id is the tool's process id), so that
+    // everything it starts can be signalled with it. Such a tool is not in the terminal's
+    // foreground group: reading the terminal stops it.
+    void setStartsProcessGroup(bool own) { ownGroup_ = own; }
 
     // Throws PlatformException (invalid argument) when the process cannot be started or
     // was launched already.
@@ -70,6 +74,13 @@ public:
     bool isRunning();
     // Sends SIGTERM while the process has not been reaped.
     void terminate();
+    // For a tool started in a group of its own: sends the signal to every process of the
+    // group (SIGCONT follows SIGTERM, so that stopped members see it). Otherwise as
+    // terminate(), with the given signal, to the tool alone.
+    void signalProcessGroup(int signal);
+    // Whether any process of the tool's own group is still there (the tool itself is reaped
+    // when it has exited). False for a tool without a group of its own once it has exited.
+    bool processGroupAlive();
     // Exit status, or 128 + signal number for a process ended by a signal; 0 before exit.
     int terminationStatus();
     pid_t processIdentifier() const { return pid_; }
@@ -87,6 +98,7 @@ private:
     Stream stderr_ = Stream::Pipe;
     Stream stdin_ = Stream::Pipe;
     std::string stdinData_;
+    bool ownGroup_ = false;
 
     // Written once by launch under the lock; read from any thread (processIdentifier).
     std::atomic<pid_t> pid_{-1};

@@ -229,22 +229,41 @@ TEST_F(TerminalAlertPresenterConcurrency, DismissedAlertNeverAnswers)
 
 TEST(DialogAlertPresenterConcurrency, ExitStatusAndPrintedLabelSelectTheButton)
 {
+    // A dialog that never reached the screen is no answer: the fallback (nobody, here) answers
+    // instead, after a log line that says why.
     const auto three = content("Replace?", "", "Replace", "Keep", "Compare");
+    const char* noDisplay = "echo '(zenity:7): Gtk-WARNING **: 02:54:31.446: cannot open display: :93' >&2; exit 1";
     struct Case {
         const char* script;
         AlertContent content;
         int64_t expected;
+        const char* why;  // the fallback's reason, or null for a person's answer
     } cases[] = {
-        {"exit 0", three, kAlertDefaultReturn},
-        {"exit 1", three, kAlertAlternateReturn},
-        {"echo Compare; exit 1", three, kAlertOtherReturn},
-        {"exit 1", content("Done"), kAlertDefaultReturn},  // closing a one-button dialog can only mean that button
+        {"exit 0", three, kAlertDefaultReturn, nullptr},
+        {"exit 1", three, kAlertAlternateReturn, nullptr},
+        {"echo Compare; exit 1", three, kAlertOtherReturn, nullptr},
+        {"echo 'Gtk-WARNING **: theme not found' >&2; exit 1", three, kAlertAlternateReturn, nullptr},
+        {"exit 1", content("Done"), kAlertDefaultReturn, nullptr},  // closing a one-button dialog means that button
+        {noDisplay, three, kAlertDefaultReturn, "cannot open display: :93"},
+        {"exit 255", three, kAlertDefaultReturn, "the dialog program ended with status 255"},
+        {"kill -USR1 $$", three, kAlertDefaultReturn, "the dialog program ended with status 138"},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.script);
+        ScopedSystemLogCapture capture;
         FakeDialog dialog(c.script);
         Answer answer;
-        auto session = makeDialogAlertPresenter(dialog.path())->present(c.content, answer.completion());
-        EXPECT_EQ(answer.wait(), c.expected) << c.script << " " << c.content.messageText;
+        auto session = makeDialogAlertPresenter(dialog.path(), makeHeadlessAlertPresenter())
+                           ->present(c.content, answer.completion());
+        EXPECT_EQ(answer.wait(), c.expected) << c.content.messageText;
+        session.reset();
+        const auto alertLine = Contains("Alert: " + c.content.messageText);
+        if (c.why) {
+            EXPECT_THAT(capture.messages(), Contains(std::string("Alert dialog cannot be shown: ") + c.why));
+            EXPECT_THAT(capture.messages(), alertLine);
+        } else {
+            EXPECT_THAT(capture.messages(), Not(alertLine));
+        }
     }
 }
 
@@ -262,7 +281,9 @@ TEST(DialogAlertPresenterConcurrency, MissingDialogProgramFallsBackToNobody)
 {
     ScopedSystemLogCapture capture;
     Answer answer;
-    makeDialogAlertPresenter("/nonexistent/zenity")->present(content("Fallback"), answer.completion());
+    makeDialogAlertPresenter("/nonexistent/zenity", makeHeadlessAlertPresenter())
+        ->present(content("Fallback"), answer.completion());
     EXPECT_EQ(answer.wait(), kAlertDefaultReturn);
     EXPECT_THAT(capture.messages(), Contains("Alert: Fallback"));
+    EXPECT_THAT(capture.messages(), Contains(testing::StartsWith("Alert dialog cannot be shown: ")));
 }

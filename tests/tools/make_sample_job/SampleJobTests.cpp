@@ -133,7 +133,7 @@ TEST(SampleJob, VideoRowsWriteTheDocumentAndDecodableFrames)
         {"35", nullptr, nullptr, AV_CODEC_ID_PRORES, MKTAG('a', 'p', '4', 'x'), 320, 240, 320, 240, 0, 10, 6, 29.97f},
         // DVCPRO HD is stored subsampled: the document names the picture size.
         {"10", nullptr, nullptr, AV_CODEC_ID_DVVIDEO, 0, 1280, 720, 960, 720, 1, 8, 12, 59.94f},
-        {"4", nullptr, nullptr, AV_CODEC_ID_MJPEG, 0, 720, 576, 720, 576, 1, 8, 5, 25.0f},
+        {"4", nullptr, nullptr, AV_CODEC_ID_MJPEG, 0, 320, 240, 320, 240, 1, 8, 5, 25.0f},
         {"20", nullptr, nullptr, AV_CODEC_ID_NONE, 0, 320, 240, 0, 0, 0, 0, 6, 29.97f},
         {"20", "--frame-rate", "50", AV_CODEC_ID_NONE, 0, 320, 240, 0, 0, 0, 0, 10, 50.0f},
     };
