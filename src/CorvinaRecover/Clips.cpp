@@ -89,13 +89,15 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
             Clip& clip = clips.back();
             gap = frame.offset - (previous->offset + previous->length);
             const uint64_t frameBytes = previous->length;
-            const uint64_t maxGap = audio ? uint64_t(2 * audio->sampleRate * audio->feederBytesPerFrame) + 2 * frameBytes
-                                          : 2 * frameBytes + 65536;
+            const uint64_t maxGap = audio
+                                        ? uint64_t(2 * audio->sampleRate * audio->feederBytesPerFrame) + 2 * frameBytes
+                                        : 2 * frameBytes + 65536;
             const int nominal = int(std::lround(clip.frameRate));
             if (row != clip.formatType || width != clip.width || height != clip.height)
                 newClipBecause = "the format or frame size changes";
             else if (previous->timecode && frame.timecode && *frame.timecode != previous->timecode->next(nominal))
-                newClipBecause = "the timecode jumps from " + previous->timecode->text() + " to " + frame.timecode->text();
+                newClipBecause =
+                    "the timecode jumps from " + previous->timecode->text() + " to " + frame.timecode->text();
             else if (gap > maxGap)
                 newClipBecause = "a gap of " + number(gap) + " bytes without frames";
         }
@@ -130,12 +132,13 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
 
-    // Each damaged frame goes to the clip whose span holds it.
-    std::sort(refused.begin(), refused.end(), [](const Rejection& a, const Rejection& b) { return a.offset < b.offset; });
+    // Each damaged frame goes to the last clip that starts before it: the one it broke off.
+    std::sort(refused.begin(), refused.end(),
+              [](const Rejection& a, const Rejection& b) { return a.offset < b.offset; });
     for (Rejection& rejection : refused) {
         auto it = std::upper_bound(clips.begin(), clips.end(), rejection.offset,
                                    [](uint64_t offset, const Clip& clip) { return offset < clip.firstByte(); });
-        if (it != clips.begin() && rejection.offset < std::prev(it)->lastByte())
+        if (it != clips.begin())
             std::prev(it)->rejections.push_back(std::move(rejection));
         else if (outside)
             outside->push_back(std::move(rejection));

@@ -39,7 +39,7 @@ struct Clip {
     std::optional<Timecode> startTimecode;
     int64_t audioFormat = 0;
     std::vector<ByteRange> audio;
-    uint64_t audioGapsRefused = 0;  // gaps between frames that were not taken as audio
+    uint64_t audioGapsRefused = 0;      // gaps between frames that were not taken as audio
     std::vector<Rejection> rejections;  // damaged frames inside the clip's span
     std::string endReason;              // why the clip ended where it did
     int dvAudioRate = 0, dvAudioBits = 0;

@@ -48,9 +48,12 @@ struct DVRow {
 };
 
 constexpr std::array kDVRows = {
-    DVRow{0, 0, 0x00, 10, 1, 720, 480, 30000.0 / 1001}, DVRow{1, 1, 0x00, 12, 1, 720, 576, 25},
-    DVRow{2, 0, 0x04, 10, 2, 720, 480, 30000.0 / 1001}, DVRow{3, 1, 0x04, 12, 2, 720, 576, 25},
-    DVRow{10, 0, 0x18, 10, 2, 1280, 720, 60000.0 / 1001}, DVRow{11, 0, 0x14, 10, 4, 1920, 1080, 30000.0 / 1001},
+    DVRow{0, 0, 0x00, 10, 1, 720, 480, 30000.0 / 1001},
+    DVRow{1, 1, 0x00, 12, 1, 720, 576, 25},
+    DVRow{2, 0, 0x04, 10, 2, 720, 480, 30000.0 / 1001},
+    DVRow{3, 1, 0x04, 12, 2, 720, 576, 25},
+    DVRow{10, 0, 0x18, 10, 2, 1280, 720, 60000.0 / 1001},
+    DVRow{11, 0, 0x14, 10, 4, 1920, 1080, 30000.0 / 1001},
     DVRow{12, 1, 0x14, 12, 4, 1920, 1080, 25},
 };
 
@@ -187,13 +190,15 @@ Examination examineDV(std::span<const uint8_t> bytes, bool atEnd)
         }
 
     frame.timecode = dvTimecode(p);
-    // The audio source pack opens the first audio block of a sequence.
-    const uint8_t* aaux = p + 6 * kDifBlock + 3;
-    if (aaux[0] == 0x50) {
+    // The audio source pack opens one of the audio blocks of the first two sequences.
+    for (size_t block = 6; block < 2 * kBlocksPerSequence; block += block % kBlocksPerSequence == 134 ? 22 : 16) {
+        const uint8_t* aaux = p + block * kDifBlock + 3;
+        if (aaux[0] != 0x50) continue;
         static constexpr int kRates[] = {48000, 44100, 32000};
         const int rateCode = (aaux[4] >> 3) & 7;
         frame.dvAudioRate = rateCode < 3 ? kRates[rateCode] : 0;
         frame.dvAudioBits = (aaux[4] & 7) == 0 ? 16 : 12;
+        break;
     }
     return accepted(frame);
 }
@@ -221,7 +226,8 @@ Examination examineProRes(std::span<const uint8_t> bytes, bool atEnd)
     const int rateCode = p[21] & 0x0F;
     frame.frameRate = rateCode < 9 ? kRates[rateCode] : 0;
     frame.formatType = frame.chroma == 3 ? 34 : 31;
-    if (bytes.size() < size) return rejected(frame, atEnd ? "cut off by the end of the input" : "longer than the bytes available");
+    if (bytes.size() < size)
+        return rejected(frame, atEnd ? "cut off by the end of the input" : "longer than the bytes available");
 
     // One picture, or two for interlaced frames; each must account for its bytes exactly.
     const int pictures = ((p[20] >> 2) & 3) != 0 ? 2 : 1;

@@ -53,7 +53,8 @@ std::string absolutePath(const std::string& path)
 }
 
 // NAME-NNN.EXT with the first number from `from` that no file in the folder uses yet.
-std::string freeName(const std::string& folder, const std::string& stem, int& from, const std::vector<std::string>& exts)
+std::string freeName(const std::string& folder, const std::string& stem, int& from,
+                     const std::vector<std::string>& exts)
 {
     for (;; ++from) {
         char name[64];
@@ -113,8 +114,9 @@ void printProgress(const ScanProgress& p, std::chrono::steady_clock::time_point 
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     const double rate = seconds > 0 ? double(p.bytesScanned) / seconds : 0;
     const double left = rate > 0 ? double(p.bytesTotal - p.bytesScanned) / rate : 0;
-    std::fprintf(stderr, "\rscanned %.0f of %.0f MB, %.0f MB/s, %llu frames, %.0f s left   ", double(p.bytesScanned) / 1e6,
-                 double(p.bytesTotal) / 1e6, rate / 1e6, static_cast<unsigned long long>(p.frames), left);
+    std::fprintf(stderr, "\rscanned %.0f of %.0f MB, %.0f MB/s, %llu frames, %.0f s left   ",
+                 double(p.bytesScanned) / 1e6, double(p.bytesTotal) / 1e6, rate / 1e6,
+                 static_cast<unsigned long long>(p.frames), left);
 }
 
 }  // namespace
@@ -128,16 +130,18 @@ size_t RecoverOutcome::moviesWritten() const
 
 std::optional<std::string> outputFolderProblem(const std::string& input, const std::string& outdir)
 {
-    struct stat in {}, out {};
+    struct stat in {
+    }, out{};
     if (::stat(input.c_str(), &in) != 0) return "cannot read " + input + ": " + std::strerror(errno);
-    if (::stat(outdir.c_str(), &out) != 0) return "cannot use the output folder " + outdir + ": " + std::strerror(errno);
+    if (::stat(outdir.c_str(), &out) != 0)
+        return "cannot use the output folder " + outdir + ": " + std::strerror(errno);
     if (!S_ISDIR(out.st_mode)) return outdir + " is not a folder";
     if (S_ISBLK(in.st_mode)) {
         // The output's file system must not live on the device or on one of its partitions.
         const std::string device = sysfsPath(in.st_rdev), folderDevice = sysfsPath(out.st_dev);
         if (out.st_dev == in.st_rdev ||
-            (!device.empty() && folderDevice.size() > device.size() && folderDevice.compare(0, device.size(), device) == 0 &&
-             folderDevice[device.size()] == '/'))
+            (!device.empty() && folderDevice.size() > device.size() &&
+             folderDevice.compare(0, device.size(), device) == 0 && folderDevice[device.size()] == '/'))
             return "the output folder " + outdir + " is on the device being recovered, " + input +
                    ": writing there could destroy what is to be recovered";
         return std::nullopt;
@@ -156,7 +160,8 @@ std::optional<Expectation> expectationFor(const RecoverOptions& options, std::st
         AppController controller;
         const corvina::Value settings = controller.settingsForMovieFile(*options.reference);
         if (!settings.asDictionary()) {
-            error = "the reference movie " + *options.reference + " cannot be read or is not a format the helper writes";
+            error =
+                "the reference movie " + *options.reference + " cannot be read or is not a format the helper writes";
             return std::nullopt;
         }
         expectation.formatType = settings["formatType"].integerValue();
@@ -168,7 +173,8 @@ std::optional<Expectation> expectationFor(const RecoverOptions& options, std::st
     if (options.formatRow) {
         const VideoFormatInfo* row = AppController::videoFormatForType(*options.formatRow);
         if (!row || *options.formatRow == 20) {
-            error = "--format " + std::to_string(*options.formatRow) + " is not a row the recovery finds (0-4, 10-12, 30-35)";
+            error = "--format " + std::to_string(*options.formatRow) +
+                    " is not a row the recovery finds (0-4, 10-12, 30-35)";
             return std::nullopt;
         }
         if (expectation.formatType && *expectation.formatType != *options.formatRow) {
@@ -248,8 +254,8 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         const std::string moviePath = base + ".mov";
         clipOutcome.settingsPath = base + ".plist";
         if (options.progress)
-            std::fprintf(stderr, "clip %zu of %zu: %zu frames -> %s\n", i + 1, clips.size(), clipOutcome.clip.frames.size(),
-                         moviePath.c_str());
+            std::fprintf(stderr, "clip %zu of %zu: %zu frames -> %s\n", i + 1, clips.size(),
+                         clipOutcome.clip.frames.size(), moviePath.c_str());
         if (!settingsDocument(clipOutcome.clip, input, moviePath).writeToFile(clipOutcome.settingsPath, true)) {
             clipOutcome.error = "the settings document " + clipOutcome.settingsPath + " could not be written";
             clipOutcome.settingsPath.clear();

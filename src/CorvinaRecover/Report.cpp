@@ -44,11 +44,16 @@ std::string htmlText(const std::string& text)
 {
     std::string out;
     for (const char c : text) {
-        if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else if (c == '&') out += "&amp;";
-        else if (c == '"') out += "&quot;";
-        else out += c;
+        if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else if (c == '&')
+            out += "&amp;";
+        else if (c == '"')
+            out += "&quot;";
+        else
+            out += c;
     }
     return out;
 }
@@ -114,7 +119,8 @@ std::string waveformSVG(const std::vector<float>& levels)
 {
     constexpr int kWidth = 480, kHeight = 60;
     std::ostringstream svg;
-    svg << "<svg width=\"" << kWidth << "\" height=\"" << kHeight << "\" style=\"background:#111\"><polyline fill=\"none\" "
+    svg << "<svg width=\"" << kWidth << "\" height=\"" << kHeight
+        << "\" style=\"background:#111\"><polyline fill=\"none\" "
         << "stroke=\"#6c6\" points=\"";
     for (size_t i = 0; i < levels.size(); ++i) {
         const double x = levels.size() > 1 ? double(i) * kWidth / double(levels.size() - 1) : 0;
@@ -233,7 +239,8 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
     const auto rejectionList = [&](const std::vector<Rejection>& list) {
         j << '[';
         for (size_t i = 0; i < list.size(); ++i)
-            j << (i ? "," : "") << "{\"offset\":" << list[i].offset << ",\"family\":" << jsonString(familyName(list[i].family))
+            j << (i ? "," : "") << "{\"offset\":" << list[i].offset
+              << ",\"family\":" << jsonString(familyName(list[i].family))
               << ",\"reason\":" << jsonString(list[i].reason) << '}';
         j << ']';
     };
@@ -246,15 +253,16 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
         const Clip& clip = o.clip;
         uint64_t audioBytes = 0;
         for (const ByteRange& run : clip.audio) audioBytes += run.length;
-        j << (c ? ",\n" : "\n") << "{\"movie\":" << jsonString(o.moviePath) << ",\"settings\":" << jsonString(o.settingsPath)
-          << ",\"error\":" << jsonString(o.error) << ",\"format\":" << jsonString(formatName(clip.formatType))
-          << ",\"formatType\":" << clip.formatType << ",\"width\":" << clip.width << ",\"height\":" << clip.height
-          << ",\"frameRate\":" << real(clip.frameRate) << ",\"frames\":" << clip.frames.size()
-          << ",\"durationSeconds\":" << real(clip.seconds()) << ",\"startTimecode\":"
-          << (clip.startTimecode ? jsonString(clip.startTimecode->text()) : "null")
+        j << (c ? ",\n" : "\n") << "{\"movie\":" << jsonString(o.moviePath)
+          << ",\"settings\":" << jsonString(o.settingsPath) << ",\"error\":" << jsonString(o.error)
+          << ",\"format\":" << jsonString(formatName(clip.formatType)) << ",\"formatType\":" << clip.formatType
+          << ",\"width\":" << clip.width << ",\"height\":" << clip.height << ",\"frameRate\":" << real(clip.frameRate)
+          << ",\"frames\":" << clip.frames.size() << ",\"durationSeconds\":" << real(clip.seconds())
+          << ",\"startTimecode\":" << (clip.startTimecode ? jsonString(clip.startTimecode->text()) : "null")
           << ",\"audio\":" << jsonString(audioName(clip.audioFormat)) << ",\"audioRuns\":" << clip.audio.size()
           << ",\"audioBytes\":" << audioBytes << ",\"audioGapsRefused\":" << clip.audioGapsRefused;
-        if (clip.dvAudioRate) j << ",\"dvAudio\":{\"rate\":" << clip.dvAudioRate << ",\"bits\":" << clip.dvAudioBits << '}';
+        if (clip.dvAudioRate)
+            j << ",\"dvAudio\":{\"rate\":" << clip.dvAudioRate << ",\"bits\":" << clip.dvAudioBits << '}';
         j << ",\"endsBecause\":" << jsonString(clip.endReason) << ",\"byteRanges\":[";
         const auto ranges = rangesUsed(clip);
         for (size_t i = 0; i < ranges.size(); ++i)
@@ -283,14 +291,16 @@ void writeReports(RecoverOutcome& outcome, const std::string& input, const std::
       << " clips written" << (outcome.stopped ? " (stopped early)" : "") << ".</p>\n";
     for (const ClipOutcome& o : outcome.clips) {
         const Clip& clip = o.clip;
-        h << "<h2>" << htmlText(o.moviePath.empty() ? "(not written)" : std::filesystem::path(o.moviePath).filename().string())
-          << "</h2>\n<table><tr><th>format</th><td>" << htmlText(formatName(clip.formatType)) << ' ' << clip.width << 'x'
-          << clip.height << "</td></tr><tr><th>frames</th><td>" << clip.frames.size() << " (" << real(clip.seconds())
-          << " s at " << real(clip.frameRate) << " fps)</td></tr><tr><th>start timecode</th><td>"
-          << (clip.startTimecode ? clip.startTimecode->text() : "none in the essence") << "</td></tr><tr><th>audio</th><td>"
-          << htmlText(clip.audioFormat ? audioName(clip.audioFormat) : "none") << "</td></tr><tr><th>bytes</th><td>"
-          << clip.firstByte() << " to " << clip.lastByte() << "</td></tr><tr><th>rejected frames</th><td>"
-          << clip.rejections.size() << "</td></tr>";
+        h << "<h2>"
+          << htmlText(o.moviePath.empty() ? "(not written)" : std::filesystem::path(o.moviePath).filename().string())
+          << "</h2>\n<table><tr><th>format</th><td>" << htmlText(formatName(clip.formatType)) << ' ' << clip.width
+          << 'x' << clip.height << "</td></tr><tr><th>frames</th><td>" << clip.frames.size() << " ("
+          << real(clip.seconds()) << " s at " << real(clip.frameRate)
+          << " fps)</td></tr><tr><th>start timecode</th><td>"
+          << (clip.startTimecode ? clip.startTimecode->text() : "none in the essence")
+          << "</td></tr><tr><th>audio</th><td>" << htmlText(clip.audioFormat ? audioName(clip.audioFormat) : "none")
+          << "</td></tr><tr><th>bytes</th><td>" << clip.firstByte() << " to " << clip.lastByte()
+          << "</td></tr><tr><th>rejected frames</th><td>" << clip.rejections.size() << "</td></tr>";
         if (!o.error.empty()) h << "<tr><th>error</th><td>" << htmlText(o.error) << "</td></tr>";
         h << "</table>\n";
         if (pictures && !o.moviePath.empty()) {
@@ -298,7 +308,8 @@ void writeReports(RecoverOutcome& outcome, const std::string& input, const std::
             const long count = long(clip.frames.size());
             for (const long index : {0L, count / 2, count - 1}) {
                 const auto bmp = thumbnailBMP(o.moviePath, index, 160);
-                if (!bmp.empty()) h << "<img alt=\"frame " << index << "\" src=\"data:image/bmp;base64," << base64(bmp) << "\">";
+                if (!bmp.empty())
+                    h << "<img alt=\"frame " << index << "\" src=\"data:image/bmp;base64," << base64(bmp) << "\">";
             }
             h << "</p>\n";
             if (clip.audioFormat) {
@@ -309,7 +320,8 @@ void writeReports(RecoverOutcome& outcome, const std::string& input, const std::
         }
         if (!clip.rejections.empty()) {
             h << "<details><summary>rejected frames</summary><ul>";
-            for (const Rejection& r : clip.rejections) h << "<li>byte " << r.offset << ": " << htmlText(r.reason) << "</li>";
+            for (const Rejection& r : clip.rejections)
+                h << "<li>byte " << r.offset << ": " << htmlText(r.reason) << "</li>";
             h << "</ul></details>\n";
         }
     }

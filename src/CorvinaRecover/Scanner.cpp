@@ -36,7 +36,10 @@ Examination examine(Family family, std::span<const uint8_t> bytes, bool atEnd)
 // The window: bytes [start, end) of the input, held in one buffer allocated once.
 class Window {
 public:
-    Window(int fd, uint64_t size, size_t capacity) : fd_(fd), size_(size), capacity_(capacity), buffer_(new uint8_t[capacity]) {}
+    Window(int fd, uint64_t size, size_t capacity)
+        : fd_(fd), size_(size), capacity_(capacity), buffer_(new uint8_t[capacity])
+    {
+    }
 
     uint64_t start() const { return start_; }
     uint64_t end() const { return end_; }
@@ -129,7 +132,8 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
             const void* hit = ::memmem(window.at(searchFrom), size_t(searchEnd - searchFrom), pattern.bytes.data(),
                                        pattern.bytes.size());
             if (!hit) return kNone;
-            const uint64_t found = window.start() + uint64_t(static_cast<const uint8_t*>(hit) - window.at(window.start()));
+            const uint64_t found =
+                window.start() + uint64_t(static_cast<const uint8_t*>(hit) - window.at(window.start()));
             const uint64_t start = found - pattern.startBefore;
             return start < limit ? start : kNone;
         };
@@ -141,7 +145,8 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
                 if (next[i] < next[pick]) pick = i;
             const uint64_t candidate = next[pick];
             if (candidate == kNone) break;
-            const Examination e = examine(families[pick], {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
+            const Examination e =
+                examine(families[pick], {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
             if (e.verdict == Examination::Verdict::Frame) {
                 FrameInfo frame = e.frame;
                 frame.offset = candidate;

@@ -84,7 +84,8 @@ int main(int argc, char** argv)
             options.formatRow = *integer(*row);
         } else if (argument == "--jobs") {
             const auto jobs = value();
-            if (!jobs || !integer(*jobs) || *integer(*jobs) < 1) return usageError("--jobs needs a number of at least 1");
+            if (!jobs || !integer(*jobs) || *integer(*jobs) < 1)
+                return usageError("--jobs needs a number of at least 1");
         } else if (argument.size() > 1 && argument[0] == '-') {
             return usageError("unknown option " + argument);
         } else {
@@ -94,9 +95,9 @@ int main(int argc, char** argv)
     if (positional.size() != 2) return usageError("INPUT and OUTDIR are needed");
     options.input = positional[0];
     options.outdir = positional[1];
-    if (const auto problem = recover::outputFolderProblem(options.input, options.outdir)) return usageError(*problem);
     std::string expectationProblem;
     if (!recover::expectationFor(options, expectationProblem)) return usageError(expectationProblem);
+    if (const auto problem = recover::outputFolderProblem(options.input, options.outdir)) return usageError(*problem);
 
     corvina::markMainThread();
     TQLog::createNewLog(std::string("corvina-recover"));
@@ -124,8 +125,8 @@ int main(int argc, char** argv)
     size_t frames = 0;
     for (const auto& clip : outcome.clips)
         if (!clip.moviePath.empty()) frames += clip.clip.frames.size();
-    std::fprintf(stderr, "corvina-recover: %zu of %zu clips written (%zu frames)%s; report: %s\n", outcome.moviesWritten(),
-                 outcome.clips.size(), frames, outcome.stopped ? ", stopped early" : "",
+    std::fprintf(stderr, "corvina-recover: %zu of %zu clips written (%zu frames)%s; report: %s\n",
+                 outcome.moviesWritten(), outcome.clips.size(), frames, outcome.stopped ? ", stopped early" : "",
                  outcome.reportPath.empty() ? "(not written)" : outcome.reportPath.c_str());
     return outcome.moviesWritten() > 0 ? 0 : 1;
 }

@@ -215,26 +215,37 @@ const std::vector<std::string> kDV411 = {"-c:v", "dvvideo", "-pix_fmt", "yuv411p
 const std::vector<std::string> kDV420 = {"-c:v", "dvvideo", "-pix_fmt", "yuv420p"};
 const std::vector<std::string> kDV422 = {"-c:v", "dvvideo", "-pix_fmt", "yuv422p"};
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, RecoverRow,
-    ::testing::Values(Row{"DV NTSC", kDV411, "720x480", "30000/1001", "pcm_s16le", &kCut},
-                      Row{"DV PAL", kDV420, "720x576", "25", "pcm_s16be", &kHoled},
-                      Row{"DVCPRO50 NTSC", kDV422, "720x480", "30000/1001", "pcm_s16be", &kHeader},
-                      Row{"DVCPRO50 PAL", kDV422, "720x576", "25", "pcm_s16le", &kCut},
-                      Row{"DVCPRO HD 720p", kDV422, "960x720", "60000/1001", "pcm_s16le", &kHoled},
-                      Row{"DVCPRO HD 1080i60", kDV422, "1280x1080", "30000/1001", nullptr, &kCut},
-                      Row{"DVCPRO HD 1080i50", kDV422, "1440x1080", "25", "pcm_s16be", &kHeader},
-                      Row{"ProRes 422", {"-c:v", "prores_ks", "-profile:v", "2", "-pix_fmt", "yuv422p10le"}, "640x360",
-                          "30000/1001", "pcm_s16le", &kHoled},
-                      Row{"ProRes 4444", {"-c:v", "prores_ks", "-profile:v", "4", "-pix_fmt", "yuv444p10le"}, "320x240",
-                          "25", "pcm_s16be", &kCut},
-                      Row{"Motion JPEG", {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"}, "720x576", "25",
-                          "pcm_s16le", &kHoled}),
-    [](const ::testing::TestParamInfo<Row>& info) {
-        std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
-        for (char& c : name)
-            if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-        return name;
-    });
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
+                         ::testing::Values(Row{"DV NTSC", kDV411, "720x480", "30000/1001", "pcm_s16le", &kCut},
+                                           Row{"DV PAL", kDV420, "720x576", "25", "pcm_s16be", &kHoled},
+                                           Row{"DVCPRO50 NTSC", kDV422, "720x480", "30000/1001", "pcm_s16be", &kHeader},
+                                           Row{"DVCPRO50 PAL", kDV422, "720x576", "25", "pcm_s16le", &kCut},
+                                           Row{"DVCPRO HD 720p", kDV422, "960x720", "60000/1001", "pcm_s16le", &kHoled},
+                                           Row{"DVCPRO HD 1080i60", kDV422, "1280x1080", "30000/1001", nullptr, &kCut},
+                                           Row{"DVCPRO HD 1080i50", kDV422, "1440x1080", "25", "pcm_s16be", &kHeader},
+                                           Row{"ProRes 422",
+                                               {"-c:v", "prores_ks", "-profile:v", "2", "-pix_fmt", "yuv422p10le"},
+                                               "640x360",
+                                               "30000/1001",
+                                               "pcm_s16le",
+                                               &kHoled},
+                                           Row{"ProRes 4444",
+                                               {"-c:v", "prores_ks", "-profile:v", "4", "-pix_fmt", "yuv444p10le"},
+                                               "320x240",
+                                               "25",
+                                               "pcm_s16be",
+                                               &kCut},
+                                           Row{"Motion JPEG",
+                                               {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"},
+                                               "720x576",
+                                               "25",
+                                               "pcm_s16le",
+                                               &kHoled}),
+                         [](const ::testing::TestParamInfo<Row>& info) {
+                             std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
+                             for (char& c : name)
+                                 if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                             return name;
+                         });
 
 }  // namespace
