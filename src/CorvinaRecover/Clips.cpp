@@ -19,6 +19,48 @@ Family familyOfRow(int64_t formatType)
 
 std::string number(uint64_t n) { return std::to_string(n); }
 
+// A piece whose first timecode follows another's last one, at most this many frames on
+// (the frames cut in two where the file system split the file are lost), continues it.
+constexpr int kMostFramesLostAtACut = 3;
+
+void joinPieces(std::vector<Clip>& clips)
+{
+    bool joined = true;
+    while (joined) {
+        joined = false;
+        for (size_t a = 0; a < clips.size() && !joined; ++a) {
+            Clip& first = clips[a];
+            if (!first.endTimecode) continue;
+            const int nominal = int(std::lround(first.frameRate));
+            for (size_t b = 0; b < clips.size() && !joined; ++b) {
+                Clip& then = clips[b];
+                if (a == b || !then.startTimecode || then.formatType != first.formatType || then.width != first.width ||
+                    then.height != first.height)
+                    continue;
+                // A piece right after in the input lost frames to damage, not to a cut: the
+                // jump in its timecode is real and the clips stay apart.
+                const uint64_t frameBytes = first.frames.back().length;
+                if (then.firstByte() >= first.lastByte() &&
+                    then.firstByte() - first.lastByte() <= uint64_t(kMostFramesLostAtACut + 1) * frameBytes)
+                    continue;
+                Timecode expected = first.endTimecode->next(nominal);
+                for (int lost = 0; lost <= kMostFramesLostAtACut && !joined;
+                     ++lost, expected = expected.next(nominal)) {
+                    if (expected != *then.startTimecode) continue;
+                    first.joinedAt.push_back(first.frames.size());
+                    first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+                    first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
+                    first.audioGapsRefused += then.audioGapsRefused;
+                    first.endTimecode = then.endTimecode;
+                    first.endReason = then.endReason;
+                    clips.erase(clips.begin() + std::ptrdiff_t(b));
+                    joined = true;
+                }
+            }
+        }
+    }
+}
+
 }  // namespace
 
 double clipFrameRate(const Expectation& expectation, const FrameInfo& first)
@@ -95,6 +137,8 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
             const int nominal = int(std::lround(clip.frameRate));
             if (row != clip.formatType || width != clip.width || height != clip.height)
                 newClipBecause = "the format or frame size changes";
+            else if (previous->timecode.has_value() != frame.timecode.has_value())
+                newClipBecause = "the essence's timecode starts or stops";
             else if (previous->timecode && frame.timecode && *frame.timecode != previous->timecode->next(nominal))
                 newClipBecause =
                     "the timecode jumps from " + previous->timecode->text() + " to " + frame.timecode->text();
@@ -128,9 +172,13 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
                 ++clip.audioGapsRefused;
         }
         clips.back().frames.push_back({frame.offset, frame.length});
+        clips.back().endTimecode = frame.timecode;
         previous = &frame;
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
+    joinPieces(clips);
+    // Clips that all carry a timecode are numbered in its order, which pieces scattered over a
+    // disk no longer show; the damaged frames are assigned by input position before that.
 
     // Each damaged frame goes to the last clip that starts before it: the one it broke off.
     std::sort(refused.begin(), refused.end(),
@@ -143,6 +191,13 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         else if (outside)
             outside->push_back(std::move(rejection));
     }
+    if (std::all_of(clips.begin(), clips.end(), [](const Clip& clip) { return clip.startTimecode.has_value(); }))
+        std::stable_sort(clips.begin(), clips.end(), [](const Clip& a, const Clip& b) {
+            const auto key = [](const Timecode& t) {
+                return ((t.hours * 60 + t.minutes) * 60 + t.seconds) * 100 + t.frames;
+            };
+            return key(*a.startTimecode) < key(*b.startTimecode);
+        });
     return clips;
 }
 

@@ -36,7 +36,8 @@ struct Clip {
     int32_t width = 0, height = 0;
     double frameRate = 0;
     std::vector<ByteRange> frames;
-    std::optional<Timecode> startTimecode;
+    std::optional<Timecode> startTimecode, endTimecode;
+    std::vector<uint64_t> joinedAt;  // frame indexes where a later piece of the clip was joined on
     int64_t audioFormat = 0;
     std::vector<ByteRange> audio;
     uint64_t audioGapsRefused = 0;      // gaps between frames that were not taken as audio
@@ -52,7 +53,9 @@ struct Clip {
 // Reads length bytes at offset of the input (for the audio checks); false on failure.
 using ReadBytes = std::function<bool(uint64_t offset, std::span<uint8_t> into)>;
 
-// Frames the expectation rules out become rejections.
+// Frames the expectation rules out become rejections. Pieces of one recording that a file
+// system scattered (their timecode goes on where another piece's ends, give or take the frames
+// that straddled the cut) are joined into one clip in timecode order.
 std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::vector<Rejection>& rejections,
                              const Expectation& expectation, const ReadBytes& read,
                              std::vector<Rejection>* outside = nullptr);

@@ -13,12 +13,15 @@
 #include <limits>
 #include <memory>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace recover {
 
 namespace {
 
 constexpr size_t kMaxRejectionsKept = 10000;
-constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
 
 Examination examine(Family family, std::span<const uint8_t> bytes, bool atEnd)
 {
@@ -31,6 +34,64 @@ Examination examine(Family family, std::span<const uint8_t> bytes, bool atEnd)
         return examineJPEG(bytes, atEnd);
     }
     return {};
+}
+
+// The first two bytes of each family's start pattern, searched for together: one pass over the
+// bytes finds every candidate of every family.
+struct Pairs {
+    std::array<uint8_t, 3> first{}, second{};
+    std::array<Family, 3> family{};
+    size_t count = 0;
+};
+
+Pairs pairsFor(const std::vector<Family>& families)
+{
+    Pairs pairs;
+    for (const Family family : families) {
+        const StartPattern pattern = startPattern(family);
+        pairs.first[pairs.count] = pattern.bytes[0];
+        pairs.second[pairs.count] = pattern.bytes[1];
+        pairs.family[pairs.count++] = family;
+    }
+    // Unused slots repeat the first pair.
+    for (size_t i = pairs.count; i < 3; ++i) {
+        pairs.first[i] = pairs.first[0];
+        pairs.second[i] = pairs.second[0];
+        pairs.family[i] = pairs.family[0];
+    }
+    return pairs;
+}
+
+Family familyOfPair(uint8_t first, const Pairs& pairs)
+{
+    for (size_t i = 0; i < pairs.count; ++i)
+        if (pairs.first[i] == first) return pairs.family[i];
+    return pairs.family[0];
+}
+
+// The first i in [from, end - 1) where bytes i and i + 1 are one of the pairs; end - 1 when
+// there is none.
+size_t findPair(const uint8_t* bytes, size_t from, size_t end, const Pairs& pairs)
+{
+    size_t i = from;
+#if defined(__SSE2__)
+    const __m128i f0 = _mm_set1_epi8(char(pairs.first[0])), s0 = _mm_set1_epi8(char(pairs.second[0]));
+    const __m128i f1 = _mm_set1_epi8(char(pairs.first[1])), s1 = _mm_set1_epi8(char(pairs.second[1]));
+    const __m128i f2 = _mm_set1_epi8(char(pairs.first[2])), s2 = _mm_set1_epi8(char(pairs.second[2]));
+    while (i + 17 <= end) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i + 1));
+        const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_and_si128(_mm_cmpeq_epi8(a, f0), _mm_cmpeq_epi8(b, s0)),
+                                                      _mm_and_si128(_mm_cmpeq_epi8(a, f1), _mm_cmpeq_epi8(b, s1))),
+                                         _mm_and_si128(_mm_cmpeq_epi8(a, f2), _mm_cmpeq_epi8(b, s2)));
+        if (const int mask = _mm_movemask_epi8(hit)) return i + size_t(__builtin_ctz(unsigned(mask)));
+        i += 16;
+    }
+#endif
+    for (; i + 1 < end; ++i)
+        for (size_t p = 0; p < 3; ++p)
+            if (bytes[i] == pairs.first[p] && bytes[i + 1] == pairs.second[p]) return i;
+    return end > 0 ? end - 1 : 0;
 }
 
 // The window: bytes [start, end) of the input, held in one buffer allocated once.
@@ -105,7 +166,7 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
 
     Window window(fd, size, options.windowBytes + kMaxFrameBytes);
     uint64_t pos = 0;
-    std::array<uint64_t, 3> next{};  // each family's next candidate start, kNone when none in the window
+    const Pairs pairs = pairsFor(families);
 
     while (pos < size) {
         if (options.stop && options.stop->load()) {
@@ -123,46 +184,36 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
         // Candidates before the limit have the largest frame's bytes behind them, or the end.
         const uint64_t limit = window.atInputEnd() ? window.end() : window.end() - kMaxFrameBytes;
         const bool atEnd = window.atInputEnd();
-
-        const auto findFrom = [&](Family family, uint64_t from) -> uint64_t {
+        // Pattern positions up to the limit plus the longest distance from a start to its
+        // pattern, so that every start before the limit is seen in this window.
+        const uint64_t searchEnd = std::min(window.end(), limit + 4);
+        uint64_t at = pos;
+        while (at + 1 < searchEnd) {
+            const uint8_t* base = window.at(window.start());
+            const size_t hit = findPair(base, size_t(at - window.start()), size_t(searchEnd - window.start()), pairs);
+            const uint64_t found = window.start() + hit;
+            if (found + 1 >= searchEnd) break;
+            at = found + 1;
+            const Family family = familyOfPair(base[hit], pairs);
             const StartPattern pattern = startPattern(family);
-            const uint64_t searchFrom = from + pattern.startBefore;
-            const uint64_t searchEnd = std::min(window.end(), limit + pattern.startBefore + pattern.bytes.size());
-            if (searchFrom + pattern.bytes.size() > searchEnd) return kNone;
-            const void* hit = ::memmem(window.at(searchFrom), size_t(searchEnd - searchFrom), pattern.bytes.data(),
-                                       pattern.bytes.size());
-            if (!hit) return kNone;
-            const uint64_t found =
-                window.start() + uint64_t(static_cast<const uint8_t*>(hit) - window.at(window.start()));
-            const uint64_t start = found - pattern.startBefore;
-            return start < limit ? start : kNone;
-        };
-        for (size_t i = 0; i < families.size(); ++i) next[i] = findFrom(families[i], pos);
-
-        while (true) {
-            size_t pick = 0;
-            for (size_t i = 1; i < families.size(); ++i)
-                if (next[i] < next[pick]) pick = i;
-            const uint64_t candidate = next[pick];
-            if (candidate == kNone) break;
-            const Examination e =
-                examine(families[pick], {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
+            if (found < pos + pattern.startBefore) continue;  // inside the frame before
+            const uint64_t candidate = found - pattern.startBefore;
+            if (candidate >= limit) continue;
+            if (window.end() - found < pattern.bytes.size() ||
+                std::memcmp(base + hit, pattern.bytes.data(), pattern.bytes.size()) != 0)
+                continue;
+            const Examination e = examine(family, {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
             if (e.verdict == Examination::Verdict::Frame) {
                 FrameInfo frame = e.frame;
                 frame.offset = candidate;
                 result.frames.push_back(frame);
-                pos = candidate + frame.length;
-                for (size_t i = 0; i < families.size(); ++i)
-                    if (next[i] < pos) next[i] = pos < limit ? findFrom(families[i], pos) : kNone;
-                continue;
-            }
-            if (e.verdict == Examination::Verdict::Rejected) {
+                pos = at = candidate + frame.length;
+            } else if (e.verdict == Examination::Verdict::Rejected) {
                 if (result.rejections.size() < kMaxRejectionsKept)
-                    result.rejections.push_back({candidate, families[pick], e.frame.formatType, e.reason});
+                    result.rejections.push_back({candidate, family, e.frame.formatType, e.reason});
                 else
                     ++result.rejectionsDropped;
             }
-            next[pick] = findFrom(families[pick], candidate + 1);
         }
         pos = std::max(pos, limit);
         result.bytesScanned = std::min(pos, size);

@@ -32,7 +32,7 @@ struct ScanProgress {
 struct ScanOptions {
     // The families to look for (all three when empty).
     std::vector<Family> families;
-    size_t windowBytes = 32u << 20;                     // read ahead of the scan besides the largest frame
+    size_t windowBytes = 64u << 20;                     // read ahead of the scan besides the largest frame
     std::function<void(const ScanProgress&)> progress;  // after each window
     const std::atomic<bool>* stop = nullptr;            // checked between windows
 };

@@ -77,10 +77,11 @@ TEST_F(RecoverOnAnotherDevice, NothingFoundIsOneWithAReportOfNoClips)
 TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheTimecodeJumps)
 {
     const std::string stream = mount_ / "card.dv";
-    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, lavfi("testsrc=size=720x576:rate=25"),
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x576:rate=25"),
                                lavfi("sine=frequency=440:sample_rate=48000"),
-                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar", "48000",
-                                "-ac", "2", "-timecode", "10:00:00:00", "-f", "dv", stream}}))
+                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
+                                "48000", "-ac", "2", "-timecode", "10:00:00:00", "-f", "dv", stream}}))
                   .status,
               0);
     const std::string original = readFile(stream);
@@ -109,7 +110,8 @@ TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheT
         const char* name;
         int first, count;
         const char* timecode;
-    } clips[] = {{"clip-002", 0, 10, "10:00:00:00"}, {"clip-003", 11, 19, "10:00:00:11"}, {"clip-004", 31, 19, "10:00:01:06"}};
+    } clips[] = {
+        {"clip-002", 0, 10, "10:00:00:00"}, {"clip-003", 11, 19, "10:00:00:11"}, {"clip-004", 31, 19, "10:00:01:06"}};
     const std::string report = readFile(dir_ / "out/report.json");
     for (const auto& clip : clips) {
         const std::string movie = dir_ / ("out/" + std::string(clip.name) + ".mov");
