@@ -174,11 +174,9 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
             break;
         }
         // Zeros the file system does not store hold no frame start.
-        if (pos >= window.end()) {
-            const off_t data = ::lseek(fd, off_t(pos), SEEK_DATA);
-            if (data < 0 && errno == ENXIO) break;  // only a hole remains
-            if (data > off_t(pos)) pos = uint64_t(data);
-        }
+        const off_t data = ::lseek(fd, off_t(pos), SEEK_DATA);
+        if (data < 0 && errno == ENXIO) break;  // only a hole remains
+        if (data > off_t(pos)) pos = uint64_t(data);
         if (!window.fillFrom(pos, result.error)) break;
         if (window.end() <= pos) break;
         // Candidates before the limit have the largest frame's bytes behind them, or the end.
