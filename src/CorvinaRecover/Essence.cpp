@@ -248,8 +248,9 @@ Examination examineProRes(std::span<const uint8_t> bytes, bool atEnd)
         const uint8_t* slice = table + 2 * size_t(slices);
         for (uint32_t s = 0; s < slices; ++s) {
             const size_t sliceSize = be16(table + 2 * s);
+            if (sliceSize < 6) return rejected(frame, "a slice too small for its header");
             const size_t header = slice[0] >> 3;
-            if (sliceSize < 6 || header < 6 || header > sliceSize || slice[1] == 0 || slice[1] > 224 ||
+            if (header < 6 || header > sliceSize || slice[1] == 0 || slice[1] > 224 ||
                 header + be16(slice + 2) + be16(slice + 4) + (header >= 8 ? be16(slice + 6) : 0) > sliceSize)
                 return rejected(frame, "a slice header disagrees with its slice (damaged slice " + std::to_string(s) +
                                            " of picture " + std::to_string(picture) + ")");
@@ -280,7 +281,7 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
         return frameHeader ? rejected(frame, why) : notAFrame();
     };
     while (true) {
-        if (at + 4 > n) return damaged(atEnd || n == kMaxFrameBytes ? "cut off" : "longer than the bytes available");
+        if (at + 2 > n) return damaged(atEnd || n == kMaxFrameBytes ? "cut off" : "longer than the bytes available");
         if (p[at] != 0xFF) return damaged("marker expected between segments");
         const uint8_t marker = p[at + 1];
         if (marker == 0xFF) {
@@ -294,6 +295,7 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
         }
         if (marker == 0xD8 || marker == 0x00 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7))
             return damaged("misplaced marker");
+        if (at + 4 > n) return damaged(atEnd || n == kMaxFrameBytes ? "cut off" : "longer than the bytes available");
         const size_t length = be16(p + at + 2);
         if (length < 2 || at + 2 + length > n) return damaged("segment runs past the bytes");
         const uint8_t* body = p + at + 4;

@@ -40,10 +40,11 @@ TEST(DiskImage, FragmentedDeletedAndPartlyOverwrittenRecordingComesBackInTimecod
     const auto clusterAt = [&](uint64_t n) { return dataStart + (n - 2) * cluster; };
 
     const std::string stream = dir / "rec.dv";
-    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, lavfi("testsrc=size=720x576:rate=25"),
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x576:rate=25"),
                                lavfi("sine=frequency=440:sample_rate=48000"),
-                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar", "48000",
-                                "-ac", "2", "-timecode", "01:00:00:00", "-f", "dv", stream}}))
+                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
+                                "48000", "-ac", "2", "-timecode", "01:00:00:00", "-f", "dv", stream}}))
                   .status,
               0);
     const std::string recording = readFile(stream);

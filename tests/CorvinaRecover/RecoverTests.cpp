@@ -249,3 +249,58 @@ INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
                          });
 
 }  // namespace
+
+namespace {
+
+// Hostile bytes for every reader: each frame cut at many lengths, and with runs of noise laid
+// over it, must give an answer without reading outside the bytes given (the address sanitizer
+// build holds them to it) and never a frame longer than the bytes.
+TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
+{
+    TempDir dir;
+    const struct {
+        std::vector<std::string> video;
+        const char* size;
+        recover::Examination (*examine)(std::span<const uint8_t>, bool);
+    } kinds[] = {
+        {{"-c:v", "dvvideo", "-pix_fmt", "yuv422p"}, "1280x1080", recover::examineDV},
+        {{"-c:v", "prores_ks", "-profile:v", "4", "-flags", "+ildct", "-top", "1"}, "320x240", recover::examineProRes},
+        {{"-c:v", "mjpeg", "-pix_fmt", "yuvj420p"}, "320x240", recover::examineJPEG},
+    };
+    std::mt19937 random(3);
+    for (const auto& kind : kinds) {
+        const std::string movie = dir / "frames.mov";
+        ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                                   lavfi(std::string("testsrc=size=") + kind.size + ":rate=25"),
+                                   {"-frames:v", "2"},
+                                   kind.video,
+                                   {movie}}))
+                      .status,
+                  0);
+        const std::vector<Packet> packets = videoPackets(movie, false);
+        ASSERT_FALSE(packets.empty());
+        const std::string& frame = packets.front().bytes;
+        {
+            const std::vector<uint8_t> whole(frame.begin(), frame.end());
+            const auto e = kind.examine(whole, true);
+            EXPECT_EQ(e.verdict, recover::Examination::Verdict::Frame) << kind.size << " " << e.reason;
+            EXPECT_EQ(e.frame.length, frame.size());
+        }
+        for (size_t length = 0; length < frame.size(); length += 1 + length / 7) {
+            const std::vector<uint8_t> cut(frame.begin(), frame.begin() + std::ptrdiff_t(length));
+            EXPECT_NE(kind.examine(cut, true).verdict, recover::Examination::Verdict::Frame);
+        }
+        for (int round = 0; round < 200; ++round) {
+            std::vector<uint8_t> noisy(frame.begin(), frame.end());
+            const size_t at = random() % noisy.size(), n = std::min<size_t>(noisy.size() - at, 1 + random() % 400);
+            for (size_t i = 0; i < n; ++i) noisy[at + i] = uint8_t(random());
+            noisy.resize(noisy.size() - random() % 3);
+            const auto e = kind.examine(noisy, true);
+            if (e.verdict == recover::Examination::Verdict::Frame) {
+                EXPECT_LE(e.frame.length, noisy.size());
+            }
+        }
+    }
+}
+
+}  // namespace
