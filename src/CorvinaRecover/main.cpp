@@ -125,8 +125,9 @@ int main(int argc, char** argv)
     size_t frames = 0;
     for (const auto& clip : outcome.clips)
         if (!clip.moviePath.empty()) frames += clip.clip.frames.size();
-    std::fprintf(stderr, "corvina-recover: %zu of %zu clips written (%zu frames)%s; report: %s\n",
-                 outcome.moviesWritten(), outcome.clips.size(), frames, outcome.stopped ? ", stopped early" : "",
-                 outcome.reportPath.empty() ? "(not written)" : outcome.reportPath.c_str());
+    if (options.progress)
+        std::fprintf(stderr, "corvina-recover: %zu of %zu clips written (%zu frames)%s; report: %s\n",
+                     outcome.moviesWritten(), outcome.clips.size(), frames, outcome.stopped ? ", stopped early" : "",
+                     outcome.reportPath.empty() ? "(not written)" : outcome.reportPath.c_str());
     return outcome.moviesWritten() > 0 ? 0 : 1;
 }

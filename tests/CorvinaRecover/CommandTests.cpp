@@ -2,9 +2,15 @@
 // a raw DV stream with damaged DIF blocks, whose clips break where DV's own timecode jumps.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "Foundation/Value.h"
 #include "HelperRun.h"
@@ -59,7 +65,7 @@ protected:
         if (!mount_.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
     }
     TempDir dir_;
-    ScopedMount mount_{dir_ / "input-disk", "tmpfs", "size=64m"};
+    ScopedMount mount_{dir_ / "input-disk", "tmpfs", "size=96m"};
     HelperHome home_;
 };
 
@@ -128,6 +134,58 @@ TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheT
     EXPECT_NE(report.find("damaged DIF block 50 of sequence 3"), std::string::npos);
     EXPECT_NE(report.find("\"dvAudio\":{\"rate\":48000,\"bits\":16}"), std::string::npos);
     EXPECT_NE(readFile(dir_ / "out/report.html").find("data:image/bmp;base64,"), std::string::npos);
+}
+
+// SIGINT while clips are being written: the run stops soon, keeps the movies already in
+// place, leaves no half-written file and says so in its report.
+TEST_F(RecoverOnAnotherDevice, InterruptKeepsTheClipsAlreadyWritten)
+{
+    const std::string one = dir_ / "one.dv";
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x480:rate=30000/1001"),
+                               {"-frames:v", "10", "-c:v", "dvvideo", "-pix_fmt", "yuv411p", "-timecode", "00:00:00;00",
+                                "-f", "dv", one}}))
+                  .status,
+              0);
+    // Sixty copies: the timecode starts again at each, so each is a clip of its own.
+    const std::string recording = readFile(one);
+    std::string card;
+    for (int i = 0; i < 60; ++i) card += recording;
+    writeFile(mount_ / "card.dv", card);
+    std::filesystem::create_directory(dir_ / "out");
+
+    const std::string program = recoverPath(), input = mount_ / "card.dv", out = dir_ / "out";
+    std::vector<char*> argv{const_cast<char*>(program.c_str()), const_cast<char*>(input.c_str()),
+                            const_cast<char*>(out.c_str()), nullptr};
+    std::vector<std::string> environment;
+    for (const auto& [name, value] : home_.environment()) environment.push_back(name + "=" + value);
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(::posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!std::filesystem::exists(out + "/clip-002.mov") && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ::kill(pid, SIGINT);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    size_t movies = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(out)) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_EQ(name.find("incomplete"), std::string::npos) << name;
+        EXPECT_EQ(name.find("partial"), std::string::npos) << name;
+        if (entry.path().extension() == ".mov") {
+            ++movies;
+            expectToolsAccept(entry.path().string(), true);
+        }
+    }
+    EXPECT_GE(movies, 2u);
+    EXPECT_LT(movies, 60u);
+    EXPECT_NE(readFile(out + "/report.json").find("\"stopped\":true"), std::string::npos);
 }
 
 }  // namespace
