@@ -14,6 +14,7 @@
 
 #include "AppController.h"
 #include "Foundation/Value.h"
+#include <memory>
 #include "MovieJob.h"
 #include "Report.h"
 
@@ -65,27 +66,69 @@ std::string freeName(const std::string& folder, const std::string& stem, int& fr
     }
 }
 
-corvina::Value settingsDocument(const Clip& clip, const std::string& input, const std::string& moviePath)
+std::string xmlText(const std::string& text)
 {
-    using corvina::Value;
-    Value::ArrayType video, audio;
-    video.reserve(clip.frames.size());
-    for (const ByteRange& frame : clip.frames)
-        video.push_back(Value(Value::DictionaryType{{"offset", Value(frame.offset)}, {"length", Value(frame.length)}}));
-    for (const ByteRange& run : clip.audio)
-        audio.push_back(Value(Value::DictionaryType{{"offset", Value(run.offset)}, {"length", Value(run.length)}}));
-    Value::DictionaryType settings;
-    settings["tmpFilename"] = Value(input);
-    settings["tmpAudioFilename"] = Value(input);
-    settings["destFilename"] = Value(moviePath);
-    settings["formatType"] = Value(clip.formatType);
-    settings["audioFormat"] = Value(clip.audioFormat);
-    settings["frameRate"] = Value(std::round(clip.frameRate * 1000.0) / 1000.0);
-    settings["fWidth"] = Value(int64_t(clip.width));
-    settings["fHeight"] = Value(int64_t(clip.height));
-    settings["offsetArray"] = Value(std::move(video));
-    settings["audioOffsetArray"] = Value(std::move(audio));
-    return Value(std::move(settings));
+    std::string out;
+    for (const char c : text) {
+        if (c == '&')
+            out += "&amp;";
+        else if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else
+            out += c;
+    }
+    return out;
+}
+
+// The settings document as an XML property list, written entry by entry: a clip of a million
+// frames costs no tree of a million dictionaries. Written beside, synced, then renamed.
+bool writeSettingsDocument(const Clip& clip, const std::string& input, const std::string& moviePath,
+                           const std::string& path)
+{
+    const std::string temp = path + ".partial";
+    {
+        std::FILE* file = std::fopen(temp.c_str(), "wx");
+        if (!file) return false;
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(file, std::fclose);
+        const auto ranges = [&](const char* key, const std::vector<ByteRange>& list) {
+            std::fprintf(file, "\t<key>%s</key>\n\t<array>\n", key);
+            for (const ByteRange& r : list)
+                std::fprintf(
+                    file,
+                    "\t\t<dict>\n\t\t\t<key>length</key>\n\t\t\t<integer>%llu</integer>\n\t\t\t<key>offset</key>"
+                    "\n\t\t\t<integer>%llu</integer>\n\t\t</dict>\n",
+                    static_cast<unsigned long long>(r.length), static_cast<unsigned long long>(r.offset));
+            std::fputs("\t</array>\n", file);
+        };
+        std::fputs(
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+            "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n<dict>\n",
+            file);
+        std::fprintf(file, "\t<key>audioFormat</key>\n\t<integer>%lld</integer>\n",
+                     static_cast<long long>(clip.audioFormat));
+        ranges("audioOffsetArray", clip.audio);
+        std::fprintf(file, "\t<key>destFilename</key>\n\t<string>%s</string>\n", xmlText(moviePath).c_str());
+        std::fprintf(file, "\t<key>fHeight</key>\n\t<integer>%d</integer>\n", clip.height);
+        std::fprintf(file, "\t<key>fWidth</key>\n\t<integer>%d</integer>\n", clip.width);
+        std::fprintf(file, "\t<key>formatType</key>\n\t<integer>%lld</integer>\n",
+                     static_cast<long long>(clip.formatType));
+        std::fprintf(file, "\t<key>frameRate</key>\n\t<real>%.3f</real>\n", clip.frameRate);
+        ranges("offsetArray", clip.frames);
+        std::fprintf(file, "\t<key>tmpAudioFilename</key>\n\t<string>%s</string>\n", xmlText(input).c_str());
+        std::fprintf(file, "\t<key>tmpFilename</key>\n\t<string>%s</string>\n", xmlText(input).c_str());
+        std::fputs("</dict>\n</plist>\n", file);
+        if (std::fflush(file) != 0 || ::fsync(::fileno(file)) != 0 || std::ferror(file)) {
+            std::remove(temp.c_str());
+            return false;
+        }
+    }
+    if (std::rename(temp.c_str(), path.c_str()) != 0) {
+        std::remove(temp.c_str());
+        return false;
+    }
+    return true;
 }
 
 MovieJob jobFor(const Clip& clip, const std::string& input, const std::string& moviePath)
@@ -256,7 +299,7 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         if (options.progress)
             std::fprintf(stderr, "clip %zu of %zu: %zu frames -> %s\n", i + 1, clips.size(),
                          clipOutcome.clip.frames.size(), moviePath.c_str());
-        if (!settingsDocument(clipOutcome.clip, input, moviePath).writeToFile(clipOutcome.settingsPath, true)) {
+        if (!writeSettingsDocument(clipOutcome.clip, input, moviePath, clipOutcome.settingsPath)) {
             clipOutcome.error = "the settings document " + clipOutcome.settingsPath + " could not be written";
             clipOutcome.settingsPath.clear();
             outcome.clips.push_back(std::move(clipOutcome));

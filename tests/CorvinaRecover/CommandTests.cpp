@@ -15,6 +15,7 @@
 #include "Foundation/Value.h"
 #include "HelperRun.h"
 #include "MovieCheck.h"
+#include "MovieJob.h"
 #include "TestMovies.h"
 #include "TestSupport.h"
 
@@ -130,6 +131,13 @@ TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheT
         ASSERT_TRUE(settings);
         EXPECT_EQ((*settings)["tmpFilename"].stringValue(), stream);
         EXPECT_EQ((*settings)["offsetArray"][0]["offset"].integerValue(), clip.first * 144000);
+        // The helper's own reader takes the document as it is.
+        const auto job = MovieJob::readDocument(dir_ / ("out/" + std::string(clip.name) + ".plist"));
+        ASSERT_TRUE(job);
+        EXPECT_EQ(job->videoEntries->size(), size_t(clip.count));
+        EXPECT_EQ(job->formatType, 1);
+        EXPECT_EQ(job->frameRate, 25.0f);
+        EXPECT_EQ(job->destFilename, movie);
     }
     EXPECT_NE(report.find("damaged DIF block 50 of sequence 3"), std::string::npos);
     EXPECT_NE(report.find("\"dvAudio\":{\"rate\":48000,\"bits\":16}"), std::string::npos);
