@@ -318,7 +318,8 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         outcome.clips.push_back(std::move(clipOutcome));
     }
 
-    writeReports(outcome, input, outdir, options.reportPictures);
+    // After a stop the report is written at once, without pictures: the signal's grace is short.
+    writeReports(outcome, input, outdir, options.reportPictures && !outcome.stopped);
     return outcome;
 }
 
