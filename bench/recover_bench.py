@@ -2,18 +2,22 @@
 """Times corvina-recover against photorec (Debian's testdisk package) on the same disk image.
 
     bench/recover_bench.py [--mb 1024] [--work /var/tmp] [--out /dev/shm] [--sparse-gb 100]
+                           [--runs 3] [--jobs N] [--baseline OTHER-corvina-recover]
 
 The image is noise with movies and raw DV streams made by ffmpeg placed on 4 KiB boundaries,
 as a file system places files; it is read once before the runs so that both tools read it
 from the page cache. Both tools write their results to --out, which must be on another file
 system than --work. Then a sparse image of --sparse-gb with one recording in its middle is
-scanned for the memory bound. Prints wall and CPU seconds, MB/s and the largest resident set.
+scanned for the memory bound. Prints wall and CPU seconds, MB/s and the largest resident set,
+the medians of --runs runs; --baseline times another build of corvina-recover on the same image
+in the same run, alternating with this one.
 """
 import argparse
 import json
 import os
 import re
 import shutil
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -51,6 +55,9 @@ def main():
     parser.add_argument("--work", default="/var/tmp")
     parser.add_argument("--out", default="/dev/shm")
     parser.add_argument("--sparse-gb", type=int, default=100)
+    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--jobs", type=int, default=0, help="--jobs for this build (0: its default)")
+    parser.add_argument("--baseline", help="another corvina-recover to time on the same image")
     a = parser.parse_args()
     if os.stat(a.work).st_dev == os.stat(a.out).st_dev:
         sys.exit("--work and --out must be on different file systems")
@@ -82,15 +89,27 @@ def main():
             while f.read(64 << 20):
                 pass
 
-        ours_out = f"{out}/ours"
-        os.mkdir(ours_out)
-        wall, cpu, rss, _ = timed([RECOVER, image, ours_out])
-        report = json.load(open(f"{ours_out}/report.json"))
-        frames = sum(c["frames"] for c in report["clips"])
         print(f"image: {size / 1e6:.0f} MB, {placed} recordings placed")
-        print(f"corvina-recover: {wall:.2f} s wall ({cpu:.2f} s CPU), scan {report['scanSeconds']:.2f} s = "
-              f"{size / report['scanSeconds'] / 1e6:.0f} MB/s, {len(report['clips'])} clips, {frames} frames, "
-              f"max RSS {rss:.0f} MiB")
+        builds = [("corvina-recover", [RECOVER] + (["--jobs", str(a.jobs)] if a.jobs else []))]
+        if a.baseline:
+            builds.append(("baseline", [a.baseline]))
+        times = {name: [] for name, _ in builds}
+        for run in range(a.runs):
+            for name, argv in builds:
+                ours_out = f"{out}/{name}-{run}"
+                os.mkdir(ours_out)
+                wall, cpu, rss, _ = timed(argv + [image, ours_out])
+                report = json.load(open(f"{ours_out}/report.json"))
+                frames = sum(c["frames"] for c in report["clips"])
+                times[name].append((report["scanSeconds"], wall, cpu, rss, len(report["clips"]), frames))
+                shutil.rmtree(ours_out)
+        for name, rows in times.items():
+            scan = statistics.median(r[0] for r in rows)
+            print(f"{name}: median of {len(rows)}: scan {scan:.2f} s = {size / scan / 1e6:.0f} MB/s "
+                  f"(each: {', '.join(f'{size / r[0] / 1e6:.0f}' for r in rows)}), "
+                  f"{statistics.median(r[1] for r in rows):.2f} s wall "
+                  f"({statistics.median(r[2] for r in rows):.2f} s CPU), {rows[0][4]} clips, {rows[0][5]} frames, "
+                  f"max RSS {max(r[3] for r in rows):.0f} MiB")
 
         theirs_out = f"{out}/theirs"
         os.mkdir(theirs_out)

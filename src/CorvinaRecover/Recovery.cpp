@@ -258,6 +258,7 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         scanOptions.families = {row == 4 ? Family::JPEG : row >= 30 ? Family::ProRes : Family::DV};
     }
     scanOptions.stop = options.stop;
+    scanOptions.jobs = options.jobs;
     const auto started = std::chrono::steady_clock::now();
     if (options.progress) scanOptions.progress = [started](const ScanProgress& p) { printProgress(p, started); };
     ScanResult scanned = scan(fd.get(), *size, scanOptions);

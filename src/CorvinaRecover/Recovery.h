@@ -26,6 +26,7 @@ struct RecoverOptions {
     std::optional<int64_t> formatRow;      // the helper's video row, instead of a reference
     bool progress = false;                 // progress lines on standard error
     bool reportPictures = true;            // thumbnails and waveforms in report.html
+    unsigned jobs = 0;                     // the scan's threads (0: one per core)
     const std::atomic<bool>* stop = nullptr;
     // Called with the controller of each movie while it is being written, and with null
     // after it, so that a stop request can reach it.

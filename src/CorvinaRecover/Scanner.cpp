@@ -12,6 +12,8 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -22,6 +24,25 @@ namespace recover {
 namespace {
 
 constexpr size_t kMaxRejectionsKept = 10000;
+constexpr uint64_t kLongestStartBefore = 4;    // ProRes's identifier follows its size
+constexpr uint64_t kSmallestPart = 64u << 10;  // a window is cut into parts no smaller
+
+// Runs work(0) .. work(count - 1), each on a thread of its own (work(0) on this one), and
+// returns when all are done. Work a thread could not be started for runs here.
+template <typename Work>
+void onThreads(unsigned count, const Work& work)
+{
+    std::vector<std::jthread> threads;
+    unsigned started = 1;
+    try {
+        threads.reserve(count);
+        for (; started < count; ++started) threads.emplace_back([&work, started] { work(started); });
+    } catch (const std::system_error&) {
+    } catch (const std::bad_alloc&) {
+    }
+    work(0);
+    for (unsigned i = started; i < count; ++i) work(i);
+}
 
 Examination examine(Family family, std::span<const uint8_t> bytes, bool atEnd)
 {
@@ -107,8 +128,9 @@ public:
     const uint8_t* at(uint64_t offset) const { return buffer_.get() + (offset - start_); }
 
     // Makes the window begin at `from` and hold as much as fits; the bytes already held from
-    // there on are kept. False with errno's text in error on a read failure.
-    bool fillFrom(uint64_t from, std::string& error)
+    // there on are kept. The new bytes are read in `jobs` pieces side by side. False with
+    // errno's text in error on a read failure.
+    bool fillFrom(uint64_t from, unsigned jobs, std::string& error)
     {
         if (from >= start_ && from < end_) {
             std::memmove(buffer_.get(), at(from), size_t(end_ - from));
@@ -117,31 +139,108 @@ public:
         }
         start_ = from;
         const uint64_t want = std::min<uint64_t>(size_, start_ + capacity_);
-        while (end_ < want) {
-            const size_t chunk = size_t(std::min<uint64_t>(want - end_, 8u << 20));
-            const ssize_t got = ::pread(fd_, buffer_.get() + (end_ - start_), chunk, off_t(end_));
-            if (got < 0) {
-                if (errno == EINTR) continue;
-                error = std::string("read failed at byte ") + std::to_string(end_) + ": " + std::strerror(errno);
+        if (end_ >= want) return true;
+        // Pieces of whole 1 MiB units, so that each pread stays large.
+        const uint64_t units = (want - end_ + (1u << 20) - 1) >> 20;
+        const unsigned pieces = unsigned(std::clamp<uint64_t>(units, 1, jobs));
+        std::vector<Piece> read(pieces);
+        for (unsigned i = 0; i < pieces; ++i) {
+            read[i].from = end_ + std::min(want - end_, ((units * i / pieces) << 20));
+            read[i].to = end_ + std::min(want - end_, ((units * (i + 1) / pieces) << 20));
+        }
+        onThreads(pieces, [&](unsigned i) { readPiece(read[i]); });
+        // The bytes held are those up to the first piece that failed or came back short.
+        for (const Piece& piece : read) {
+            end_ = piece.reached;
+            if (piece.error != 0) {
+                error = std::string("read failed at byte ") + std::to_string(piece.reached) + ": " +
+                        std::strerror(piece.error);
                 return false;
             }
-            if (got == 0) {
-                size_ = end_;  // the input ended early (it shrank while we read)
+            if (piece.reached < piece.to) {
+                size_ = piece.reached;  // the input ended early (it shrank while we read)
                 break;
             }
-            end_ += uint64_t(got);
         }
         return true;
     }
     bool atInputEnd() const { return end_ >= size_; }
 
 private:
+    struct Piece {
+        uint64_t from = 0, to = 0, reached = 0;
+        int error = 0;
+    };
+
+    void readPiece(Piece& piece) const
+    {
+        piece.reached = piece.from;
+        while (piece.reached < piece.to) {
+            const size_t chunk = size_t(std::min<uint64_t>(piece.to - piece.reached, 8u << 20));
+            const ssize_t got = ::pread(fd_, buffer_.get() + (piece.reached - start_), chunk, off_t(piece.reached));
+            if (got < 0) {
+                if (errno == EINTR) continue;
+                piece.error = errno;
+                return;
+            }
+            if (got == 0) return;
+            piece.reached += uint64_t(got);
+        }
+    }
+
     int fd_;
     uint64_t size_;
     size_t capacity_;
     std::unique_ptr<uint8_t[]> buffer_;
     uint64_t start_ = 0, end_ = 0;
 };
+
+// What one part of a window gave: its frames and the first rejections, in input order.
+struct PartResult {
+    std::vector<FrameInfo> frames;
+    std::vector<Rejection> rejections;
+    uint64_t rejectionsDropped = 0;  // after the kept ones
+};
+
+// Finds the frames that start in [from, to) of the window, as the scan does from a position
+// `from`: a frame found lets the search go on after its end, which may be past `to`. A frame
+// is examined with every byte the window holds after its start.
+PartResult scanPart(const Window& window, uint64_t from, uint64_t to, const Pairs& pairs, bool atEnd)
+{
+    PartResult result;
+    // Pattern positions up to the part's end plus the longest distance from a start to its
+    // pattern, so that every start before the end is seen.
+    const uint64_t searchEnd = std::min(window.end(), to + kLongestStartBefore + 1);
+    const uint8_t* base = window.at(window.start());
+    uint64_t pos = from, at = from;
+    while (at + 1 < searchEnd) {
+        const size_t hit = findPair(base, size_t(at - window.start()), size_t(searchEnd - window.start()), pairs);
+        const uint64_t found = window.start() + hit;
+        if (found + 1 >= searchEnd) break;
+        at = found + 1;
+        const Family family = familyOfPair(base[hit], pairs);
+        const StartPattern pattern = startPattern(family);
+        if (found < pos + pattern.startBefore) continue;  // inside the frame before
+        const uint64_t candidate = found - pattern.startBefore;
+        if (candidate >= to) continue;
+        if (window.end() - found < pattern.bytes.size() ||
+            std::memcmp(base + hit, pattern.bytes.data(), pattern.bytes.size()) != 0)
+            continue;
+        const Examination e = examine(family, {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
+        if (e.verdict == Examination::Verdict::Frame) {
+            FrameInfo frame = e.frame;
+            frame.offset = candidate;
+            result.frames.push_back(frame);
+            pos = at = candidate + frame.length;
+        } else if (e.verdict == Examination::Verdict::Rejected) {
+            if (result.rejections.size() < kMaxRejectionsKept)
+                result.rejections.push_back({candidate, family, e.frame.formatType, e.reason});
+            else
+                ++result.rejectionsDropped;
+        }
+    }
+    return result;
+}
 
 }  // namespace
 
@@ -162,6 +261,7 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
     ScanResult result;
     std::vector<Family> families = options.families;
     if (families.empty()) families = {Family::DV, Family::ProRes, Family::JPEG};
+    const unsigned jobs = options.jobs > 0 ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
     Window window(fd, size, options.windowBytes + kMaxFrameBytes);
@@ -177,40 +277,45 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
         const off_t data = ::lseek(fd, off_t(pos), SEEK_DATA);
         if (data < 0 && errno == ENXIO) break;  // only a hole remains
         if (data > off_t(pos)) pos = uint64_t(data);
-        if (!window.fillFrom(pos, result.error)) break;
+        if (!window.fillFrom(pos, jobs, result.error)) break;
         if (window.end() <= pos) break;
         // Candidates before the limit have the largest frame's bytes behind them, or the end.
         const uint64_t limit = window.atInputEnd() ? window.end() : window.end() - kMaxFrameBytes;
         const bool atEnd = window.atInputEnd();
-        // Pattern positions up to the limit plus the longest distance from a start to its
-        // pattern, so that every start before the limit is seen in this window.
-        const uint64_t searchEnd = std::min(window.end(), limit + 4);
-        uint64_t at = pos;
-        while (at + 1 < searchEnd) {
-            const uint8_t* base = window.at(window.start());
-            const size_t hit = findPair(base, size_t(at - window.start()), size_t(searchEnd - window.start()), pairs);
-            const uint64_t found = window.start() + hit;
-            if (found + 1 >= searchEnd) break;
-            at = found + 1;
-            const Family family = familyOfPair(base[hit], pairs);
-            const StartPattern pattern = startPattern(family);
-            if (found < pos + pattern.startBefore) continue;  // inside the frame before
-            const uint64_t candidate = found - pattern.startBefore;
-            if (candidate >= limit) continue;
-            if (window.end() - found < pattern.bytes.size() ||
-                std::memcmp(base + hit, pattern.bytes.data(), pattern.bytes.size()) != 0)
-                continue;
-            const Examination e = examine(family, {window.at(candidate), size_t(window.end() - candidate)}, atEnd);
-            if (e.verdict == Examination::Verdict::Frame) {
-                FrameInfo frame = e.frame;
-                frame.offset = candidate;
-                result.frames.push_back(frame);
-                pos = at = candidate + frame.length;
-            } else if (e.verdict == Examination::Verdict::Rejected) {
+
+        // The starts in [pos, limit) are looked for in parts side by side, each as if the scan
+        // came to the part's beginning with no frame running into it.
+        const unsigned parts = unsigned(std::clamp<uint64_t>((limit - pos) / kSmallestPart, 1, jobs));
+        std::vector<uint64_t> bounds(parts + 1);
+        for (unsigned i = 0; i <= parts; ++i) bounds[i] = pos + (limit - pos) * i / parts;
+        std::vector<PartResult> partResults(parts);
+        onThreads(parts,
+                  [&](unsigned i) { partResults[i] = scanPart(window, bounds[i], bounds[i + 1], pairs, atEnd); });
+
+        // Merged in order, they are what one pass finds. A frame running from one part into the
+        // next hides the starts inside it: the next part's answers from the frame's end on stand
+        // as long as the part took no frame before that end (its search then went on just as one
+        // pass's would) and kept every rejection it met there; otherwise the part is searched
+        // again from the frame's end.
+        for (unsigned i = 0; i < parts; ++i) {
+            PartResult part = std::move(partResults[i]);
+            if (pos > bounds[i]) {
+                const bool frameBefore = !part.frames.empty() && part.frames.front().offset < pos;
+                const bool uncounted = part.rejectionsDropped > 0 && part.rejections.back().offset < pos;
+                if (frameBefore || uncounted)
+                    part = pos < bounds[i + 1] ? scanPart(window, pos, bounds[i + 1], pairs, atEnd) : PartResult{};
+            }
+            for (Rejection& rejection : part.rejections) {
+                if (rejection.offset < pos) continue;
                 if (result.rejections.size() < kMaxRejectionsKept)
-                    result.rejections.push_back({candidate, family, e.frame.formatType, e.reason});
+                    result.rejections.push_back(std::move(rejection));
                 else
                     ++result.rejectionsDropped;
+            }
+            result.rejectionsDropped += part.rejectionsDropped;
+            if (!part.frames.empty()) {
+                pos = part.frames.back().offset + part.frames.back().length;
+                result.frames.insert(result.frames.end(), part.frames.begin(), part.frames.end());
             }
         }
         pos = std::max(pos, limit);

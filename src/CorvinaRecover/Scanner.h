@@ -1,6 +1,6 @@
 // The scan: reads the input front to back through one sliding window of large preads (never
-// a mapping, never the whole input), asks each family's reader about every place where its
-// start pattern occurs, and keeps the frames in input order. A frame found lets the scan go on
+// a mapping, never the whole input), read and searched in parts on several threads, asks each family's reader about
+// every place where its start pattern occurs, and keeps the frames in input order. A frame found lets the scan go on
 // after its end. Runs of zeros that the file system reports as holes are stepped over, since
 // no frame starts with a zero byte.
 #pragma once
@@ -33,6 +33,7 @@ struct ScanOptions {
     // The families to look for (all three when empty).
     std::vector<Family> families;
     size_t windowBytes = 64u << 20;                     // read ahead of the scan besides the largest frame
+    unsigned jobs = 0;                                  // threads reading and searching a window (0: one per core)
     std::function<void(const ScanProgress&)> progress;  // after each window
     const std::atomic<bool>* stop = nullptr;            // checked between windows
 };

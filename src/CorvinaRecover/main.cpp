@@ -30,7 +30,7 @@ constexpr const char* kUsage =
     "  --reference MOVIE  a movie made like the lost one: its format, frame size and audio\n"
     "                     layout are used, and the audio between the frames is recovered\n"
     "  --format ROW       the helper's video row (0-4, 10-12, 30-35) instead of a reference\n"
-    "  --jobs N           accepted for scripts; the scan reads with one thread\n"
+    "  --jobs N           threads that read and search the input (default: one per core)\n"
     "  --help, --version\n"
     "\n"
     "Exit status: 0 when at least one clip was written, 1 when none, 2 on bad usage.\n";
@@ -84,8 +84,9 @@ int main(int argc, char** argv)
             options.formatRow = *integer(*row);
         } else if (argument == "--jobs") {
             const auto jobs = value();
-            if (!jobs || !integer(*jobs) || *integer(*jobs) < 1)
-                return usageError("--jobs needs a number of at least 1");
+            if (!jobs || !integer(*jobs) || *integer(*jobs) < 1 || *integer(*jobs) > 256)
+                return usageError("--jobs needs a number from 1 to 256");
+            options.jobs = unsigned(*integer(*jobs));
         } else if (argument.size() > 1 && argument[0] == '-') {
             return usageError("unknown option " + argument);
         } else {

@@ -2,7 +2,9 @@
 // bytes survive must come back byte for byte and in order, nothing that was not in the
 // original may appear, the audio between the frames must be the original's, and every movie
 // written must pass the independent tools.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 #include "HelperRun.h"
 #include "MovieCheck.h"
 #include "Recovery.h"
+#include "Scanner.h"
 #include "TQLog.h"
 #include "TestMovies.h"
 #include "TestSupport.h"
@@ -215,38 +218,140 @@ const std::vector<std::string> kDV411 = {"-c:v", "dvvideo", "-pix_fmt", "yuv411p
 const std::vector<std::string> kDV420 = {"-c:v", "dvvideo", "-pix_fmt", "yuv420p"};
 const std::vector<std::string> kDV422 = {"-c:v", "dvvideo", "-pix_fmt", "yuv422p"};
 
-INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
-                         ::testing::Values(Row{"DV NTSC", kDV411, "720x480", "30000/1001", "pcm_s16le", &kCut},
-                                           Row{"DV PAL", kDV420, "720x576", "25", "pcm_s16be", &kHoled},
-                                           Row{"DVCPRO50 NTSC", kDV422, "720x480", "30000/1001", "pcm_s16be", &kHeader},
-                                           Row{"DVCPRO50 PAL", kDV422, "720x576", "25", "pcm_s16le", &kCut},
-                                           Row{"DVCPRO HD 720p", kDV422, "960x720", "60000/1001", "pcm_s16le", &kHoled},
-                                           Row{"DVCPRO HD 1080i60", kDV422, "1280x1080", "30000/1001", nullptr, &kCut},
-                                           Row{"DVCPRO HD 1080i50", kDV422, "1440x1080", "25", "pcm_s16be", &kHeader},
-                                           Row{"ProRes 422",
-                                               {"-c:v", "prores_ks", "-profile:v", "2", "-pix_fmt", "yuv422p10le"},
-                                               "640x360",
-                                               "30000/1001",
-                                               "pcm_s16le",
-                                               &kHoled},
-                                           Row{"ProRes 4444",
-                                               {"-c:v", "prores_ks", "-profile:v", "4", "-pix_fmt", "yuv444p10le"},
-                                               "320x240",
-                                               "25",
-                                               "pcm_s16be",
-                                               &kCut},
-                                           Row{"Motion JPEG",
-                                               {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"},
-                                               "720x576",
-                                               "25",
-                                               "pcm_s16le",
-                                               &kHoled}),
-                         [](const ::testing::TestParamInfo<Row>& info) {
-                             std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
-                             for (char& c : name)
-                                 if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                             return name;
-                         });
+const std::vector<Row> kRows = {
+    Row{"DV NTSC", kDV411, "720x480", "30000/1001", "pcm_s16le", &kCut},
+    Row{"DV PAL", kDV420, "720x576", "25", "pcm_s16be", &kHoled},
+    Row{"DVCPRO50 NTSC", kDV422, "720x480", "30000/1001", "pcm_s16be", &kHeader},
+    Row{"DVCPRO50 PAL", kDV422, "720x576", "25", "pcm_s16le", &kCut},
+    Row{"DVCPRO HD 720p", kDV422, "960x720", "60000/1001", "pcm_s16le", &kHoled},
+    Row{"DVCPRO HD 1080i60", kDV422, "1280x1080", "30000/1001", nullptr, &kCut},
+    Row{"DVCPRO HD 1080i50", kDV422, "1440x1080", "25", "pcm_s16be", &kHeader},
+    Row{"ProRes 422",
+        {"-c:v", "prores_ks", "-profile:v", "2", "-pix_fmt", "yuv422p10le"},
+        "640x360",
+        "30000/1001",
+        "pcm_s16le",
+        &kHoled},
+    Row{"ProRes 4444",
+        {"-c:v", "prores_ks", "-profile:v", "4", "-pix_fmt", "yuv444p10le"},
+        "320x240",
+        "25",
+        "pcm_s16be",
+        &kCut},
+    Row{"Motion JPEG", {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"}, "720x576", "25", "pcm_s16le", &kHoled}};
+
+std::string rowName(const ::testing::TestParamInfo<Row>& info)
+{
+    std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
+    for (char& c : name)
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow, ::testing::ValuesIn(kRows), rowName);
+
+// What a scan found and the clips made of it, as one text to compare.
+std::string scanText(const std::string& path, const recover::Expectation& expectation, unsigned jobs, size_t window)
+{
+    struct Input {
+        int descriptor;
+        ~Input() { ::close(descriptor); }
+        int get() const { return descriptor; }
+    } fd{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    recover::ScanOptions options;
+    options.jobs = jobs;
+    options.windowBytes = window;
+    const recover::ScanResult scanned = recover::scan(fd.get(), std::filesystem::file_size(path), options);
+    std::string text = "scanned " + std::to_string(scanned.bytesScanned) + ", dropped " +
+                       std::to_string(scanned.rejectionsDropped) + "\n";
+    for (const recover::FrameInfo& f : scanned.frames)
+        text += "frame " + std::to_string(f.offset) + "+" + std::to_string(f.length) + " " +
+                std::to_string(f.formatType) + "\n";
+    for (const recover::Rejection& r : scanned.rejections)
+        text += "rejected " + std::to_string(r.offset) + " " + r.reason + "\n";
+    const int descriptor = fd.get();
+    const recover::ReadBytes read = [descriptor](uint64_t offset, std::span<uint8_t> into) {
+        return ::pread(descriptor, into.data(), into.size(), off_t(offset)) == ssize_t(into.size());
+    };
+    for (const recover::Clip& clip : recover::groupClips(scanned.frames, scanned.rejections, expectation, read)) {
+        text += "clip " + std::to_string(clip.frames.size()) + " frames, audio";
+        for (const recover::ByteRange& r : clip.audio)
+            text += " " + std::to_string(r.offset) + "+" + std::to_string(r.length);
+        text += ", " + clip.endReason + "\n";
+    }
+    return text;
+}
+
+// The scan's threads find what one thread finds, in the same order: with the default window
+// (a part per thread) and with windows so small that frames run across every part and window.
+class RecoverRowConcurrency : public ::testing::TestWithParam<Row> {};
+
+TEST_P(RecoverRowConcurrency, ThreadsFindWhatOneThreadFinds)
+{
+    const Row& row = GetParam();
+    TempDir dir;
+    auto args = movieArguments(row, 1.0, "testsrc");
+    const std::string damaged = dir / "damaged.mov";
+    args.push_back(damaged);
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status == 0);
+    row.damage->apply(damaged, std::filesystem::file_size(damaged));
+    auto refArgs = movieArguments(row, 0.2, "smptebars");
+    refArgs.push_back(dir / "reference.mov");
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status == 0);
+    recover::RecoverOptions options;
+    options.reference = dir / "reference.mov";
+    std::string problem;
+    const auto expectation = recover::expectationFor(options, problem);
+    ASSERT_TRUE(expectation) << problem;
+
+    const std::string one = scanText(damaged, *expectation, 1, 64u << 20);
+    EXPECT_NE(one.find("frame "), std::string::npos);
+    EXPECT_EQ(scanText(damaged, *expectation, 2, 64u << 20), one);
+    EXPECT_EQ(scanText(damaged, *expectation, 3, 256u << 10), one);
+    EXPECT_EQ(scanText(damaged, *expectation, 8, 1u << 20), one);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRowConcurrency, ::testing::ValuesIn(kRows), rowName);
+
+// JPEG frames that carry whole JPEG thumbnails in their first segments: a part that begins
+// inside such a frame finds the thumbnails as frames, which one pass steps over. The merge
+// must search those parts again and find the outer frames only.
+TEST(ScanConcurrency, FramesInsideFramesAreSteppedOverAsByOneThread)
+{
+    TempDir dir;
+    const std::string small = dir / "small.jpg", large = dir / "large.jpg";
+    auto args = join({{"ffmpeg", "-v", "error", "-y"},
+                      lavfi("testsrc=size=64x48:rate=25"),
+                      {"-frames:v", "1", "-c:v", "mjpeg", small}});
+    ASSERT_EQ(runProgram(args).status, 0);
+    args = join({{"ffmpeg", "-v", "error", "-y"},
+                 lavfi("testsrc=size=720x576:rate=25"),
+                 {"-frames:v", "1", "-c:v", "mjpeg", "-q:v", "2", large}});
+    ASSERT_EQ(runProgram(args).status, 0);
+    const std::string thumbnail = readFile(small), picture = readFile(large);
+    ASSERT_LT(thumbnail.size(), 60000u);
+    std::string frame = "\xFF\xD8";
+    for (int i = 0; i < 40; ++i) {
+        const size_t length = thumbnail.size() + 2;
+        frame += "\xFF\xE1";
+        frame += char(length >> 8);
+        frame += char(length & 0xFF);
+        frame += thumbnail;
+    }
+    frame += picture.substr(2);
+    std::string image;
+    for (uint32_t i = 0; i < 24; ++i) image += randomBytes(1000 + 377 * i, i) + frame;
+    const std::string path = dir / "image.bin";
+    writeFile(path, image);
+
+    const std::string one = scanText(path, {}, 1, 64u << 20);
+    size_t frames = 0;
+    for (size_t at = one.find("\nframe "); at != std::string::npos; at = one.find("\nframe ", at + 1)) ++frames;
+    EXPECT_EQ(frames, 24u) << one;
+    for (const unsigned jobs : {2u, 5u, 16u})
+        for (const size_t window : {size_t(1) << 20, size_t(3) << 20, size_t(64) << 20})
+            EXPECT_EQ(scanText(path, {}, jobs, window), one) << jobs << " threads, window " << window;
+}
 
 }  // namespace
 
