@@ -12,6 +12,7 @@ packages=(
   zip unzip
   clang libclang-rt-14-dev
   python3 sudo attr
+  dosfstools testdisk
   xvfb zenity xdotool tmux
 )
 missing=()

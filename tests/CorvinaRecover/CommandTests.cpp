@@ -1,0 +1,199 @@
+// The program as a person runs it: arguments, the output folder's device, exit statuses, and
+// a raw DV stream with damaged DIF blocks, whose clips break where DV's own timecode jumps.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "Foundation/Value.h"
+#include "HelperRun.h"
+#include "MovieCheck.h"
+#include "MovieJob.h"
+#include "TestMovies.h"
+#include "TestSupport.h"
+
+using namespace corvina::test;
+
+namespace {
+
+std::string recoverPath() { return std::string(CORVINA_BINARY_DIR) + "/corvina-recover"; }
+
+ProcessResult runRecover(const std::vector<std::string>& args, const HelperHome& home)
+{
+    std::vector<std::string> argv{recoverPath()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv, home.environment());
+}
+
+TEST(RecoverCommand, BadUsageAndAnOutputFolderBesideTheInputAreRefusedWithTwo)
+{
+    HelperHome home;
+    TempDir dir;
+    makeFile(dir / "input.bin", 1000);
+    std::filesystem::create_directory(dir / "out");
+    struct Case {
+        std::vector<std::string> args;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{}, "INPUT and OUTDIR are needed"},
+        {{"--bogus", dir / "input.bin", dir / "out"}, "unknown option --bogus"},
+        {{"--format", "twelve", dir / "input.bin", dir / "out"}, "--format needs a row number"},
+        {{"--format", "20", dir / "input.bin", dir / "out"}, "is not a row the recovery finds"},
+        {{"--reference", dir / "input.bin", dir / "input.bin", dir / "out"}, "cannot be read or is not a format"},
+        {{dir / "input.bin", dir / "out"}, "on the same file system"},
+        {{dir / "missing.bin", dir / "out"}, "cannot read"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult run = runRecover(c.args, home);
+        EXPECT_EQ(run.status, 2) << c.says;
+        EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "out"));
+}
+
+class RecoverOnAnotherDevice : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!mount_.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    TempDir dir_;
+    ScopedMount mount_{dir_ / "input-disk", "tmpfs", "size=96m"};
+    HelperHome home_;
+};
+
+TEST_F(RecoverOnAnotherDevice, NothingFoundIsOneWithAReportOfNoClips)
+{
+    makeFile(mount_ / "noise.bin", 3 << 20);
+    std::filesystem::create_directory(dir_ / "out");
+    const ProcessResult run = runRecover({mount_ / "noise.bin", dir_ / "out"}, home_);
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_NE(readFile(dir_ / "out/report.json").find("\"clips\":[\n]"), std::string::npos);
+}
+
+// A raw DV stream with a timecode; two frames get a DIF block of noise each. The damaged frames
+// are left out and named, and the clips break where the timecode jumps over them.
+TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheTimecodeJumps)
+{
+    const std::string stream = mount_ / "card.dv";
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x576:rate=25"),
+                               lavfi("sine=frequency=440:sample_rate=48000"),
+                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
+                                "48000", "-ac", "2", "-timecode", "10:00:00:00", "-f", "dv", stream}}))
+                  .status,
+              0);
+    const std::string original = readFile(stream);
+    ASSERT_EQ(original.size(), 50u * 144000);
+    {
+        std::fstream f(stream, std::ios::in | std::ios::out | std::ios::binary);
+        std::mt19937 random(5);
+        for (const int frame : {10, 30}) {
+            std::string noise(80, '\0');
+            for (char& c : noise) c = char(random());
+            f.seekp(frame * 144000 + 500 * 80);
+            f.write(noise.data(), 80);
+        }
+    }
+    const std::string digest = toolDigest("sha256sum", stream);
+    std::filesystem::create_directory(dir_ / "out");
+    writeFile(dir_ / "out/clip-001.mov", "somebody's movie");
+
+    const ProcessResult run = runRecover({stream, dir_ / "out"}, home_);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(toolDigest("sha256sum", stream), digest);
+    EXPECT_EQ(readFile(dir_ / "out/clip-001.mov"), "somebody's movie");
+
+    // Clip by clip: the frames of the stream in order, without the two damaged ones.
+    const struct {
+        const char* name;
+        int first, count;
+        const char* timecode;
+    } clips[] = {
+        {"clip-002", 0, 10, "10:00:00:00"}, {"clip-003", 11, 19, "10:00:00:11"}, {"clip-004", 31, 19, "10:00:01:06"}};
+    const std::string report = readFile(dir_ / "out/report.json");
+    for (const auto& clip : clips) {
+        const std::string movie = dir_ / ("out/" + std::string(clip.name) + ".mov");
+        const std::string expected = original.substr(size_t(clip.first) * 144000, size_t(clip.count) * 144000);
+        const auto video = extractStreamBytes(movie, 'v');
+        EXPECT_EQ(std::string(video.begin(), video.end()) == expected, true) << clip.name;
+        expectToolsAccept(movie, true);
+        EXPECT_NE(report.find(std::string("\"startTimecode\":\"") + clip.timecode + "\""), std::string::npos);
+        const auto settings = corvina::Value::fromPropertyListFile(dir_ / ("out/" + std::string(clip.name) + ".plist"));
+        ASSERT_TRUE(settings);
+        EXPECT_EQ((*settings)["tmpFilename"].stringValue(), stream);
+        EXPECT_EQ((*settings)["offsetArray"][0]["offset"].integerValue(), clip.first * 144000);
+        // The helper's own reader takes the document as it is.
+        const auto job = MovieJob::readDocument(dir_ / ("out/" + std::string(clip.name) + ".plist"));
+        ASSERT_TRUE(job);
+        EXPECT_EQ(job->videoEntries->size(), size_t(clip.count));
+        EXPECT_EQ(job->formatType, 1);
+        EXPECT_EQ(job->frameRate, 25.0f);
+        EXPECT_EQ(job->destFilename, movie);
+    }
+    EXPECT_NE(report.find("damaged DIF block 50 of sequence 3"), std::string::npos);
+    EXPECT_NE(report.find("\"dvAudio\":{\"rate\":48000,\"bits\":16}"), std::string::npos);
+    EXPECT_NE(readFile(dir_ / "out/report.html").find("data:image/bmp;base64,"), std::string::npos);
+}
+
+// SIGINT while clips are being written: the run stops soon, keeps the movies already in
+// place, leaves no half-written file and says so in its report.
+TEST_F(RecoverOnAnotherDevice, InterruptKeepsTheClipsAlreadyWritten)
+{
+    const std::string one = dir_ / "one.dv";
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x480:rate=30000/1001"),
+                               {"-frames:v", "10", "-c:v", "dvvideo", "-pix_fmt", "yuv411p", "-timecode", "00:00:00;00",
+                                "-f", "dv", one}}))
+                  .status,
+              0);
+    // Sixty copies: the timecode starts again at each, so each is a clip of its own.
+    const std::string recording = readFile(one);
+    std::string card;
+    for (int i = 0; i < 60; ++i) card += recording;
+    writeFile(mount_ / "card.dv", card);
+    std::filesystem::create_directory(dir_ / "out");
+
+    const std::string program = recoverPath(), input = mount_ / "card.dv", out = dir_ / "out";
+    std::vector<char*> argv{const_cast<char*>(program.c_str()), const_cast<char*>(input.c_str()),
+                            const_cast<char*>(out.c_str()), nullptr};
+    std::vector<std::string> environment;
+    for (const auto& [name, value] : home_.environment()) environment.push_back(name + "=" + value);
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(::posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!std::filesystem::exists(out + "/clip-002.mov") && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ::kill(pid, SIGINT);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    size_t movies = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(out)) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_EQ(name.find("incomplete"), std::string::npos) << name;
+        EXPECT_EQ(name.find("partial"), std::string::npos) << name;
+        if (entry.path().extension() == ".mov") {
+            ++movies;
+            expectToolsAccept(entry.path().string(), true);
+        }
+    }
+    EXPECT_GE(movies, 2u);
+    EXPECT_LT(movies, 60u);
+    EXPECT_NE(readFile(out + "/report.json").find("\"stopped\":true"), std::string::npos);
+}
+
+}  // namespace

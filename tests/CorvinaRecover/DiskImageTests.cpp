@@ -1,0 +1,111 @@
+// A FAT32 card image on which a deleted DV recording lies in two fragments, the second one
+// before the first on the disk and partly overwritten by a later file. The scan needs no file
+// system: the pieces come back as one clip in timecode order, less the frames that straddle
+// the cut or were overwritten, and nothing of the later file.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "MovieCheck.h"
+#include "Recovery.h"
+#include "TestMovies.h"
+#include "TestSupport.h"
+
+using namespace corvina::test;
+
+namespace {
+
+constexpr size_t kFrame = 144000;
+
+uint32_t little(const std::string& bytes, size_t at, int width)
+{
+    uint32_t v = 0;
+    for (int i = width - 1; i >= 0; --i) v = v << 8 | uint8_t(bytes[at + size_t(i)]);
+    return v;
+}
+
+TEST(DiskImage, FragmentedDeletedAndPartlyOverwrittenRecordingComesBackInTimecodeOrder)
+{
+    TempDir dir;
+    const std::string image = dir / "card.img";
+    std::filesystem::resize_file((std::ofstream(image), image), 48u << 20);
+    const ProcessResult mkfs = runProgram({"mkfs.vfat", "-F", "32", "-s", "8", image});
+    if (mkfs.status == -1 || mkfs.status == 127) GTEST_SKIP() << "mkfs.vfat is missing (dosfstools)";
+    ASSERT_EQ(mkfs.status, 0) << mkfs.err;
+    const std::string boot = readFile(image).substr(0, 512);
+    const uint64_t sector = little(boot, 11, 2), cluster = sector * little(boot, 13, 1);
+    const uint64_t dataStart = sector * (little(boot, 14, 2) + little(boot, 16, 1) * little(boot, 36, 4));
+    const auto clusterAt = [&](uint64_t n) { return dataStart + (n - 2) * cluster; };
+
+    const std::string stream = dir / "rec.dv";
+    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                               lavfi("testsrc=size=720x576:rate=25"),
+                               lavfi("sine=frequency=440:sample_rate=48000"),
+                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
+                                "48000", "-ac", "2", "-timecode", "01:00:00:00", "-f", "dv", stream}}))
+                  .status,
+              0);
+    const std::string recording = readFile(stream);
+    ASSERT_EQ(recording.size(), 50 * kFrame);
+
+    // Cluster by cluster: the first 60 % from cluster 5000 on, the rest from cluster 900 on;
+    // then a later file takes 12 clusters in the middle of the second piece.
+    const uint64_t clustersFirst = recording.size() * 3 / 5 / cluster;
+    const uint64_t cut = clustersFirst * cluster;
+    std::vector<std::pair<uint64_t, uint64_t>> lost;  // recording bytes no longer on the card
+    {
+        std::fstream card(image, std::ios::in | std::ios::out | std::ios::binary);
+        for (uint64_t at = 0; at < recording.size(); at += cluster) {
+            const uint64_t n = at < cut ? 5000 + at / cluster : 900 + (at - cut) / cluster;
+            card.seekp(std::streamoff(clusterAt(n)));
+            const std::string piece = recording.substr(at, cluster);
+            card.write(piece.data(), std::streamsize(piece.size()));
+        }
+        const uint64_t overwritten = cut + 100 * cluster;
+        const std::string later = patternBytes(12 * cluster, 7);
+        card.seekp(std::streamoff(clusterAt(900 + 100)));
+        card.write(later.data(), std::streamsize(later.size()));
+        lost.push_back({overwritten, overwritten + 12 * cluster});
+    }
+
+    std::filesystem::create_directory(dir / "out");
+    recover::RecoverOptions options;
+    options.input = image;
+    options.outdir = dir / "out";
+    options.reportPictures = false;
+    const recover::RecoverOutcome outcome = recover::recoverInput(options);
+    ASSERT_TRUE(outcome.error.empty()) << outcome.error;
+
+    // Frames whose bytes lie whole in one piece and were not overwritten.
+    std::vector<std::string> expected;
+    size_t onCard = 0;
+    for (size_t i = 0; i < 50; ++i) {
+        const uint64_t from = i * kFrame, to = from + kFrame;
+        bool gone = false;
+        for (const auto& [a, b] : lost) gone = gone || (from < b && to > a);
+        if (gone) continue;
+        ++onCard;
+        if (from < cut && to > cut) continue;  // cut in two by the file system
+        expected.push_back(recording.substr(from, kFrame));
+    }
+    std::string got;
+    for (const recover::ClipOutcome& clip : outcome.clips) {
+        ASSERT_FALSE(clip.moviePath.empty()) << clip.error;
+        const auto video = extractStreamBytes(clip.moviePath, 'v');
+        got.append(video.begin(), video.end());
+        expectToolsAccept(clip.moviePath, true);
+    }
+    std::string whole;
+    for (const std::string& frame : expected) whole += frame;
+    EXPECT_EQ(got.size() / kFrame, expected.size());
+    EXPECT_TRUE(got == whole) << "the frames are not the recording's, in its order";
+    // Two clips: the first piece joined with the second piece's start, then the rest after the
+    // overwritten clusters (the timecode jumps there).
+    EXPECT_EQ(outcome.clips.size(), 2u);
+    std::printf("[ FAT32 ] frames %zu of %zu on the card (%zu whole in one piece), %zu clips\n", got.size() / kFrame,
+                onCard, expected.size(), outcome.clips.size());
+}
+
+}  // namespace

@@ -1,0 +1,411 @@
+// Recovery from damaged copies of movies and streams that ffmpeg makes: every frame whose
+// bytes survive must come back byte for byte and in order, nothing that was not in the
+// original may appear, the audio between the frames must be the original's, and every movie
+// written must pass the independent tools.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "HelperRun.h"
+#include "MovieCheck.h"
+#include "Recovery.h"
+#include "Scanner.h"
+#include "TQLog.h"
+#include "TestMovies.h"
+#include "TestSupport.h"
+
+using namespace corvina::test;
+
+namespace {
+
+// Every in-process run logs into a private home.
+class RecoverEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        home_ = std::make_unique<HelperHome>();
+        for (const auto& [name, value] : home_->environment()) ::setenv(name.c_str(), value.c_str(), 1);
+        TQLog::createNewLog(std::string("CorvinaRecoverTests"));
+    }
+    void TearDown() override { TQLog::finishWriting(); }
+
+private:
+    std::unique_ptr<HelperHome> home_;
+};
+[[maybe_unused]] const auto* const registered = ::testing::AddGlobalTestEnvironment(new RecoverEnvironment);
+
+struct Packet {
+    uint64_t offset;
+    std::string bytes;
+};
+
+// The video samples of a movie with where each lies in the file. Our own movies must pass the
+// structural check too; ffmpeg's are only read.
+std::vector<Packet> videoPackets(const std::string& path, bool ours)
+{
+    MovieSummary summary;
+    const auto problems = checkMovieStructure(path, &summary);
+    if (ours) {
+        EXPECT_TRUE(problems.empty()) << path << ": " << (problems.empty() ? "" : problems.front());
+    }
+    const MovieTrack* track = summary.track(0x76696465);  // 'vide'
+    if (!track) return {};
+    std::vector<Packet> packets;
+    const std::vector<uint32_t> perChunk = track->samplesPerChunk();
+    const std::string file = readFile(path);
+    uint64_t sample = 0;
+    for (size_t chunk = 0; chunk < perChunk.size() && chunk < track->chunkOffsets.size(); ++chunk) {
+        uint64_t at = track->chunkOffsets[chunk];
+        for (uint32_t i = 0; i < perChunk[chunk]; ++i, ++sample) {
+            const uint32_t size = track->sampleSize(sample);
+            packets.push_back({at, file.substr(at, size)});
+            at += size;
+        }
+    }
+    return packets;
+}
+
+std::string bytesOf(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+void overwrite(const std::string& path, uint64_t offset, const std::string& bytes)
+{
+    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(std::streamoff(offset));
+    f.write(bytes.data(), std::streamsize(bytes.size()));
+}
+
+std::string randomBytes(size_t n, uint32_t seed)
+{
+    std::mt19937 random(seed);
+    std::string s(n, '\0');
+    for (char& c : s) c = char(random());
+    return s;
+}
+
+// A damage done to a copy: the byte ranges it destroyed (a cut destroys the tail).
+struct Damage {
+    std::string name;
+    std::function<std::vector<std::pair<uint64_t, uint64_t>>(const std::string& path, uint64_t size)> apply;
+};
+
+const Damage kCut{"cut", [](const std::string& path, uint64_t size) {
+                      const uint64_t keep = size * 3 / 5 + 1234;
+                      std::filesystem::resize_file(path, keep);
+                      return std::vector<std::pair<uint64_t, uint64_t>>{{keep, size}};
+                  }};
+const Damage kHoled{"holed", [](const std::string& path, uint64_t size) {
+                        std::vector<std::pair<uint64_t, uint64_t>> holes;
+                        for (int i = 1; i <= 3; ++i) {
+                            const uint64_t at = size * uint64_t(i) / 4 + 777 * uint64_t(i), length = 30000;
+                            overwrite(path, at, randomBytes(length, uint32_t(i)));
+                            holes.push_back({at, at + length});
+                        }
+                        return holes;
+                    }};
+const Damage kHeader{"header", [](const std::string& path, uint64_t size) {
+                         // The start overwritten with zeros, the end (the movie atom) with noise.
+                         overwrite(path, 0, std::string(70000, '\0'));
+                         overwrite(path, size - 4000, randomBytes(4000, 9));
+                         return std::vector<std::pair<uint64_t, uint64_t>>{{0, 70000}, {size - 4000, size}};
+                     }};
+
+bool survives(const Packet& p, const std::vector<std::pair<uint64_t, uint64_t>>& destroyed)
+{
+    for (const auto& [from, to] : destroyed)
+        if (p.offset < to && p.offset + p.bytes.size() > from) return false;
+    return true;
+}
+
+struct Row {
+    const char* name;
+    std::vector<std::string> video;  // ffmpeg output options of the video
+    const char* size;
+    const char* rate;
+    const char* audio;  // PCM codec or null
+    const Damage* damage;
+};
+
+std::vector<std::string> movieArguments(const Row& row, double seconds, const char* pattern)
+{
+    std::vector<std::string> args = lavfi(std::string(pattern) + "=size=" + row.size + ":rate=" + row.rate);
+    if (row.audio) {
+        const auto tone = lavfi("sine=frequency=440:sample_rate=48000");
+        args.insert(args.end(), tone.begin(), tone.end());
+    }
+    args.insert(args.end(), {"-t", std::to_string(seconds)});
+    args.insert(args.end(), row.video.begin(), row.video.end());
+    if (row.audio) args.insert(args.end(), {"-c:a", row.audio, "-ac", "2", "-ar", "48000"});
+    return args;
+}
+
+class RecoverRow : public ::testing::TestWithParam<Row> {};
+
+// Each row: a movie of one video row, damaged one way, recovered with a reference movie of the
+// same kind.
+TEST_P(RecoverRow, SurvivingFramesAndAudioComeBackExactlyAndNothingElse)
+{
+    const Row& row = GetParam();
+    TempDir dir;
+    auto args = movieArguments(row, 1.0, "testsrc");
+    auto original = dir / "original.mov";
+    args.push_back(original);
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status == 0);
+    auto refArgs = movieArguments(row, 0.2, "smptebars");
+    refArgs.push_back(dir / "reference.mov");
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status == 0);
+
+    const std::vector<Packet> packets = videoPackets(original, false);
+    ASSERT_GT(packets.size(), 10u);
+    const std::string originalAudio = row.audio ? bytesOf(extractStreamBytes(original, 'a')) : "";
+    const std::string damaged = dir / "damaged.mov";
+    std::filesystem::copy_file(original, damaged);
+    const auto destroyed = row.damage->apply(damaged, std::filesystem::file_size(original));
+    const std::string damagedDigest = toolDigest("sha256sum", damaged);
+
+    std::filesystem::create_directory(dir / "out");
+    recover::RecoverOptions options;
+    options.input = damaged;
+    options.outdir = dir / "out";
+    options.reference = dir / "reference.mov";
+    options.reportPictures = false;
+    const recover::RecoverOutcome outcome = recover::recoverInput(options);
+    ASSERT_TRUE(outcome.error.empty()) << outcome.error;
+    EXPECT_EQ(toolDigest("sha256sum", damaged), damagedDigest) << "the input was changed";
+
+    std::map<std::string, size_t> index;  // packet bytes -> position in the original
+    for (size_t i = 0; i < packets.size(); ++i) index.emplace(packets[i].bytes, i);
+    size_t surviving = 0;
+    for (const Packet& p : packets) surviving += survives(p, destroyed) ? 1 : 0;
+    size_t recovered = 0;
+    long last = -1;
+    uint64_t audioRecovered = 0;
+    for (const recover::ClipOutcome& clip : outcome.clips) {
+        ASSERT_FALSE(clip.moviePath.empty()) << clip.error;
+        for (const Packet& p : videoPackets(clip.moviePath, true)) {
+            const auto found = index.find(p.bytes);
+            ASSERT_NE(found, index.end()) << "a frame that was not in the original";
+            EXPECT_GT(long(found->second), last) << "frames out of order";
+            last = long(found->second);
+            ++recovered;
+        }
+        const std::string audio = row.audio ? bytesOf(extractStreamBytes(clip.moviePath, 'a')) : "";
+        if (clip.clip.audioGapsRefused == 0 && !audio.empty()) {
+            EXPECT_NE(originalAudio.find(audio), std::string::npos) << "audio that is not one piece of the original's";
+        }
+        audioRecovered += audio.size();
+        expectToolsAccept(clip.moviePath, true);
+    }
+    EXPECT_GE(recovered * 100, surviving * 99) << recovered << " of " << surviving << " surviving frames";
+    if (row.audio) {
+        EXPECT_GT(audioRecovered, originalAudio.size() / 2);
+    }
+    std::printf("[ %s, %s ] frames %zu of %zu surviving (%zu in the original), audio bytes %llu of %zu, %zu clips\n",
+                row.name, row.damage->name.c_str(), recovered, surviving, packets.size(),
+                static_cast<unsigned long long>(audioRecovered), originalAudio.size(), outcome.clips.size());
+}
+
+const std::vector<std::string> kDV411 = {"-c:v", "dvvideo", "-pix_fmt", "yuv411p"};
+const std::vector<std::string> kDV420 = {"-c:v", "dvvideo", "-pix_fmt", "yuv420p"};
+const std::vector<std::string> kDV422 = {"-c:v", "dvvideo", "-pix_fmt", "yuv422p"};
+
+const std::vector<Row> kRows = {
+    Row{"DV NTSC", kDV411, "720x480", "30000/1001", "pcm_s16le", &kCut},
+    Row{"DV PAL", kDV420, "720x576", "25", "pcm_s16be", &kHoled},
+    Row{"DVCPRO50 NTSC", kDV422, "720x480", "30000/1001", "pcm_s16be", &kHeader},
+    Row{"DVCPRO50 PAL", kDV422, "720x576", "25", "pcm_s16le", &kCut},
+    Row{"DVCPRO HD 720p", kDV422, "960x720", "60000/1001", "pcm_s16le", &kHoled},
+    Row{"DVCPRO HD 1080i60", kDV422, "1280x1080", "30000/1001", nullptr, &kCut},
+    Row{"DVCPRO HD 1080i50", kDV422, "1440x1080", "25", "pcm_s16be", &kHeader},
+    Row{"ProRes 422",
+        {"-c:v", "prores_ks", "-profile:v", "2", "-pix_fmt", "yuv422p10le"},
+        "640x360",
+        "30000/1001",
+        "pcm_s16le",
+        &kHoled},
+    Row{"ProRes 4444",
+        {"-c:v", "prores_ks", "-profile:v", "4", "-pix_fmt", "yuv444p10le"},
+        "320x240",
+        "25",
+        "pcm_s16be",
+        &kCut},
+    Row{"Motion JPEG", {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"}, "720x576", "25", "pcm_s16le", &kHoled}};
+
+std::string rowName(const ::testing::TestParamInfo<Row>& info)
+{
+    std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
+    for (char& c : name)
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow, ::testing::ValuesIn(kRows), rowName);
+
+// What a scan found and the clips made of it, as one text to compare.
+std::string scanText(const std::string& path, const recover::Expectation& expectation, unsigned jobs, size_t window)
+{
+    struct Input {
+        int descriptor;
+        ~Input() { ::close(descriptor); }
+        int get() const { return descriptor; }
+    } fd{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    recover::ScanOptions options;
+    options.jobs = jobs;
+    options.windowBytes = window;
+    const recover::ScanResult scanned = recover::scan(fd.get(), std::filesystem::file_size(path), options);
+    std::string text = "scanned " + std::to_string(scanned.bytesScanned) + ", dropped " +
+                       std::to_string(scanned.rejectionsDropped) + "\n";
+    for (const recover::FrameInfo& f : scanned.frames)
+        text += "frame " + std::to_string(f.offset) + "+" + std::to_string(f.length) + " " +
+                std::to_string(f.formatType) + "\n";
+    for (const recover::Rejection& r : scanned.rejections)
+        text += "rejected " + std::to_string(r.offset) + " " + r.reason + "\n";
+    const int descriptor = fd.get();
+    const recover::ReadBytes read = [descriptor](uint64_t offset, std::span<uint8_t> into) {
+        return ::pread(descriptor, into.data(), into.size(), off_t(offset)) == ssize_t(into.size());
+    };
+    for (const recover::Clip& clip : recover::groupClips(scanned.frames, scanned.rejections, expectation, read)) {
+        text += "clip " + std::to_string(clip.frames.size()) + " frames, audio";
+        for (const recover::ByteRange& r : clip.audio)
+            text += " " + std::to_string(r.offset) + "+" + std::to_string(r.length);
+        text += ", " + clip.endReason + "\n";
+    }
+    return text;
+}
+
+// The scan's threads find what one thread finds, in the same order: with the default window
+// (a part per thread) and with windows so small that frames run across every part and window.
+class RecoverRowConcurrency : public ::testing::TestWithParam<Row> {};
+
+TEST_P(RecoverRowConcurrency, ThreadsFindWhatOneThreadFinds)
+{
+    const Row& row = GetParam();
+    TempDir dir;
+    auto args = movieArguments(row, 1.0, "testsrc");
+    const std::string damaged = dir / "damaged.mov";
+    args.push_back(damaged);
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status == 0);
+    row.damage->apply(damaged, std::filesystem::file_size(damaged));
+    auto refArgs = movieArguments(row, 0.2, "smptebars");
+    refArgs.push_back(dir / "reference.mov");
+    ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status == 0);
+    recover::RecoverOptions options;
+    options.reference = dir / "reference.mov";
+    std::string problem;
+    const auto expectation = recover::expectationFor(options, problem);
+    ASSERT_TRUE(expectation) << problem;
+
+    const std::string one = scanText(damaged, *expectation, 1, 64u << 20);
+    EXPECT_NE(one.find("frame "), std::string::npos);
+    EXPECT_EQ(scanText(damaged, *expectation, 2, 64u << 20), one);
+    EXPECT_EQ(scanText(damaged, *expectation, 3, 256u << 10), one);
+    EXPECT_EQ(scanText(damaged, *expectation, 8, 1u << 20), one);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRowConcurrency, ::testing::ValuesIn(kRows), rowName);
+
+// JPEG frames that carry whole JPEG thumbnails in their first segments: a part that begins
+// inside such a frame finds the thumbnails as frames, which one pass steps over. The merge
+// must search those parts again and find the outer frames only.
+TEST(ScanConcurrency, FramesInsideFramesAreSteppedOverAsByOneThread)
+{
+    TempDir dir;
+    const std::string small = dir / "small.jpg", large = dir / "large.jpg";
+    auto args = join({{"ffmpeg", "-v", "error", "-y"},
+                      lavfi("testsrc=size=64x48:rate=25"),
+                      {"-frames:v", "1", "-c:v", "mjpeg", small}});
+    ASSERT_EQ(runProgram(args).status, 0);
+    args = join({{"ffmpeg", "-v", "error", "-y"},
+                 lavfi("testsrc=size=720x576:rate=25"),
+                 {"-frames:v", "1", "-c:v", "mjpeg", "-q:v", "2", large}});
+    ASSERT_EQ(runProgram(args).status, 0);
+    const std::string thumbnail = readFile(small), picture = readFile(large);
+    ASSERT_LT(thumbnail.size(), 60000u);
+    std::string frame = "\xFF\xD8";
+    for (int i = 0; i < 40; ++i) {
+        const size_t length = thumbnail.size() + 2;
+        frame += "\xFF\xE1";
+        frame += char(length >> 8);
+        frame += char(length & 0xFF);
+        frame += thumbnail;
+    }
+    frame += picture.substr(2);
+    std::string image;
+    for (uint32_t i = 0; i < 24; ++i) image += randomBytes(1000 + 377 * i, i) + frame;
+    const std::string path = dir / "image.bin";
+    writeFile(path, image);
+
+    const std::string one = scanText(path, {}, 1, 64u << 20);
+    size_t frames = 0;
+    for (size_t at = one.find("\nframe "); at != std::string::npos; at = one.find("\nframe ", at + 1)) ++frames;
+    EXPECT_EQ(frames, 24u) << one;
+    for (const unsigned jobs : {2u, 5u, 16u})
+        for (const size_t window : {size_t(1) << 20, size_t(3) << 20, size_t(64) << 20})
+            EXPECT_EQ(scanText(path, {}, jobs, window), one) << jobs << " threads, window " << window;
+}
+
+}  // namespace
+
+namespace {
+
+// Hostile bytes for every reader: each frame cut at many lengths, and with runs of noise laid
+// over it, must give an answer without reading outside the bytes given (the address sanitizer
+// build holds them to it) and never a frame longer than the bytes.
+TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
+{
+    TempDir dir;
+    const struct {
+        std::vector<std::string> video;
+        const char* size;
+        recover::Examination (*examine)(std::span<const uint8_t>, bool);
+    } kinds[] = {
+        {{"-c:v", "dvvideo", "-pix_fmt", "yuv422p"}, "1280x1080", recover::examineDV},
+        {{"-c:v", "prores_ks", "-profile:v", "4", "-flags", "+ildct", "-top", "1"}, "320x240", recover::examineProRes},
+        {{"-c:v", "mjpeg", "-pix_fmt", "yuvj420p"}, "320x240", recover::examineJPEG},
+    };
+    std::mt19937 random(3);
+    for (const auto& kind : kinds) {
+        const std::string movie = dir / "frames.mov";
+        ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
+                                   lavfi(std::string("testsrc=size=") + kind.size + ":rate=25"),
+                                   {"-frames:v", "2"},
+                                   kind.video,
+                                   {movie}}))
+                      .status,
+                  0);
+        const std::vector<Packet> packets = videoPackets(movie, false);
+        ASSERT_FALSE(packets.empty());
+        const std::string& frame = packets.front().bytes;
+        {
+            const std::vector<uint8_t> whole(frame.begin(), frame.end());
+            const auto e = kind.examine(whole, true);
+            EXPECT_EQ(e.verdict, recover::Examination::Verdict::Frame) << kind.size << " " << e.reason;
+            EXPECT_EQ(e.frame.length, frame.size());
+        }
+        for (size_t length = 0; length < frame.size(); length += 1 + length / 7) {
+            const std::vector<uint8_t> cut(frame.begin(), frame.begin() + std::ptrdiff_t(length));
+            EXPECT_NE(kind.examine(cut, true).verdict, recover::Examination::Verdict::Frame);
+        }
+        for (int round = 0; round < 200; ++round) {
+            std::vector<uint8_t> noisy(frame.begin(), frame.end());
+            const size_t at = random() % noisy.size(), n = std::min<size_t>(noisy.size() - at, 1 + random() % 400);
+            for (size_t i = 0; i < n; ++i) noisy[at + i] = uint8_t(random());
+            noisy.resize(noisy.size() - random() % 3);
+            const auto e = kind.examine(noisy, true);
+            if (e.verdict == recover::Examination::Verdict::Frame) {
+                EXPECT_LE(e.frame.length, noisy.size());
+            }
+        }
+    }
+}
+
+}  // namespace
