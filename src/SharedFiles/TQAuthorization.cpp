@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "Foundation/Exception.h"
+#include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
@@ -326,6 +327,21 @@ bool TQAuthorization::authRemoveFile(const std::string& path)
         corvina::systemLog("Unable to delete path %@ because it is a system directory.", path);
         return false;
     }
-    // Waits for the tool, so that true means the item was removed.
-    return authExecTask("/bin/rm", {"-Rdf", path}, false) == 0;
+    if (const auto why = corvina::removalRefusal(path)) {
+        corvina::systemLog("Unable to delete path %@: %@", path, *why);
+        return false;
+    }
+    return removeWithTool(path);
+}
+
+bool TQAuthorization::removeWithTool(const std::string& path)
+{
+    // Without its trailing slashes: rm would otherwise empty the folder a link leads to.
+    std::string item = path;
+    while (item.size() > 1 && item.back() == '/') item.pop_back();
+    // Waits for the tool, and it never leaves the item's device.
+    const int32_t status = authExecTask("/bin/rm", {"-Rdf", "--one-file-system", "--", item}, false);
+    if (status == 0 && !corvina::itemExists(item)) return true;
+    corvina::systemLog("Error in authRemoveFile: %@ was not removed (status %i)", item, status);
+    return false;
 }

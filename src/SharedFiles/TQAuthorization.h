@@ -39,12 +39,17 @@ public:
     void setHasGUI(bool hasGUI);
     const std::optional<std::string>& userDirectory() const { return userDirectory_; }
 
-    // Removes the item with "/bin/rm" "-Rdf"; protected system folders are refused.
+    // Removes the item with "/bin/rm" "-Rdf" "--one-file-system", waiting for it; true when
+    // nothing is at the path afterwards. Protected system folders are refused, and so is
+    // what rm refuses (a path ending in "." or "..", the root folder); a trailing slash is
+    // dropped, so a link is removed and never the folder it leads to.
     bool authRemoveFile(const std::string& path);
 
     // --- Privileged file forms (TQAuthorizationFiles.cpp) -----------------------------------
-    // Each refuses protected system folders (exact match) with a system-log line. The tools
-    // are started with the rights without waiting, so true means the tool was started.
+    // Each refuses protected system folders (exact match) with a system-log line. Every tool
+    // is waited for, and true means the file system shows the result asked for (the tool's
+    // status alone does not say so: "mv -n" and "cp -n" end with 0 when they did nothing).
+    // Nothing is ever replaced: an occupied destination is refused before a tool runs.
     //
     // Moves the item into the user's trash (as root the console user's) with its record, the
     // name made free as the ordinary trash does. As root with deleteOnRootAccount, removes it.
@@ -53,11 +58,13 @@ public:
     bool authTrashFolderContents(const std::string& folder, bool deleteOnRootAccount = false);
     // Moves each entry to the same name in the destination folder; true when all moves went.
     bool authMoveFolderContents(const std::string& folder, const std::string& destination);
-    // "/bin/mv" "-f"; a missing source is false without a message.
+    // "/bin/mv" "-n" "-T"; a missing source is false without a message. True when the source
+    // is gone and the destination is there.
     bool authMoveFile(const std::string& source, const std::string& destination);
-    // "/bin/cp" "-f" "-p" "-R"; protected folders may be copied.
+    // "/bin/cp" "-n" "-T" "-p" "-R"; protected folders may be copied. True when the copy is
+    // there, of the source's kind (and size, for a file).
     bool authCopyFile(const std::string& source, const std::string& destination);
-    // "/bin/mkdir" "-p".
+    // "/bin/mkdir" "-p"; true when the folder is there.
     bool authCreateDir(const std::string& path);
 
     // Runs the tool with the rights. 0: started (and, unless async, finished); -2: the tool
@@ -77,6 +84,7 @@ private:
     ~TQAuthorization();
 
     static bool runningAsRoot();
+    bool removeWithTool(const std::string& path);
     int32_t execAsRoot(const std::string& tool, const std::vector<std::string>& parameters, bool async);
     int32_t execWithSudo(const std::string& tool, const std::vector<std::string>& parameters, bool async);
 

@@ -1,4 +1,7 @@
 // The privileged file forms: trash, move, copy and create folders with administrator rights.
+// Every tool is waited for, and its result is what the file system shows afterwards: "mv -n"
+// and "cp -n" end with 0 also when they left everything as it was.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Foundation/FileOperations.h"
@@ -17,12 +20,34 @@ bool refused(const std::string& path, const char* message)
     return true;
 }
 
+// Privileged moves and copies never replace anything: an occupied destination is refused
+// before a tool runs ("-n" keeps to that should something appear meanwhile).
+bool occupied(const std::string& destination, const char* message, const std::string& source)
+{
+    if (!corvina::itemExists(destination)) return false;
+    corvina::systemLog(message, source, destination);
+    return true;
+}
+
+// The copy is an item of the source's kind, a file of the source's size.
+bool sameKind(const std::string& source, const std::string& copy)
+{
+    struct stat a {};
+    struct stat b {};
+    if (::lstat(source.c_str(), &a) != 0 || ::lstat(copy.c_str(), &b) != 0) return false;
+    return (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT) && (!S_ISREG(a.st_mode) || a.st_size == b.st_size);
+}
+
 }  // namespace
 
 bool TQAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAccount)
 {
     if (refused(path, "Unable to trash path %@ because it is a system directory.")) return false;
     if (deleteOnRootAccount && runningAsRoot()) return authRemoveFile(path);
+    if (const auto why = corvina::removalRefusal(path)) {
+        corvina::systemLog("Unable to trash path %@: %@", path, *why);
+        return false;
+    }
     if (!corvina::itemExists(path)) return false;
     const auto trash = TQLocalPaths::trashDirectory();
     if (!trash) return false;
@@ -31,7 +56,7 @@ bool TQAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAc
     const auto destination = corvina::trash::reserve(path, *trash);
     if (!destination) return false;
     if (authMoveFile(path, *destination)) return true;
-    corvina::trash::release(*destination);
+    if (!corvina::itemExists(*destination)) corvina::trash::release(*destination);
     return false;
 }
 
@@ -42,7 +67,7 @@ bool TQAuthorization::authTrashFolderContents(const std::string& folder, bool de
     for (const auto& name : corvina::directoryContents(folder)) {
         const std::string entry = corvina::appendPathComponent(folder, name);
         if (runningAsRoot() && deleteOnRootAccount) {
-            allWent = authExecTask("/bin/rm", {"-R", "-f", entry}) == 0 && allWent;
+            allWent = removeWithTool(entry) && allWent;
         } else {
             allWent = authTrashFile(entry) && allWent;
         }
@@ -74,7 +99,11 @@ bool TQAuthorization::authMoveFile(const std::string& source, const std::string&
     }
     if (refused(source, "Unable to move path %@ because it is a system directory.")) return false;
     if (!corvina::itemExists(source)) return false;
-    return authExecTask("/bin/mv", {"-f", source, destination}) == 0;
+    if (occupied(destination, "Unable to move path %@ to %@ because something is there already.", source)) return false;
+    const int32_t status = authExecTask("/bin/mv", {"-n", "-T", "--", source, destination}, false);
+    if (status == 0 && !corvina::itemExists(source) && corvina::itemExists(destination)) return true;
+    corvina::systemLog("Error in authMoveFile: %@ was not moved to %@ (status %i)", source, destination, status);
+    return false;
 }
 
 bool TQAuthorization::authCopyFile(const std::string& source, const std::string& destination)
@@ -88,13 +117,16 @@ bool TQAuthorization::authCopyFile(const std::string& source, const std::string&
         return false;
     }
     if (!corvina::itemExists(source)) return false;
-    return authExecTask("/bin/cp", {"-f", "-p", "-R", source, destination}) == 0;
+    if (occupied(destination, "Unable to copy path %@ to %@ because something is there already.", source)) return false;
+    const int32_t status = authExecTask("/bin/cp", {"-n", "-T", "-p", "-R", "--", source, destination}, false);
+    if (status == 0 && sameKind(source, destination)) return true;
+    corvina::systemLog("Error in authCopyFile: %@ was not copied to %@ (status %i)", source, destination, status);
+    return false;
 }
 
 bool TQAuthorization::authCreateDir(const std::string& path)
 {
-    if (authExecTask("/bin/mkdir", {"-p", path}) != 0) return false;
-    // Give the tool a moment to create the folder.
-    if (!runningAsRoot()) ::usleep(500);
-    return true;
+    struct stat st {};
+    return authExecTask("/bin/mkdir", {"-p", "--", path}, false) == 0 && ::stat(path.c_str(), &st) == 0 &&
+           S_ISDIR(st.st_mode);
 }

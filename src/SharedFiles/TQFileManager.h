@@ -157,8 +157,11 @@ public:
     // main thread keeps serving its queue while it waits, other threads sleep.
     // ---------------------------------------------------------------------------------------
 
-    // True when nothing is at the path any more, or when the privileged removal was started.
-    // The locked flag is cleared first.
+    // True when nothing is at the path any more. The locked flag is cleared first. What rm
+    // refuses is refused before anything is touched: a path ending in "." or "..", the root
+    // folder. The removal never follows a link (a trailing slash removes the link itself)
+    // and never enters another mount below the item (it then fails). As root, protected
+    // folders are refused as the privileged forms refuse them.
     static bool removeFile(const std::string& path, bool shouldAuth = true);
     static bool removeFile(const std::string& path, std::chrono::seconds timeout);
     // Moves the item into the user's trash, with the record desktop file managers read.
@@ -167,11 +170,13 @@ public:
     // Creates the folder and any missing parents; refused for a path on an absent volume.
     static bool createDirectory(const std::string& path, bool shouldAuth = true);
     static bool createDirectory(const std::string& path, std::chrono::seconds timeout);
-    // Copies a file or folder; the ordinary copy fails when the destination exists.
+    // Copies a file or folder, holes of sparse files kept. Neither the ordinary copy nor the
+    // privileged one replaces anything at the destination.
     static bool copyFile(const std::string& source, const std::string& destination, bool shouldAuth = true);
     static bool copyFile(const std::string& source, const std::string& destination, std::chrono::seconds timeout);
-    // Moves a file or folder (across file systems too); a rename that only changes letter
-    // case goes through a free intermediate name.
+    // Moves a file or folder (across file systems too, holes kept); a rename that only
+    // changes letter case goes through a free intermediate name. Nothing at the destination
+    // is ever replaced, not even by the privileged move.
     static bool moveFile(const std::string& source, const std::string& destination, bool shouldAuth = true);
     static bool moveFile(const std::string& source, const std::string& destination, std::chrono::seconds timeout);
     // Trashes every entry of the folder (the folder stays); true when every entry went.
@@ -239,6 +244,9 @@ public:
     // a mismatch is reported to the delegate and does not change the result. The source's
     // modification date is carried over. True when every destination received the whole
     // file; a cancelled copy returns false and leaves the destinations as far as written.
+    // A destination that missed bytes (a full disk) fails the copy: no final report,
+    // verification, dates or finished call, and that short file is removed. Only regular
+    // files are opened (never waiting on a pipe); holes of a sparse source stay holes.
     static bool copyFileWithProgress(const std::string& source, const std::vector<std::string>& destinations,
                                      TQVerificationType verificationType, std::shared_ptr<TQCopyDelegate> delegate,
                                      const corvina::Value& object = {}, const corvina::Value& object2 = {});
@@ -259,8 +267,8 @@ public:
     static std::optional<std::string> sha1HashWithContext(const TQDigestState& state);
     static std::optional<std::string> sha256HashWithContext(const TQDigestState& state);
     static std::optional<std::string> sha512HashWithContext(const TQDigestState& state);
-    // The digest of a whole file; none when it cannot be opened or read, or when the
-    // delegate cancelled.
+    // The digest of a whole file; none when it cannot be opened or read, is no regular file
+    // (a pipe is never waited on), or when the delegate cancelled.
     static std::optional<std::string> md5HashForFile(const std::string& path,
                                                      std::shared_ptr<TQHashDelegate> delegate = nullptr);
     static std::optional<std::string> sha1HashForFile(const std::string& path,
@@ -303,7 +311,9 @@ public:
     // archive is moved to the trash first. True when the archive exists afterwards.
     static bool compressFile(const std::string& path, const std::string& archive, bool includeParent = true);
     // Unpacks the archive into the folder (an existing folder is moved to the trash first).
-    // True when the folder exists afterwards.
+    // True when the folder exists afterwards. As unzip: nothing outside the folder or through
+    // a link, no set-id or sticky bits, files owned by whoever unpacks, nothing replaced; and
+    // no devices, pipes or sockets at all.
     static bool decompressFile(const std::string& archive, const std::string& destinationFolder);
 };
 

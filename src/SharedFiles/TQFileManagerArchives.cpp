@@ -9,8 +9,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
+#include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Workspace/Workspace.h"
 #include "TQFileManager.h"
@@ -154,7 +156,8 @@ public:
         }
         if (!S_ISREG(st.st_mode)) return true;  // devices, pipes and sockets have no place in a zip
         if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
-        tqfiles::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        // Opened without waiting, should a pipe have taken the file's place since lstat.
+        tqfiles::Descriptor file(corvina::openRegularFile(path, O_RDONLY | O_NOFOLLOW));
         if (!file || !writeHeader(st, name, {})) return false;
         ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
         for (;;) {
@@ -239,9 +242,12 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     std::unique_ptr<archive, int (*)(archive*)> disk(archive_write_disk_new(), archive_write_free);
     if (!reader.a || !disk) return false;
     archive_read_support_format_zip(reader.a);
+    // Nothing that exists is replaced (a name given twice, an entry over a link an earlier one
+    // made), nothing is written through a link or above the folder, and ownership is never
+    // taken from the archive.
     archive_write_disk_set_options(disk.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
-                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_SYMLINKS);
-    archive_write_disk_set_standard_lookup(disk.get());
+                                                   ARCHIVE_EXTRACT_NO_OVERWRITE | ARCHIVE_EXTRACT_SECURE_NODOTDOT |
+                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS);
     if (archive_read_open_filename(reader.a, archivePath.c_str(), tqfiles::kCopyBlockSize) != ARCHIVE_OK) {
         TQLog::appendLog("Error unpacking %@: %@", archivePath, archive_error_string(reader.a));
         return false;
@@ -252,19 +258,34 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     // reason to refuse them, while links inside it are.
     const std::string root = std::filesystem::weakly_canonical(destinationFolder, ec).string();
 
-    const auto inside = [&](const char* name) { return corvina::appendPathComponent(root, name); };
+    const auto inside = [&](const std::string& name) { return corvina::appendPathComponent(root, name); };
     archive_entry* entry = nullptr;
     int status = ARCHIVE_OK;
     while ((status = archive_read_next_header(reader.a, &entry)) == ARCHIVE_OK || status == ARCHIVE_WARN) {
-        const char* name = archive_entry_pathname(entry);
-        if (!name || !*name) continue;
-        const char* link = archive_entry_hardlink(entry);
-        if (!staysInside(name) || (link && !staysInside(link))) {
+        // Copies: rewriting the entry's names below frees the texts the entry handed out.
+        const char* rawName = archive_entry_pathname(entry);
+        if (!rawName || !*rawName) continue;
+        const std::string name = rawName;
+        const char* rawLink = archive_entry_hardlink(entry);
+        const std::optional<std::string> link = rawLink ? std::optional<std::string>(rawLink) : std::nullopt;
+        if (!staysInside(name) || (link && !staysInside(*link))) {
             TQLog::appendLog("Error unpacking %@: the entry leads outside the folder", name);
             continue;
         }
+        const auto type = archive_entry_filetype(entry);
+        if (!link && type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK) {
+            TQLog::appendLog("Error unpacking %@: devices, pipes and sockets are not unpacked", name);
+            continue;
+        }
+        // As unzip does: permission bits without set-user-ID, set-group-ID and sticky, and the
+        // owner is whoever unpacks (root's files stay root's), never the ids the archive names.
+        archive_entry_set_perm(entry, archive_entry_perm(entry) & 0777);
+        archive_entry_set_uid(entry, ::geteuid());
+        archive_entry_set_gid(entry, ::getegid());
+        archive_entry_set_uname(entry, nullptr);
+        archive_entry_set_gname(entry, nullptr);
         archive_entry_copy_pathname(entry, inside(name).c_str());
-        if (link) archive_entry_copy_hardlink(entry, inside(link).c_str());
+        if (link) archive_entry_copy_hardlink(entry, inside(*link).c_str());
         if (archive_write_header(disk.get(), entry) < ARCHIVE_WARN) {
             TQLog::appendLog("Error unpacking %@: %@", name, archive_error_string(disk.get()));
             continue;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "Dispatch/Dispatch.h"
+#include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
@@ -108,15 +109,84 @@ bool createFolder(const std::string& folder, std::chrono::seconds timeout)
 struct Destination {
     std::string path;
     tqfiles::Descriptor file;
+    bool created = false;  // nothing was at the path before this copy
     std::optional<TQDigestState> digest;
     tqfiles::AlignedBuffer readBack;
     bool shortWrite = false;  // some block did not reach the file whole
+};
+
+// Bytes [offset, offset + length) of the file.
+struct Range {
+    uint64_t offset = 0;
+    uint64_t length = 0;
+    uint64_t end() const { return offset + length; }
 };
 
 struct Block {
     const uint8_t* data = nullptr;
     size_t size = 0;
     uint64_t position = 0;
+    const std::vector<Range>* ranges = nullptr;  // the parts that hold data; the rest are holes
+};
+
+bool allZero(const uint8_t* bytes, size_t size)
+{
+    return size == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0);
+}
+
+// Where the source holds data and where holes (SEEK_DATA and SEEK_HOLE), asked block by block
+// with the last answer remembered, so a file without holes costs two calls in all. A hole is
+// one only where the bytes read are zeros too; where the file system cannot tell, everything
+// is data. The source is read with pread, so these seeks move nothing the copy relies on.
+class SourceExtents {
+public:
+    explicit SourceExtents(int fd) : fd_(fd) {}
+
+    void dataOf(const uint8_t* bytes, uint64_t position, size_t size, std::vector<Range>& out)
+    {
+        out.clear();
+        const uint64_t end = position + size;
+        for (uint64_t at = position; at < end;) {
+            if (usable_ && (at < known_ || at >= dataEnd_)) look(at);
+            if (!usable_) {
+                add(out, at, end);
+                break;
+            }
+            const uint64_t stop = std::min(end, at < dataStart_ ? dataStart_ : dataEnd_);
+            if (at >= dataStart_ || !allZero(bytes + (at - position), stop - at)) add(out, at, stop);
+            at = stop;
+        }
+    }
+
+private:
+    void look(uint64_t at)
+    {
+        known_ = at;
+        const off_t data = ::lseek(fd_, static_cast<off_t>(at), SEEK_DATA);
+        if (data < 0) {
+            usable_ = errno == ENXIO;  // ENXIO: a hole from here to the end
+            dataStart_ = dataEnd_ = UINT64_MAX;
+            return;
+        }
+        const off_t hole = ::lseek(fd_, data, SEEK_HOLE);
+        usable_ = hole >= data;
+        dataStart_ = static_cast<uint64_t>(data);
+        dataEnd_ = usable_ ? static_cast<uint64_t>(hole) : UINT64_MAX;
+    }
+    static void add(std::vector<Range>& out, uint64_t from, uint64_t to)
+    {
+        if (!out.empty() && out.back().end() == from) {
+            out.back().length += to - from;
+        } else {
+            out.push_back({from, to - from});
+        }
+    }
+
+    int fd_;
+    bool usable_ = true;
+    uint64_t known_ = 0;  // [known_, dataStart_) is a hole, [dataStart_, dataEnd_) data
+    uint64_t dataStart_ = 0;
+    uint64_t dataEnd_ = 0;
 };
 
 // One thread per destination. The caller hands every thread the same block and waits until
@@ -183,7 +253,18 @@ private:
 
     void writeBlock(Destination& d, const Block& block)
     {
-        if (tqfiles::pwriteFull(d.file.get(), block.data, block.size, block.position) < block.size) {
+        // Only the parts that hold data are written; a hole at the block's end is made by
+        // giving the file the block's length.
+        bool whole = true;
+        for (const Range& r : *block.ranges) {
+            const uint8_t* bytes = block.data + (r.offset - block.position);
+            whole = tqfiles::pwriteFull(d.file.get(), bytes, r.length, r.offset) == r.length;
+            if (!whole) break;
+        }
+        const uint64_t end = block.position + block.size;
+        if (whole && (block.ranges->empty() || block.ranges->back().end() < end))
+            whole = ::ftruncate(d.file.get(), static_cast<off_t>(end)) == 0;
+        if (!whole) {
             corvina::systemLog("Error writing file %@: %i", d.path, errno);
             d.shortWrite = true;
         }
@@ -211,6 +292,15 @@ private:
 };
 
 bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+
+// Removes a destination this copy wrote, while the path still names the file it has open.
+void removeOwnOutput(const Destination& d)
+{
+    struct stat opened {};
+    struct stat now {};
+    if (::fstat(d.file.get(), &opened) == 0 && ::lstat(d.path.c_str(), &now) == 0 && sameFile(opened, now))
+        ::unlink(d.path.c_str());
+}
 
 // Carries the source's modification date over. Creation dates cannot be set here, and the
 // other attributes of the set (hidden extension, type and creator codes) do not exist.
@@ -279,7 +369,8 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
         if (!object2.isNone()) settings->setObject("object2", object2);
     }
 
-    tqfiles::Descriptor input(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    // Only a regular file is read, and opening never waits on a pipe.
+    tqfiles::Descriptor input(corvina::openRegularFile(source, O_RDONLY));
     if (!input) {
         corvina::systemLog("Error: Unable to read source file %@. Aborting copy process...", source);
         return false;
@@ -290,25 +381,35 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     const uint64_t interval = std::max<uint64_t>(expected / kProgressDivisor, kMinimumProgressInterval);
     ::posix_fadvise(input.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 
-    // Opening a destination truncates it: the source itself must never be one of them.
-    for (const auto& d : destinations) {
-        struct stat st {};
-        if (::stat(d.c_str(), &st) == 0 && sameFile(st, sourceInfo)) {
-            corvina::systemLog("Error: Unable to open destination file %@. Aborting copy process...", d);
-            return false;
-        }
-    }
+    // Every destination is opened (a regular file, without waiting on a pipe) and found not
+    // to be the source before any of them is emptied, so a refused copy empties nothing. A
+    // file this copy created is removed again when it is refused.
     std::vector<Destination> outputs;
     outputs.reserve(destinations.size());
-    for (const auto& d : destinations) {
-        tqfiles::Descriptor file(::open(d.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        if (!file) {
-            corvina::systemLog("Error: Unable to open destination file %@. Aborting copy process...", d);
-            return false;
+    const auto refuse = [&](const std::string& d) {
+        corvina::systemLog("Error: Unable to open destination file %@. Aborting copy process...", d);
+        for (const auto& out : outputs) {
+            if (out.created) removeOwnOutput(out);
         }
-        Destination out{d, std::move(file), std::nullopt, {}};
+        return false;
+    };
+    for (const auto& d : destinations) {
+        struct stat st {};
+        const bool existed = ::lstat(d.c_str(), &st) == 0;
+        Destination out;
+        out.path = d;
+        out.file = tqfiles::Descriptor(corvina::openRegularFile(d, O_RDWR | O_CREAT, 0666));
+        out.created = !existed;
+        if (!out.file) return refuse(d);
+        if (::fstat(out.file.get(), &st) != 0 || sameFile(st, sourceInfo)) {
+            if (out.created) removeOwnOutput(out);
+            return refuse(d);
+        }
         if (algorithm) out.digest.emplace(*algorithm);
         outputs.push_back(std::move(out));
+    }
+    for (const auto& out : outputs) {
+        if (::ftruncate(out.file.get(), 0) != 0) return refuse(out.path);
     }
     std::optional<TQDigestState> sourceDigest;
     if (algorithm) sourceDigest.emplace(*algorithm);
@@ -337,21 +438,22 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     bool readFailed = false;
     {
         DestinationCrew crew(outputs, *cancelled, std::move(hook));
+        SourceExtents extents(input.get());
+        std::vector<Range> ranges;
         int current = 0;
-        ssize_t n = tqfiles::readFull(input.get(), buffers[current].data(), tqfiles::kCopyBlockSize);
+        ssize_t n = tqfiles::preadFull(input.get(), buffers[current].data(), tqfiles::kCopyBlockSize, 0);
         while (!cancelled->load()) {
             if (n <= 0) {
                 readFailed = n < 0;
                 break;
             }
             const size_t size = static_cast<size_t>(n);
-            crew.start({buffers[current].data(), size, copied});
+            extents.dataOf(buffers[current].data(), copied, size, ranges);
+            crew.start({buffers[current].data(), size, copied, &ranges});
             if (sourceDigest) sourceDigest->update(buffers[current].data(), size);
-            // A short block means the end of the file; otherwise read ahead while the
-            // destinations take this one.
-            const bool atEnd = size < tqfiles::kCopyBlockSize;
+            // Read ahead while the destinations take this block.
             const ssize_t next =
-                atEnd ? 0 : tqfiles::readFull(input.get(), buffers[1 - current].data(), tqfiles::kCopyBlockSize);
+                tqfiles::preadFull(input.get(), buffers[1 - current].data(), tqfiles::kCopyBlockSize, copied + size);
             crew.wait();
             copied += size;
             if (copied - lastReported >= interval) {
@@ -375,13 +477,20 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
         return false;
     }
     input.reset();
-    for (auto& out : outputs) out.file.reset();
-
     if (cancelled->load()) return false;
-    if (copied < expected) {
+    // A destination that missed bytes (a full disk, a failing device) did not receive the
+    // whole file: the copy failed, and nothing of what follows a complete copy happens: no
+    // final report, verification, dates or finished call. The short files are this copy's
+    // own output and are removed; the complete ones stay as they are.
+    const bool whole = std::ranges::none_of(outputs, [](const Destination& d) { return d.shortWrite; });
+    if (copied < expected || !whole) {
+        for (const auto& out : outputs) {
+            if (out.shortWrite) removeOwnOutput(out);
+        }
         corvina::systemLog("Error: copied file size does not match original source %@", source);
         return false;
     }
+    for (auto& out : outputs) out.file.reset();
     if (reports) delegate->fileCopyBytesWritten(copied, *settings);
 
     if (sourceDigest) {
@@ -401,9 +510,5 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
 
     carryMetadata(sourceInfo, outputs);
     if (delegate && delegate->fileCopyFinished) delegate->fileCopyFinished(*settings);
-    // A destination that missed bytes (a full disk, a failing device) did not receive the
-    // whole file: the caller must not take it for a copy it can rely on.
-    const bool whole = std::ranges::none_of(outputs, [](const Destination& d) { return d.shortWrite; });
-    if (!whole) corvina::systemLog("Error: copied file size does not match original source %@", source);
-    return whole;
+    return true;
 }

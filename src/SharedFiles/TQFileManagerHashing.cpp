@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "Dispatch/Dispatch.h"
+#include "Foundation/FileOperations.h"
 #include "Foundation/SystemLog.h"
 #include "TQFileManager.h"
 #include "TQFileManagerSupport.h"
@@ -97,7 +98,8 @@ std::optional<std::string> textOf(const TQDigestState& state, TQDigestAlgorithm 
 std::optional<std::string> hashFile(const std::string& path, TQDigestAlgorithm algorithm,
                                     const std::shared_ptr<TQHashDelegate>& delegate)
 {
-    tqfiles::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // A pipe or a device would hold the hashing (or worse): only regular files are opened.
+    tqfiles::Descriptor file(corvina::openRegularFile(path, O_RDONLY));
     if (!file) {
         corvina::systemLog("Error: Unable to open destination file %@. Aborting hash verification...", path);
         return std::nullopt;

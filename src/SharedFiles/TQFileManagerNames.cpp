@@ -177,7 +177,8 @@ bool TQFileManager::createEmptyFile(const std::string& path)
         tqfiles::Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
         moved = static_cast<bool>(file);
     } else if (!moved && (errno == EACCES || errno == EPERM)) {
-        moved = TQAuthorization::sharedController().authExecTask("/usr/bin/mv", {"-n", temp, path}, false) == 0 &&
+        moved = TQAuthorization::sharedController().authExecTask("/usr/bin/mv", {"-n", "-T", "--", temp, path},
+                                                                 false) == 0 &&
                 ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
     }
     ::unlink(temp.c_str());

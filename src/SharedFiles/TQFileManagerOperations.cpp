@@ -65,10 +65,32 @@ std::vector<std::string> trashMatching(const std::string& folder, const std::fun
     return trashed;
 }
 
+// A root process's ordinary attempt is already a privileged one: it refuses the protected
+// folders the privileged forms refuse, in their words.
+bool refusedToRoot(const std::string& path, const char* message)
+{
+    if (::geteuid() != 0 || !TQLocalPaths::isPathSystemDirectory(path, true)) return false;
+    corvina::systemLog(message, path);
+    return true;
+}
+
+// What rm refuses (a path ending in "." or "..", the root folder) is refused before anything
+// is touched, the locked flag included.
+bool refusedRemoval(const std::string& path, const char* verb)
+{
+    const auto why = corvina::removalRefusal(path);
+    if (!why) return false;
+    TQLog::appendLog("Refusing to %@ %@: %@", verb, path, *why);
+    return true;
+}
+
 }  // namespace
 
 bool TQFileManager::removeFile(const std::string& path, bool shouldAuth)
 {
+    if (refusedRemoval(path, "remove") ||
+        refusedToRoot(path, "Unable to delete path %@ because it is a system directory."))
+        return false;
     unlockFile(path);
     if (!corvina::itemExists(path)) return true;
     corvina::Error error;
@@ -85,6 +107,9 @@ bool TQFileManager::removeFile(const std::string& path, Seconds timeout)
 
 bool TQFileManager::trashFile(const std::string& path, bool shouldAuth)
 {
+    if (refusedRemoval(path, "trash") ||
+        refusedToRoot(path, "Unable to trash path %@ because it is a system directory."))
+        return false;
     unlockFile(path);
     if (!corvina::itemExists(path)) return true;
     if (const auto trash = TQLocalPaths::trashDirectory()) {
@@ -145,6 +170,7 @@ bool TQFileManager::copyFile(const std::string& source, const std::string& desti
 
 bool TQFileManager::moveFile(const std::string& source, const std::string& destination, bool shouldAuth)
 {
+    if (refusedToRoot(source, "Unable to move path %@ because it is a system directory.")) return false;
     if (corvina::itemExists(destination)) unlockFile(destination);
     unlockFolder(corvina::appendPathComponent(destination, corvina::lastPathComponent(source)));
 

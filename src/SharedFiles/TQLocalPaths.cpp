@@ -5,13 +5,16 @@
 #include <unistd.h>
 #include <utmpx.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <string_view>
+#include <vector>
 
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
@@ -387,12 +390,72 @@ std::optional<std::string> TQLocalPaths::stripTrailingSlash(const std::optional<
     return path->substr(0, path->size() - 1);
 }
 
+namespace {
+
+// Repeated slashes, "." components and trailing slashes gone, and ".." taken back over the
+// name before it (the root's ".." is the root): "//usr/./bin/.." is "/usr".
+std::string lexicallyNormal(std::string_view path)
+{
+    const bool absolute = !path.empty() && path.front() == '/';
+    std::vector<std::string_view> parts;
+    while (!path.empty()) {
+        const auto slash = path.find('/');
+        const std::string_view part = path.substr(0, slash);
+        path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+        if (part.empty() || part == ".") continue;
+        if (part != "..") {
+            parts.push_back(part);
+        } else if (!parts.empty() && parts.back() != "..") {
+            parts.pop_back();
+        } else if (!absolute) {
+            parts.push_back(part);
+        }
+    }
+    std::string out = absolute ? "/" : "";
+    for (size_t i = 0; i < parts.size(); ++i) out.append(i ? "/" : "").append(parts[i]);
+    return out.empty() ? "." : out;
+}
+
+// The item an operation on the path acts on, with every link on the way resolved: the
+// path's folder resolved plus its own name (a link at the end is the item itself), or the
+// whole path resolved when it ends in "/", "." or "..". None when that cannot be resolved.
+std::optional<std::string> physicalPath(const std::string& path)
+{
+    const auto resolved = [](const std::string& p) -> std::optional<std::string> {
+        char buffer[PATH_MAX];
+        if (!::realpath(p.c_str(), buffer)) return std::nullopt;
+        return std::string(buffer);
+    };
+    const auto slash = path.rfind('/');
+    const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (last.empty() || last == "." || last == "..") return resolved(path);
+    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const auto real = resolved(folder);
+    if (!real) return std::nullopt;
+    return *real == "/" ? "/" + last : *real + "/" + last;
+}
+
+// This system's own folders, protected themselves. A name beginning with "lib" at the top
+// stands for /lib, /lib32, /lib64, /libx32 and the like.
+constexpr std::string_view kSystemFolders[] = {"/",     "/bin", "/boot", "/dev", "/etc", "/home", "/opt", "/proc",
+                                               "/root", "/run", "/sbin", "/srv", "/sys", "/usr",  "/var"};
+// Everything below these is protected too, unless the test asks for an exact match.
+constexpr std::string_view kSystemTrees[] = {"/usr/",  "/var/", "/bin/", "/sbin/", "/private/var/", "/System/",
+                                             "/boot/", "/dev/", "/etc/", "/proc/", "/sys/"};
+
+bool isTopLevelLibrary(std::string_view path, bool below)
+{
+    if (!startsWith(path, "/lib")) return false;
+    const auto slash = path.find('/', 1);
+    return below ? slash != std::string_view::npos && slash + 1 < path.size() : slash == std::string_view::npos;
+}
+
+}  // namespace
+
 bool TQLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMatch)
 {
     if (input == "/") return true;
-    if (input.size() < 3) return false;
-    std::string path = input;
-    if (path.back() == '/') path.pop_back();
+    if (input.size() < 3 && lexicallyNormal(input) != "/") return false;
 
     const std::optional<std::string> listed[] = {
         applicationDirectory(true),
@@ -414,19 +477,27 @@ bool TQLocalPaths::isPathSystemDirectory(const std::string& input, bool exactMat
         systemLibraryDirectory(),
         localDocumentationDirectory(),
         std::string("/Users/Shared"),
-        std::string("/usr"),
-        std::string("/var"),
-        std::string("/bin"),
-        std::string("/sbin"),
         std::string("/System"),
     };
-    for (const auto& dir : listed) {
-        if (dir && *dir == path) return true;
-    }
-    if (exactMatch) return false;
-    if (startsWith(path, "/usr/") && !startsWith(path, "/usr/local/")) return true;
-    for (const char* prefix : {"/var/", "/bin/", "/sbin/", "/private/var/", "/System/"}) {
-        if (startsWith(path, prefix)) return true;
+    // Every spelling of the path counts: as written (less one trailing slash, as designed),
+    // normalised, and where it leads on disk.
+    std::string written = input;
+    if (written.back() == '/') written.pop_back();
+    const std::optional<std::string> spellings[] = {written, lexicallyNormal(input), physicalPath(input)};
+    for (const auto& spelling : spellings) {
+        if (!spelling) continue;
+        const std::string& path = *spelling;
+        if (std::ranges::find(kSystemFolders, path) != std::end(kSystemFolders) || isTopLevelLibrary(path, false))
+            return true;
+        for (const auto& dir : listed) {
+            if (dir && (*dir == path || lexicallyNormal(*dir) == path)) return true;
+        }
+        if (exactMatch) continue;
+        if (startsWith(path, "/usr/local/")) continue;
+        if (isTopLevelLibrary(path, true)) return true;
+        for (const auto prefix : kSystemTrees) {
+            if (startsWith(path, prefix)) return true;
+        }
     }
     return false;
 }

@@ -5,6 +5,7 @@
 
 #include "PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
+#include "TQFileManager.h"
 #include "TQLocalPaths.h"
 
 namespace fs = std::filesystem;
@@ -48,47 +49,56 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
     const std::string h = childHome();
     const std::string trash = TQLocalPaths::trashDirectory().value();
     const std::string info = fs::path(trash).parent_path().string() + "/info/";
-    for (const char* f : {"/report.txt", "/Notes/n.txt", "/in/a.mov", "/lost.mov"}) writeFile(h + f, "x");
+    for (const char* f : {"/report.txt", "/Notes/n.txt", "/in/a.mov", "/lost.mov", "/more/m.mov", "/more/sub/s"})
+        writeFile(h + f, "x");
     writeFile(trash + "/report.txt", "older");
     writeFile(trash + "/Notes/n.txt", "older");
     fs::create_directories(h + "/empty");
+    fs::create_directories(h + "/out");
     {
-        Tools tools;
+        Tools tools(Tools::run);  // the tools run, with this process's own rights
         EXPECT_TRUE(auth().authTrashFile(h + "/report.txt"));
         EXPECT_TRUE(auth().authTrashFile(h + "/Notes", false));
-        EXPECT_TRUE(auth().authCopyFile("/usr", h + "/usr-copy")) << "protected folders may be copied";
+        EXPECT_TRUE(auth().authCopyFile("/bin", h + "/bin-copy")) << "protected folders may be copied";
         EXPECT_TRUE(auth().authCreateDir(h + "/new/deep"));
         EXPECT_TRUE(auth().authMoveFolderContents(h + "/empty", h + "/out"));
         EXPECT_TRUE(auth().authMoveFolderContents(h + "/in", h + "/out"));
         const auto c = tools.calls();
         ASSERT_EQ(c.size(), 5u);
-        EXPECT_THAT(c[0], ElementsAre("/bin/mv", "-f", h + "/report.txt",
-                                      ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
-        EXPECT_THAT(c[1],
-                    ElementsAre("/bin/mv", "-f", h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
-        EXPECT_TRUE(fs::exists(info + fs::path(c[0][3]).filename().string() + ".trashinfo"));
-        EXPECT_EQ(c[2], (Call{"/bin/cp", "-f", "-p", "-R", "/usr", h + "/usr-copy"}));
-        EXPECT_EQ(c[3], (Call{"/bin/mkdir", "-p", h + "/new/deep"}));
-        EXPECT_EQ(c[4], (Call{"/bin/mv", "-f", h + "/in/a.mov", h + "/out/a.mov"}));
+        const auto mv = [](const std::string& from, const auto& to) {
+            return ElementsAre("/bin/mv", "-n", "-T", "--", from, to);
+        };
+        EXPECT_THAT(c[0], mv(h + "/report.txt", ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
+        EXPECT_THAT(c[1], mv(h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
+        EXPECT_TRUE(fs::exists(info + fs::path(c[0][5]).filename().string() + ".trashinfo"));
+        EXPECT_EQ(readFile(c[0][5]), "x");
+        EXPECT_EQ(c[2], (Call{"/bin/cp", "-n", "-T", "-p", "-R", "--", "/bin", h + "/bin-copy"}));
+        EXPECT_EQ(c[3], (Call{"/bin/mkdir", "-p", "--", h + "/new/deep"}));
+        EXPECT_THAT(c[4], mv(h + "/in/a.mov", h + "/out/a.mov"));
+        EXPECT_TRUE(fs::is_directory(h + "/new/deep") && fs::exists(h + "/out/a.mov"));
     }
     {
         Tools failing(1);
         EXPECT_FALSE(auth().authCreateDir(h + "/x"));
         EXPECT_FALSE(auth().authTrashFile(h + "/lost.mov"));
-        EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move not started leaves no record";
-        writeFile(h + "/in/b.mov", "b");
-        EXPECT_FALSE(auth().authMoveFolderContents(h + "/in", h + "/out"));
+        EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move that failed leaves no record";
+        EXPECT_FALSE(auth().authMoveFolderContents(h + "/more", h + "/out"));
         EXPECT_EQ(failing.calls().size(), 4u) << "every entry is tried after a failure";
     }
     if (::getuid() != 0) return;
-    Tools tools;  // as root: removal when asked for, else the trash
-    EXPECT_TRUE(auth().authTrashFile(h + "/in/a.mov", true));
-    EXPECT_TRUE(auth().authTrashFolderContents(h + "/in", true));
+    Tools tools(Tools::run);  // as root: removal when asked for, else the trash
+    EXPECT_TRUE(auth().authTrashFile(h + "/lost.mov", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/more", true));
     EXPECT_TRUE(auth().authTrashFolderContents(h + "/missing", true));
-    EXPECT_TRUE(auth().authTrashFolderContents(h + "/Notes"));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/out"));
+    EXPECT_TRUE(fs::is_empty(h + "/more") && fs::is_empty(h + "/out") && !fs::exists(h + "/lost.mov"));
     const auto c = tools.calls();
     ASSERT_EQ(c.size(), 4u);
-    EXPECT_EQ(c[0], (Call{"/bin/rm", "-Rdf", h + "/in/a.mov"}));
-    EXPECT_THAT(c[1], ElementsAre("/bin/rm", "-R", "-f", ::testing::StartsWith(h + "/in/")));
-    EXPECT_EQ(c[3][0] + " " + fs::path(c[3][3]).parent_path().string(), "/bin/mv " + trash);
+    EXPECT_EQ(c[0], (Call{"/bin/rm", "-Rdf", "--one-file-system", "--", h + "/lost.mov"}));
+    EXPECT_THAT(c[1], ElementsAre("/bin/rm", "-Rdf", "--one-file-system", "--", ::testing::StartsWith(h + "/more/")));
+    EXPECT_EQ(c[3][0] + " " + fs::path(c[3][5]).parent_path().string(), "/bin/mv " + trash);
+    // A root process's ordinary removal is a privileged one: it refuses protected folders too.
+    fs::create_directories(h + "/Library/Preferences");
+    EXPECT_FALSE(TQFileManager::removeFile(h + "/Library/Preferences") || TQFileManager::trashFile(h + "/Library"));
+    EXPECT_TRUE(fs::is_directory(h + "/Library/Preferences") && tools.calls().size() == 4u);
 }

@@ -110,6 +110,10 @@ TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
          {scratch / "folder"},
          0,
          "Error: Unable to open destination file " + scratch / "folder" + ". Aborting copy process..."},
+        {scratch / "folder",
+         {scratch / "out.mov"},
+         0,
+         "Error: Unable to read source file " + scratch / "folder" + ". Aborting copy process..."},
         {source,
          {scratch / "take.mov/inside"},
          0,
@@ -124,8 +128,7 @@ TEST(TQFileManagerCopy, RefusesWhatItCannotCopyAndNeverTruncatesTheSource)
         EXPECT_EQ(log.messages(), std::vector<std::string>{row.message});
     }
     EXPECT_EQ(readFile(source), original);
-    // A folder opens but cannot be read.
-    EXPECT_FALSE(TQFileManager::copyFileWithProgress(scratch / "folder", scratch / "out2.mov", nullptr));
+    EXPECT_FALSE(fs::exists(scratch / "out.mov")) << "a refused copy leaves nothing it made";
 }
 
 TEST(TQFileManagerCopy, EveryVerificationTypeCopiesIntoNewFoldersAndCarriesTheDate)
@@ -250,28 +253,30 @@ TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
     for (const uint64_t p : rec.progress) EXPECT_LT(p, size) << "no final report";
 }
 
-TEST(TQFileManagerCopy, FullFileSystemIsCaughtByTheVerification)
+TEST(TQFileManagerCopy, FullFileSystemFailsTheCopyAndRemovesTheShortFile)
 {
     TempDir scratch;
     ScopedMount smallMount(scratch / "small", "tmpfs", "size=1m");
     MOUNT_OR_SKIP(smallMount);
     const std::string small = smallMount.path();
     const std::string source = makeFile(scratch / "take.mov", 3 * MiB);
-    Recorder rec;
-    corvina::ScopedSystemLogCapture log;
-    // Write errors do not stop the copy; the short destination shows in the verification
-    // and makes the result no, with or without a verification.
-    EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"},
-                                                     TQVerificationType::SHA1, rec.delegate()));
-    EXPECT_EQ(rec.failedFiles, std::vector<std::string>{small + "/full.mov"});
-    EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source));
-    EXPECT_LT(fileSize(small + "/full.mov"), fileSize(source));
-    const auto messages = log.messages();
-    EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
-    EXPECT_EQ(std::ranges::count(messages, "Error: copied file size does not match original source " + source), 1);
-
-    fs::remove(small + "/full.mov");
-    EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, small + "/unverified.mov", nullptr));
+    ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1000000000)), source));
+    // Write errors do not stop the copy to the other destination, but nothing that follows a
+    // complete copy happens: no final report, verification, dates or finished call.
+    for (const auto type : {TQVerificationType::SHA1, TQVerificationType::None}) {
+        Recorder rec;
+        corvina::ScopedSystemLogCapture log;
+        EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, {scratch / "ok.mov", small + "/full.mov"}, type,
+                                                         rec.delegate()));
+        EXPECT_TRUE(rec.progress.empty() && rec.failedFiles.empty() && rec.finished == 0);
+        EXPECT_TRUE(readFile(scratch / "ok.mov") == readFile(source)) << "the whole copy stays";
+        EXPECT_NE(mtimeSeconds(scratch / "ok.mov"), 1000000000);
+        EXPECT_FALSE(fs::exists(small + "/full.mov")) << "the short copy is removed";
+        const auto messages = log.messages();
+        EXPECT_GE(std::ranges::count(messages, "Error writing file " + small + "/full.mov: 28"), 1);
+        EXPECT_EQ(messages.back(), "Error: copied file size does not match original source " + source);
+        fs::remove(scratch / "ok.mov");
+    }
 }
 
 TEST(TQFileManagerCopy, UnreadableSourceFailsForAnOrdinaryUser)

@@ -164,22 +164,7 @@ TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
     EXPECT_EQ(readFile(s / "d/sub/3.mov"), "src/sub/3.mov");
     EXPECT_TRUE(TQFileManager::copyContentsOfDirectory(s / "empty", s / "d", std::chrono::seconds(1)));
     EXPECT_FALSE(TQFileManager::copyContentsOfDirectory(s / "src", s / "d", std::chrono::seconds(0)));
-    EXPECT_EQ(refused.calls().size(), 1u);
-}
-
-TEST(TQFileManagerPrivileged, FallbackRunsTheToolsAsRoot)
-{
-    if (::getuid() != 0) GTEST_SKIP() << "needs root";
-    TempDir s;
-    writeFile(s / "a.mov", "a");
-    writeFile(s / "b.mov", "b");
-    // The ordinary move refuses to replace b.mov, "mv -f" does it, and the waiting form
-    // returns once the source is gone.
-    EXPECT_TRUE(TQFileManager::moveFile(s / "a.mov", s / "b.mov", std::chrono::seconds(30)));
-    EXPECT_EQ(readFile(s / "b.mov"), "a");
-    Tools tools;
-    EXPECT_TRUE(TQFileManager::copyFile(s / "b.mov", s / "b.mov") && TQFileManager::createDirectory(s / "b.mov/x"));
-    EXPECT_EQ(tools.calls().size(), 2u);
+    EXPECT_TRUE(refused.calls().empty()) << "the privileged copy refuses an occupied destination itself";
 }
 
 TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)

@@ -193,7 +193,25 @@ TEST_F(TQLocalPathsTest, ProtectedFolders)
         {h + "/Library/Preferences", true, true},
         {h + "/Videos", false, false},
         {h + "/Library/preferences", false, false},
+        // This system's own folders, however they are spelled, and where a link leads.
+        {"/etc", true, true},
+        {"/usr/.", true, true},
+        {"//usr", true, true},
+        {"/usr/bin/..", true, true},
+        {"/lib64", true, true},
+        {"/etc/passwd", false, true},
+        {"/run/media/card", false, false},
+        {"/srv/footage", false, false},
+        {h + "/etc-link", false, false},
+        {h + "/etc-link/", true, true},
+        {h + "/etc-link/hosts", false, true},
     };
+    std::filesystem::create_symlink("/etc", h + "/etc-link");
+    for (const char* folder :
+         {"/boot", "/dev", "/home", "/opt", "/proc", "/root", "/run", "/sbin", "/srv", "/sys", "/var"})
+        EXPECT_TRUE(TQLocalPaths::isPathSystemDirectory(folder, true) &&
+                    TQLocalPaths::isPathSystemDirectory(std::string(folder) + "/", true))
+            << folder;
     for (const auto& row : rows) {
         EXPECT_EQ(TQLocalPaths::isPathSystemDirectory(row.path, true), row.exact) << row.path;
         EXPECT_EQ(TQLocalPaths::isPathSystemDirectory(row.path, false), row.loose) << row.path;

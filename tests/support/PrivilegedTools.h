@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <climits>
+
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,17 +19,22 @@ namespace corvina::test {
 
 // Privileged tools recorded (tool, then arguments, and whether it was started without waiting)
 // instead of run, so that no test can remove anything it should not; each answers `status`.
+// Tools(Tools::run) runs each tool for real, with this process's own rights, and answers its
+// exit status.
 class Tools {
 public:
     using Call = std::vector<std::string>;
+    static constexpr int32_t run = INT32_MIN;
     explicit Tools(int32_t status = 0)
     {
         TQAuthorization::setExecHookForTesting([this, status](const std::string& tool, Call args, bool async) {
             args.insert(args.begin(), tool);
-            std::lock_guard lock(mutex_);
-            calls_.push_back(std::move(args));
-            async_.push_back(async);
-            return status;
+            {
+                std::lock_guard lock(mutex_);
+                calls_.push_back(args);
+                async_.push_back(async);
+            }
+            return status == run ? runProgram(args).status : status;
         });
     }
     ~Tools() { TQAuthorization::setExecHookForTesting(nullptr); }

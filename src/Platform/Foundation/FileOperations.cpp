@@ -6,12 +6,15 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <memory>
+#include <string_view>
 
 namespace corvina {
 
@@ -35,14 +38,17 @@ bool fail(Error* error, int err, const std::string&)
     return false;
 }
 
-int copyBytes(int in, int out)
+// Copies the bytes from..to (to may lie past the end) to the same place in out: copy_file_range
+// lets the file system share or clone extents; plain reads and writes take over where it is
+// not available (older kernels, some pairs of file systems), for this and every later range.
+int copyRange(int in, int out, off_t from, off_t to, bool& plain)
 {
-    // copy_file_range lets the file system share or clone extents; plain reads and writes
-    // take over where it is not available (older kernels, some pairs of file systems).
-    bool plain = false;
-    for (;;) {
+    off_t inPos = from;
+    off_t outPos = from;
+    while (inPos < to) {
+        const size_t want = static_cast<size_t>(std::min<off_t>(to - inPos, off_t(1) << 30));
         if (!plain) {
-            const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+            const ssize_t n = ::copy_file_range(in, &inPos, out, &outPos, want, 0);
             if (n > 0) continue;
             if (n == 0) return 0;
             if (errno == EINTR) continue;
@@ -51,21 +57,50 @@ int copyBytes(int in, int out)
             plain = true;
         }
         char buffer[1 << 16];
-        const ssize_t n = ::read(in, buffer, sizeof buffer);
+        const ssize_t n = ::pread(in, buffer, std::min(want, sizeof buffer), inPos);
         if (n == 0) return 0;
         if (n < 0) {
             if (errno == EINTR) continue;
             return errno;
         }
         for (ssize_t done = 0; done < n;) {
-            const ssize_t w = ::write(out, buffer + done, static_cast<size_t>(n - done));
+            const ssize_t w = ::pwrite(out, buffer + done, static_cast<size_t>(n - done), outPos + done);
             if (w < 0) {
                 if (errno == EINTR) continue;
                 return errno;
             }
             done += w;
         }
+        inPos += n;
+        outPos += n;
     }
+    return 0;
+}
+
+// Copies the data of in to out and leaves its holes as holes: only the ranges SEEK_DATA and
+// SEEK_HOLE name are written, and a hole at the end becomes the copy's length. A file system
+// without them has its whole file copied.
+int copyBytes(int in, int out)
+{
+    constexpr off_t kEnd = std::numeric_limits<off_t>::max();
+    bool plain = false;
+    for (off_t pos = 0;;) {
+        const off_t data = ::lseek(in, pos, SEEK_DATA);
+        if (data < 0) {
+            if (errno == ENXIO) break;  // nothing but a hole from here to the end
+            return copyRange(in, out, pos, kEnd, plain);
+        }
+        off_t hole = ::lseek(in, data, SEEK_HOLE);
+        if (hole < 0) hole = kEnd;
+        if (const int err = copyRange(in, out, data, hole, plain)) return err;
+        if (hole == kEnd) break;
+        pos = hole;
+    }
+    struct stat from {};
+    struct stat to {};
+    if (::fstat(in, &from) != 0 || ::fstat(out, &to) != 0) return errno;
+    if (to.st_size < from.st_size && ::ftruncate(out, from.st_size) != 0) return errno;
+    return 0;
 }
 
 // User attributes carry labels and progress; the other namespaces need privileges or belong
@@ -133,7 +168,7 @@ int copyTree(const std::string& from, const std::string& to)
         return 0;
     }
     if (!S_ISREG(st.st_mode)) return ENOTSUP;
-    Fd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    Fd in(openRegularFile(from, O_RDONLY | O_NOFOLLOW));
     if (in.fd < 0) return errno;
     Fd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (out.fd < 0) return errno;
@@ -146,6 +181,77 @@ int copyTree(const std::string& from, const std::string& to)
     }
     out.fd = -1;
     return 0;
+}
+
+// ---- Removal --------------------------------------------------------------------------------
+
+std::string withoutTrailingSlashes(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// The folder at name in parent is the root of a mount (bind mounts of the same device too).
+bool isMountRoot(int parent, const char* name)
+{
+    struct statx sx {};
+    if (::statx(parent, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &sx) != 0) return false;
+    return (sx.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) && (sx.stx_attributes & STATX_ATTR_MOUNT_ROOT);
+}
+
+int removeEntry(int parent, const std::string& name, const dev_t* device);
+
+// Removes everything in the folder open at dir, going on after a failure as rm does; the
+// first failure is the result.
+int removeContents(int dir, dev_t device)
+{
+    std::vector<std::string> names;
+    {
+        const int listing = ::dup(dir);
+        if (listing < 0) return errno;
+        std::unique_ptr<DIR, int (*)(DIR*)> d(::fdopendir(listing), ::closedir);
+        if (!d) {
+            const int err = errno;
+            ::close(listing);
+            return err;
+        }
+        while (const dirent* e = ::readdir(d.get())) {
+            const std::string_view n = e->d_name;
+            if (n != "." && n != "..") names.emplace_back(n);
+        }
+    }
+    int first = 0;
+    for (const auto& name : names) {
+        const int err = removeEntry(dir, name, &device);
+        if (err && !first) first = err;
+    }
+    return first;
+}
+
+// Removes the entry name of the folder open at parent. device: the device the walk keeps to,
+// none for the item the caller named (whose own device it then is).
+int removeEntry(int parent, const std::string& name, const dev_t* device)
+{
+    struct stat st {};
+    if (::fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
+    if (!S_ISDIR(st.st_mode)) return ::unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+    if (device && (st.st_dev != *device || isMountRoot(parent, name.c_str()))) return EXDEV;
+    int err = 0;
+    {
+        Fd dir(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        if (dir.fd < 0) {
+            // A folder that cannot be read may still be empty.
+            const int openError = errno;
+            return ::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0 ? 0 : openError;
+        }
+        struct stat opened {};
+        if (::fstat(dir.fd, &opened) != 0) return errno;
+        // Something else was put in its place meanwhile: leave it alone.
+        if (opened.st_dev != st.st_dev || opened.st_ino != st.st_ino) return EAGAIN;
+        err = removeContents(dir.fd, st.st_dev);
+    }
+    if (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT && !err) err = errno;
+    return err;
 }
 
 bool isInside(const std::string& inner, const std::string& outer)
@@ -258,12 +364,59 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes)
     return true;
 }
 
+std::optional<std::string> removalRefusal(const std::string& path)
+{
+    const std::string p = withoutTrailingSlashes(path);
+    if (p == "/") return std::string("it is the root folder");
+    const auto slash = p.rfind('/');
+    const std::string last = slash == std::string::npos ? p : p.substr(slash + 1);
+    if (last == "." || last == "..") return std::string("a path ending in \".\" or \"..\" is refused");
+    struct stat item {};
+    struct stat root {};
+    if (::lstat(p.c_str(), &item) == 0 && ::stat("/", &root) == 0 && item.st_dev == root.st_dev &&
+        item.st_ino == root.st_ino)
+        return std::string("it is the root folder");
+    return std::nullopt;
+}
+
 bool removeItem(const std::string& path, Error* error)
 {
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-    if (ec) return fail(error, ec.value(), path);
+    if (path.empty()) return fail(error, ENOENT, path);
+    if (removalRefusal(path)) return fail(error, EINVAL, path);
+    const std::string p = withoutTrailingSlashes(path);
+    const auto slash = p.rfind('/');
+    const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
+    const std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+    Fd dir(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.fd < 0) return errno == ENOENT || errno == ENOTDIR ? true : fail(error, errno, path);
+    if (const int err = removeEntry(dir.fd, name, nullptr)) return fail(error, err, path);
     return true;
+}
+
+int openRegularFile(const std::string& path, int flags, mode_t mode)
+{
+    struct stat st {};
+    const bool noFollow = (flags & O_NOFOLLOW) != 0;
+    const int looked = noFollow ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
+    const auto refuse = [](const struct stat& s) {
+        errno = S_ISDIR(s.st_mode) ? EISDIR : EINVAL;
+        return -1;
+    };
+    if (looked == 0 && !S_ISREG(st.st_mode)) return refuse(st);
+    const int fd = ::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, mode);
+    if (fd < 0) return -1;
+    if (::fstat(fd, &st) != 0) {
+        const int err = errno;
+        ::close(fd);
+        errno = err;
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return refuse(st);
+    }
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
 }
 
 }  // namespace corvina

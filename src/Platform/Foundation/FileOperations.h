@@ -2,6 +2,9 @@
 // removing files, folders and links. Failures come back as an Error with the system's text.
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,13 +20,21 @@ bool itemExists(const std::string& path);
 // when the path is no readable folder.
 std::vector<std::string> directoryContents(const std::string& path);
 
+// Opens a regular file without waiting on a pipe or a device: a path that is something else
+// is refused before it is opened, and the open itself is non-blocking and checked with
+// fstat, so an item swapped in between is refused too (closed again). Links are followed
+// unless flags hold O_NOFOLLOW. The descriptor is blocking again when returned. -1 with
+// errno on failure: EISDIR for a folder, EINVAL for pipes, devices and sockets.
+int openRegularFile(const std::string& path, int flags, mode_t mode = 0);
+
 // Copies an item: a folder with everything in it, links as links, keeping permission bits,
-// modification times and user extended attributes (and owners, as root). Fails when
-// something is at the destination; a failed copy leaves nothing there.
+// modification times and user extended attributes (and owners, as root). Holes of sparse
+// files stay holes. Fails when something is at the destination; a failed copy leaves
+// nothing there.
 bool copyItem(const std::string& from, const std::string& to, Error* error = nullptr);
 
 // Renames an item; fails when something is at the destination. Across file systems the item
-// is copied, and the original removed once the copy is complete.
+// is copied (holes kept), and the original removed once the copy is complete.
 bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);
 
 // Replaces the file at path with `bytes`: they go to a new file of a random name beside it
@@ -32,7 +43,17 @@ bool moveItem(const std::string& from, const std::string& to, Error* error = nul
 // umask. A failure leaves the old file as it was and no new file behind.
 bool writeFileAtomically(const std::string& path, std::string_view bytes);
 
-// Removes an item, a folder with everything in it. A link is removed, never its target.
+// Why a removal of the path is refused before anything is looked at, in words, as `rm`
+// refuses it: a path whose last component (trailing slashes aside) is "." or "..", and the
+// root folder. None when the path may be removed.
+std::optional<std::string> removalRefusal(const std::string& path);
+
+// Removes an item, a folder with everything in it. Refuses what removalRefusal names
+// (EINVAL). A link is removed, never its target, also when the path ends in "/". Below the
+// item the walk holds each folder open (openat, O_NOFOLLOW | O_DIRECTORY), so it never
+// follows a link, and it does not enter another mount (another device, or a mount root of
+// the same one): such a folder stays, with its parents, and the removal fails (EXDEV) once
+// everything else is gone, as `rm -r --one-file-system` does. Nothing at the path is success.
 bool removeItem(const std::string& path, Error* error = nullptr);
 
 }  // namespace corvina
