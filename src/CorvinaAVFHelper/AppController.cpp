@@ -310,8 +310,8 @@ int64_t AppController::runGuardedSession(const MovieJob& job, Session& session)
                     start = firstFrameStart(tmpFilename, videoEntries,
                                             motionJpeg ? jobcheck::kJpegHeaderBytes : jobcheck::kProResHeaderBytes);
                 }
-                fromHeader = motionJpeg ? jobcheck::frameSizeFromJpegFrame(start)
-                                        : jobcheck::frameSizeFromProResFrame(start);
+                fromHeader =
+                    motionJpeg ? jobcheck::frameSizeFromJpegFrame(start) : jobcheck::frameSizeFromProResFrame(start);
             }
             if (fromHeader) {
                 size = *fromHeader;
