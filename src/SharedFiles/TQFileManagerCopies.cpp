@@ -395,11 +395,14 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     };
     for (const auto& d : destinations) {
         struct stat st {};
-        const bool existed = ::lstat(d.c_str(), &st) == 0;
         Destination out;
         out.path = d;
-        out.file = tqfiles::Descriptor(corvina::openRegularFile(d, O_RDWR | O_CREAT, 0666));
-        out.created = !existed;
+        // Created here exactly when the exclusive create succeeds; a link at the name is never
+        // followed, so a planted one is refused instead of written through.
+        int fd = corvina::openRegularFile(d, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0666);
+        out.created = fd >= 0;
+        if (fd < 0 && errno == EEXIST) fd = corvina::openRegularFile(d, O_RDWR | O_NOFOLLOW, 0);
+        out.file = tqfiles::Descriptor(fd);
         if (!out.file) return refuse(d);
         if (::fstat(out.file.get(), &st) != 0 || sameFile(st, sourceInfo)) {
             if (out.created) removeOwnOutput(out);

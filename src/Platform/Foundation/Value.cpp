@@ -965,7 +965,7 @@ bool Value::writeToFile(const std::string& path, bool atomically) const
     const std::string xml = toXMLPropertyList();
     if (xml.empty()) return false;
     if (!atomically) {
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
         if (fd < 0) return false;
         const bool ok = writeAll(fd, xml.data(), xml.size());
         return (::close(fd) == 0) && ok;
