@@ -101,8 +101,12 @@ std::shared_ptr<corvina::AlertSession> TQAlert::alert() const
 
 void TQAlert::setAlert(std::shared_ptr<corvina::AlertSession> alert)
 {
-    std::lock_guard lock(state_->mutex);
-    state_->session = std::move(alert);
+    {
+        std::lock_guard lock(state_->mutex);
+        std::swap(state_->session, alert);
+    }
+    // The session replaced is let go here, outside the lock: going, it waits for its reader,
+    // which may still be reporting the answer through finish() and so needs the lock.
 }
 
 // --- Ending --------------------------------------------------------------------------------
