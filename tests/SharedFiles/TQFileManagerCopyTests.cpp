@@ -230,13 +230,13 @@ TEST(TQFileManagerCopy, NoFromTheDelegateStopsMidCopyAndKeepsThePrefix)
     rec.answer = false;
     auto answered = rec.answeredNo.get_future().share();
     // Once past the first question, the writers wait until the "no" has been given, so the
-    // copy cannot run to the end before it hears it.
+    // copy cannot run to the end before it hears it. The copy raises its flag on the queue
+    // just after the answer returns: every later block waits a little, so that the 27 blocks
+    // left give a busy queue seconds to raise it while a prompt one ends the copy at once.
     TQFileManager::setCopyBlockHookForTesting([answered](const std::string&, uint64_t position, std::span<uint8_t>) {
-        if (position >= 21 * MiB && answered.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-            answered.wait_for(std::chrono::seconds(30));
-            // The flag is raised right after the answer; give that a moment.
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
+        if (position < 21 * MiB) return;
+        answered.wait_for(std::chrono::seconds(30));
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
     });
     const std::vector<std::string> destinations = {scratch / "1.mov", scratch / "2.mov"};
     EXPECT_FALSE(TQFileManager::copyFileWithProgress(source, destinations, TQVerificationType::MD5, rec.delegate()));

@@ -32,6 +32,7 @@ public:
             objects_.push_back(object.has_value() ? std::any_cast<std::string>(object) : "<none>");
             allFrom_ = chunks_.size() == 1 || allFrom_ == &task ? &task : nullptr;
             onReader_ = onReader_ && std::this_thread::get_id() != caller_;
+            if (!acknowledge_.empty()) writeFile(acknowledge_ + "/" + std::to_string(chunks_.size()), "");
             cv_.notify_all();
         };
     }
@@ -48,6 +49,7 @@ public:
         return chunks_;
     }
     std::vector<std::string> objects_;
+    std::string acknowledge_;      // a folder that receives a file named after each chunk's number
     TQTaskEx* allFrom_ = nullptr;  // the instance every chunk named, null if they differ
     bool onReader_ = true;
 
@@ -65,15 +67,22 @@ size_t openDescriptors()
     return n;
 }
 
-// True once the process is gone (reaped), not merely a zombie.
-bool goneWithin(pid_t pid, std::chrono::seconds limit)
+// True once the condition holds; false when it still does not after 30 s.
+template <class Condition>
+bool eventually(Condition condition)
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (!fs::exists("/proc/" + std::to_string(pid))) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return false;
+    return true;
+}
+
+// True once the process is gone (reaped), not merely a zombie.
+bool gone(pid_t pid)
+{
+    return eventually([pid] { return !fs::exists("/proc/" + std::to_string(pid)); });
 }
 
 std::string joined(const std::vector<std::string>& chunks)
@@ -87,21 +96,24 @@ std::string joined(const std::vector<std::string>& chunks)
 
 TEST(TQTaskExAsyncConcurrency, ChunksInOrderThenOneEmptyChunk)
 {
+    // Each line is written only once the one before it has been delivered, so every line is
+    // a chunk of its own however slowly the reader runs.
+    TempDir acknowledged;
     TQTaskEx task;
     Chunks chunks;
-    task.asyncDataFromTask("/bin/sh", {"-c", "echo one; sleep 0.2; echo two; sleep 0.2; echo three"}, chunks.handler(),
+    chunks.acknowledge_ = acknowledged.path();
+    const std::string script =
+        "echo one; until [ -e \"$0/1\" ]; do sleep 0.01; done; echo two; "
+        "until [ -e \"$0/2\" ]; do sleep 0.01; done; echo three";
+    task.asyncDataFromTask("/bin/sh", {"-c", script, acknowledged.path()}, chunks.handler(),
                            std::string("client object"));
     ASSERT_TRUE(chunks.wait());
-    const auto got = chunks.chunks();
-    ASSERT_GE(got.size(), 4u);
-    EXPECT_EQ(joined(got), "one\ntwo\nthree\n");
-    for (size_t i = 0; i + 1 < got.size(); ++i) EXPECT_FALSE(got[i].empty()) << "only the last chunk is empty";
+    EXPECT_EQ(chunks.chunks(), (std::vector<std::string>{"one\n", "two\n", "three\n", ""}));
     for (const auto& o : chunks.objects_) EXPECT_EQ(o, "client object");
     EXPECT_EQ(chunks.allFrom_, &task);
     EXPECT_TRUE(chunks.onReader_);
     // After the end the run is over and nothing of the client is kept.
-    for (int i = 0; i < 100 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(task.theTask(), nullptr);
+    EXPECT_TRUE(eventually([&] { return task.theTask() == nullptr; }));
     EXPECT_FALSE(task.object().has_value());
     EXPECT_FALSE(task.chunkHandler());
 }
@@ -148,7 +160,7 @@ TEST(TQTaskExAsyncConcurrency, TerminationMidStreamStopsEverything)
         EXPECT_EQ(task.theTask(), nullptr);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         EXPECT_EQ(chunks.chunks().size(), seen) << "no chunk after the termination, not even the end";
-        EXPECT_TRUE(goneWithin(pid, std::chrono::seconds(10))) << "terminated and reaped";
+        EXPECT_TRUE(gone(pid)) << "terminated and reaped";
     }
 }
 
@@ -159,13 +171,13 @@ TEST(TQTaskExAsyncConcurrency, InstanceGoingAwayEndsItsRun)
         TQTaskEx task;
         Chunks chunks;
         task.asyncDataFromTask("/bin/sleep", {"30"}, chunks.handler());
-        for (int i = 0; i < 500 && pid <= 0; ++i) {
+        eventually([&] {
             if (auto t = task.theTask()) pid = t->processIdentifier();
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+            return pid > 0;
+        });
     }
     ASSERT_GT(pid, 0);
-    EXPECT_TRUE(goneWithin(pid, std::chrono::seconds(10)));
+    EXPECT_TRUE(gone(pid));
 }
 
 TEST(TQTaskExAsyncConcurrency, NoDescriptorIsLeftBehind)
@@ -205,8 +217,7 @@ TEST(TQTaskExAsyncLog, MissingToolIsLoggedAndDeliversNothing)
     TQTaskEx task;
     Chunks chunks;
     task.asyncDataFromTask("/nonexistent/tool", {}, chunks.handler());
-    for (int i = 0; i < 500 && task.theTask(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(task.theTask(), nullptr);
+    EXPECT_TRUE(eventually([&] { return task.theTask() == nullptr; }));
     TQLog::finishWriting();
     const auto log = logEntries(childLogPath());
     EXPECT_EQ(std::ranges::count(log, "Unable to launch async task - task does not exist or is not executable"), 1);

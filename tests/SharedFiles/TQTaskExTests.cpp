@@ -122,17 +122,20 @@ TEST(TQTaskExTimeoutConcurrency, EndsTheToolsWholeGroupWithinTheGracePeriod)
     // Each tool leaves work to a process of its own; a time-out of 1 s must end that process
     // as well, killing it after the grace period when it ignores the terminate signal.
     using Clock = std::chrono::steady_clock;
-    const double latest = 1.0 + double(TQTaskEx::kTerminationGrace.count()) + 1.0;
+    // The tools would run for a minute; the bound leaves a slow machine ample time for the
+    // time-out, the grace period and the shell's start, and still tells an ended group from
+    // one left to run.
+    const double latest = 1.0 + double(TQTaskEx::kTerminationGrace.count()) + 20.0;
     struct Case {
         const char* script;
         int form;  // 0 data, 1 success, 2 exit status
         double atLeast;
     } cases[] = {
-        {"sleep 8; echo late", 0, 0.9},
-        {"sleep 8 & echo $!; wait", 0, 0.9},
-        {"(trap '' TERM; exec sleep 8) & echo $!", 0, 2.9},  // the tool itself is long gone
-        {"trap '' TERM; sleep 8", 1, 2.9},
-        {"sleep 8 & echo $! > \"$0\"; wait", 2, 0.9},
+        {"sleep 60; echo late", 0, 0.9},
+        {"sleep 60 & echo $!; wait", 0, 0.9},
+        {"(trap '' TERM; exec sleep 60) & echo $!", 0, 2.9},  // the tool itself is long gone
+        {"trap '' TERM; sleep 60", 1, 2.9},
+        {"sleep 60 & echo $! > \"$0\"; wait", 2, 0.9},
     };
     TempDir dir;
     for (const Case& c : cases) {
@@ -156,14 +159,15 @@ TEST(TQTaskExTimeoutConcurrency, EndsTheToolsWholeGroupWithinTheGracePeriod)
         if (c.form == 2) printed = readFile(pidFile);
         const std::string pid = printed.substr(0, printed.find('\n'));
         if (pid.empty()) continue;
-        // A SIGKILL is sent by then; on a loaded machine the process may take a moment to die.
+        // A SIGKILL is sent by then; on a loaded machine the process may take a while to die.
         const auto gone = [&](std::string* stat) {
             *stat = readFile("/proc/" + pid + "/stat");
             const auto close = stat->rfind(')');
             return stat->empty() || (close != std::string::npos && stat->substr(close + 2, 1) == "Z");
         };
         std::string stat;
-        for (int i = 0; i < 100 && !gone(&stat); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const auto deadline = Clock::now() + std::chrono::seconds(30);
+        while (!gone(&stat) && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_TRUE(gone(&stat)) << stat;
     }
 }
