@@ -20,13 +20,6 @@ using ::testing::ElementsAre;
 using ::testing::StartsWith;
 using namespace corvina::test;
 
-TEST(TQAuthorizationShared, OneControllerWhateverTheLaterCallsAsk)
-{
-    TQAuthorization& first = TQAuthorization::sharedController(true);
-    EXPECT_EQ(&first, &TQAuthorization::sharedController(false));
-    EXPECT_EQ(&first, &TQAuthorization::sharedController());
-}
-
 TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
 {
     TempDir scratch;
