@@ -376,6 +376,8 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
 
 // The dialog program itself, pointed at a display that nobody serves: its failure is no
 // answer, so neither the question nor the timed alert may take it for the alternate button.
+// The timer is far longer than the program takes to fail on a loaded machine: ending first,
+// it would take the alert away before the failure could be seen.
 TEST(TQAlertPresenters, DialogOnADeadDisplayFallsBackToNobody)
 {
     if (!corvina::isExecutablePath("/usr/bin/zenity")) GTEST_SKIP() << "zenity is not installed";
@@ -389,7 +391,7 @@ TEST(TQAlertPresenters, DialogOnADeadDisplayFallsBackToNobody)
         corvina::ScopedSystemLogCapture capture;
         const int64_t code =
             timed ? TQAlert::timedAlertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
-                                                            nullptr, std::chrono::seconds(5))
+                                                            nullptr, std::chrono::seconds(120))
                   : TQAlert::alertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
                                                        nullptr, true);
         EXPECT_EQ(code, corvina::kAlertDefaultReturn);
