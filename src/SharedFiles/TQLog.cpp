@@ -34,11 +34,21 @@ std::terminate_handler previousTerminate = nullptr;
 
 }  // namespace
 
-void TQLog::FileSink::write(TQLogTexts& texts) { file->write(texts); }
+namespace {
 
-TQLog::TQLog() : core_(sink_), file_(std::make_unique<TQLogFile>(core_.loggingDisabledFlag(), core_.noPrintingFlag()))
+struct FileSink final : TQLogSink {
+    TQLogFile* file = nullptr;
+    void write(TQLogTexts& texts) override { file->write(texts); }
+};
+
+}  // namespace
+
+TQLog::TQLog()
+    : sink_(std::make_unique<FileSink>()),
+      core_(*sink_),
+      file_(std::make_unique<TQLogFile>(core_.loggingDisabledFlag(), core_.noPrintingFlag()))
 {
-    sink_.file = file_.get();
+    static_cast<FileSink&>(*sink_).file = file_.get();
     std::atexit([] { TQLog::willTerminate(); });
     pthread_atfork(&TQLog::atforkPrepare, &TQLog::atforkParent, &TQLog::atforkChild);
     previousTerminate = std::set_terminate(&onTerminate);

@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "TQLogCore.h"
-#include "TQLogSink.h"
 
 class TQLogFile;
+class TQLogSink;
 
 class TQLog {
 public:
@@ -151,12 +151,9 @@ private:
     static void atforkParent();
     static void atforkChild();
 
-    // The core's sink: the file, made once the core is (the file reports to the core's flags).
-    struct FileSink final : TQLogSink {
-        TQLogFile* file = nullptr;
-        void write(TQLogTexts& texts) override;
-    };
-    FileSink sink_;
+    // The core's sink: hands batches to the file, made once the core is (the file reports to
+    // the core's flags).
+    std::unique_ptr<TQLogSink> sink_;
     TQLogCore core_;
     std::unique_ptr<TQLogFile> file_;
 };

@@ -316,7 +316,10 @@ TQLogEntry TQLogEntry::text(std::string_view text)
 TQLogEntry TQLogEntry::formatted(std::string made)
 {
     TQLogEntry entry = text(made);
-    if (!entry.empty()) entry.owned_.emplace(entry.text_);
+    if (!entry.empty()) {
+        entry.extra_ = std::make_unique<Extra>();
+        entry.extra_->owned = entry.text_;
+    }
     return entry;
 }
 
@@ -375,12 +378,14 @@ bool TQLogEntry::takeArgs(std::span<const FormatArg> args)
             continue;
         }
         // Objects describe themselves now, before the queue is locked (a description may log too).
-        arg.appendDescription(described_);
-        describedEnds_.push_back(described_.size());
+        if (!extra_) extra_ = std::make_unique<Extra>();
+        arg.appendDescription(extra_->described);
+        extra_->describedEnds.push_back(extra_->described.size());
         size_ += 13;
     }
-    size_ += described_.size();
-    return described_.size() <= std::numeric_limits<uint32_t>::max();
+    if (!extra_) return true;
+    size_ += extra_->described.size();
+    return extra_->described.size() <= std::numeric_limits<uint32_t>::max();
 }
 
 void TQLogEntry::encode(char* start) const
@@ -415,10 +420,10 @@ void TQLogEntry::encode(char* start) const
             at = putArg(at, arg);
             continue;
         }
-        const size_t begin = object == 0 ? 0 : describedEnds_[object - 1];
-        const size_t end = describedEnds_[object++];
+        const size_t begin = object == 0 ? 0 : extra_->describedEnds[object - 1];
+        const size_t end = extra_->describedEnds[object++];
         at = put(put(at, kObject), reinterpret_cast<uint64_t>(arg.pointer()));
-        at = putBytes(at, std::string_view(described_).substr(begin, end - begin));
+        at = putBytes(at, std::string_view(extra_->described).substr(begin, end - begin));
     }
 }
 

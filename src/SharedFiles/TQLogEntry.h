@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -77,18 +78,22 @@ private:
     // Counts the arguments' bytes and describes the objects; false when the descriptions
     // are too long for an entry.
     bool takeArgs(std::span<const corvina::FormatArg> args);
-    std::string_view textView() const { return owned_ ? std::string_view(*owned_) : text_; }
+    std::string_view textView() const { return extra_ && !extra_->owned.empty() ? extra_->owned : text_; }
 
     uint8_t kind_ = 0;
     size_t size_ = 0;
     uint64_t length16_ = 0;
     uint64_t lines_ = 1;
     std::string_view text_;  // a text's trimmed text, a format's format
-    std::optional<std::string> owned_;
     uint32_t id_ = 0;
     std::span<const corvina::FormatArg> args_;
     std::span<const SeriesLine> series_;
     uint64_t steps_ = 0;
-    std::string described_;  // the objects' descriptions back to back
-    std::vector<size_t> describedEnds_;
+    // Made only for the entries that need it: most carry numbers and strings only.
+    struct Extra {
+        std::string owned;      // a text formatted here instead of queued as a format
+        std::string described;  // the objects' descriptions back to back
+        std::vector<size_t> describedEnds;
+    };
+    std::unique_ptr<Extra> extra_;
 };

@@ -16,31 +16,12 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "TQLogEntry.h"
 #include "TQLogSink.h"
 
-// Bytes that grow without being zero-filled first: every byte an entry adds is written by it.
-template <class T>
-struct UninitializedAllocator : std::allocator<T> {
-    template <class U>
-    struct rebind {
-        using other = UninitializedAllocator<U>;
-    };
-    template <class U>
-    void construct(U* at) noexcept
-    {
-        ::new (static_cast<void*>(at)) U;
-    }
-    template <class U, class... A>
-    void construct(U* at, A&&... args)
-    {
-        ::new (static_cast<void*>(at)) U(std::forward<A>(args)...);
-    }
-};
-using TQLogEntryBytes = std::vector<char, UninitializedAllocator<char>>;
+using TQLogEntryBytes = std::vector<char, TQLogBufferAllocator<char>>;
 
 class TQLogQueue {
 public:

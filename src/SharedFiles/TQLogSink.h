@@ -4,11 +4,48 @@
 #pragma once
 
 #include <cassert>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+// The log's buffers: they grow without being zero-filled first (every byte an entry adds is
+// written by it), and a large one (a burst's) asks the kernel for huge pages past its first
+// 2 MiB, so that filling it costs a few page faults instead of thousands while a quiet log
+// still touches ordinary pages only.
+void* tqLogAllocateBuffer(size_t bytes);
+void tqLogFreeBuffer(void* buffer, size_t bytes);
+
+template <class T>
+struct TQLogBufferAllocator : std::allocator<T> {
+    using value_type = T;
+    template <class U>
+    struct rebind {
+        using other = TQLogBufferAllocator<U>;
+    };
+    TQLogBufferAllocator() = default;
+    template <class U>
+    TQLogBufferAllocator(const TQLogBufferAllocator<U>&) noexcept
+    {
+    }
+    T* allocate(size_t n) { return static_cast<T*>(tqLogAllocateBuffer(n * sizeof(T))); }
+    void deallocate(T* at, size_t n) noexcept { tqLogFreeBuffer(at, n * sizeof(T)); }
+    template <class U>
+    void construct(U* at) noexcept
+    {
+        ::new (static_cast<void*>(at)) U;
+    }
+    template <class U, class... A>
+    void construct(U* at, A&&... args)
+    {
+        ::new (static_cast<void*>(at)) U(std::forward<A>(args)...);
+    }
+};
 
 // Texts waiting to be written, already trimmed and never empty: views of texts held
 // elsewhere (they must outlive the list), texts formatted into the list's own buffer, or
@@ -70,7 +107,7 @@ private:
         uint64_t offset;  // with kDeferred set: not made yet
     };
     std::string bytes_;
-    std::vector<Slot> slots_;
+    std::vector<Slot, TQLogBufferAllocator<Slot>> slots_;
     size_t deferred_ = 0;
     Maker maker_ = nullptr;
 };

@@ -77,9 +77,8 @@ TEST(TQLogCore, TextsAsWrittenAndPrinted)
         log.append(Mode::Print, "quiet");
     });
     EXPECT_EQ(m.written(), (std::vector<std::string>{"Progress: 50% done", "Copied clip.mov (100% done)", "%.1f",
-                                                     "1.50 GB", "two leading blanks", "line one\nline two",
-                                                     "debug 7%", "Done: 100% ok", "50% and 3", "as given 5%%",
-                                                     "quiet"}));
+                                                     "1.50 GB", "two leading blanks", "line one\nline two", "debug 7%",
+                                                     "Done: 100% ok", "50% and 3", "as given 5%%", "quiet"}));
     EXPECT_EQ(printed, "Done: 100%% ok\n\n50%% and 3\nas given 5%%%%\n");
 }
 
@@ -144,8 +143,7 @@ TEST(TQLogCore, SeriesAreTheLinesTheyStandFor)
     m.log.fastAppendSeries(36000, pair);
     const auto texts = m.written();
     ASSERT_EQ(texts.size(), 10u + 72000);
-    for (size_t s = 0; s < 36000; s += 997)
-        ASSERT_EQ(texts[10 + 2 * s], "n " + std::to_string(s)) << s;
+    for (size_t s = 0; s < 36000; s += 997) ASSERT_EQ(texts[10 + 2 * s], "n " + std::to_string(s)) << s;
     EXPECT_EQ(texts.back(), "m");
 }
 
