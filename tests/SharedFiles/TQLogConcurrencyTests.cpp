@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <regex>
+#include <string_view>
 #include <thread>
 
 #include "TQLog.h"
@@ -109,15 +110,34 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
 
 namespace {
 
+// The text with every date in it ("2024-01-02 03:04:05 +0000") as "DATE".
 std::string withoutDates(const std::string& text)
 {
-    static const std::regex date(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)");
-    return std::regex_replace(text, date, "DATE");
+    constexpr std::string_view kShape = "dddd-dd-dd dd:dd:dd +dddd";
+    const auto dateAt = [&](size_t at) {
+        if (at + kShape.size() > text.size()) return false;
+        for (size_t k = 0; k < kShape.size(); ++k) {
+            const char c = text[at + k];
+            if (kShape[k] == 'd' ? c < '0' || c > '9' : c != kShape[k]) return false;
+        }
+        return true;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        if (dateAt(at)) {
+            out += "DATE";
+            at += kShape.size();
+        } else {
+            out += text[at++];
+        }
+    }
+    return out;
 }
 
 }  // namespace
 
-// One batch that restarts the file 3 to 12 times, written with and without skipping the files
+// One batch that restarts the file 4 to 12 times, written with and without skipping the files
 // it rotates out itself, and with every other text deferred (made only if it is kept): the
 // files left on disk are the same, and older runs' files are gone exactly when five or more
 // restarts rotate them out.
@@ -125,7 +145,7 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
     if (!inChild()) return expectChildPasses();
     const std::string root = childHome();
-    for (int restarts : {3, 4, 5, 6, 12}) {
+    for (int restarts : {4, 5, 6, 12}) {
         std::string files[3];
         for (int mode = 0; mode < 3; ++mode) {
             const bool shortcut = mode > 0;
