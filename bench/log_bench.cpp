@@ -1,8 +1,10 @@
 // Log throughput: three threads writing the feeders' per-sample lines through
-// TQLog::fastAppendLog with rotation active, against spdlog's async rotating logger (same
-// line length, 500000-byte files, 5 files) in its blocking and overrun-oldest modes.
+// TQLog::fastAppendLog with rotation active, through a TQLogCore of its own whose sink
+// formats every line and keeps none (the queue and the formatting without the file), and
+// against spdlog's async rotating logger (same line length, 500000-byte files, 5 files) in
+// its blocking and overrun-oldest modes.
 //
-//   log_bench [lines-per-thread] [tqlog,block,overrun]   (default 1000000 and every configuration)
+//   log_bench [lines-per-thread] [tqlog,core,block,overrun]   (default 1000000 and every configuration)
 //
 // Every run happens in a child process of its own, so that each gets a fresh log
 // controller and its own peak resident size (ru_maxrss from wait4). Prints the median of
@@ -23,6 +25,8 @@
 #include <vector>
 
 #include "TQLog.h"
+#include "TQLogCore.h"
+#include "TQLogSink.h"
 
 #ifdef CORVINA_HAVE_SPDLOG
 #include <spdlog/async.h>
@@ -99,6 +103,32 @@ void tqlogRun(long lines, const std::string& folder, int fd)
     RunResult r;
     r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     r.dropped = missingInKeptFiles(folder + "/Library/Logs/Brantwell/LogBench", lines);
+    if (write(fd, &r, sizeof r) != sizeof r) _exit(2);
+}
+
+// Formats every text it is handed and counts the bytes.
+class FormattingSink : public TQLogSink {
+public:
+    void write(TQLogTexts& texts) override
+    {
+        texts.materialize(0);
+        for (size_t i = 0; i < texts.size(); ++i) bytes_ += texts[i].size();
+    }
+    uint64_t bytes_ = 0;
+};
+
+// Child: a core of its own with the formatting sink.
+void coreRun(long lines, int fd)
+{
+    FormattingSink sink;
+    TQLogCore log(sink);
+    const auto start = Clock::now();
+    runThreads(lines, [&log](unsigned t, unsigned i) {
+        log.fastAppend("Requesting next audio sample at sample index %u,%u...", i, t);
+    });
+    log.finishWriting();
+    RunResult r;
+    r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (write(fd, &r, sizeof r) != sizeof r) _exit(2);
 }
 
@@ -189,6 +219,9 @@ int main(int argc, char** argv)
     if (wanted("tqlog"))
         rows.push_back(
             measure("TQLog fastAppendLog", lines, [&](const std::string& f, int fd) { tqlogRun(lines, f, fd); }));
+    if (wanted("core"))
+        rows.push_back(
+            measure("TQLogCore, formatting sink", lines, [&](const std::string&, int fd) { coreRun(lines, fd); }));
 #ifdef CORVINA_HAVE_SPDLOG
     if (wanted("block"))
         rows.push_back(measure("spdlog async, block", lines,

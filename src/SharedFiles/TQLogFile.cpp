@@ -128,33 +128,6 @@ const HeaderFacts& headerFacts()
 
 }  // namespace
 
-void TQLogTexts::materialize(size_t from)
-{
-    if (deferred_ == 0) return;
-    for (size_t i = from; i < slots_.size(); ++i) {
-        Slot& slot = slots_[i];
-        if (!(slot.offset & kDeferred)) continue;
-        const size_t start = bytes_.size();
-        maker_(slot.data, slot.offset & ~kDeferred, bytes_);
-        // The size was measured without making the text; the text made is what counts.
-        assert(bytes_.size() - start == slot.size);
-        slot = {nullptr, bytes_.size() - start, start};
-        if (--deferred_ == 0) break;
-    }
-}
-
-void TQLogTexts::trim(size_t keepBytes)
-{
-    if (bytes_.capacity() > keepBytes) {
-        bytes_.clear();
-        bytes_.shrink_to_fit();
-    }
-    if (slots_.capacity() * sizeof(Slot) > keepBytes) {
-        slots_.clear();
-        slots_.shrink_to_fit();
-    }
-}
-
 TQLogFile::TQLogFile(std::atomic<bool>& disabled, const std::atomic<bool>& noPrinting)
     : disabled_(disabled), noPrinting_(noPrinting)
 {

@@ -1,10 +1,10 @@
 // The log's file: the log folder, the rotation of {appName}.1.log to .5.log, the creation of
 // a new file and its header, and the writing of entries with their date prefix, restarting
-// the file when it reaches the size limit. TQLog owns one; its writer thread alone writes.
+// the file when it reaches the size limit. TQLog owns one as its core's sink; the writer
+// thread alone writes.
 #pragma once
 
 #include <atomic>
-#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -14,77 +14,13 @@
 #include <vector>
 
 #include "Foundation/Date.h"
+#include "TQLogSink.h"
 
 namespace corvina {
 class FileHandle;
 }
 
-// Texts waiting to be written, already trimmed and never empty: views of texts held
-// elsewhere (they must outlive the list), texts formatted into the list's own buffer, or
-// deferred texts whose size is known and whose bytes are made only when they are needed
-// (materialize), so that texts a batch rotates out of the kept files are never made.
-class TQLogTexts {
-public:
-    // Makes a deferred text: appends it to out, trimmed, from what `source` points at (part
-    // tells which of the texts a source stands for is meant).
-    using Maker = void (*)(const char* source, uint64_t part, std::string& out);
-
-    void pushView(std::string_view text) { slots_.push_back({text.data(), text.size(), 0}); }
-    void push(std::string_view text)
-    {
-        const size_t start = bytes_.size();
-        bytes_.append(text);
-        commit(start);
-    }
-    // A text of `size` bytes (never 0) that maker(source, part, ...) makes later.
-    void pushDeferred(const char* source, size_t size, Maker maker, uint64_t part = 0)
-    {
-        assert(part < kDeferred);
-        maker_ = maker;
-        slots_.push_back({source, size, kDeferred | part});
-        ++deferred_;
-    }
-    // Room for one more text written straight into the buffer: append to buffer(), then
-    // commit(start) with the size buffer() had before (an empty result is dropped).
-    std::string& buffer() { return bytes_; }
-    void commit(size_t start)
-    {
-        if (bytes_.size() > start) slots_.push_back({nullptr, bytes_.size() - start, start});
-    }
-    size_t size() const { return slots_.size(); }
-    bool empty() const { return slots_.empty(); }
-    size_t sizeAt(size_t i) const { return slots_[i].size; }
-    // Makes the deferred texts from index `from` on; only those may be read afterwards.
-    void materialize(size_t from);
-    std::string_view operator[](size_t i) const
-    {
-        const Slot& slot = slots_[i];
-        assert(!(slot.offset & kDeferred));
-        return std::string_view(slot.data ? slot.data : bytes_.data() + slot.offset, slot.size);
-    }
-    void clear()
-    {
-        bytes_.clear();
-        slots_.clear();
-        deferred_ = 0;
-    }
-    // Gives back memory once a burst has passed.
-    void trim(size_t keepBytes);
-
-private:
-    static constexpr uint64_t kDeferred = uint64_t(1) << 63;  // the rest of the offset: the part
-    struct Slot {
-        const char* data;  // a view's text, a deferred text's source; none: at offset in bytes_
-        size_t size;
-        uint64_t offset;  // with kDeferred set: not made yet
-    };
-    std::string bytes_;
-    std::vector<Slot> slots_;
-    size_t deferred_ = 0;
-    Maker maker_ = nullptr;
-};
-
-class TQLogFile {
+class TQLogFile : public TQLogSink {
 public:
     static constexpr uint64_t kSizeLimit = 500000;
     static constexpr long kKeptFiles = 5;
@@ -92,7 +28,7 @@ public:
     // disabled is set when the global preferences turn logging off; noPrinting silences the
     // failure messages on standard output.
     TQLogFile(std::atomic<bool>& disabled, const std::atomic<bool>& noPrinting);
-    ~TQLogFile();
+    ~TQLogFile() override;
     TQLogFile(const TQLogFile&) = delete;
     TQLogFile& operator=(const TQLogFile&) = delete;
 
@@ -119,7 +55,7 @@ public:
     // the size limit ends with the entry that crossed it and the next starts with its header
     // and "Log truncated at 500KB". Texts that arrive with no file open reopen the current
     // file, or are reported and dropped. Writer thread only.
-    void write(TQLogTexts& texts);
+    void write(TQLogTexts& texts) override;
 
     // When a batch crosses so many restarts that its first files would be rotated out of the
     // kept ones before it ends, those files are skipped: neither formatted nor written. On by

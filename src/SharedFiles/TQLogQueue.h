@@ -1,8 +1,7 @@
-// The log's write queue: any thread hands it entries, one writer thread of its own takes
-// everything queued with one lock and hands it on as texts, in queuing order. An entry is
-// either a finished text or a format with its arguments captured by value, formatted later
-// on the writer so that the caller's cost is one copy. Holds at most kCapacity bytes of
-// entries: a caller that finds it full waits until the writer has taken them.
+// The log's write queue: any thread hands it entries (TQLogEntry), one writer thread of its
+// own takes everything queued with one lock and hands it to the sink as texts, in queuing
+// order. Holds at most kCapacity bytes of entries: a caller that finds it full waits until
+// the writer has taken them.
 #pragma once
 
 #include <pthread.h>
@@ -11,77 +10,30 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "Foundation/Format.h"
-#include "TQLogFile.h"
+#include "TQLogEntry.h"
+#include "TQLogSink.h"
 
-// Bytes that grow without being zero-filled first: every byte an entry adds is written by it.
-template <class T>
-struct UninitializedAllocator : std::allocator<T> {
-    template <class U>
-    struct rebind {
-        using other = UninitializedAllocator<U>;
-    };
-    template <class U>
-    void construct(U* at) noexcept
-    {
-        ::new (static_cast<void*>(at)) U;
-    }
-    template <class U, class... A>
-    void construct(U* at, A&&... args)
-    {
-        ::new (static_cast<void*>(at)) U(std::forward<A>(args)...);
-    }
-};
-using TQLogEntryBytes = std::vector<char, UninitializedAllocator<char>>;
+using TQLogEntryBytes = std::vector<char, TQLogBufferAllocator<char>>;
 
 class TQLogQueue {
 public:
     static constexpr size_t kCapacity = size_t(8) << 20;
 
-    // Runs on the writer thread with each batch, in order.
-    using Sink = std::function<void(TQLogTexts&)>;
-
-    explicit TQLogQueue(Sink sink);
+    explicit TQLogQueue(TQLogSink& sink);
     ~TQLogQueue();
     TQLogQueue(const TQLogQueue&) = delete;
     TQLogQueue& operator=(const TQLogQueue&) = delete;
 
-    // A text, trimmed here; nothing is queued when nothing is left.
-    void pushText(std::string_view text);
-    // A format (already escaped) and its arguments. Objects are described now, on the
-    // caller's thread; everything else is copied. Counts as the format's length in
-    // bytesInQueue.
-    void pushFormat(std::string_view format, std::span<const corvina::FormatArg> args);
-
-    // A format queued again and again (a feeder's line for every sample) is kept once for the
-    // process and queued by its number: the caller copies only the arguments, and the writer
-    // measures it without reading its text. intern takes the text as pushFormat would (a
-    // format without conversions stands for itself, trimmed as pushText trims); none once
-    // the table is full or for a text too long to keep.
-    static std::optional<uint32_t> intern(std::string_view format);
-    void pushInterned(uint32_t id, std::span<const corvina::FormatArg> args);
-
-    // One line of a series: an interned format, its arguments (numbers, characters, strings
-    // and pointers: objects are described when they are logged one by one), and the integer
-    // argument that counts up by one from each step to the next, if any.
-    struct SeriesLine {
-        uint32_t id = 0;
-        std::span<const corvina::FormatArg> args;
-        std::optional<uint8_t> counting;
-    };
-    // As pushing each of the lines in turn, `steps` times over, with the counting arguments
-    // one higher at each step: steps x lines entries queued in one. At most 255 lines.
-    void pushSeries(std::span<const SeriesLine> lines, uint64_t steps);
+    // Queues the entry (nothing when it is empty); waits while the queue is full.
+    void push(const TQLogEntry& entry);
 
     // Blocks until everything queued before the call is handed on; at once on the writer.
     void waitUntilWritten();
@@ -107,19 +59,14 @@ public:
     void resetInChild();
 
 private:
-    void push(std::string_view entry, uint64_t length16);
     // Queues an entry of `size` bytes that fill writes in place, under the lock.
     template <class Fill>
-    void pushWith(size_t size, uint64_t length16, const Fill& fill, uint64_t entries = 1);
-    void pushEntry(uint8_t kind, std::string_view format, uint32_t id, uint64_t length16,
-                   std::span<const corvina::FormatArg> args);
+    void pushWith(size_t size, uint64_t length16, const Fill& fill, uint64_t entries);
     void startWriterLocked();
     static void* writerMain(void* self);
     void writerLoop();
-    static uint64_t totalLength16(std::string_view entries);
-    static uint64_t unpack(std::string_view entries, uint64_t count, TQLogTexts& texts);
 
-    Sink sink_;
+    TQLogSink& sink_;
     mutable std::mutex mutex_;
     std::condition_variable queueCv_;  // the writer waits for work
     std::condition_variable doneCv_;   // waitUntilWritten waits for progress

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <regex>
+#include <string_view>
 #include <thread>
 
 #include "TQLog.h"
+#include "TQLogCore.h"
 #include "TQLogFile.h"
 #include "TQLogQueue.h"
 #include "TestSupport.h"
@@ -52,19 +54,19 @@ std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, 
 // land once, in order.
 TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 {
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
+    TQLogMemorySink sink;
+    TQLogCore log(sink);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
+        threads.emplace_back([t, &log] {
             for (int i = 0; i < 200; ++i) {
-                TQLog::appendLog("t%d %d", t, i);
-                TQLog::finishWriting();
+                log.append(TQLogCore::Mode::Wait, "t%d %d", t, i);
+                log.finishWriting();
             }
         });
     }
     for (auto& th : threads) th.join();
-    EXPECT_EQ(lineOrderFaults(logEntries(childHome() + "/Library/Logs/Brantwell/Tool.1.log"), 4, 200, true), "");
+    EXPECT_EQ(lineOrderFaults(sink.texts(), 4, 200, true), "");
 }
 
 // Three producers against a stopped writer: they fill the queue to its bound and wait there;
@@ -72,10 +74,8 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 // each producer's order.
 TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
 {
-    std::vector<std::string> got;
-    TQLogQueue queue([&](const TQLogTexts& texts) {
-        for (size_t i = 0; i < texts.size(); ++i) got.emplace_back(texts[i]);
-    });
+    TQLogMemorySink sink;
+    TQLogQueue queue(sink);
     constexpr int kThreads = 3, kLines = 40000;
     queue.setSuspended(true);
     std::vector<std::thread> threads;
@@ -85,11 +85,11 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
             const std::string padding(60, 'p');
             for (int i = 0; i < kLines; ++i) {
                 if (i % 7 == 3) {
-                    queue.pushText("  t" + std::to_string(t) + " " + std::to_string(i) + " text\n");
+                    queue.push(TQLogEntry::text("  t" + std::to_string(t) + " " + std::to_string(i) + " text\n"));
                 } else {
                     const corvina::FormatArg args[] = {t,   static_cast<unsigned>(i),  2.5f,   object,
                                                        'c', std::string_view(padding), nullptr};
-                    queue.pushFormat("t%d %u %@ %@ %c %s %@ ", args);
+                    queue.push(TQLogEntry::format("t%d %u %@ %@ %c %s %@ ", args));
                 }
             }
         });
@@ -100,6 +100,7 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
     for (auto& th : threads) th.join();
     queue.waitUntilWritten();
     EXPECT_EQ(queue.bytesInQueue(), 0u);
+    const auto got = sink.texts();
     ASSERT_EQ(got.size(), size_t(kThreads) * kLines);
     const std::string expected = "t1 8 2.5 obj1 c " + std::string(60, 'p') + " (null)";
     EXPECT_NE(std::find(got.begin(), got.end(), expected), got.end()) << "formatted on the writer as on the caller";
@@ -109,15 +110,34 @@ TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
 
 namespace {
 
+// The text with every date in it ("2024-01-02 03:04:05 +0000") as "DATE".
 std::string withoutDates(const std::string& text)
 {
-    static const std::regex date(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)");
-    return std::regex_replace(text, date, "DATE");
+    constexpr std::string_view kShape = "dddd-dd-dd dd:dd:dd +dddd";
+    const auto dateAt = [&](size_t at) {
+        if (at + kShape.size() > text.size()) return false;
+        for (size_t k = 0; k < kShape.size(); ++k) {
+            const char c = text[at + k];
+            if (kShape[k] == 'd' ? c < '0' || c > '9' : c != kShape[k]) return false;
+        }
+        return true;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        if (dateAt(at)) {
+            out += "DATE";
+            at += kShape.size();
+        } else {
+            out += text[at++];
+        }
+    }
+    return out;
 }
 
 }  // namespace
 
-// One batch that restarts the file 3 to 12 times, written with and without skipping the files
+// One batch that restarts the file 4 to 12 times, written with and without skipping the files
 // it rotates out itself, and with every other text deferred (made only if it is kept): the
 // files left on disk are the same, and older runs' files are gone exactly when five or more
 // restarts rotate them out.
@@ -125,7 +145,7 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
     if (!inChild()) return expectChildPasses();
     const std::string root = childHome();
-    for (int restarts : {3, 4, 5, 6, 12}) {
+    for (int restarts : {4, 5, 6, 12}) {
         std::string files[3];
         for (int mode = 0; mode < 3; ++mode) {
             const bool shortcut = mode > 0;

@@ -20,6 +20,7 @@
 #include "Foundation/Value.h"
 #include "Process/Process.h"
 #include "TQLog.h"
+#include "TQLogFile.h"
 #include "TestSupport.h"
 
 using namespace corvina::test;
@@ -31,6 +32,14 @@ std::string logDir(const std::string& home) { return home + "/Library/Logs/Brant
 std::string logPath(const std::string& home, const std::string& name, int n)
 {
     return logDir(home) + "/" + name + "." + std::to_string(n) + ".log";
+}
+
+// Makes `home` the process's home and local root; returns it.
+std::string useHome(const std::string& home)
+{
+    setenv("HOME", home.c_str(), 1);
+    setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
+    return home;
 }
 
 // Runs the running test in a child with home, handing it case number `row`; expects a clean exit.
@@ -178,7 +187,7 @@ TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
 
 // The global preference that switches logging off: only the values that mean 1 do; a file
 // that cannot be read, or a root that is no dictionary, leaves logging on (which files parse
-// is the property list reader's to test).
+// is the property list reader's to test). One child tries every row, each in a home of its own.
 TEST(TQLogPreferences, DisableLoggingValues)
 {
     using corvina::Value;
@@ -195,7 +204,6 @@ TEST(TQLogPreferences, DisableLoggingValues)
         {"string 0", Value("0"), nullptr, false},
         {"string true", Value("true"), nullptr, false},
         {"string 1.0", Value("1.0"), nullptr, false},
-        {"number 0", Value(0), nullptr, false},
         {"number 2", Value(2), nullptr, false},
         {"boolean false", Value(false), nullptr, false},
         {"missing key", std::nullopt, nullptr, false},
@@ -205,141 +213,30 @@ TEST(TQLogPreferences, DisableLoggingValues)
          false},
     };
     if (inChild()) {
-        const auto& row = rows[childCase()];
-        TQLog::createNewLog("Tool");
-        TQLog::appendLogAndPrint("after %d", 1);
-        TQLog::createNewLog("Tool");
-        TQLog::finishWriting();
-        EXPECT_EQ(TQLog::sharedController().loggingDisabled(), row.disables);
-        return;
-    }
-    for (int i = 0; i < int(std::size(rows)); ++i) {
-        const auto& row = rows[i];
-        TempDir dir;
-        const std::string prefs = dir / "Library/Preferences/com.brantwell.global.plist";
-        if (row.file) {
-            writeFile(prefs, row.file);
-        } else {
-            Value::DictionaryType dict{{"other", Value("x")}};
-            if (row.value) dict.emplace("disable-logging", *row.value);
-            fs::create_directories(dir / "Library/Preferences");
-            ASSERT_TRUE(Value(dict).writeToFile(prefs, true));
+        for (size_t i = 0; i < std::size(rows); ++i) {
+            const auto& row = rows[i];
+            const std::string home = useHome(childHome() + "/row" + std::to_string(i));
+            const std::string prefs = home + "/Library/Preferences/com.brantwell.global.plist";
+            if (row.file) {
+                writeFile(prefs, row.file);
+            } else {
+                Value::DictionaryType dict{{"other", Value("x")}};
+                if (row.value) dict.emplace("disable-logging", *row.value);
+                fs::create_directories(home + "/Library/Preferences");
+                ASSERT_TRUE(Value(dict).writeToFile(prefs, true));
+            }
+            std::atomic<bool> disabled{false}, noPrinting{false};
+            TQLogFile file(disabled, noPrinting);
+            EXPECT_EQ(file.open("Tool"), !row.disables) << row.name;
+            EXPECT_EQ(disabled.load(), row.disables) << row.name;
+            EXPECT_EQ(fs::exists(logPath(home, "Tool", 1)), !row.disables) << row.name;
         }
-        const TestRun run = runChild(dir.path(), i);
-        EXPECT_EQ(fs::exists(logDir(dir.path())), !row.disables) << row.name;
-        EXPECT_EQ(run.printed, row.disables ? "Logging is disabled\n" : "after 1\n") << row.name;
-    }
-}
-
-// Texts are trimmed, blank ones dropped, "%" in formats literal; the lines after the first of
-// a text carry no date. appendLogAndPrint prints the console copy, appendLogAndDebugPrint nothing.
-TEST(TQLogWriting, TextsAsWritten)
-{
-    if (inChild()) {
-        TQLog::createNewLog("Tool");
-        TQLog::appendLog("Progress: 50% done");
-        TQLog::appendLog("");
-        TQLog::appendLog(" \n\t ");
-        TQLog::appendLog(nullptr);
-        TQLog::appendLog("Copied %@ (100% done)", std::string("clip.mov"));
-        TQLog::appendLog("%.1f", 2.5);
-        TQLog::appendLog("%0.2f GB", 1.5);
-        TQLog::fastAppendLog("  two leading blanks\n");
-        TQLog::appendLog("line one\nline two");
-        TQLog::appendLogAndDebugPrint("debug %d%%", 7);
-        TQLog::appendLogAndPrint("Done: 100% ok");
-        TQLog::appendLogAndPrint("");
-        TQLog::appendLogAndPrint("%@ and %d", std::string("50%"), 3);
-        TQLog::finishWriting();
-        auto entries = logEntries(logPath(childHome(), "Tool", 1));
-        entries.erase(entries.begin(), std::ranges::find(entries, "Running in 64-bit mode") + 1);
-        EXPECT_EQ(entries, (std::vector<std::string>{"Progress: 50% done", "Copied clip.mov (100% done)", "%.1f",
-                                                     "1.50 GB", "two leading blanks", "line one\nline two", "debug 7%",
-                                                     "Done: 100% ok", "50% and 3"}));
         return;
     }
+    std::string expected;
+    for (const auto& row : rows) expected += row.disables ? "Logging is disabled\n" : "";
     TempDir dir;
-    EXPECT_EQ(runChild(dir.path()).printed, "Done: 100%% ok\n\n50%% and 3\n");
-}
-
-namespace {
-struct Clip {
-    std::string description() const { return " clip 7% "; }
-};
-}  // namespace
-
-// fastAppendLog hands its format and arguments to the writer to format; each row must come
-// out as appendLog, which formats on the caller's thread, writes it.
-TEST(TQLogWriting, FormatsOnTheWriterAsOnTheCaller)
-{
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
-    const Clip clip;
-    const char* none = nullptr;
-    const std::string text = "  padded\n";
-    auto both = [&](auto... args) {
-        TQLog::appendLog(args...);
-        TQLog::fastAppendLog(args...);
-    };
-    both("index %u,%u...", 7u, 4294967295u);
-    both("%d %i %ld %lld %x %X %o", -5, 42, -1L, 1LL << 40, 255, 255u, 8);
-    both("%@ / %s / %@", clip, none, text);
-    both("%5.1f|%0.2f|%e|%g|%@|%@", 2.25, 1.0 / 3, 12345.678, 0.0001, 29.97f, 29.97);
-    both("%c%c %p %@", 'a', static_cast<unsigned char>('b'), static_cast<const void*>(&clip), nullptr);
-    both("%2$@ then %1$@", std::string("one"), std::string("two"));
-    both("Progress: 50% done %d", 3);
-    both("%@", std::string(" \t "));  // nothing left after trimming
-    both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
-    // Formats are kept by the writer and known again by their text: a buffer reused for
-    // another format, one too long to keep and more formats than are kept must all still
-    // come out as given.
-    static char reused[] = "first %u";  // in the program's image, but writable
-    both(static_cast<const char*>(reused), 1u);
-    reused[0] = 'F';
-    both(static_cast<const char*>(reused), 2u);
-    both(std::string(600, 'x') + " %d", 5);
-    both("no conversions ", 5);
-    for (int i = 0; i < 1100; ++i) both("format " + std::to_string(i) + " %d", i);
-    TQLog::finishWriting();
-    auto texts = logEntries(logPath(childHome(), "Tool", 1));
-    texts.erase(texts.begin(), std::ranges::find(texts, "Running in 64-bit mode") + 1);
-    ASSERT_EQ(texts.size(), 16u + 8 + 2200);
-    for (size_t i = 0; i + 1 < texts.size(); i += 2) EXPECT_EQ(texts[i + 1], texts[i]) << "row " << i / 2;
-    EXPECT_EQ(texts[4], "clip 7%  / (null) /   padded");
-}
-
-// A series comes out as the lines it stands for: counters going up (across a digit), null
-// formats logging nothing, and lines with objects (described one by one) among them.
-TEST(TQLogWriting, SeriesAreTheLinesTheyStandFor)
-{
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
-    const Clip clip;
-    const corvina::FormatArg request[] = {int64_t(-2), std::string_view(" a b "), uint64_t(98)};
-    const corvina::FormatArg number[] = {uint64_t(7)};
-    const corvina::FormatArg object[] = {corvina::FormatArg(clip), 5};
-    const TQLog::SeriesLine plain[] = {
-        {"step %d %@ %u", request, 2}, {nullptr, {}, std::nullopt}, {"  count %u  ", number, std::nullopt}};
-    const TQLog::SeriesLine objects[] = {{"%@ %d", object, 1}, {"no conversions", {}, std::nullopt}};
-    TQLog::fastAppendLogSeries(3, plain);
-    TQLog::fastAppendLogSeries(2, objects);
-    TQLog::fastAppendLogSeries(0, plain);
-    TQLog::finishWriting();
-    auto texts = logEntries(logPath(childHome(), "Tool", 1));
-    texts.erase(texts.begin(), std::ranges::find(texts, "Running in 64-bit mode") + 1);
-    EXPECT_EQ(texts, (std::vector<std::string>{"step -2  a b  98", "count 7", "step -2  a b  99", "count 7",
-                                               "step -2  a b  100", "count 7", "clip 7%  5", "no conversions",
-                                               "clip 7%  6", "no conversions"}));
-    // A long series is queued in pieces; the count goes on across them.
-    const corvina::FormatArg start[] = {uint64_t(0)};
-    const TQLog::SeriesLine pair[] = {{"n %u", start, 0}, {"m", {}, std::nullopt}};
-    TQLog::fastAppendLogSeries(36000, pair);
-    TQLog::finishWriting();
-    texts = logEntries(logPath(childHome(), "Tool", 1));
-    const auto piece = std::ranges::find(texts, "n 32767");
-    ASSERT_GE(texts.end() - piece, 4);
-    EXPECT_EQ(std::vector<std::string>(piece, piece + 4), (std::vector<std::string>{"n 32767", "m", "n 32768", "m"}));
-    EXPECT_EQ(std::vector<std::string>(texts.end() - 2, texts.end()), (std::vector<std::string>{"n 35999", "m"}));
+    EXPECT_EQ(runChild(dir.path()).printed, expected);
 }
 
 // Texts with no log opened go to the existing current file of the default name, the
@@ -391,67 +288,6 @@ TEST(TQLogWriting, RestartAtTheSizeLimit)
     EXPECT_EQ(texts[0].rfind("Log started: ", 0), 0u);
     EXPECT_EQ(texts[texts.size() - 2], "Log truncated at 500KB");
     EXPECT_EQ(texts.back(), "after") << "the queued entry follows in the new file";
-}
-
-TEST(TQLogWaiting, MainThreadNeverWaitsBackgroundShortTextDoes)
-{
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
-    TQLog::finishWriting();
-    TQLog::suspendWriterForTesting(true);
-    // On the main thread: returns at once although the writer takes nothing.
-    TQLog::appendLog("main %d", 1);
-    // A long text from a background thread does not wait either.
-    std::thread([] { TQLog::appendLog("%@", std::string(100, 'x')); }).join();
-    EXPECT_EQ(TQLog::sharedController().queuedEntryCount(), 2u);
-    TQLog::suspendWriterForTesting(false);
-    TQLog::finishWriting();
-
-    TQLog::suspendWriterForTesting(true);
-    std::atomic<bool> returned{false};
-    std::thread t([&] {
-        TQLog::appendLog("ten chars!");
-        returned = true;
-    });
-    while (TQLog::sharedController().queuedEntryCount() == 0) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(returned) << "background appendLog waits for the writer";
-    TQLog::suspendWriterForTesting(false);
-    t.join();
-    EXPECT_EQ(logEntries(logPath(childHome(), "Tool", 1)).back(), "ten chars!") << "written before appendLog returned";
-}
-
-// At exit the log writes up to ten queued entries, and none of a longer queue.
-TEST(TQLogShutdown, TenQueuedAreWrittenElevenAreNot)
-{
-    const int counts[] = {10, 11};
-    if (inChild()) {
-        TQLog::createNewLog("Tool");
-        TQLog::finishWriting();
-        TQLog::suspendWriterForTesting(true);
-        for (int i = 0; i < counts[childCase()]; ++i) TQLog::fastAppendLog("queued %d", i);
-        return;
-    }
-    for (int i = 0; i < int(std::size(counts)); ++i) {
-        TempDir dir;
-        runChild(dir.path(), i);
-        int found = 0;
-        for (const auto& e : logEntries(logPath(dir.path(), "Tool", 1))) found += e.rfind("queued ", 0) == 0;
-        EXPECT_EQ(found, counts[i] <= 10 ? counts[i] : 0) << counts[i] << " queued";
-    }
-}
-
-TEST(TQLogShutdown, LinesAfterShutdownAreDropped)
-{
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
-    TQLog::willTerminate();
-    TQLog::appendLog("late");
-    TQLog::finishWriting();
-    EXPECT_FALSE(TQLog::sharedController().hasWriteQueue());
-    // Nor does a writer reopen a file for it, under any name.
-    for (const auto& file : fs::directory_iterator(logDir(childHome())))
-        EXPECT_EQ(readFile(file.path()).find("late"), std::string::npos) << file.path();
 }
 
 // A child forked while an entry waits starts with an empty queue and a writer of its own; the
