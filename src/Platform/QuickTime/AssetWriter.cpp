@@ -437,6 +437,8 @@ std::unique_ptr<AssetWriter> AssetWriter::createOnDescriptor(int fd, const std::
     return writer;
 }
 
+bool AssetWriter::fileStartsAsWritten(int fd) { return qt::MovieFile::startsWithHeaders(fd); }
+
 AssetWriter::~AssetWriter()
 {
     if (!impl_) return;
