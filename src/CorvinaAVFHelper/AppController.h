@@ -2,30 +2,24 @@
 // document read once into a typed job) and writes one QuickTime movie from the raw essence
 // files it names, sample by sample, without decoding or re-encoding anything.
 //
-// A session opens the writer, opens the two feeders (one per track, each owning its data file
-// and its position), runs one pump that feeds both tracks in media-time order on the video
-// queue, and waits for the completion step that finishes the file. The controller's feeder
-// properties are thin wrappers over the feeders; only the pump touches them while a session
-// runs, so they are plain members.
+// The controller holds what outlives a session: the run's summary, the stop that may end it
+// from any thread, and the acting user. Everything one session holds (the feeders, the data
+// files, the destination, the writer, the pump's flags) belongs to a MovieSession
+// (MovieSession.h), made for the run and gone with it.
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "Foundation/Error.h"
-#include "Foundation/FileHandle.h"
 #include "Foundation/UserIdentity.h"
 #include "Foundation/Value.h"
 #include "MovieJob.h"
 #include "RunSummary.h"
-#include "SampleBuffer/SampleBuffer.h"
-#include "TrackFeeder.h"
+#include "SampleBuffer/FormatDescription.h"
 
 namespace corvina {
 class AssetWriter;
@@ -90,74 +84,22 @@ public:
     corvina::FormatDescriptionRef audioFormatDescriptionForChannels(uint64_t channels, bool stereo, uint64_t bitDepth,
                                                                     uint64_t sampleRate, bool bigEndian);
 
-    // Sample feeders: the next sample buffer of each track, or null at the end of the track
-    // (or when a sample cannot be read or wrapped). Only the track's own pump calls them.
-    std::unique_ptr<corvina::SampleBuffer> copyNextVideoSampleBuffer(const corvina::FormatDescriptionRef& format,
-                                                                     float fps);
-    std::unique_ptr<corvina::SampleBuffer> copyNextAudioSampleBuffer(const corvina::FormatDescriptionRef& format,
-                                                                     uint64_t sampleRate, uint64_t bytesPerFrame);
-
-    // The completion report: logs the outcome of finishing the movie and records it.
-    void readingAndWritingDidFinishSuccessfully(bool success, const std::optional<corvina::Error>& error);
-
-    // Properties: wrappers over the two feeders (made on first use from the handle and the
-    // table set here). Setting a handle or a table keeps the track's position.
-    std::shared_ptr<corvina::FileHandle> videoHandle() const { return videoHandle_; }
-    void setVideoHandle(std::shared_ptr<corvina::FileHandle> h);
-    std::shared_ptr<corvina::FileHandle> audioHandle() const { return audioHandle_; }
-    void setAudioHandle(std::shared_ptr<corvina::FileHandle> h);
-    std::shared_ptr<const MediaEntryTable> videoOffsets() const { return videoEntries_; }
-    void setVideoOffsets(const corvina::Value& v);
-    void setVideoOffsets(std::shared_ptr<const MediaEntryTable> entries);
-    std::shared_ptr<const MediaEntryTable> audioOffsets() const { return audioEntries_; }
-    void setAudioOffsets(const corvina::Value& v);
-    void setAudioOffsets(std::shared_ptr<const MediaEntryTable> entries);
-    uint64_t curVideoSampleIndex() const { return videoFeeder_ ? videoFeeder_->entryIndex() : 0; }
-    void setCurVideoSampleIndex(uint64_t v) { videoFeeder().setEntryIndex(v); }
-    uint64_t numVideoSamplesAppended() const { return videoFeeder_ ? videoFeeder_->framesHandedOut() : 0; }
-    void setNumVideoSamplesAppended(uint64_t v) { videoFeeder().setFramesHandedOut(v); }
-    uint64_t curAudioSampleIndex() const { return audioFeeder_ ? audioFeeder_->entryIndex() : 0; }
-    void setCurAudioSampleIndex(uint64_t v) { audioFeeder().setEntryIndex(v); }
-    uint64_t curAudioSampleSubIndex() const { return audioFeeder_ ? audioFeeder_->frameIndex() : 0; }
-    void setCurAudioSampleSubIndex(uint64_t v) { audioFeeder().setFrameIndex(v); }
-    uint64_t numAudioSamplesAppended() const { return audioFeeder_ ? audioFeeder_->framesHandedOut() : 0; }
-    void setNumAudioSamplesAppended(uint64_t v) { audioFeeder().setFramesHandedOut(v); }
-    bool videoFinished() const { return videoFinished_; }
-    void setVideoFinished(bool v) { videoFinished_ = v; }
-    bool audioFinished() const { return audioFinished_; }
-    void setAudioFinished(bool v) { audioFinished_ = v; }
-
-    // The track feeders behind the properties.
-    VideoTrackFeeder& videoFeeder();
-    AudioTrackFeeder& audioFeeder();
-
     // "<AppController: 0x...>", as the queue labels carry it.
     std::string description() const;
 
 private:
-    struct Session;
-    void resetForSession(const MovieJob& job);
+    friend class MovieSession;
     int64_t runSession(const MovieJob& job, const std::optional<std::string>& replayPath);
-    int64_t runGuardedSession(const MovieJob& job, Session& session);
-    // Each gives 0, or the failure status with its line logged.
-    int64_t openWriter(const MovieJob& job, Session& session);
-    int64_t openReaders(const MovieJob& job, Session& session);
-    void startPump(Session& session);
-    int64_t waitForCompletion(Session& session);
-    // Logs an error line that ends the run and keeps the first one for the summary.
+    // Logs an error line that ends the run and keeps the first one for the summary; 1.
     int64_t fail(const std::string& line);
     void noteTrackError(bool video, const std::string& what);
     void publishWriter(corvina::AssetWriter* writer);
-
-    std::shared_ptr<corvina::FileHandle> videoHandle_;
-    std::shared_ptr<corvina::FileHandle> audioHandle_;
-    std::shared_ptr<const MediaEntryTable> videoEntries_ = std::make_shared<const MediaEntryTable>();
-    std::shared_ptr<const MediaEntryTable> audioEntries_ = std::make_shared<const MediaEntryTable>();
-    std::unique_ptr<VideoTrackFeeder> videoFeeder_;
-    std::unique_ptr<AudioTrackFeeder> audioFeeder_;
-    bool videoFinished_ = false;
-    bool audioFinished_ = false;
-    std::atomic<bool> finishedWithError_{false};
+    template <class Edit>
+    void editSummary(const Edit& edit)
+    {
+        std::lock_guard lock(mutex_);
+        edit(summary_);
+    }
 
     std::string settingsDocumentPath_;
     // The console user a root run acts for: every file of the session is opened and made with

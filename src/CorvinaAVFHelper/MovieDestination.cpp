@@ -14,8 +14,11 @@
 #include <set>
 
 #include "Foundation/Format.h"
+#include "QuickTime/AssetWriter.h"
 
+using corvina::Error;
 using corvina::format;
+using corvina::Result;
 using corvina::ScopedFileIdentity;
 using corvina::UserIdentity;
 
@@ -53,6 +56,22 @@ std::set<MovieDestination*>& registry()
 }
 bool abandoned = false;  // guarded by registryMutex
 
+// A lock file this run created gets the mark; one that was there is this program's when it
+// holds the mark.
+bool markedAsOurs(int fd, bool created)
+{
+    if (created) {
+        [[maybe_unused]] const ssize_t written = ::write(fd, kLockMark, sizeof kLockMark - 1);
+        return true;
+    }
+    char mark[sizeof kLockMark] = {};
+    return ::pread(fd, mark, sizeof mark, 0) == static_cast<ssize_t>(sizeof kLockMark - 1) &&
+           std::memcmp(mark, kLockMark, sizeof kLockMark - 1) == 0;
+}
+
+// A refusal or failure whose description is the line the session logs.
+Error problem(std::string line) { return Error{"CorvinaAVFHelper", 0, std::move(line)}; }
+
 // Runs `step` with the acting user's rights. Should the identity not be taken (which only a
 // broken user database makes possible), the step runs anyway: the steps given here remove
 // nothing but files they have just checked to be this run's own.
@@ -70,14 +89,6 @@ void withActorOrAnyway(const std::optional<UserIdentity>& actor, const Step& ste
 
 }  // namespace
 
-std::string MovieDestination::folderOf(const std::string& destination)
-{
-    const auto slash = destination.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return destination.substr(0, slash);
-}
-
 bool MovieDestination::isTemporaryNameFor(const std::string& fileName, const std::string& destinationName)
 {
     // NAME.incomplete-PID, or NAME.incomplete-PID-N
@@ -92,21 +103,21 @@ bool MovieDestination::isTemporaryNameFor(const std::string& fileName, const std
     return std::all_of(fileName.begin() + std::ptrdiff_t(i) + 1, fileName.end(), isDigit);
 }
 
-bool MovieDestination::startsWithWriterHeaders(int fd)
+Result<std::unique_ptr<MovieDestination>> MovieDestination::open(std::string destination,
+                                                                 std::optional<UserIdentity> actor,
+                                                                 std::span<const Input> inputs)
 {
-    // 'ftyp' (20 bytes: brand 'qt  ', the writer's version 2005.03.00, compatible 'qt  '),
-    // then the 8-byte 'wide' atom that a finished movie may turn into a 64-bit size.
-    static const uint8_t kHeaders[28] = {0, 0, 0,   20,  'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
-                                         3, 0, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
-    uint8_t head[sizeof kHeaders] = {};
-    return ::pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head) &&
-           std::memcmp(head, kHeaders, sizeof head) == 0;
+    std::unique_ptr<MovieDestination> made(new MovieDestination(std::move(destination), std::move(actor)));
+    if (auto checked = made->check(inputs); !checked) return checked.error();
+    return made;
 }
 
 MovieDestination::MovieDestination(std::string destination, std::optional<UserIdentity> actor)
-    : destination_(std::move(destination)), folder_(folderOf(destination_)), actor_(std::move(actor))
+    : destination_(std::move(destination)), actor_(std::move(actor))
 {
+    // The folder ("." for a bare name) and the name in it.
     const auto slash = destination_.find_last_of('/');
+    folder_ = slash == std::string::npos ? "." : slash == 0 ? "/" : destination_.substr(0, slash);
     name_ = slash == std::string::npos ? destination_ : destination_.substr(slash + 1);
     lockName_ = "." + name_ + ".lock";
     std::lock_guard lock(registryMutex());
@@ -124,8 +135,6 @@ MovieDestination::~MovieDestination()
     registry().erase(this);
 }
 
-std::string MovieDestination::temporaryPath() const { return (folder_ == "/" ? "/" : folder_ + "/") + temporaryName_; }
-
 bool MovieDestination::names(const std::string& name, const FileId& id) const
 {
     struct stat info {};
@@ -133,11 +142,12 @@ bool MovieDestination::names(const std::string& name, const FileId& id) const
            FileId{info.st_dev, info.st_ino} == id;
 }
 
-std::optional<std::string> MovieDestination::check(std::span<const Input> inputs)
+Result<void> MovieDestination::check(std::span<const Input> inputs)
 {
-    if (destination_.empty()) return std::string("Error: the settings document names no destination (destFilename).");
+    if (destination_.empty())
+        return problem(std::string("Error: the settings document names no destination (destFilename)."));
     const std::string refused = format("Error: destination %@ refused: ", destination_);
-    if (destination_.back() == '/') return refused + "it names a folder.";
+    if (destination_.back() == '/') return problem(refused + "it names a folder.");
 
     ScopedFileIdentity asUser(actor_);
     // The inputs as the user sees them: the destination may be none of them, and no killed
@@ -154,29 +164,31 @@ std::optional<std::string> MovieDestination::check(std::span<const Input> inputs
         const int fd = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         const int err = errno;
         if (fd < 0) {
-            if (err == ENOENT) return refused + format("its folder %@ does not exist (%@).", folder_, errnoText(err));
-            if (err == ENOTDIR) return refused + format("%@ is not a folder.", folder_);
-            return refused + format("its folder %@ cannot be opened (%@).", folder_, errnoText(err));
+            if (err == ENOENT)
+                return problem(refused + format("its folder %@ does not exist (%@).", folder_, errnoText(err)));
+            if (err == ENOTDIR) return problem(refused + format("%@ is not a folder.", folder_));
+            return problem(refused + format("its folder %@ cannot be opened (%@).", folder_, errnoText(err)));
         }
         std::lock_guard lock(registryMutex());  // a stopping run may look at it from another thread
         folderFd_ = fd;
     }
     struct stat link {};
     if (::fstatat(folderFd_, name_.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) return std::nullopt;  // a new file
-        return refused + errnoText(errno) + ".";
+        if (errno == ENOENT) return corvina::success();  // a new file
+        return problem(refused + errnoText(errno) + ".");
     }
     struct stat target {};
     if (::fstatat(folderFd_, name_.c_str(), &target, 0) != 0)
-        return refused + "it is a symbolic link to nothing that can be replaced.";
-    if (S_ISDIR(target.st_mode)) return refused + "it is an existing folder.";
+        return problem(refused + "it is a symbolic link to nothing that can be replaced.");
+    if (S_ISDIR(target.st_mode)) return problem(refused + "it is an existing folder.");
     for (const auto& [input, id] : seen)
         if (id == FileId{target.st_dev, target.st_ino})
-            return refused + format("it is the same file as the %s %@.", input->what, input->path);
-    if (!S_ISREG(target.st_mode)) return refused + format("it is %s, not a movie file.", kindOf(target.st_mode));
+            return problem(refused + format("it is the same file as the %s %@.", input->what, input->path));
+    if (!S_ISREG(target.st_mode))
+        return problem(refused + format("it is %s, not a movie file.", kindOf(target.st_mode)));
     // Renaming over a link would replace the link, not the file it names.
-    if (S_ISLNK(link.st_mode)) return refused + "it is a symbolic link; name the file itself.";
-    return std::nullopt;
+    if (S_ISLNK(link.st_mode)) return problem(refused + "it is a symbolic link; name the file itself.");
+    return corvina::success();
 }
 
 std::optional<uint64_t> MovieDestination::freeBytes() const
@@ -189,10 +201,17 @@ std::optional<uint64_t> MovieDestination::freeBytes() const
     return blocks * size;
 }
 
-bool MovieDestination::acquire(std::string* problem)
+Result<void> MovieDestination::acquire()
 {
     ScopedFileIdentity asUser(actor_);
-    const std::string lockPath = (folder_ == "/" ? "/" : folder_ + "/") + lockName_;
+    if (auto locked = takeLock(); !locked) return locked;
+    removeStaleFiles();
+    return corvina::success();
+}
+
+Result<void> MovieDestination::takeLock()
+{
+    const std::string lockPath = inFolder(lockName_);
     // The lock file may be removed by the run that held it between our open and our flock;
     // a lock is only ours when the name still gives the file we locked.
     for (int attempt = 0; attempt < 16 && lockFd_ < 0; ++attempt) {
@@ -206,53 +225,43 @@ bool MovieDestination::acquire(std::string* problem)
         }
         if (fd < 0) {
             const int err = errno;
-            *problem = err == ELOOP
-                           ? format("Error: cannot lock %@: %@ is a symbolic link.", destination_, lockPath)
-                           : format("Error: cannot write in the folder of %@: %@.", destination_, errnoText(err));
-            return false;
+            return problem(err == ELOOP
+                               ? format("Error: cannot lock %@: %@ is a symbolic link.", destination_, lockPath)
+                               : format("Error: cannot write in the folder of %@: %@.", destination_, errnoText(err)));
         }
         struct stat held {};
         if (::fstat(fd, &held) != 0 || !S_ISREG(held.st_mode)) {
             ::close(fd);
-            *problem = format("Error: cannot lock %@: %@ is not a lock file.", destination_, lockPath);
-            return false;
+            return problem(format("Error: cannot lock %@: %@ is not a lock file.", destination_, lockPath));
         }
         if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
             const int err = errno;
             ::close(fd);
-            *problem = err == EWOULDBLOCK
-                           ? format("Error: another run is writing %@ now; this run stops.", destination_)
-                           : format("Error: cannot lock %@: %@.", lockPath, errnoText(err));
-            return false;
+            return problem(err == EWOULDBLOCK
+                               ? format("Error: another run is writing %@ now; this run stops.", destination_)
+                               : format("Error: cannot lock %@: %@.", lockPath, errnoText(err)));
         }
         const FileId id{held.st_dev, held.st_ino};
         if (!names(lockName_, id)) {
             ::close(fd);
             continue;
         }
-        bool ours = created;
-        if (created) {
-            [[maybe_unused]] const ssize_t written = ::write(fd, kLockMark, sizeof kLockMark - 1);
-        } else {
-            char mark[sizeof kLockMark] = {};
-            ours = ::pread(fd, mark, sizeof mark, 0) == static_cast<ssize_t>(sizeof kLockMark - 1) &&
-                   std::memcmp(mark, kLockMark, sizeof kLockMark - 1) == 0;
-        }
+        const bool ours = markedAsOurs(fd, created);
         std::lock_guard lock(registryMutex());
         lockFd_ = fd;
         lock_ = id;
         lockIsOurs_ = ours;
         if (abandoned) {
             release();
-            *problem = "Error: the run was stopped before writing began.";
-            return false;
+            return problem("Error: the run was stopped before writing began.");
         }
     }
-    if (lockFd_ < 0) {
-        *problem = format("Error: cannot lock %@: the lock file keeps changing.", destination_);
-        return false;
-    }
+    if (lockFd_ < 0) return problem(format("Error: cannot lock %@: the lock file keeps changing.", destination_));
+    return corvina::success();
+}
 
+void MovieDestination::removeStaleFiles()
+{
     // Holding the lock, a file with a temporary name of this destination that starts with the
     // writer's headers is a killed run's, unless it is one of the job's inputs.
     std::vector<std::string> candidates;
@@ -271,15 +280,14 @@ bool MovieDestination::acquire(std::string* problem)
         const bool stale =
             ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
             std::find(inputs_.begin(), inputs_.end(), FileId{info.st_dev, info.st_ino}) == inputs_.end() &&
-            startsWithWriterHeaders(fd);
+            corvina::AssetWriter::fileStartsAsWritten(fd);
         ::close(fd);
         if (stale && names(name, {info.st_dev, info.st_ino}) && ::unlinkat(folderFd_, name.c_str(), 0) == 0)
             ++staleRemoved_;
     }
-    return true;
 }
 
-int MovieDestination::createTemporary(corvina::Error* error)
+Result<int> MovieDestination::createTemporary()
 {
     ScopedFileIdentity asUser(actor_);
     // Never over an existing file, nor through a link: a taken name is passed over.
@@ -288,11 +296,7 @@ int MovieDestination::createTemporary(corvina::Error* error)
         const std::string name = n == 0 ? base : base + "-" + std::to_string(n);
         const int fd = ::openat(folderFd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (fd < 0 && errno == EEXIST) continue;
-        const std::string shown = (folder_ == "/" ? "/" : folder_ + "/") + name;
-        if (fd < 0) {
-            *error = corvina::Error::fromErrno(errno, "cannot create " + shown);
-            return -1;
-        }
+        if (fd < 0) return Error::fromErrno(errno, "cannot create " + inFolder(name));
         struct stat info {};
         ::fstat(fd, &info);
         std::lock_guard lock(registryMutex());
@@ -301,35 +305,26 @@ int MovieDestination::createTemporary(corvina::Error* error)
         if (abandoned) {
             removeTemporaryLocked();
             ::close(fd);
-            *error = corvina::Error{"NSPOSIXErrorDomain", ECANCELED, "the run was stopped before writing began"};
-            return -1;
+            return Error{"NSPOSIXErrorDomain", ECANCELED, "the run was stopped before writing began"};
         }
         return fd;
     }
-    *error = corvina::Error{"NSPOSIXErrorDomain", EEXIST, format("every temporary name for %@ is taken", destination_)};
-    return -1;
+    return Error{"NSPOSIXErrorDomain", EEXIST, format("every temporary name for %@ is taken", destination_)};
 }
 
-bool MovieDestination::commit(std::string* problem)
+Result<void> MovieDestination::commit()
 {
     std::lock_guard lock(registryMutex());
-    if (abandoned) {
-        *problem = "Error: the run was stopped before the movie was put in place.";
-        return false;
-    }
+    if (abandoned) return problem("Error: the run was stopped before the movie was put in place.");
     ScopedFileIdentity asUser(actor_);
-    if (!names(temporaryName_, temporary_)) {
-        *problem = format("Error: the temporary movie %@ was replaced by another file; nothing was put in place.",
-                          temporaryPath());
-        return false;
-    }
-    if (::renameat(folderFd_, temporaryName_.c_str(), folderFd_, name_.c_str()) != 0) {
-        *problem = format("Error: cannot move the movie into place at %@: %@.", destination_, errnoText(errno));
-        return false;
-    }
+    if (!names(temporaryName_, temporary_))
+        return problem(format("Error: the temporary movie %@ was replaced by another file; nothing was put in place.",
+                              temporaryPath()));
+    if (::renameat(folderFd_, temporaryName_.c_str(), folderFd_, name_.c_str()) != 0)
+        return problem(format("Error: cannot move the movie into place at %@: %@.", destination_, errnoText(errno)));
     committed_ = true;
     ::fsync(folderFd_);
-    return true;
+    return corvina::success();
 }
 
 void MovieDestination::discard()

@@ -14,7 +14,7 @@
 // Nothing is removed that does not carry this program's mark: the temporary file and the lock
 // file this run created itself (checked to be the same file before each removal), a lock file
 // that holds the lock mark, and a killed run's temporary file that starts with the movie
-// writer's own headers and is none of the job's inputs.
+// writer's own headers (AssetWriter::fileStartsAsWritten) and is none of the job's inputs.
 //
 // With an acting user (a root process working for the console user) every one of these file
 // operations is made with that user's rights, so the run can do nothing the user could not do
@@ -24,12 +24,14 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "Foundation/UserIdentity.h"
 
 class MovieDestination {
@@ -39,37 +41,34 @@ public:
         std::string path;
     };
 
-    // The folder a destination path lies in ("." for a bare name).
-    static std::string folderOf(const std::string& destination);
+    // Opens the destination's folder and checks the destination in it: the destination, or
+    // the line that refuses it (as the error's description). The inputs are remembered, so
+    // that no input is ever taken for a killed run's file.
+    static corvina::Result<std::unique_ptr<MovieDestination>> open(std::string destination,
+                                                                   std::optional<corvina::UserIdentity> actor,
+                                                                   std::span<const Input> inputs);
     // True for a name that a run writing `destinationName` gives its temporary file.
     static bool isTemporaryNameFor(const std::string& fileName, const std::string& destinationName);
-    // The first bytes of every movie file the writer makes, the mark of a killed run's file.
-    static bool startsWithWriterHeaders(int fd);
 
-    MovieDestination(std::string destination, std::optional<corvina::UserIdentity> actor);
     ~MovieDestination();
     MovieDestination(const MovieDestination&) = delete;
     MovieDestination& operator=(const MovieDestination&) = delete;
 
-    // Opens the destination's folder and checks the destination in it: the line that refuses
-    // it, or nothing when it may be written. The inputs are remembered, so that no input is
-    // ever taken for a killed run's file.
-    std::optional<std::string> check(std::span<const Input> inputs);
     // Bytes an unprivileged writer may still use on the destination's file system.
     std::optional<uint64_t> freeBytes() const;
-    // Takes the lock and clears stale temporary files. False with the line that says why
-    // (another run is writing this destination, the folder cannot be written).
-    bool acquire(std::string* problem);
+    // Takes the lock and clears stale temporary files; the error's description says why it
+    // could not (another run is writing this destination, the folder cannot be written).
+    corvina::Result<void> acquire();
     // Creates the temporary file, never over an existing name: a descriptor open for writing
-    // that the caller owns, or -1 with *error set.
-    int createTemporary(corvina::Error* error);
+    // that the caller owns.
+    corvina::Result<int> createTemporary();
 
     const std::string& path() const { return destination_; }
-    std::string temporaryPath() const;
+    std::string temporaryPath() const { return inFolder(temporaryName_); }
     int staleFilesRemoved() const { return staleRemoved_; }
 
     // Renames the complete movie over the destination and makes the rename durable.
-    bool commit(std::string* problem);
+    corvina::Result<void> commit();
     bool committed() const { return committed_; }
     // Removes the temporary file (nothing else) unless the movie was committed.
     void discard();
@@ -84,8 +83,14 @@ private:
         ino_t ino = 0;
         bool operator==(const FileId&) const = default;
     };
+    MovieDestination(std::string destination, std::optional<corvina::UserIdentity> actor);
+    corvina::Result<void> check(std::span<const Input> inputs);
+    // The path of a file of the destination's folder, as the lines show it.
+    std::string inFolder(const std::string& name) const { return (folder_ == "/" ? "/" : folder_ + "/") + name; }
     // True when `name` in the folder is (still) the file `id`, links not followed.
     bool names(const std::string& name, const FileId& id) const;
+    corvina::Result<void> takeLock();
+    void removeStaleFiles();
     void removeTemporaryLocked();
     void release();
 

@@ -14,14 +14,11 @@ using namespace corvina;
 // ---------------------------------------------------------------------------------------
 // EssenceReader
 
-EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move(file)) {}
-
-uint64_t EssenceReader::fileSize()
+EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move(file))
 {
-    if (!file_ || file_->isClosed()) return 0;
     struct stat info {};
-    if (::fstat(file_->fileDescriptor(), &info) != 0 || info.st_size < 0) return 0;
-    return static_cast<uint64_t>(info.st_size);
+    if (file_ && !file_->isClosed() && ::fstat(file_->fileDescriptor(), &info) == 0 && info.st_size > 0)
+        size_ = static_cast<uint64_t>(info.st_size);
 }
 
 size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)
@@ -73,6 +70,21 @@ void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameTiming
     timing_ = timing;
 }
 
+std::vector<uint8_t> VideoTrackFeeder::firstEntryStart(size_t count)
+{
+    if (entries_->empty()) return {};
+    std::vector<uint8_t> bytes(std::min<uint64_t>(entries_->front().length, count));
+    bytes.resize(reader_.readAt(entries_->front().offset, bytes.size(), bytes.data()));
+    return bytes;
+}
+
+MediaTime VideoTrackFeeder::mediaEnd() const
+{
+    return MediaTime::make(int64_t(framesHandedOut_) * timing_.frameDuration, timing_.timescale);
+}
+
+bool VideoTrackFeeder::goesBefore(const AudioTrackFeeder& audio) const { return mediaEnd() <= audio.mediaEnd(); }
+
 const SampleBuffer* VideoTrackFeeder::next()
 {
     TQLog::sampleAppendLog("Requesting next video sample at sample index...");
@@ -95,7 +107,7 @@ const SampleBuffer* VideoTrackFeeder::next()
 
     const int32_t timescale = timing_.timescale;
     const int64_t duration = timing_.frameDuration;
-    const MediaTime start = MediaTime::make(int64_t(framesHandedOut_) * duration, timescale);
+    const MediaTime start = mediaEnd();
     OSStatus status;
     if (frameCount > 1 && got == entry.length && splitter_.split({block->data(), got}, frameCount, sizes_)) {
         // One sample a frame, each with its own size when they differ.
@@ -147,7 +159,80 @@ void AudioTrackFeeder::setFormat(const FormatDescriptionRef& format, uint64_t sa
     bytesPerFrame_ = bytesPerFrame;
 }
 
+// Reads the run of `count` frames at the current position into the pooled block, and the
+// `following` entries of `frames` frames after it when the file holds all of them (*passed
+// says how many it did). A short read keeps whole frames only, and hands out the frame it cut
+// alone. The bytes read; 0 when nothing could be.
+size_t AudioTrackFeeder::readRun(const MediaEntry& entry, uint64_t frames, uint64_t following, uint64_t& count,
+                                 uint64_t& passed)
+{
+    const uint64_t within = frameIndex_ * bytesPerFrame_;
+    BlockBuffer* block = sample_->mutableDataBuffer();
+    size_t got = 0;
+    if (entry.offset <= UINT64_MAX - within && bytesPerFrame_ <= (1u << 20)) {
+        const uint64_t wanted = (count + following * frames) * bytesPerFrame_;
+        const std::span<const uint8_t> bytes = reader_.windowAt(entry.offset + within, size_t(wanted));
+        got = bytes.size();
+        if (got == wanted) {
+            passed = following;
+        } else if (got < count * bytesPerFrame_) {
+            // Only whole frames make a run; a short read hands out the frame it cut alone.
+            count = std::max<uint64_t>(1, got / bytesPerFrame_);
+            got = std::min<size_t>(got, count * bytesPerFrame_);
+        } else {
+            got = size_t(count * bytesPerFrame_);
+        }
+        if (got) std::memcpy(block->prepare(got), bytes.data(), got);
+    }
+    block->setDataLength(got);
+    return got;
+}
+
+// The lines that the frames of a run after its first, and the entries it passed into, would
+// have written had each frame been asked for alone.
+void AudioTrackFeeder::logRunLines(uint64_t count, uint64_t frames, uint64_t passed) const
+{
+    if (count > 1) {
+        const FormatArg request[] = {entryIndex_, frameIndex_ + 1};
+        const FormatArg number[] = {frames};
+        const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", request, 1},
+                                           {"number of audio samples: %u", number, std::nullopt}};
+        TQLog::sampleAppendLogSeries(count - 1, lines);
+    }
+    if (passed > 0) {
+        // Per entry passed into: the call that finds the previous one used up, then one
+        // call per frame of the next.
+        FormatArg request[kMostFramesFollowing + 1][2];
+        const FormatArg number[] = {frames};
+        TQLog::SeriesLine lines[2 * (kMostFramesFollowing + 1)];
+        for (uint64_t j = 0; j <= frames; ++j) {
+            request[j][0] = j == 0 ? entryIndex_ : entryIndex_ + 1;
+            request[j][1] = j == 0 ? frames : j - 1;
+            lines[2 * j] = {"Requesting next audio sample at sample index %u,%u...", request[j], 0};
+            lines[2 * j + 1] = {"number of audio samples: %u", number, std::nullopt};
+        }
+        TQLog::sampleAppendLogSeries(passed, std::span(lines, size_t(2 * (frames + 1))));
+    }
+}
+
 const SampleBuffer* AudioTrackFeeder::next() { return nextRun(1); }
+
+MediaTime AudioTrackFeeder::mediaEnd() const
+{
+    return MediaTime::make(int64_t(framesHandedOut_), static_cast<int32_t>(sampleRate_));
+}
+
+uint64_t AudioTrackFeeder::framesBeforeTurnOf(const VideoTrackFeeder& video) const
+{
+    // ceil(video end x rate) minus the frames handed out, exactly: the video end is
+    // frames x frameDuration / timescale seconds.
+    const FrameTiming& timing = video.timing();
+    if (timing.timescale <= 0) return kMaxRun;
+    using u128 = unsigned __int128;
+    const u128 scaledEnd = u128(video.framesHandedOut()) * uint64_t(timing.frameDuration) * sampleRate_;
+    const u128 turn = (scaledEnd + uint64_t(timing.timescale) - 1) / uint64_t(timing.timescale);
+    return turn > framesHandedOut_ ? uint64_t(std::min<u128>(turn - framesHandedOut_, kMaxRun)) : 1;
+}
 
 const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
 {
@@ -173,26 +258,8 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
         // same whole number of frames and follow on in the file (carved audio in short
         // pieces): the lines that passing from one to the next writes form a series too.
         const uint64_t following = frameIndex_ + count == frames ? followingEntries(entry, frames, most - count) : 0;
-        const uint64_t within = frameIndex_ * bytesPerFrame_;
-        BlockBuffer* block = sample_->mutableDataBuffer();
-        size_t got = 0;
         uint64_t passed = 0;
-        if (entry.offset <= UINT64_MAX - within && bytesPerFrame_ <= (1u << 20)) {
-            const uint64_t wanted = (count + following * frames) * bytesPerFrame_;
-            const std::span<const uint8_t> bytes = reader_.windowAt(entry.offset + within, size_t(wanted));
-            got = bytes.size();
-            if (got == wanted) {
-                passed = following;
-            } else if (got < count * bytesPerFrame_) {
-                // Only whole frames make a run; a short read hands out the frame it cut alone.
-                count = std::max<uint64_t>(1, got / bytesPerFrame_);
-                got = std::min<size_t>(got, count * bytesPerFrame_);
-            } else {
-                got = size_t(count * bytesPerFrame_);
-            }
-            if (got) std::memcpy(block->prepare(got), bytes.data(), got);
-        }
-        block->setDataLength(got);
+        const size_t got = readRun(entry, frames, following, count, passed);
         if (got == 0) {
             TQLog::fastAppendLog("Error allocating audio block buffer");
             return nullptr;
@@ -208,27 +275,8 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
             TQLog::fastAppendLog("Error creating audio CMSampleBuffer");
             return nullptr;
         }
-        // The lines each frame after the first would have written had it been asked for alone.
-        if (count > 1) {
-            const FormatArg request[] = {entryIndex_, frameIndex_ + 1};
-            const FormatArg number[] = {frames};
-            const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", request, 1},
-                                               {"number of audio samples: %u", number, std::nullopt}};
-            TQLog::sampleAppendLogSeries(count - 1, lines);
-        }
+        logRunLines(count, frames, passed);
         if (passed > 0) {
-            // Per entry passed into: the call that finds the previous one used up, then one
-            // call per frame of the next.
-            FormatArg request[kMostFramesFollowing + 1][2];
-            const FormatArg number[] = {frames};
-            TQLog::SeriesLine lines[2 * (kMostFramesFollowing + 1)];
-            for (uint64_t j = 0; j <= frames; ++j) {
-                request[j][0] = j == 0 ? entryIndex_ : entryIndex_ + 1;
-                request[j][1] = j == 0 ? frames : j - 1;
-                lines[2 * j] = {"Requesting next audio sample at sample index %u,%u...", request[j], 0};
-                lines[2 * j + 1] = {"number of audio samples: %u", number, std::nullopt};
-            }
-            TQLog::sampleAppendLogSeries(passed, std::span(lines, size_t(2 * (frames + 1))));
             entryIndex_ += passed;
             frameIndex_ = frames;
         } else {

@@ -5,6 +5,11 @@
 // A feeder hands out one pooled sample buffer, refilled in place for every sample: the
 // returned pointer stays valid until the next call, and a steady stream of samples touches
 // the heap only while the pooled storage still grows.
+//
+// The interleave rule of the session's one pump lives here too: the track whose media ends
+// earlier gets the next sample, video on a tie (VideoTrackFeeder::goesBefore), and the audio
+// frames that would be taken one by one before the video's next turn go as one run
+// (AudioTrackFeeder::framesBeforeTurnOf).
 #pragma once
 
 #include <cstdint>
@@ -17,6 +22,8 @@
 #include "SampleBuffer/SampleBuffer.h"
 
 // Reads byte ranges of one raw data file, never past its end; a read error reads as nothing.
+// The file's size is taken once, when the reader is made: the data files do not change while
+// a movie is written, and a file that shrinks anyway just reads short.
 class EssenceReader {
 public:
     explicit EssenceReader(std::shared_ptr<corvina::FileHandle> file = nullptr);
@@ -26,16 +33,19 @@ public:
     // The bytes at offset, at most length of them, served from a read-ahead window (the audio
     // feeder's frames are a few bytes each). Valid until the next call.
     std::span<const uint8_t> windowAt(uint64_t offset, size_t length);
-    // Bytes the file holds now (0 when it cannot be asked).
-    uint64_t fileSize();
+    // Bytes the file held when the reader was made (0 when it could not be asked).
+    uint64_t fileSize() const { return size_; }
 
 private:
     static constexpr size_t kWindowBytes = 256u << 10;
     std::shared_ptr<corvina::FileHandle> file_;
+    uint64_t size_ = 0;
     std::vector<uint8_t> window_;
     uint64_t windowStart_ = 0;
     size_t windowLength_ = 0;
 };
+
+class AudioTrackFeeder;
 
 class VideoTrackFeeder {
 public:
@@ -50,12 +60,20 @@ public:
 
     // Where the track stands: the next entry, and the frames handed out before it.
     uint64_t entryIndex() const { return entryIndex_; }
-    void setEntryIndex(uint64_t index) { entryIndex_ = index; }
     uint64_t framesHandedOut() const { return framesHandedOut_; }
-    void setFramesHandedOut(uint64_t frames) { framesHandedOut_ = frames; }
     const std::shared_ptr<corvina::FileHandle>& file() const { return reader_.file(); }
-    const std::shared_ptr<const MediaEntryTable>& entries() const { return entries_; }
+    const MediaEntryTable& entries() const { return *entries_; }
+    uint64_t fileSize() const { return reader_.fileSize(); }
     const FrameTiming& timing() const { return timing_; }
+    // Up to `count` bytes from the start of the first entry (a frame header that tells the
+    // frame size); empty when there is no entry or nothing can be read there.
+    std::vector<uint8_t> firstEntryStart(size_t count);
+
+    // The end of the media handed out so far, exactly.
+    corvina::MediaTime mediaEnd() const;
+    // The interleave rule: true when the video's media ends no later than the audio's, so
+    // the video takes the next turn.
+    bool goesBefore(const AudioTrackFeeder& audio) const;
 
 private:
     EssenceReader reader_;
@@ -86,14 +104,20 @@ public:
     const corvina::SampleBuffer* nextRun(uint64_t maxFrames);
 
     uint64_t entryIndex() const { return entryIndex_; }
-    void setEntryIndex(uint64_t index) { entryIndex_ = index; }
     uint64_t frameIndex() const { return frameIndex_; }
-    void setFrameIndex(uint64_t index) { frameIndex_ = index; }
     uint64_t framesHandedOut() const { return framesHandedOut_; }
-    void setFramesHandedOut(uint64_t frames) { framesHandedOut_ = frames; }
-    uint64_t sampleRate() const { return sampleRate_; }
     const std::shared_ptr<corvina::FileHandle>& file() const { return reader_.file(); }
-    const std::shared_ptr<const MediaEntryTable>& entries() const { return entries_; }
+    const MediaEntryTable& entries() const { return *entries_; }
+    uint64_t fileSize() const { return reader_.fileSize(); }
+
+    // The end of the media handed out so far, exactly.
+    corvina::MediaTime mediaEnd() const;
+    // The most frames one run hands out (once the video track has ended).
+    static constexpr uint64_t kMaxRun = 1u << 14;
+    // The interleave rule for audio: how many frames to hand out at once so that the audio
+    // reaches the end of the video handed out so far (at least 1, at most kMaxRun), exactly
+    // the frames that one-by-one turns would take before the video's next turn.
+    uint64_t framesBeforeTurnOf(const VideoTrackFeeder& video) const;
 
 private:
     static constexpr uint64_t kRunBytes = 64u << 10;
@@ -102,6 +126,8 @@ private:
     // How many entries after `entry` (of `frames` whole frames) hold as many frames and
     // follow on from it in the file, within roomFrames frames.
     uint64_t followingEntries(const MediaEntry& entry, uint64_t frames, uint64_t roomFrames) const;
+    size_t readRun(const MediaEntry& entry, uint64_t frames, uint64_t following, uint64_t& count, uint64_t& passed);
+    void logRunLines(uint64_t count, uint64_t frames, uint64_t passed) const;
     EssenceReader reader_;
     std::shared_ptr<const MediaEntryTable> entries_;
     corvina::FormatDescriptionRef format_;

@@ -2,10 +2,12 @@
 // run one movie writing session; its status is the exit status.
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 #include "Foundation/ProcessInfo.h"
+#include "Foundation/Result.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/Value.h"
 #include "StopSignals.h"
@@ -44,35 +47,32 @@ constexpr const char* kUsage =
 // get the default action back.
 void onFileSizeLimit(int) {}
 
-}  // namespace
-
-int main(int argc, char** argv)
+// A person asking for help or the version gets it and nothing else happens: the exit status
+// when an argument was answered (or refused), nothing when the run goes on.
+std::optional<int> answerArguments(const std::vector<std::string>& arguments)
 {
-    const std::vector<std::string> arguments(argv, argv + argc);
-    bool settingsMode = false;
-    for (const auto& argument : arguments)
-        if (argument == "-settings") settingsMode = true;
-    // A person asking for help or the version gets it and nothing else happens.
-    if (!settingsMode) {
-        for (size_t i = 1; i < arguments.size(); ++i) {
-            const std::string& argument = arguments[i];
-            if (argument == "--help" || argument == "-h") {
-                std::fputs(kUsage, stdout);
-                return 0;
-            }
-            if (argument == "--version") {
-                std::printf("CorvinaAVFHelper %s\n", corvina::processinfo::version().value_or("unknown").c_str());
-                return 0;
-            }
-            std::fprintf(stderr, "CorvinaAVFHelper: unknown argument %s\n\n%s", argument.c_str(), kUsage);
-            return 1;
+    for (size_t i = 1; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        if (argument == "--help" || argument == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
         }
+        if (argument == "--version") {
+            std::printf("CorvinaAVFHelper %s\n", corvina::processinfo::version().value_or("unknown").c_str());
+            return 0;
+        }
+        std::fprintf(stderr, "CorvinaAVFHelper: unknown argument %s\n\n%s", argument.c_str(), kUsage);
+        return 1;
     }
+    return std::nullopt;
+}
 
+// The crash check comes before any other work (a request for the usage or the version is not
+// work); every normal exit, a return from main or exit(), records that this run ended well.
+// The new log is opened first, so that a crash of the last run is noted in this run's log.
+void startRun()
+{
     corvina::markMainThread();
-    // The crash check comes before any other work (a request for the usage or the version is
-    // not work); every normal exit, a return from main or exit(), records that this run ended well.
-    // The new log is opened first, so that a crash of the last run is noted in this run's log.
     TQLog::createNewLog(std::string("CorvinaAVFHelper"));
     TQBugReporter::startBugReporter();
     std::atexit([] { TQBugReporter::stopBugReporter(); });
@@ -80,63 +80,84 @@ int main(int argc, char** argv)
     fileSizeLimit.sa_handler = onFileSizeLimit;
     sigemptyset(&fileSizeLimit.sa_mask);
     ::sigaction(SIGXFSZ, &fileSizeLimit, nullptr);
+}
+
+// The -settings mode: the skeleton of a settings document for movies like the one named, as
+// an XML property list on standard output.
+int printSettings(AppController& controller, const std::string& moviePath)
+{
+    const corvina::Value result = controller.settingsForMovieFile(moviePath);
+    if (result.asDictionary()) {
+        std::fputs(result.toXMLPropertyList().c_str(), stdout);
+        std::fflush(stdout);
+    }
+    TQLog::finishWriting();
+    return result.asDictionary() ? 0 : 1;
+}
+
+// The replay document read straight into a typed job (its property-list tree never outlives
+// the reading), or why it could not be. As root for the console user, the document is opened
+// with the user's rights; nothing inside the scope logs or starts a thread, so no other thread
+// takes the identity.
+corvina::Result<MovieJob> readJob(const std::optional<std::string>& replayPath)
+{
+    if (!replayPath) return corvina::Error{"CorvinaAVFHelper", 0, "there is no Downloads folder"};
+    corvina::Error readError;
+    std::optional<MovieJob> job;
+    try {
+        corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
+        job = MovieJob::readDocument(*replayPath, &readError);
+    } catch (const corvina::PlatformException& exception) {
+        readError.localizedDescription = exception.reason();
+    }
+    if (job) return std::move(*job);
+    if (readError.localizedDescription.empty()) readError.localizedDescription = "unreadable";
+    return readError;
+}
+
+// A document that cannot be read ends the run with status 1, said in the system log and in
+// the run's summary.
+int refuseDocument(const std::optional<std::string>& replayPath, const std::string& cause,
+                   std::chrono::steady_clock::time_point startedAt)
+{
+    const std::string path = replayPath.value_or("(no Downloads folder)");
+    corvina::systemLog("Unable to open settings dictionary");
+    corvina::systemLog(corvina::format("Cannot read the settings document %@: %@", path, cause));
+    RunSummary story;
+    story.settingsDocument = path;
+    story.noteError(corvina::format("Unable to open settings dictionary %@: %@", path, cause));
+    story.elapsedSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+    TQLog::appendLog("%@", story.text());
+    TQLog::finishWriting();
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::vector<std::string> arguments(argv, argv + argc);
+    const bool settingsMode = std::find(arguments.begin(), arguments.end(), "-settings") != arguments.end();
+    if (!settingsMode)
+        if (const auto status = answerArguments(arguments)) return *status;
+    startRun();
 
     // A stop signal cancels the session; the session then removes its temporary file and
     // returns 1. Should it not end in time, the signal thread ends the process itself.
     const auto controller = std::make_shared<AppController>();
-    if (!settingsMode)
-        stopsignals::install(
-            [controller](int number) {
-                controller->requestStop(
-                    corvina::format("Stopped by %s: the movie is not finished and its temporary file is removed.",
-                                    stopsignals::signalName(number)));
-            },
-            std::chrono::milliseconds(800));
-    const std::string lastArgument = arguments.empty() ? std::string() : arguments.back();
-
-    if (settingsMode) {
-        const corvina::Value result = controller->settingsForMovieFile(lastArgument);
-        if (!result.asDictionary()) {
-            TQLog::finishWriting();
-            return 1;
-        }
-        // An XML property list: the skeleton of a settings document for this kind of movie.
-        std::fputs(result.toXMLPropertyList().c_str(), stdout);
-        std::fflush(stdout);
-        TQLog::finishWriting();
-        return 0;
-    }
+    if (settingsMode) return printSettings(*controller, arguments.back());
+    stopsignals::install(
+        [controller](int number) {
+            controller->requestStop(
+                corvina::format("Stopped by %s: the movie is not finished and its temporary file is removed.",
+                                stopsignals::signalName(number)));
+        },
+        std::chrono::milliseconds(800));
 
     const auto startedAt = std::chrono::steady_clock::now();
-    // The document is read straight into a typed job: its property-list tree never outlives
-    // the reading.
-    // As root for the console user, the document is opened with the user's rights; nothing
-    // inside the scope logs or starts a thread, so no other thread takes the identity.
     const auto replayPath = TQLocalPaths::replaySettingsPath();
-    std::optional<MovieJob> job;
-    std::string cause = "there is no Downloads folder";
-    if (replayPath) {
-        corvina::Error readError;
-        try {
-            corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
-            job = MovieJob::readDocument(*replayPath, &readError);
-        } catch (const corvina::PlatformException& exception) {
-            readError.localizedDescription = exception.reason();
-        }
-        cause = readError.localizedDescription.empty() ? "unreadable" : readError.localizedDescription;
-    }
-    if (!job) {
-        const std::string path = replayPath.value_or("(no Downloads folder)");
-        corvina::systemLog("Unable to open settings dictionary");
-        corvina::systemLog(corvina::format("Cannot read the settings document %@: %@", path, cause));
-        RunSummary story;
-        story.settingsDocument = path;
-        story.noteError(corvina::format("Unable to open settings dictionary %@: %@", path, cause));
-        story.elapsedSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
-        TQLog::appendLog("%@", story.text());
-        TQLog::finishWriting();
-        return 1;
-    }
+    auto job = readJob(replayPath);
+    if (!job) return refuseDocument(replayPath, job.error().localizedDescription, startedAt);
 
     controller->setSettingsDocumentPath(*replayPath);
     int64_t status = controller->createQuickTimeMovie(std::move(*job));

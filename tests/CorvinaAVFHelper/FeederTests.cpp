@@ -8,6 +8,7 @@
 #include "AppController.h"
 #include "HelperRun.h"
 #include "TQLog.h"
+#include "TrackFeeder.h"
 #include "TestSupport.h"
 #include "WriterSupport.h"
 
@@ -35,6 +36,19 @@ std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
     return {block->data(), block->data() + block->dataLength()};
 }
 
+std::shared_ptr<const MediaEntryTable> table(const Value& entries)
+{
+    return std::make_shared<const MediaEntryTable>(MovieJob::entriesFrom(entries));
+}
+
+// A copy of the feeder's next sample (the pooled one is refilled by the next call).
+template <class Feeder>
+std::unique_ptr<SampleBuffer> copyNext(Feeder& feeder)
+{
+    const SampleBuffer* sample = feeder.next();
+    return sample ? sample->clone() : nullptr;
+}
+
 std::vector<uint8_t> expected(uint64_t offset, size_t length)
 {
     const std::string bytes = test::patternBytes(offset + length);
@@ -43,22 +57,25 @@ std::vector<uint8_t> expected(uint64_t offset, size_t length)
 
 class VideoFeeder : public ::testing::Test {
 protected:
-    void SetUp() override
+    void SetUp() override { makeDataFile(dir, "video.raw", 10000); }
+    VideoTrackFeeder feederFor(const Value& entries, float fps)
     {
-        controller.setVideoHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "video.raw", 10000)));
+        VideoTrackFeeder feeder(FileHandle::forReadingAtPath(dir / "video.raw"), table(entries));
+        feeder.setFormat(format, FrameTiming::fromRate(fps));
+        return feeder;
     }
     TempDir dir;
-    AppController controller;
     FormatDescriptionRef format = test::videoFormat(fourCC("dvc "), 720, 480);
 };
 
 TEST_F(VideoFeeder, NtscTimingIsExactAndTheTableEndsTheTrack)
 {
-    controller.setVideoOffsets(Value(Value::ArrayType{entry(100, 40), entry(200, 50), entry(9000, 60)}));
+    VideoTrackFeeder feeder =
+        feederFor(Value(Value::ArrayType{entry(100, 40), entry(200, 50), entry(9000, 60)}), 29.97f);
     const int64_t expectedOffsets[] = {100, 200, 9000};
     const size_t expectedLengths[] = {40, 50, 60};
     for (int i = 0; i < 3; ++i) {
-        auto sample = controller.copyNextVideoSampleBuffer(format, 29.97f);
+        auto sample = copyNext(feeder);
         ASSERT_NE(sample, nullptr) << i;
         EXPECT_EQ(sample->numSamples(), 1);
         EXPECT_EQ(sample->presentationTimeStamp(), MediaTime::make(1001 * i, 30000));
@@ -67,57 +84,56 @@ TEST_F(VideoFeeder, NtscTimingIsExactAndTheTableEndsTheTrack)
         EXPECT_EQ(sample->sampleSize(0), expectedLengths[i]);
         EXPECT_EQ(bytesOf(*sample), expected(expectedOffsets[i], expectedLengths[i]));
     }
-    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 29.97f), nullptr);
-    EXPECT_EQ(controller.curVideoSampleIndex(), 3u);
-    EXPECT_EQ(controller.numVideoSamplesAppended(), 3u);
+    EXPECT_EQ(feeder.next(), nullptr);
+    EXPECT_EQ(feeder.entryIndex(), 3u);
+    EXPECT_EQ(feeder.framesHandedOut(), 3u);
 }
 
 TEST_F(VideoFeeder, EntriesTheFileCannotServeEndTheTrack)
 {
     // Past the end of the file: the track ends, the index stays on the entry.
-    controller.setVideoOffsets(Value(Value::ArrayType{entry(0, 10), entry(10000, 10), entry(20, 10)}));
-    ASSERT_NE(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
-    EXPECT_EQ(controller.copyNextVideoSampleBuffer(format, 25), nullptr);
-    EXPECT_EQ(controller.curVideoSampleIndex(), 1u);
-    EXPECT_EQ(controller.numVideoSamplesAppended(), 1u);
+    VideoTrackFeeder feeder = feederFor(Value(Value::ArrayType{entry(0, 10), entry(10000, 10), entry(20, 10)}), 25);
+    ASSERT_NE(feeder.next(), nullptr);
+    EXPECT_EQ(feeder.next(), nullptr);
+    EXPECT_EQ(feeder.entryIndex(), 1u);
+    EXPECT_EQ(feeder.framesHandedOut(), 1u);
     // Only 10 bytes are there for an absurd length; no table; an entry that is no dictionary.
     for (const Value& table : {Value(Value::ArrayType{entry(9990, UINT64_MAX)}), Value(),
                                Value(Value::ArrayType{Value("not a dictionary")})}) {
-        AppController fresh;
-        fresh.setVideoHandle(FileHandle::forReadingAtPath(dir / "video.raw"));
-        fresh.setVideoOffsets(table);
-        EXPECT_EQ(fresh.copyNextVideoSampleBuffer(format, 25), nullptr);
+        VideoTrackFeeder fresh = feederFor(table, 25);
+        EXPECT_EQ(fresh.next(), nullptr);
     }
 }
 
 TEST_F(VideoFeeder, FrameCountsBelowOneCountAsOneAndUnsplittableEntriesStayWhole)
 {
-    controller.setVideoOffsets(
-        Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3), entry(50, 10, 3), entry(60, 10)}));
-    auto first = controller.copyNextVideoSampleBuffer(format, 25);
-    auto second = controller.copyNextVideoSampleBuffer(format, 25);
+    VideoTrackFeeder feeder = feederFor(
+        Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3), entry(50, 10, 3), entry(60, 10)}),
+        25);
+    auto first = copyNext(feeder);
+    auto second = copyNext(feeder);
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->numSamples(), 1);
-    EXPECT_EQ(controller.numVideoSamplesAppended(), 2u);
+    EXPECT_EQ(feeder.framesHandedOut(), 2u);
 
     // 30 bytes are not three DV frames: one sample lasting three frames, timed after the
     // frames handed out before (splitting along real frame boundaries has tests of its own).
-    auto split = controller.copyNextVideoSampleBuffer(format, 25);
+    auto split = copyNext(feeder);
     ASSERT_NE(split, nullptr);
     EXPECT_EQ(split->numSamples(), 1);
     EXPECT_EQ(split->sampleSize(0), 30u);
     EXPECT_EQ(split->presentationTimeStamp(), MediaTime::make(2000, 25000));
     EXPECT_EQ(split->duration(), MediaTime::make(3000, 25000));
-    EXPECT_EQ(controller.numVideoSamplesAppended(), 5u);
+    EXPECT_EQ(feeder.framesHandedOut(), 5u);
 
     // 10 bytes do not divide into 3 frames: one sample lasting three frames.
-    auto whole = controller.copyNextVideoSampleBuffer(format, 25);
+    auto whole = copyNext(feeder);
     ASSERT_NE(whole, nullptr);
     EXPECT_EQ(whole->numSamples(), 1);
     EXPECT_EQ(whole->duration(), MediaTime::make(3000, 25000));
     EXPECT_EQ(whole->presentationTimeStamp(), MediaTime::make(5000, 25000));
 
-    auto after = controller.copyNextVideoSampleBuffer(format, 25);
+    auto after = copyNext(feeder);
     ASSERT_NE(after, nullptr);
     EXPECT_EQ(after->presentationTimeStamp(), MediaTime::make(8000, 25000));
 }
@@ -126,17 +142,14 @@ class AudioFeeder : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        controller.setAudioHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "audio.raw", 4096)));
+        makeDataFile(dir, "audio.raw", 4096);
         format = controller.audioFormatDescriptionForChannels(2, true, 16, 48000, false);
     }
-    std::vector<std::unique_ptr<SampleBuffer>> drain(uint64_t bytesPerFrame = 4)
+    AudioTrackFeeder feederFor(const Value& entries)
     {
-        std::vector<std::unique_ptr<SampleBuffer>> out;
-        while (auto sample = controller.copyNextAudioSampleBuffer(format, 48000, bytesPerFrame)) {
-            out.push_back(std::move(sample));
-            if (out.size() > 10000) break;
-        }
-        return out;
+        AudioTrackFeeder feeder(FileHandle::forReadingAtPath(dir / "audio.raw"), table(entries));
+        feeder.setFormat(format, 48000, 4);
+        return feeder;
     }
     TempDir dir;
     AppController controller;
@@ -145,18 +158,14 @@ protected:
 
 TEST_F(AudioFeeder, EndsAtTheEndOfTheFileAndOnEmptyTables)
 {
-    controller.setAudioOffsets(Value(Value::ArrayType{entry(4090, 16)}));
-    const auto samples = drain();
+    AudioTrackFeeder feeder = feederFor(Value(Value::ArrayType{entry(4090, 16)}));
     // 4090..4093 is whole; 4094 starts a frame with only 2 bytes left: the track ends there.
-    ASSERT_EQ(samples.size(), 1u);
-    EXPECT_EQ(controller.curAudioSampleSubIndex(), 1u);
+    ASSERT_NE(feeder.next(), nullptr);
+    EXPECT_EQ(feeder.next(), nullptr);
+    EXPECT_EQ(feeder.frameIndex(), 1u);
 
-    AppController empty;
-    empty.setAudioHandle(FileHandle::forReadingAtPath(dir / "audio.raw"));
-    empty.setAudioOffsets(Value(Value::ArrayType{}));
-    EXPECT_EQ(empty.copyNextAudioSampleBuffer(format, 48000, 4), nullptr);
-    empty.setAudioOffsets(Value(Value::ArrayType{entry(UINT64_MAX - 2, 8)}));
-    EXPECT_EQ(empty.copyNextAudioSampleBuffer(format, 48000, 4), nullptr);
+    EXPECT_EQ(feederFor(Value(Value::ArrayType{})).next(), nullptr);
+    EXPECT_EQ(feederFor(Value(Value::ArrayType{entry(UINT64_MAX - 2, 8)})).next(), nullptr);
 }
 
 // A run must hand out the frames, times and positions that as many single calls give: across
@@ -232,17 +241,6 @@ TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
         SCOPED_TRACE(maxFrames);
         EXPECT_TRUE(drain(maxFrames) == single);
     }
-}
-
-TEST_F(AudioFeeder, TheFortyEightThousandthFrameLandsJustBeforeOneSecond)
-{
-    controller.setAudioHandle(FileHandle::forReadingAtPath(makeDataFile(dir, "long.raw", 48001 * 2)));
-    controller.setAudioOffsets(Value(Value::ArrayType{entry(0, 48001 * 2)}));
-    std::unique_ptr<SampleBuffer> last;
-    for (int i = 0; i < 48001; ++i) last = controller.copyNextAudioSampleBuffer(format, 48000, 2);
-    ASSERT_NE(last, nullptr);
-    EXPECT_EQ(last->presentationTimeStamp(), MediaTime::make(48000, 48000));
-    EXPECT_EQ(last->presentationTimeStamp().getSeconds(), 1.0);
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ struct TrackState {
     qt::TrackTables tables;
 
     std::vector<uint8_t> chunk;  // the open chunk's bytes
+    std::vector<uint8_t> spare;  // the storage of the last chunk written, for the next one
     uint32_t chunkSamples = 0;
     uint64_t chunkDuration = 0;  // in timescale
     size_t lastChunkBytes = 0;
@@ -159,6 +160,12 @@ struct WriterCore : std::enable_shared_from_this<WriterCore> {
         bool ok = file->append(bytes, &failure);
         fileLock.unlock();
         lock.lock();
+        // The next chunk reuses this one's storage: fresh pages for every chunk cost a page
+        // fault per page.
+        if (t.spare.capacity() < bytes.capacity()) {
+            bytes.clear();
+            t.spare = std::move(bytes);
+        }
         if (!ok) failLocked(std::move(failure));
         return ok;
     }
@@ -336,7 +343,11 @@ bool AssetWriterInput::append(const SampleBuffer& sample, bool eachAlone)
 
     const uint8_t* bytes = sample.dataBuffer()->data();
     const auto store = [&t, &bytes](uint64_t bytesStored, uint64_t duration, uint32_t count) {
-        if (t.chunk.capacity() == 0) t.chunk.reserve(std::max(t.lastChunkBytes, size_t(bytesStored)));
+        if (t.chunk.capacity() == 0) {
+            t.chunk = std::move(t.spare);
+            t.spare = {};
+            t.chunk.reserve(std::max(t.lastChunkBytes, size_t(bytesStored)));
+        }
         t.chunk.insert(t.chunk.end(), bytes, bytes + bytesStored);
         bytes += bytesStored;
         t.chunkSamples += count;
@@ -436,6 +447,8 @@ std::unique_ptr<AssetWriter> AssetWriter::createOnDescriptor(int fd, const std::
     writer->impl_->core->file.emplace(std::move(*file));
     return writer;
 }
+
+bool AssetWriter::fileStartsAsWritten(int fd) { return qt::MovieFile::startsWithHeaders(fd); }
 
 AssetWriter::~AssetWriter()
 {

@@ -74,6 +74,10 @@ public:
                                                            Error* error);
     ~AssetWriter();
 
+    // True when the file open at fd starts as every movie file a writer makes does, from the
+    // moment it is created: the mark of a file that a killed writer left unfinished.
+    static bool fileStartsAsWritten(int fd);
+
     bool canAddInput(const AssetWriterInput& input) const;
     void addInput(std::shared_ptr<AssetWriterInput> input);
 

@@ -61,6 +61,17 @@ std::optional<MovieFile> MovieFile::createOnDescriptor(int fd, Error* error)
     return file;
 }
 
+bool MovieFile::startsWithHeaders(int fd)
+{
+    static const std::vector<uint8_t> kHeaders = [] {
+        std::vector<uint8_t> headers = fileHeaders();
+        headers.resize(kMediaDataStart - 8);  // the media data size is patched later
+        return headers;
+    }();
+    std::vector<uint8_t> head(kHeaders.size());
+    return ::pread(fd, head.data(), head.size(), 0) == static_cast<ssize_t>(head.size()) && head == kHeaders;
+}
+
 MovieFile::MovieFile(MovieFile&& other) noexcept
     : fd_(other.fd_),
       end_(other.end_),

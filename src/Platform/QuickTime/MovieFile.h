@@ -27,6 +27,9 @@ public:
     // Writes the headers into an empty file the caller created and opened for writing; the
     // movie file owns the descriptor from here on, also when it fails.
     static std::optional<MovieFile> createOnDescriptor(int fd, Error* error);
+    // True when the file open at fd starts with the headers create writes before any sample
+    // (the 'ftyp' and the 'wide' atom, up to the media data header, whose size changes).
+    static bool startsWithHeaders(int fd);
     MovieFile(MovieFile&& other) noexcept;
     MovieFile& operator=(MovieFile&&) = delete;
     ~MovieFile();
