@@ -48,6 +48,10 @@ Result<size_t> readFully(int fd, std::span<uint8_t> buffer);
 Result<size_t> preadFully(int fd, std::span<uint8_t> buffer, uint64_t offset);
 Result<void> writeFully(int fd, std::span<const uint8_t> bytes);
 Result<void> pwriteFully(int fd, std::span<const uint8_t> bytes, uint64_t offset);
+inline Result<void> writeFully(int fd, std::string_view text)
+{
+    return writeFully(fd, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
 
 // Calls `call` again for as long as it fails with EINTR (waitpid, flock, open, poll...), and
 // returns its last result. A call that fails returns -1 or another negative value.
