@@ -7,6 +7,7 @@
 
 using corvina::fourCC;
 using corvina::FourCharCode;
+namespace codec = corvina::codec;
 
 namespace {
 
@@ -16,7 +17,7 @@ bool splitProRes(std::span<const uint8_t> bytes, uint64_t frameCount, std::vecto
 {
     size_t at = 0;
     for (uint64_t i = 0; i < frameCount; ++i) {
-        const auto size = corvina::codec::proResFrameSize(bytes.subspan(at));
+        const auto size = codec::proResFrameSize(bytes.subspan(at));
         if (!size || *size < 8 || *size > bytes.size() - at) return false;
         sizes.push_back(*size);
         at += *size;
@@ -31,7 +32,7 @@ bool splitProRes(std::span<const uint8_t> bytes, uint64_t frameCount, std::vecto
 size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
 {
     const size_t n = bytes.size();
-    if (n - at < 4 || bytes[at] != 0xFF || bytes[at + 1] != 0xD8) return 0;
+    if (n - at < 4 || bytes[at] != 0xFF || bytes[at + 1] != codec::kJpegStartOfImage) return 0;
     size_t p = at + 2;
     bool inScan = false;
     while (p < n) {
@@ -42,7 +43,7 @@ size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
             p = size_t(static_cast<const uint8_t*>(ff) - bytes.data());
             if (p + 1 >= n) return 0;
             const uint8_t marker = bytes[p + 1];
-            if (marker == 0x00 || (marker >= 0xD0 && marker <= 0xD7) || marker == 0xFF) {
+            if (marker == 0x00 || codec::isJpegRestartMarker(marker) || marker == 0xFF) {
                 p += marker == 0xFF ? 1 : 2;
                 continue;
             }
@@ -55,8 +56,8 @@ size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
             ++p;
             continue;
         }
-        if (marker == 0xD9) return p + 2;
-        if (marker == 0xD8 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {
+        if (marker == codec::kJpegEndOfImage) return p + 2;
+        if (marker == codec::kJpegStartOfImage || marker == 0x01 || codec::isJpegRestartMarker(marker)) {
             p += 2;
             continue;
         }
@@ -64,7 +65,7 @@ size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
         const size_t length = corvina::loadBE16(bytes, p + 2);
         if (length < 2 || length > n - p - 2) return 0;
         p += 2 + length;
-        if (marker == 0xDA) inScan = true;
+        if (marker == codec::kJpegStartOfScan) inScan = true;
     }
     return 0;
 }
@@ -85,7 +86,7 @@ bool splitJPEG(std::span<const uint8_t> bytes, uint64_t frameCount, std::vector<
 
 size_t FrameSplitter::dvFrameSize(FourCharCode codecType)
 {
-    const auto layout = corvina::codec::dvLayout(codecType);
+    const auto layout = codec::dvLayout(codecType);
     return layout ? layout->frameBytes() : 0;
 }
 
