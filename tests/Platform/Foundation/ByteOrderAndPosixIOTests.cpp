@@ -29,23 +29,6 @@ struct Pipe {
     ~Pipe() { close(0), close(1); }
     void close(int end) { ::close(std::exchange(fds[end], -1)); }
 };
-Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
-~Pipe()
-{
-    closeRead();
-    closeWrite();
-}
-void closeRead()
-{
-    if (fds[0] >= 0) ::close(fds[0]);
-    fds[0] = -1;
-}
-void closeWrite()
-{
-    if (fds[1] >= 0) ::close(fds[1]);
-    fds[1] = -1;
-}
-};
 
 }  // namespace
 
