@@ -2,15 +2,14 @@
 
 #include <cstring>
 
+#include "Foundation/ByteOrder.h"
+#include "SampleBuffer/CodecHeaders.h"
+
 using corvina::fourCC;
 using corvina::FourCharCode;
+namespace codec = corvina::codec;
 
 namespace {
-
-uint32_t bigEndian32(const uint8_t* p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
-}
 
 // ProRes: every frame begins with its size (4 bytes, big-endian, the size field included)
 // and the frame identifier.
@@ -18,11 +17,10 @@ bool splitProRes(std::span<const uint8_t> bytes, uint64_t frameCount, std::vecto
 {
     size_t at = 0;
     for (uint64_t i = 0; i < frameCount; ++i) {
-        if (bytes.size() - at < 8) return false;
-        const uint32_t size = bigEndian32(bytes.data() + at);
-        if (size < 8 || size > bytes.size() - at || bigEndian32(bytes.data() + at + 4) != fourCC("icpf")) return false;
-        sizes.push_back(size);
-        at += size;
+        const auto size = codec::proResFrameSize(bytes.subspan(at));
+        if (!size || *size < 8 || *size > bytes.size() - at) return false;
+        sizes.push_back(*size);
+        at += *size;
     }
     return at == bytes.size();
 }
@@ -34,7 +32,7 @@ bool splitProRes(std::span<const uint8_t> bytes, uint64_t frameCount, std::vecto
 size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
 {
     const size_t n = bytes.size();
-    if (n - at < 4 || bytes[at] != 0xFF || bytes[at + 1] != 0xD8) return 0;
+    if (n - at < 4 || bytes[at] != 0xFF || bytes[at + 1] != codec::kJpegStartOfImage) return 0;
     size_t p = at + 2;
     bool inScan = false;
     while (p < n) {
@@ -45,7 +43,7 @@ size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
             p = size_t(static_cast<const uint8_t*>(ff) - bytes.data());
             if (p + 1 >= n) return 0;
             const uint8_t marker = bytes[p + 1];
-            if (marker == 0x00 || (marker >= 0xD0 && marker <= 0xD7) || marker == 0xFF) {
+            if (marker == 0x00 || codec::isJpegRestartMarker(marker) || marker == 0xFF) {
                 p += marker == 0xFF ? 1 : 2;
                 continue;
             }
@@ -58,16 +56,16 @@ size_t jpegImageEnd(std::span<const uint8_t> bytes, size_t at)
             ++p;
             continue;
         }
-        if (marker == 0xD9) return p + 2;
-        if (marker == 0xD8 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {
+        if (marker == codec::kJpegEndOfImage) return p + 2;
+        if (marker == codec::kJpegStartOfImage || marker == 0x01 || codec::isJpegRestartMarker(marker)) {
             p += 2;
             continue;
         }
         if (n - p < 4) return 0;
-        const size_t length = size_t(bytes[p + 2]) << 8 | bytes[p + 3];
+        const size_t length = corvina::loadBE16(bytes, p + 2);
         if (length < 2 || length > n - p - 2) return 0;
         p += 2 + length;
-        if (marker == 0xDA) inScan = true;
+        if (marker == codec::kJpegStartOfScan) inScan = true;
     }
     return 0;
 }
@@ -88,27 +86,8 @@ bool splitJPEG(std::span<const uint8_t> bytes, uint64_t frameCount, std::vector<
 
 size_t FrameSplitter::dvFrameSize(FourCharCode codecType)
 {
-    // One frame of each DV format: DIF sequences of 150 blocks of 80 bytes, 10 sequences a
-    // channel at 60 fields, 12 at 50, one channel for DV, two for DVCPRO50 and 720p, four
-    // for the 1080-line formats.
-    switch (codecType) {
-    case fourCC("dvc "):
-        return 120000;
-    case fourCC("dvcp"):
-        return 144000;
-    case fourCC("dv5n"):
-        return 240000;
-    case fourCC("dv5p"):
-        return 288000;
-    case fourCC("dvhp"):
-        return 240000;
-    case fourCC("dvh6"):
-        return 480000;
-    case fourCC("dvh5"):
-        return 576000;
-    default:
-        return 0;
-    }
+    const auto layout = codec::dvLayout(codecType);
+    return layout ? layout->frameBytes() : 0;
 }
 
 FrameSplitter FrameSplitter::forCodec(FourCharCode codecType)

@@ -9,12 +9,12 @@ namespace jobcheck {
 
 namespace {
 
-uint32_t bigEndian32(std::span<const uint8_t> b, size_t at)
+// The header's sizes are unsigned 16-bit; the format description's are signed 16-bit.
+std::optional<FrameSize> describable(FrameSize size)
 {
-    return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | uint32_t(b[at + 3]);
+    if (!size.usable() || size.width > 32767 || size.height > 32767) return std::nullopt;
+    return size;
 }
-
-uint16_t bigEndian16(std::span<const uint8_t> b, size_t at) { return uint16_t(b[at] << 8 | b[at + 1]); }
 
 std::string countText(uint64_t count)
 {
@@ -38,39 +38,16 @@ std::optional<std::string> frameRateProblem(float framesPerSecond)
 
 std::optional<FrameSize> frameSizeFromProResFrame(std::span<const uint8_t> frameStart)
 {
-    if (frameStart.size() < kProResHeaderBytes) return std::nullopt;
-    if (bigEndian32(frameStart, 4) != 0x69637066) return std::nullopt;  // 'icpf'
-    const uint16_t headerSize = bigEndian16(frameStart, 8);
-    if (headerSize < 20 - 8) return std::nullopt;  // too short to hold the two sizes
-    FrameSize size{bigEndian16(frameStart, 16), bigEndian16(frameStart, 18)};
-    // The header's sizes are unsigned 16-bit; the format description's are signed 16-bit.
-    if (!size.usable() || size.width > 32767 || size.height > 32767) return std::nullopt;
-    return size;
+    const auto header = corvina::codec::readProResFrameHeader(frameStart);
+    if (!header || header->headerSize < 20 - 8) return std::nullopt;  // too short to hold the two sizes
+    return describable({header->width, header->height});
 }
 
-std::optional<FrameSize> frameSizeFromJpegFrame(std::span<const uint8_t> b)
+std::optional<FrameSize> frameSizeFromJpegFrame(std::span<const uint8_t> frameStart)
 {
-    if (b.size() < 4 || b[0] != 0xFF || b[1] != 0xD8) return std::nullopt;
-    size_t at = 2;
-    for (;;) {
-        if (at >= b.size() || b[at] != 0xFF) return std::nullopt;
-        while (at < b.size() && b[at] == 0xFF) ++at;  // fill bytes before a marker code
-        if (at >= b.size()) return std::nullopt;
-        const uint8_t marker = b[at++];
-        if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;              // no segment
-        if (marker == 0xD9 || marker == 0xDA || at + 2 > b.size()) return std::nullopt;  // image data, no size
-        const uint16_t length = bigEndian16(b, at);
-        if (length < 2) return std::nullopt;
-        const bool startOfFrame =
-            marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
-        if (startOfFrame) {
-            if (length < 7 || at + 7 > b.size()) return std::nullopt;
-            FrameSize size{bigEndian16(b, at + 5), bigEndian16(b, at + 3)};  // precision, height, width
-            if (!size.usable() || size.width > 32767 || size.height > 32767) return std::nullopt;
-            return size;
-        }
-        at += length;
-    }
+    const auto header = corvina::codec::findJpegFrameHeader(frameStart);
+    if (!header) return std::nullopt;
+    return describable({header->width, header->height});
 }
 
 std::optional<std::string> videoCountsProblem(std::span<const int64_t> frameCounts)

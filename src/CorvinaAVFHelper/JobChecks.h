@@ -8,6 +8,8 @@
 #include <span>
 #include <string>
 
+#include "SampleBuffer/CodecHeaders.h"
+
 namespace jobcheck {
 
 // Frame rates the session accepts, in frames per second (both ends included).
@@ -27,7 +29,7 @@ struct FrameSize {
 // The frame size written in a ProRes frame's own header (frame size, 'icpf', then the frame
 // header with the horizontal and vertical size at bytes 16 and 18), when the bytes hold one.
 std::optional<FrameSize> frameSizeFromProResFrame(std::span<const uint8_t> frameStart);
-inline constexpr size_t kProResHeaderBytes = 20;
+inline constexpr size_t kProResHeaderBytes = corvina::codec::kProResSizeFieldsBytes;
 // The frame size in a JPEG frame's start-of-frame segment (any SOFn), found by walking the
 // segments from the start-of-image marker, when the bytes reach it.
 std::optional<FrameSize> frameSizeFromJpegFrame(std::span<const uint8_t> frameStart);

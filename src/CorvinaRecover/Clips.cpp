@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "AppController.h"
+#include "Foundation/ByteOrder.h"
 
 namespace recover {
 
@@ -80,7 +81,7 @@ bool looksLikePCM(std::span<const uint8_t> bytes, int channels, bool bigEndian)
     double moves = 0, level = 0;
     const auto sample = [&](size_t frame, int channel) {
         const uint8_t* p = bytes.data() + frame * frameBytes + size_t(channel) * 2;
-        return int(int16_t(bigEndian ? (p[0] << 8 | p[1]) : (p[1] << 8 | p[0])));
+        return int(corvina::loadPCM16(p, bigEndian));
     };
     for (size_t f = 1; f < count; ++f)
         for (int c = 0; c < channels; ++c) {

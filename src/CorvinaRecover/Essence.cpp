@@ -4,12 +4,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Foundation/ByteOrder.h"
+#include "SampleBuffer/CodecHeaders.h"
+
 namespace recover {
 
 namespace {
 
-uint32_t be16(const uint8_t* p) { return uint32_t(p[0]) << 8 | p[1]; }
-uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+using corvina::loadBE16;
+using corvina::loadBE32;
+namespace codec = corvina::codec;
 
 Examination notAFrame() { return {}; }
 
@@ -33,28 +37,29 @@ Examination accepted(FrameInfo frame)
 // ---------------------------------------------------------------------------------------
 // DV family.
 
-constexpr size_t kDifBlock = 80;
-constexpr size_t kBlocksPerSequence = 150;
+constexpr size_t kDifBlock = codec::kDifBlockBytes;
+constexpr size_t kBlocksPerSequence = codec::kDifBlocksPerSequence;
 
 struct DVRow {
     int64_t formatType;
-    int dsf;    // 0: 525 lines / 60 fields, 1: 625 / 50
-    int stype;  // the video source pack's signal type
-    int sequences;
-    int channels;
+    corvina::FourCharCode codecType;  // its sequences and channels
+    int dsf;                          // 0: 525 lines / 60 fields, 1: 625 / 50
+    int stype;                        // the video source pack's signal type
     int32_t width, height;
     double rate;
-    size_t bytes() const { return size_t(sequences) * size_t(channels) * kBlocksPerSequence * kDifBlock; }
+    codec::DVLayout layout() const { return *codec::dvLayout(codecType); }
+    size_t bytes() const { return layout().frameBytes(); }
 };
 
+using corvina::fourCC;
 constexpr std::array kDVRows = {
-    DVRow{0, 0, 0x00, 10, 1, 720, 480, 30000.0 / 1001},
-    DVRow{1, 1, 0x00, 12, 1, 720, 576, 25},
-    DVRow{2, 0, 0x04, 10, 2, 720, 480, 30000.0 / 1001},
-    DVRow{3, 1, 0x04, 12, 2, 720, 576, 25},
-    DVRow{10, 0, 0x18, 10, 2, 1280, 720, 60000.0 / 1001},
-    DVRow{11, 0, 0x14, 10, 4, 1920, 1080, 30000.0 / 1001},
-    DVRow{12, 1, 0x14, 12, 4, 1920, 1080, 25},
+    DVRow{0, fourCC("dvc "), 0, 0x00, 720, 480, 30000.0 / 1001},
+    DVRow{1, fourCC("dvcp"), 1, 0x00, 720, 576, 25},
+    DVRow{2, fourCC("dv5n"), 0, 0x04, 720, 480, 30000.0 / 1001},
+    DVRow{3, fourCC("dv5p"), 1, 0x04, 720, 576, 25},
+    DVRow{10, fourCC("dvhp"), 0, 0x18, 1280, 720, 60000.0 / 1001},
+    DVRow{11, fourCC("dvh6"), 0, 0x14, 1920, 1080, 30000.0 / 1001},
+    DVRow{12, fourCC("dvh5"), 1, 0x14, 1920, 1080, 25},
 };
 
 // Where block k of a DIF sequence belongs: header, two subcode blocks, three VAUX blocks,
@@ -172,9 +177,10 @@ Examination examineDV(std::span<const uint8_t> bytes, bool atEnd)
         return rejected(frame, "longer than the bytes available");
     }
 
-    for (int channel = 0; channel < row->channels; ++channel)
-        for (int sequence = 0; sequence < row->sequences; ++sequence) {
-            const uint8_t* seq = p + size_t(channel * row->sequences + sequence) * kBlocksPerSequence * kDifBlock;
+    const codec::DVLayout layout = row->layout();
+    for (int channel = 0; channel < layout.channels; ++channel)
+        for (int sequence = 0; sequence < layout.sequences; ++sequence) {
+            const uint8_t* seq = p + size_t(channel * layout.sequences + sequence) * kBlocksPerSequence * kDifBlock;
             const uint8_t idByte1 = uint8_t(sequence << 4 | (channel & 1) << 3 | (channel < 2 ? 4 : 0) | 3);
             for (size_t k = 0; k < kBlocksPerSequence; ++k) {
                 const uint8_t* block = seq + k * kDifBlock;
@@ -210,48 +216,48 @@ Examination examineProRes(std::span<const uint8_t> bytes, bool atEnd)
 {
     if (bytes.size() < 28) return notAFrame();
     const uint8_t* p = bytes.data();
-    if (std::memcmp(p + 4, "icpf", 4) != 0) return notAFrame();
-    const uint32_t size = be32(p);
-    const uint32_t headerSize = be16(p + 8);
+    const auto header = codec::readProResFrameHeader(bytes);
+    if (!header) return notAFrame();
+    const uint32_t size = header->frameSize;
+    const uint32_t headerSize = header->headerSize;
     FrameInfo frame;
     frame.family = Family::ProRes;
     frame.length = size;
-    frame.width = int32_t(be16(p + 16));
-    frame.height = int32_t(be16(p + 18));
-    frame.chroma = p[20] >> 6;
+    frame.width = int32_t(header->width);
+    frame.height = int32_t(header->height);
+    frame.chroma = header->chroma;
     if (size < 8 + 20 || size > kMaxFrameBytes || headerSize < 20 || headerSize > size - 8 || frame.width == 0 ||
         frame.height == 0 || (frame.chroma != 2 && frame.chroma != 3))
         return notAFrame();
-    static constexpr double kRates[] = {0, 24000.0 / 1001, 24, 25, 30000.0 / 1001, 30, 50, 60000.0 / 1001, 60};
-    const int rateCode = p[21] & 0x0F;
-    frame.frameRate = rateCode < 9 ? kRates[rateCode] : 0;
+    frame.frameRate = codec::proResFrameRate(header->frameRateCode);
     frame.formatType = frame.chroma == 3 ? 34 : 31;
     if (bytes.size() < size)
         return rejected(frame, atEnd ? "cut off by the end of the input" : "longer than the bytes available");
 
     // One picture, or two for interlaced frames; each must account for its bytes exactly.
-    const int pictures = ((p[20] >> 2) & 3) != 0 ? 2 : 1;
+    const int pictures = header->interlaceMode != 0 ? 2 : 1;
     size_t at = 8 + headerSize;
     for (int picture = 0; picture < pictures; ++picture) {
         if (size - at < 8) return rejected(frame, "picture header runs past the frame");
         const size_t pictureHeader = p[at] >> 3;
-        const uint32_t pictureSize = be32(p + at + 1);
-        const uint32_t slices = be16(p + at + 5);
+        const uint32_t pictureSize = loadBE32(p + at + 1);
+        const uint32_t slices = loadBE16(p + at + 5);
         if (pictureHeader < 8 || pictureSize < pictureHeader + 2 * slices || pictureSize > size - at || slices == 0)
             return rejected(frame, "picture header sizes disagree with the frame");
         size_t sum = pictureHeader + 2 * size_t(slices);
         const uint8_t* table = p + at + pictureHeader;
-        for (uint32_t s = 0; s < slices; ++s) sum += be16(table + 2 * s);
+        for (uint32_t s = 0; s < slices; ++s) sum += loadBE16(table + 2 * s);
         if (sum != pictureSize) return rejected(frame, "slice sizes disagree with the picture size");
         // Each slice's header: its own size, a quantiser in range, and coded sizes of the
         // components that fit in the slice.
         const uint8_t* slice = table + 2 * size_t(slices);
         for (uint32_t s = 0; s < slices; ++s) {
-            const size_t sliceSize = be16(table + 2 * s);
+            const size_t sliceSize = loadBE16(table + 2 * s);
             if (sliceSize < 6) return rejected(frame, "a slice too small for its header");
             const size_t header = slice[0] >> 3;
             if (header < 6 || header > sliceSize || slice[1] == 0 || slice[1] > 224 ||
-                header + be16(slice + 2) + be16(slice + 4) + (header >= 8 ? be16(slice + 6) : 0) > sliceSize)
+                header + loadBE16(slice + 2) + loadBE16(slice + 4) + (header >= 8 ? loadBE16(slice + 6) : 0) >
+                    sliceSize)
                 return rejected(frame, "a slice header disagrees with its slice (damaged slice " + std::to_string(s) +
                                            " of picture " + std::to_string(picture) + ")");
             slice += sliceSize;
@@ -269,7 +275,7 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
 {
     const size_t n = std::min(bytes.size(), kMaxFrameBytes);
     const uint8_t* p = bytes.data();
-    if (n < 4 || p[0] != 0xFF || p[1] != 0xD8 || p[2] != 0xFF) return notAFrame();
+    if (n < 4 || p[0] != 0xFF || p[1] != codec::kJpegStartOfImage || p[2] != 0xFF) return notAFrame();
     FrameInfo frame;
     frame.family = Family::JPEG;
     frame.formatType = 4;
@@ -288,29 +294,32 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
             ++at;
             continue;
         }
-        if (marker == 0xD9) {
+        if (marker == codec::kJpegEndOfImage) {
             if (!scan || !quantisation) return damaged("image ends before its scan");
             frame.length = at + 2;
             return accepted(frame);
         }
-        if (marker == 0xD8 || marker == 0x00 || marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7))
+        if (marker == codec::kJpegStartOfImage || marker == 0x00 || marker == 0x01 ||
+            codec::isJpegRestartMarker(marker))
             return damaged("misplaced marker");
         if (at + 4 > n) return damaged(atEnd || n == kMaxFrameBytes ? "cut off" : "longer than the bytes available");
-        const size_t length = be16(p + at + 2);
+        const size_t length = loadBE16(p + at + 2);
         if (length < 2 || at + 2 + length > n) return damaged("segment runs past the bytes");
         const uint8_t* body = p + at + 4;
-        if (marker == 0xDB) quantisation = true;
+        if (marker == codec::kJpegQuantisationTable) quantisation = true;
         if (marker == 0xC0 || marker == 0xC1 || marker == 0xC2) {
-            if (length < 8) return notAFrame();
-            frame.height = int32_t(be16(body + 1));
-            frame.width = int32_t(be16(body + 3));
-            if (frame.width == 0 || frame.height == 0 || body[5] == 0 || body[5] > 4) return notAFrame();
+            const auto header = codec::readJpegFrameHeader({body, length - 2});
+            if (!header || length < 8) return notAFrame();
+            frame.height = int32_t(header->height);
+            frame.width = int32_t(header->width);
+            if (frame.width == 0 || frame.height == 0 || header->components == 0 || header->components > 4)
+                return notAFrame();
             frameHeader = true;
-        } else if (marker >= 0xC3 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC) {
+        } else if (codec::isJpegStartOfFrame(marker)) {
             return notAFrame();  // coding processes Motion JPEG does not use
         }
         at += 2 + length;
-        if (marker != 0xDA) continue;
+        if (marker != codec::kJpegStartOfScan) continue;
         if (!frameHeader) return notAFrame();
         scan = true;
         // Entropy-coded data: a 0xFF is followed by a stuffed zero or a restart marker, any
@@ -321,7 +330,7 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
             at = size_t(static_cast<const uint8_t*>(ff) - p);
             if (at + 1 >= n) return damaged("cut off");
             const uint8_t next = p[at + 1];
-            if (next == 0x00 || (next >= 0xD0 && next <= 0xD7)) {
+            if (next == 0x00 || codec::isJpegRestartMarker(next)) {
                 at += 2;
                 continue;
             }
@@ -337,13 +346,17 @@ Examination examineJPEG(std::span<const uint8_t> bytes, bool atEnd)
 StartPattern startPattern(Family family)
 {
     static constexpr uint8_t kDV[] = {0x1F, 0x07, 0x00};
-    static constexpr uint8_t kProRes[] = {'i', 'c', 'p', 'f'};
-    static constexpr uint8_t kJPEG[] = {0xFF, 0xD8, 0xFF};
+    static constexpr std::array<uint8_t, 4> kProRes = [] {
+        std::array<uint8_t, 4> identifier{};
+        corvina::storeBE32(identifier.data(), codec::kProResFrameIdentifier);
+        return identifier;
+    }();
+    static constexpr uint8_t kJPEG[] = {0xFF, codec::kJpegStartOfImage, 0xFF};
     switch (family) {
     case Family::DV:
         return {kDV, 0};
     case Family::ProRes:
-        return {kProRes, 4};
+        return {kProRes, codec::kProResFrameHeaderAt - 4};
     case Family::JPEG:
         return {kJPEG, 0};
     }

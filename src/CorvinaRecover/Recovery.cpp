@@ -14,6 +14,7 @@
 #include <filesystem>
 
 #include "AppController.h"
+#include "Foundation/PosixIO.h"
 #include "Foundation/Value.h"
 #include <memory>
 #include "MovieJob.h"
@@ -272,13 +273,8 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
 
     const int descriptor = fd.get();
     const ReadBytes read = [descriptor](uint64_t offset, std::span<uint8_t> into) {
-        size_t done = 0;
-        while (done < into.size()) {
-            const ssize_t got = ::pread(descriptor, into.data() + done, into.size() - done, off_t(offset + done));
-            if (got <= 0) return false;
-            done += size_t(got);
-        }
-        return true;
+        const auto got = corvina::posix::preadFully(descriptor, into, offset);
+        return got && *got == into.size();
     };
     std::vector<Clip> clips =
         groupClips(scanned.frames, scanned.rejections, *expectation, read, &outcome.rejectedOutsideClips);

@@ -19,6 +19,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "Foundation/PosixIO.h"
+
 namespace recover {
 
 namespace {
@@ -174,18 +176,10 @@ private:
 
     void readPiece(Piece& piece) const
     {
-        piece.reached = piece.from;
-        while (piece.reached < piece.to) {
-            const size_t chunk = size_t(std::min<uint64_t>(piece.to - piece.reached, 8u << 20));
-            const ssize_t got = ::pread(fd_, buffer_.get() + (piece.reached - start_), chunk, off_t(piece.reached));
-            if (got < 0) {
-                if (errno == EINTR) continue;
-                piece.error = errno;
-                return;
-            }
-            if (got == 0) return;
-            piece.reached += uint64_t(got);
-        }
+        const corvina::posix::Transfer t = corvina::posix::preadAll(
+            fd_, std::span(buffer_.get() + (piece.from - start_), size_t(piece.to - piece.from)), piece.from);
+        piece.reached = piece.from + t.count;
+        piece.error = t.error;
     }
 
     int fd_;

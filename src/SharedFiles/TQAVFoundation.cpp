@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "AssetReader/AssetReader.h"
+#include "Foundation/ByteOrder.h"
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
 #include "TQTimecode.h"
@@ -149,7 +150,7 @@ std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& as
         const auto& format = sample->formatDescription();
         if (!data || data->dataLength() < 4 || !format) continue;
         const uint8_t* p = data->data();
-        const uint32_t frameNumber = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+        const uint32_t frameNumber = loadBE32(p);
         reader->cancelReading();
         return TQTimecode::timecodeFromFrameCount(frameNumber, int64_t(format->frameQuanta()), ntsc, dropFrame, 0);
     }
@@ -193,9 +194,7 @@ SMPTETime timecodeForFrameNumber32UsingFormatDescription(uint32_t frameNumber, c
 {
     SMPTETime time;
     if (description.mediaSubType() != fourCC("tmcd")) return time;
-    const uint32_t swapped = (frameNumber & 0xFF) << 24 | ((frameNumber >> 8) & 0xFF) << 16 |
-                             ((frameNumber >> 16) & 0xFF) << 8 | frameNumber >> 24;
-    const auto value = int32_t(swapped);
+    const auto value = int32_t(byteSwapped32(frameNumber));
     int32_t n = value == INT32_MIN ? INT32_MAX : std::abs(value);
     const int32_t q = int16_t(description.frameQuanta());
     const uint32_t flags = description.timeCodeFlags();

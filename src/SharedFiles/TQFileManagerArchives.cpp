@@ -161,10 +161,10 @@ public:
         if (!file || !writeHeader(st, name, {})) return false;
         ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
         for (;;) {
-            const ssize_t n = tqfiles::readFull(file.get(), buffer_.data(), buffer_.size());
-            if (n < 0) return false;
-            if (n == 0) break;
-            if (archive_write_data(a_, buffer_.data(), static_cast<size_t>(n)) != n) return false;
+            const auto got = corvina::posix::readAll(file.get(), std::span(buffer_.data(), buffer_.size()));
+            if (got.failed()) return false;
+            if (got.count == 0) break;
+            if (archive_write_data(a_, buffer_.data(), got.count) != static_cast<la_ssize_t>(got.count)) return false;
         }
         return true;
     }

@@ -255,24 +255,27 @@ private:
     {
         // Only the parts that hold data are written; a hole at the block's end is made by
         // giving the file the block's length.
-        bool whole = true;
+        int error = 0;
         for (const Range& r : *block.ranges) {
             const uint8_t* bytes = block.data + (r.offset - block.position);
-            whole = tqfiles::pwriteFull(d.file.get(), bytes, r.length, r.offset) == r.length;
-            if (!whole) break;
+            error = corvina::posix::pwriteAll(d.file.get(), std::span(bytes, r.length), r.offset).error;
+            if (error) break;
         }
         const uint64_t end = block.position + block.size;
-        if (whole && (block.ranges->empty() || block.ranges->back().end() < end))
-            whole = ::ftruncate(d.file.get(), static_cast<off_t>(end)) == 0;
-        if (!whole) {
-            corvina::systemLog("Error writing file %@: %i", d.path, errno);
+        if (!error && (block.ranges->empty() || block.ranges->back().end() < end) &&
+            ::ftruncate(d.file.get(), static_cast<off_t>(end)) != 0)
+            error = errno;
+        if (error) {
+            corvina::systemLog("Error writing file %@: %i", d.path, error);
             d.shortWrite = true;
         }
         std::span<uint8_t> readBack;
         if (d.digest && block.size) {
             // What the file holds now at the block's place, not the bytes we handed it.
-            const ssize_t got = tqfiles::preadFull(d.file.get(), d.readBack.data(), block.size, block.position);
-            readBack = std::span<uint8_t>(d.readBack.data(), got > 0 ? static_cast<size_t>(got) : 0);
+            // Bytes read before a failure still count; a failure with none gives none.
+            const auto got =
+                corvina::posix::preadAll(d.file.get(), std::span(d.readBack.data(), block.size), block.position);
+            readBack = std::span<uint8_t>(d.readBack.data(), got.count);
         }
         if (hook_) hook_(d.path, block.position, readBack);
         if (!readBack.empty()) d.digest->update(readBack.data(), readBack.size());
@@ -444,19 +447,22 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
         SourceExtents extents(input.get());
         std::vector<Range> ranges;
         int current = 0;
-        ssize_t n = tqfiles::preadFull(input.get(), buffers[current].data(), tqfiles::kCopyBlockSize, 0);
+        // A read that fails after some bytes gives those; the next read reports the failure.
+        const auto readBlock = [&](int which, uint64_t at) {
+            return corvina::posix::preadAll(input.get(), std::span(buffers[which].data(), tqfiles::kCopyBlockSize), at);
+        };
+        corvina::posix::Transfer n = readBlock(current, 0);
         while (!cancelled->load()) {
-            if (n <= 0) {
-                readFailed = n < 0;
+            if (n.count == 0) {
+                readFailed = n.failed();
                 break;
             }
-            const size_t size = static_cast<size_t>(n);
+            const size_t size = n.count;
             extents.dataOf(buffers[current].data(), copied, size, ranges);
             crew.start({buffers[current].data(), size, copied, &ranges});
             if (sourceDigest) sourceDigest->update(buffers[current].data(), size);
             // Read ahead while the destinations take this block.
-            const ssize_t next =
-                tqfiles::preadFull(input.get(), buffers[1 - current].data(), tqfiles::kCopyBlockSize, copied + size);
+            const corvina::posix::Transfer next = readBlock(1 - current, copied + size);
             crew.wait();
             copied += size;
             if (copied - lastReported >= interval) {

@@ -120,24 +120,25 @@ std::optional<std::string> hashFile(const std::string& path, TQDigestAlgorithm a
     // The next block is read on the worker while this thread hashes the current one.
     tqfiles::BackgroundWorker reader;
     int current = 0;
-    ssize_t ahead = tqfiles::readFull(file.get(), buffers[current].data(), tqfiles::kHashBlockSize);
+    const auto readBlock = [&file](uint8_t* into) {
+        return corvina::posix::readAll(file.get(), std::span(into, tqfiles::kHashBlockSize));
+    };
+    corvina::posix::Transfer ahead = readBlock(buffers[current].data());
     for (;;) {
-        const ssize_t n = ahead;
-        if (n == 0) return state.text();
-        if (n < 0) {
+        const corvina::posix::Transfer got = ahead;
+        if (got.failed()) {
             TQLog::appendLogAndPrint("Error reading file %@ - aborting...", path);
             return std::nullopt;
         }
+        if (got.count == 0) return state.text();
         // A short block is the end of the file.
-        ahead = 0;
-        if (static_cast<size_t>(n) == tqfiles::kHashBlockSize) {
-            reader.start([&, next = buffers[1 - current].data()] {
-                ahead = tqfiles::readFull(file.get(), next, tqfiles::kHashBlockSize);
-            });
+        ahead = {};
+        if (got.count == tqfiles::kHashBlockSize) {
+            reader.start([&, next = buffers[1 - current].data()] { ahead = readBlock(next); });
         }
-        state.update(buffers[current].data(), static_cast<size_t>(n));
+        state.update(buffers[current].data(), got.count);
         const uint64_t before = hashed;
-        hashed += static_cast<uint64_t>(n);
+        hashed += got.count;
         if (asks && hashed / kHashQuestionInterval != before / kHashQuestionInterval) {
             corvina::DispatchQueue::global().async([delegate, path, cancelled] {
                 if (!delegate->checksumShouldContinue(path)) cancelled->store(true);

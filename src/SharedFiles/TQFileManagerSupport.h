@@ -1,5 +1,6 @@
-// Small pieces shared by the file-service sources: owned descriptors and buffers, whole
-// reads and writes, and the few file-system questions they ask. Not part of the interface.
+// Small pieces shared by the file-service sources: owned descriptors and buffers, and the
+// few file-system questions they ask (whole reads and writes are Foundation/PosixIO.h's).
+// Not part of the interface.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,6 +15,8 @@
 #include <mutex>
 #include <thread>
 #include <string>
+
+#include "Foundation/PosixIO.h"
 
 namespace tqfiles {
 
@@ -72,55 +75,6 @@ private:
     std::unique_ptr<uint8_t, Free> data_;
     size_t size_ = 0;
 };
-
-// Reads until the buffer is full or the file ends: the count read, or -1 on an error.
-inline ssize_t readFull(int fd, uint8_t* buffer, size_t size)
-{
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::read(fd, buffer + done, size - done);
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
-}
-
-// The same at a position, without moving the file offset.
-inline ssize_t preadFull(int fd, uint8_t* buffer, size_t size, uint64_t position)
-{
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::pread(fd, buffer + done, size - done, static_cast<off_t>(position + done));
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return done ? static_cast<ssize_t>(done) : -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
-}
-
-// Writes everything at the position: the count written (less than size after an error,
-// whose number is left in errno).
-inline size_t pwriteFull(int fd, const uint8_t* buffer, size_t size, uint64_t position)
-{
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::pwrite(fd, buffer + done, size - done, static_cast<off_t>(position + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = ENOSPC;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return done;
-}
 
 // A thread that runs one job at a time for its owner, who waits for each before the next:
 // reading the next block while the owner works on the current one.

@@ -8,27 +8,14 @@
 #include "AppController.h"
 #include "HelperRun.h"
 #include "QuickTime/AssetWriter.h"
+#include "seeded/SplitMix64.h"
 
 using namespace corvina;
 using namespace corvina::test;
 
 namespace {
 
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t next()
-    {
-        uint64_t z = (state_ += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-    uint64_t between(uint64_t lo, uint64_t hi) { return lo + next() % (hi - lo + 1); }
-
-private:
-    uint64_t state_;
-};
+using Random = SplitMix64;
 
 // Entries of `count` pieces with `junk` bytes before each, written to path.
 MediaEntryTable writeEssence(const std::string& path, Random& random, size_t count, uint64_t minSize, uint64_t maxSize,

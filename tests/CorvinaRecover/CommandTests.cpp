@@ -9,7 +9,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <thread>
 
 #include "Foundation/Value.h"
@@ -18,6 +17,7 @@
 #include "MovieJob.h"
 #include "TestMovies.h"
 #include "TestSupport.h"
+#include "seeded/SplitMix64.h"
 
 using namespace corvina::test;
 
@@ -95,10 +95,10 @@ TEST_F(RecoverOnAnotherDevice, RawDVStreamWithDamagedBlocksBreaksIntoClipsAtTheT
     ASSERT_EQ(original.size(), 50u * 144000);
     {
         std::fstream f(stream, std::ios::in | std::ios::out | std::ios::binary);
-        std::mt19937 random(5);
+        SplitMix64 random(5);
         for (const int frame : {10, 30}) {
             std::string noise(80, '\0');
-            for (char& c : noise) c = char(random());
+            random.fill(reinterpret_cast<uint8_t*>(noise.data()), noise.size());
             f.seekp(frame * 144000 + 500 * 80);
             f.write(noise.data(), 80);
         }

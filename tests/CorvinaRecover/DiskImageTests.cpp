@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "MovieCheck.h"
+#include "Foundation/ByteOrder.h"
 #include "Recovery.h"
 #include "TestMovies.h"
 #include "TestSupport.h"
@@ -21,9 +22,7 @@ constexpr size_t kFrame = 144000;
 
 uint32_t little(const std::string& bytes, size_t at, int width)
 {
-    uint32_t v = 0;
-    for (int i = width - 1; i >= 0; --i) v = v << 8 | uint8_t(bytes[at + size_t(i)]);
-    return v;
+    return uint32_t(corvina::loadLE(reinterpret_cast<const uint8_t*>(bytes.data()) + at, size_t(width)));
 }
 
 TEST(DiskImage, FragmentedDeletedAndPartlyOverwrittenRecordingComesBackInTimecodeOrder)

@@ -13,7 +13,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <random>
 #include <set>
 
 #include "HelperRun.h"
@@ -23,6 +22,7 @@
 #include "TQLog.h"
 #include "TestMovies.h"
 #include "TestSupport.h"
+#include "seeded/SplitMix64.h"
 
 using namespace corvina::test;
 
@@ -84,13 +84,7 @@ void overwrite(const std::string& path, uint64_t offset, const std::string& byte
     f.write(bytes.data(), std::streamsize(bytes.size()));
 }
 
-std::string randomBytes(size_t n, uint32_t seed)
-{
-    std::mt19937 random(seed);
-    std::string s(n, '\0');
-    for (char& c : s) c = char(random());
-    return s;
-}
+std::string randomBytes(size_t n, uint32_t seed) { return patternBytes(n, seed); }
 
 // A damage done to a copy: the byte ranges it destroyed (a cut destroys the tail).
 struct Damage {
@@ -372,7 +366,7 @@ TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
         {{"-c:v", "prores_ks", "-profile:v", "4", "-flags", "+ildct", "-top", "1"}, "320x240", recover::examineProRes},
         {{"-c:v", "mjpeg", "-pix_fmt", "yuvj420p"}, "320x240", recover::examineJPEG},
     };
-    std::mt19937 random(3);
+    SplitMix64 random(3);
     for (const auto& kind : kinds) {
         const std::string movie = dir / "frames.mov";
         ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
@@ -397,9 +391,10 @@ TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
         }
         for (int round = 0; round < 200; ++round) {
             std::vector<uint8_t> noisy(frame.begin(), frame.end());
-            const size_t at = random() % noisy.size(), n = std::min<size_t>(noisy.size() - at, 1 + random() % 400);
-            for (size_t i = 0; i < n; ++i) noisy[at + i] = uint8_t(random());
-            noisy.resize(noisy.size() - random() % 3);
+            const size_t at = random.next() % noisy.size(),
+                         n = std::min<size_t>(noisy.size() - at, 1 + random.next() % 400);
+            random.fill(noisy.data() + at, n);
+            noisy.resize(noisy.size() - random.next() % 3);
             const auto e = kind.examine(noisy, true);
             if (e.verdict == recover::Examination::Verdict::Frame) {
                 EXPECT_LE(e.frame.length, noisy.size());

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "TestSupport.h"
+#include "Foundation/ByteOrder.h"
 #include "MovieCheck.h"
 #include "TQAVFoundation.h"
 #include "TestMovies.h"
@@ -83,9 +84,7 @@ TEST(TQAVFoundationTest, FrameTimesAndTimecodeRecords)
                                       kTimeCodeFlag_DropFrame | kTimeCodeFlag_24HourMax, &df);
     FormatDescription::createTimecode(fourCC("tmcd"), MediaTime::make(1, 25), 25, kTimeCodeFlag_24HourMax, &ndf24);
     FormatDescription::createVideo(fourCC("jpeg"), 64, 48, &video);
-    const auto be = [](uint32_t n) {
-        return (n & 0xFF) << 24 | ((n >> 8) & 0xFF) << 16 | ((n >> 16) & 0xFF) << 8 | n >> 24;
-    };
+    const auto be = corvina::byteSwapped32;
     struct Case {
         const FormatDescription* format;
         uint32_t stored;

@@ -1,5 +1,6 @@
 #include "MovieCheck.h"
 
+#include "Foundation/ByteOrder.h"
 #include "SampleBuffer/FormatDescription.h"
 #include "TestSupport.h"
 
@@ -37,8 +38,7 @@ struct Cursor {
     uint64_t be(int n)
     {
         if (!need(size_t(n))) return 0;
-        uint64_t v = 0;
-        for (int i = 0; i < n; ++i) v = (v << 8) | p[i];
+        const uint64_t v = corvina::loadBE(p, size_t(n));
         p += n;
         left -= size_t(n);
         return v;

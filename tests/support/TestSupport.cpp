@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "Process/Process.h"
+#include "seeded/SplitMix64.h"
 
 extern char** environ;
 
@@ -140,13 +141,7 @@ std::vector<std::string> logEntries(const std::string& path)
 std::string patternBytes(size_t size, uint64_t seed)
 {
     std::string out(size, '\0');
-    uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
-    for (size_t i = 0; i < size; ++i) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        out[i] = static_cast<char>(x >> 24);
-    }
+    SplitMix64(seed).fill(reinterpret_cast<uint8_t*>(out.data()), size);
     return out;
 }
 

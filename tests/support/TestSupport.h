@@ -33,7 +33,8 @@ std::vector<uint8_t> readBytes(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes,
                std::optional<std::filesystem::perms> perms = std::nullopt);
 std::vector<std::string> splitLines(const std::string& text);
-// size bytes of a pattern that differs from one seed to the next (and within a file).
+// size bytes of a pattern that differs from one seed to the next (and within a file): the
+// seeded generator's bytes (seeded/SplitMix64.h).
 std::string patternBytes(size_t size, uint64_t seed = 1);
 // Writes patternBytes(size, seed) to path; returns path.
 std::string makeFile(const std::string& path, size_t size, uint64_t seed = 1);

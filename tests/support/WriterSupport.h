@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Foundation/ByteOrder.h"
 #include "MovieCheck.h"
 #include "TestSupport.h"
 #include "QuickTime/AssetWriter.h"
@@ -57,10 +58,7 @@ inline std::vector<uint8_t> pcmTone(size_t frames, uint32_t channels, bool bigEn
         for (uint32_t c = 0; c < channels; ++c) {
             double t = double(startFrame + i) / rate;
             auto s = int16_t(std::lround(12000 * std::sin(2 * M_PI * (440.0 + 220 * c) * t)));
-            uint8_t* p = &v[(i * channels + c) * 2];
-            uint16_t u = uint16_t(s);
-            p[bigEndian ? 0 : 1] = uint8_t(u >> 8);
-            p[bigEndian ? 1 : 0] = uint8_t(u & 0xFF);
+            corvina::storePCM16(&v[(i * channels + c) * 2], s, bigEndian);
         }
     }
     return v;

@@ -34,44 +34,17 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "Foundation/ByteOrder.h"
 #include "Foundation/Value.h"
+#include "SplitMix64.h"
 
 namespace {
 
 using corvina::Value;
 
 // ---------------------------------------------------------------------------------------
-// Deterministic pseudo-random numbers (splitmix64): same seed, same bytes, on any machine.
-
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t next()
-    {
-        uint64_t z = (state_ += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-    // Uniform enough in [lo, hi] for test data.
-    uint64_t between(uint64_t lo, uint64_t hi) { return lo + next() % (hi - lo + 1); }
-    void fill(uint8_t* out, size_t n)
-    {
-        while (n >= 8) {
-            uint64_t v = next();
-            std::memcpy(out, &v, 8);
-            out += 8;
-            n -= 8;
-        }
-        if (n > 0) {
-            uint64_t v = next();
-            std::memcpy(out, &v, n);
-        }
-    }
-
-private:
-    uint64_t state_;
-};
+// Deterministic pseudo-random numbers: same seed, same bytes, on any machine.
+using Random = corvina::test::SplitMix64;
 
 // ---------------------------------------------------------------------------------------
 // Format rows.
@@ -512,9 +485,7 @@ AudioResult writeAudio(const Options& o, const AudioRow* row, const std::string&
                 const double hz = 440.0 * (c + 2) / 2;  // 440 Hz left, 660 Hz right
                 const auto s =
                     static_cast<int16_t>(std::lround(0.5 * 32767 * std::sin(2 * kPi * hz * frame / row->rate)));
-                const auto u = static_cast<uint16_t>(s);
-                out[0] = static_cast<uint8_t>(row->bigEndian ? u >> 8 : u & 0xFF);
-                out[1] = static_cast<uint8_t>(row->bigEndian ? u & 0xFF : u >> 8);
+                corvina::storePCM16(out, s, row->bigEndian);
                 out += 2;
             }
         }

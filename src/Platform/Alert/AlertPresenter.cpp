@@ -12,6 +12,7 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
+#include "Foundation/PosixIO.h"
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
 
@@ -88,16 +89,8 @@ private:
     int fds_[2];
 };
 
-void writeText(int fd, const std::string& text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
-}
+// A terminal that is gone takes nothing more; the alert carries on to its default answer.
+void writeText(int fd, const std::string& text) { posix::writeAll(fd, text); }
 
 class TerminalSession final : public AlertSession {
 public:
@@ -134,11 +127,8 @@ private:
         bool answered = false;
         for (;;) {
             pollfd fds[2] = {{in_, POLLIN, 0}, {cancel_.readEnd(), POLLIN, 0}};
-            const int ready = ::poll(fds, cancel_.readEnd() >= 0 ? 2 : 1, -1);
-            if (ready < 0) {
-                if (errno == EINTR) continue;
-                break;  // cannot read: the default button
-            }
+            const int ready = posix::retryInterrupted([&] { return ::poll(fds, cancel_.readEnd() >= 0 ? 2 : 1, -1); });
+            if (ready < 0) break;  // cannot read: the default button
             if (dismissed_) return;
             char c = 0;
             const ssize_t n = ::read(in_, &c, 1);

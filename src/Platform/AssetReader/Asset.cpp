@@ -9,12 +9,11 @@ extern "C" {
 }
 
 #include "AssetReader/Libav.h"
+#include "Foundation/ByteOrder.h"
 
 namespace corvina {
 
 namespace {
-
-uint32_t readBE32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 
 std::string percentDecoded(const std::string& text)
 {
@@ -137,10 +136,10 @@ void Asset::inspect()
             hasTimecodeTrack = true;
             if (par.extradata && par.extradata_size >= 17) {
                 const uint8_t* d = par.extradata;
-                const uint32_t scale = readBE32(d + 8);
+                const uint32_t scale = loadBE32(d + 8);
                 FormatDescription::createTimecode(
-                    fourCC("tmcd"), MediaTime::make(readBE32(d + 12), int32_t(std::min<uint32_t>(scale, INT32_MAX))),
-                    d[16], readBE32(d + 4), &format);
+                    fourCC("tmcd"), MediaTime::make(loadBE32(d + 12), int32_t(std::min<uint32_t>(scale, INT32_MAX))),
+                    d[16], loadBE32(d + 4), &format);
             }
         } else if (par.codec_type == AVMEDIA_TYPE_SUBTITLE) {
             track->mediaType_ = MediaType::Subtitle;
@@ -168,7 +167,8 @@ void Asset::inspect()
                                               flags, &format);
             track->formats_.push_back(std::move(format));
             const uint32_t start = uint32_t(tc.start);
-            track->madeSample_ = {uint8_t(start >> 24), uint8_t(start >> 16), uint8_t(start >> 8), uint8_t(start)};
+            track->madeSample_.resize(4);
+            storeBE32(track->madeSample_.data(), start);
             tracks_.push_back(std::move(track));
         }
     }

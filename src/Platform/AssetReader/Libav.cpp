@@ -8,6 +8,7 @@
 #include <string>
 
 #include "AssetReader/Asset.h"
+#include "Foundation/ByteOrder.h"
 #include "Foundation/Exception.h"
 
 namespace corvina::av {
@@ -71,7 +72,7 @@ namespace {
 FourCharCode fromTag(uint32_t tag)
 {
     // libav keeps a tag in file order in the low byte first.
-    return (tag & 0xFF) << 24 | ((tag >> 8) & 0xFF) << 16 | ((tag >> 16) & 0xFF) << 8 | (tag >> 24);
+    return byteSwapped32(tag);
 }
 
 }  // namespace

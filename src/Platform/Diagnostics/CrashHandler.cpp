@@ -2,6 +2,7 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/FolderDescriptor.h"
+#include "Foundation/PosixIO.h"
 
 #include <execinfo.h>
 #include <fcntl.h>
@@ -143,16 +144,8 @@ void appendName(Line& line, std::string_view program, int64_t when, long utcOffs
     line.text(".crash");
 }
 
-void writeAll(int fd, const char* data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-}
+// Async-signal-safe: the loop allocates nothing. A report that cannot be written is lost.
+void writeAll(int fd, const char* data, size_t size) { posix::writeAll(fd, std::string_view(data, size)); }
 
 void writeText(int fd, const char* text) { writeAll(fd, text, std::strlen(text)); }
 
@@ -182,11 +175,7 @@ void copyLogTail(int fd, int out)
     if (::fstat(fd, &st) == 0 && st.st_size > 0) {
         const off_t start = st.st_size > static_cast<off_t>(kLogTail) ? st.st_size - static_cast<off_t>(kLogTail) : 0;
         if (::lseek(fd, start, SEEK_SET) == start) {
-            ssize_t got = 0;
-            size_t total = 0;
-            while (total < kLogTail && (got = ::read(fd, g_logBuffer + total, kLogTail - total)) > 0) {
-                total += static_cast<size_t>(got);
-            }
+            const size_t total = posix::readAll(fd, std::span(reinterpret_cast<uint8_t*>(g_logBuffer), kLogTail)).count;
             size_t from = 0;
             if (start > 0) {
                 while (from < total && g_logBuffer[from] != '\n') ++from;

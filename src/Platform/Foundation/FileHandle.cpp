@@ -11,6 +11,7 @@
 #include "Error.h"
 #include "Exception.h"
 #include "Format.h"
+#include "PosixIO.h"
 
 namespace corvina {
 
@@ -20,10 +21,8 @@ namespace {
 // was opened block as usual. With regularOnly, anything but a regular file is refused.
 int openFile(const std::string& path, int flags, bool regularOnly = false, Error* error = nullptr)
 {
-    int fd;
-    do {
-        fd = ::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
+    const int fd =
+        posix::retryInterrupted([&] { return ::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); });
     if (fd < 0) {
         if (error) *error = Error::fromErrno(errno);
         return -1;
@@ -139,18 +138,15 @@ size_t FileHandle::readInto(uint8_t* dst, size_t length)
         const size_t remaining = length - done;
         if (windowCapacity_ == 0 || remaining >= windowCapacity_) {
             // Large reads go straight to the file.
-            const ssize_t n =
-                ::pread(fd_, dst + done, std::min<size_t>(remaining, 1u << 30), static_cast<off_t>(offset_));
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) raise("readDataOfLength:", errno);
-            if (n == 0) break;
-            done += static_cast<size_t>(n);
-            offset_ += static_cast<uint64_t>(n);
-            continue;
+            const posix::Transfer t = posix::preadAll(fd_, std::span(dst + done, remaining), offset_);
+            done += t.count;
+            offset_ += t.count;
+            if (t.failed()) raise("readDataOfLength:", t.error);
+            break;  // all read, or the end of the file
         }
         if (!window_) window_ = std::make_unique_for_overwrite<uint8_t[]>(windowCapacity_);
-        const ssize_t n = ::pread(fd_, window_.get(), windowCapacity_, static_cast<off_t>(offset_));
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = posix::retryInterrupted(
+            [&] { return ::pread(fd_, window_.get(), windowCapacity_, static_cast<off_t>(offset_)); });
         if (n < 0) {
             windowSize_ = 0;
             raise("readDataOfLength:", errno);
@@ -198,15 +194,9 @@ void FileHandle::writeData(std::span<const uint8_t> bytes)
 {
     if (fd_ < 0) raise("writeData:", EBADF);
     windowSize_ = 0;  // what the window holds may be about to change
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::pwrite(fd_, bytes.data() + done, bytes.size() - done, static_cast<off_t>(offset_));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) raise("writeData:", errno);
-        if (n == 0) raise("writeData:", EIO);
-        done += static_cast<size_t>(n);
-        offset_ += static_cast<uint64_t>(n);
-    }
+    const posix::Transfer t = posix::pwriteAll(fd_, bytes, offset_);
+    offset_ += t.count;
+    if (t.failed()) raise("writeData:", t.error);
 }
 
 void FileHandle::synchronizeFile()

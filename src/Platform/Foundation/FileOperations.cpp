@@ -16,6 +16,8 @@
 #include <memory>
 #include <string_view>
 
+#include "PosixIO.h"
+
 namespace corvina {
 
 namespace {
@@ -56,21 +58,13 @@ int copyRange(int in, int out, off_t from, off_t to, bool& plain)
                 return errno;
             plain = true;
         }
-        char buffer[1 << 16];
-        const ssize_t n = ::pread(in, buffer, std::min(want, sizeof buffer), inPos);
+        uint8_t buffer[1 << 16];
+        const ssize_t n =
+            posix::retryInterrupted([&] { return ::pread(in, buffer, std::min(want, sizeof buffer), inPos); });
         if (n == 0) return 0;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        for (ssize_t done = 0; done < n;) {
-            const ssize_t w = ::pwrite(out, buffer + done, static_cast<size_t>(n - done), outPos + done);
-            if (w < 0) {
-                if (errno == EINTR) continue;
-                return errno;
-            }
-            done += w;
-        }
+        if (n < 0) return errno;
+        const posix::Transfer w = posix::pwriteAll(out, std::span(buffer, size_t(n)), uint64_t(outPos));
+        if (w.failed()) return w.error;
         inPos += n;
         outPos += n;
     }
@@ -341,13 +335,7 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes)
     if (fd < 0) return false;
     struct stat st {};
     const mode_t mode = ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : (0666 & ~currentUmask());
-    bool ok = ::fchmod(fd, mode) == 0;
-    for (size_t at = 0; ok && at < bytes.size();) {
-        const ssize_t n = ::write(fd, bytes.data() + at, bytes.size() - at);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) at += static_cast<size_t>(n);
-    }
+    bool ok = ::fchmod(fd, mode) == 0 && posix::writeFully(fd, bytes);
     ok = ok && ::fsync(fd) == 0;
     ok = (::close(fd) == 0) && ok;
     if (ok) ok = ::rename(temp.c_str(), path.c_str()) == 0;

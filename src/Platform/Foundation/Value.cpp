@@ -15,7 +15,9 @@
 #include <fstream>
 #include <limits>
 
+#include "ByteOrder.h"
 #include "FileOperations.h"
+#include "PosixIO.h"
 #include "Format.h"
 #include "StringUtils.h"
 
@@ -555,13 +557,6 @@ bool xmlNestsTooDeep(const char* text, size_t length)
 
 // ---- binary lists: structure checked before libplist recurses through it ---------------------
 
-uint64_t readBigEndian(const uint8_t* p, unsigned size)
-{
-    uint64_t v = 0;
-    for (unsigned i = 0; i < size; ++i) v = v << 8 | p[i];
-    return v;
-}
-
 enum class BinaryCheck { Fine, Malformed, TooDeep };
 
 // Walks the object graph of a binary list without recursion: every container's nesting depth
@@ -572,9 +567,9 @@ BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
     if (length < kHeader + kTrailer) return BinaryCheck::Malformed;
     const uint8_t* trailer = data + length - kTrailer;
     const unsigned offsetSize = trailer[6], refSize = trailer[7];
-    const uint64_t count = readBigEndian(trailer + 8, 8);
-    const uint64_t top = readBigEndian(trailer + 16, 8);
-    const uint64_t tableOffset = readBigEndian(trailer + 24, 8);
+    const uint64_t count = loadBE(trailer + 8, 8);
+    const uint64_t top = loadBE(trailer + 16, 8);
+    const uint64_t tableOffset = loadBE(trailer + 24, 8);
     const auto validSize = [](unsigned n) { return n == 1 || n == 2 || n == 4 || n == 8; };
     if (!validSize(offsetSize) || !validSize(refSize) || count == 0 || top >= count) return BinaryCheck::Malformed;
     const uint64_t body = length - kTrailer;
@@ -595,12 +590,12 @@ BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
         if (*pos >= tableOffset || (data[*pos] >> 4) != 0x1) return false;
         const unsigned size = 1u << (data[*pos] & 0x0F);
         if (size > 8 || *pos + 1 + size > tableOffset) return false;
-        *n = readBigEndian(data + *pos + 1, size);
+        *n = loadBE(data + *pos + 1, size);
         *pos += 1 + size;
         return true;
     };
     const auto refsOf = [&](uint64_t object, Refs* refs) -> bool {
-        const uint64_t at = readBigEndian(data + tableOffset + object * offsetSize, offsetSize);
+        const uint64_t at = loadBE(data + tableOffset + object * offsetSize, offsetSize);
         if (at < kHeader || at >= tableOffset) return false;
         const unsigned type = data[at] >> 4;
         *refs = {};
@@ -646,7 +641,7 @@ BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
     while (!path.empty()) {
         Frame& frame = path.back();
         if (frame.next < frame.refs.count) {
-            const uint64_t child = readBigEndian(data + frame.refs.first + frame.next * refSize, refSize);
+            const uint64_t child = loadBE(data + frame.refs.first + frame.next * refSize, refSize);
             ++frame.next;
             if (child >= count) return BinaryCheck::Malformed;
             if (state[child] == 1) return BinaryCheck::TooDeep;  // a cycle
@@ -657,7 +652,7 @@ BinaryCheck checkBinaryPlist(const uint8_t* data, size_t length)
         uint16_t deepest = 0;
         uint64_t size = 1;
         for (uint64_t i = 0; i < frame.refs.count; ++i) {
-            const uint64_t child = readBigEndian(data + frame.refs.first + i * refSize, refSize);
+            const uint64_t child = loadBE(data + frame.refs.first + i * refSize, refSize);
             deepest = std::max(deepest, depth[child]);
             size = expanded[child] > kMaxExpandedObjects - size ? kMaxExpandedObjects + 1 : size + expanded[child];
             if (size > kMaxExpandedObjects) return BinaryCheck::TooDeep;
@@ -694,7 +689,7 @@ bool utf16ToUtf8(const uint8_t* data, size_t length, std::string* out)
     out->clear();
     out->reserve(length / 2 + 16);
     const auto unit = [&](size_t i) -> uint32_t {
-        return bigEndian ? uint32_t(data[i] << 8 | data[i + 1]) : uint32_t(data[i + 1] << 8 | data[i]);
+        return uint32_t(bigEndian ? loadBE16(data + i) : loadLE16(data + i));
     };
     for (size_t i = start; i + 1 < length; i += 2) {
         uint32_t c = unit(i);
@@ -831,8 +826,7 @@ std::optional<std::string> Value::propertyListFileBytes(const std::string& path,
     bytes.reserve(static_cast<size_t>(st.st_size));
     char buf[65536];
     while (bytes.size() <= kMaxFileBytes) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = posix::retryInterrupted([&] { return ::read(fd, buf, sizeof buf); });
         if (n < 0) {
             const int err = errno;
             ::close(fd);
@@ -919,18 +913,6 @@ plist_t toNode(const Value& v, int depth)
     }
 }
 
-bool writeAll(int fd, const char* data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 std::string Value::toXMLPropertyList() const
@@ -967,7 +949,7 @@ bool Value::writeToFile(const std::string& path, bool atomically) const
     if (!atomically) {
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
         if (fd < 0) return false;
-        const bool ok = writeAll(fd, xml.data(), xml.size());
+        const bool ok = bool(posix::writeFully(fd, xml));
         return (::close(fd) == 0) && ok;
     }
     return writeFileAtomically(path, xml);

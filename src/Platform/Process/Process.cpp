@@ -17,6 +17,7 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
+#include "Foundation/PosixIO.h"
 
 extern char** environ;
 
@@ -67,18 +68,8 @@ struct SpawnAttributes {
     ~SpawnAttributes() { posix_spawnattr_destroy(&attr); }
 };
 
-void writeAll(int fd, const std::string& data)
-{
-    size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;  // the tool closed its input; nothing more to give it
-        }
-        done += static_cast<size_t>(n);
-    }
-}
+// A tool that closed its input takes nothing more; that is no failure of ours.
+void writeAll(int fd, const std::string& data) { posix::writeAll(fd, data); }
 
 }  // namespace
 
@@ -125,7 +116,7 @@ Process::~Process()
     const pid_t pid = pid_;
     std::thread([pid] {
         int s = 0;
-        while (::waitpid(pid, &s, 0) < 0 && errno == EINTR) {}
+        posix::retryInterrupted([&] { return ::waitpid(pid, &s, 0); });
     }).detach();
 }
 
@@ -237,11 +228,7 @@ void Process::readToEnd(Bytes* output, Bytes* error)
         nfds_t n = 0;
         if (outFd_ >= 0) fds[n++] = {outFd_, POLLIN, 0};
         if (errFd_ >= 0) fds[n++] = {errFd_, POLLIN, 0};
-        const int ready = ::poll(fds, n, -1);
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
+        if (posix::retryInterrupted([&] { return ::poll(fds, n, -1); }) < 0) break;
         for (nfds_t i = 0; i < n; ++i) {
             if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) continue;
             const bool isOut = fds[i].fd == outFd_;
@@ -263,11 +250,7 @@ Process::ChunkResult Process::readOutputChunk(Bytes& chunk, int wakeFd)
     std::array<uint8_t, 65536> buffer;
     while (outFd_ >= 0) {
         pollfd fds[2] = {{outFd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        const int ready = ::poll(fds, wakeFd >= 0 ? 2 : 1, -1);
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
+        if (posix::retryInterrupted([&] { return ::poll(fds, wakeFd >= 0 ? 2 : 1, -1); }) < 0) break;
         if (wakeFd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) return ChunkResult::Woken;
         if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) continue;
         const ssize_t got = ::read(outFd_, buffer.data(), buffer.size());
@@ -307,12 +290,11 @@ void Process::waitUntilExit()
     // Wait without reaping, so that terminate() on another thread can still tell a live
     // process from a reaped one (and never signals a recycled process id).
     siginfo_t info{};
-    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {}
+    posix::retryInterrupted([&] { return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT); });
     std::lock_guard lock(mutex_);
     if (reaped_) return;
     int status = 0;
-    pid_t r;
-    while ((r = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {}
+    const pid_t r = posix::retryInterrupted([&] { return ::waitpid(pid_, &status, 0); });
     if (r == pid_) {
         reapLocked(status);
     } else {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Foundation/ByteOrder.h"
 #include "SampleBuffer/FormatDescription.h"
 
 namespace corvina::qt {
@@ -46,19 +47,18 @@ public:
     }
     void end(size_t start) { patch32(start, uint32_t(bytes_.size() - start)); }
 
-    void patch32(size_t at, uint32_t v)
-    {
-        for (int i = 0; i < 4; ++i) bytes_[at + i] = uint8_t(v >> (24 - 8 * i));
-    }
+    void patch32(size_t at, uint32_t v) { storeBE32(bytes_.data() + at, v); }
 
     size_t size() const { return bytes_.size(); }
     const std::vector<uint8_t>& bytes() const { return bytes_; }
     std::vector<uint8_t> take() { return std::move(bytes_); }
 
 private:
-    void put(uint64_t v, int n)
+    void put(uint64_t v, size_t n)
     {
-        for (int i = n - 1; i >= 0; --i) bytes_.push_back(uint8_t(v >> (8 * i)));
+        uint8_t field[8];
+        storeBE(field, v, n);
+        bytes_.insert(bytes_.end(), field, field + n);
     }
     std::vector<uint8_t> bytes_;
 };

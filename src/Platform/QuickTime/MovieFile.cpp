@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Foundation/PosixIO.h"
 #include "QuickTime/AtomWriter.h"
 
 namespace corvina::qt {
@@ -92,75 +93,31 @@ void MovieFile::close()
 
 bool MovieFile::writeAll(const uint8_t* data, size_t size, Error* error)
 {
-    while (size) {
-        ssize_t n = ::write(fd_, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *error = posixError(errno, "cannot write the movie");
-            return false;
-        }
-        if (n == 0) {
-            *error = posixError(EIO, "cannot write the movie");
-            return false;
-        }
-        data += n;
-        size -= size_t(n);
-        written_ += uint64_t(n);
-    }
-    return true;
+    const posix::Transfer t = posix::writeAll(fd_, std::span(data, size));
+    written_ += t.count;
+    if (t.failed()) *error = posixError(t.error, "cannot write the movie");
+    return !t.failed();
 }
 
 bool MovieFile::writeBufferAnd(std::span<const uint8_t> bytes, Error* error)
 {
     iovec parts[2] = {{buffer_.data(), buffer_.size()}, {const_cast<uint8_t*>(bytes.data()), bytes.size()}};
-    iovec* part = buffer_.empty() ? parts + 1 : parts;
-    int count = buffer_.empty() ? 1 : 2;
-    while (count > 0) {
-        ssize_t n = ::writev(fd_, part, count);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *error = posixError(errno, "cannot write the movie");
-            return false;
-        }
-        if (n == 0) {
-            *error = posixError(EIO, "cannot write the movie");
-            return false;
-        }
-        written_ += uint64_t(n);
-        startWriteback();
-        auto left = size_t(n);
-        while (count > 0 && left >= part->iov_len) {
-            left -= part->iov_len;
-            ++part;
-            --count;
-        }
-        if (count > 0) {
-            part->iov_base = static_cast<uint8_t*>(part->iov_base) + left;
-            part->iov_len -= left;
-        }
+    const posix::Transfer t = posix::writevAll(fd_, parts);
+    written_ += t.count;
+    if (t.failed()) {
+        *error = posixError(t.error, "cannot write the movie");
+        return false;
     }
+    startWriteback();
     buffer_.clear();
     return true;
 }
 
 bool MovieFile::writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error)
 {
-    while (size) {
-        ssize_t n = ::pwrite(fd_, data, size, off_t(offset));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *error = posixError(errno, "cannot write the movie");
-            return false;
-        }
-        if (n == 0) {
-            *error = posixError(EIO, "cannot write the movie");
-            return false;
-        }
-        data += n;
-        size -= size_t(n);
-        offset += uint64_t(n);
-    }
-    return true;
+    const posix::Transfer t = posix::pwriteAll(fd_, std::span(data, size), offset);
+    if (t.failed()) *error = posixError(t.error, "cannot write the movie");
+    return !t.failed();
 }
 
 void MovieFile::startWriteback()

@@ -2,12 +2,14 @@
 
 #include <cstdio>
 
+#include "Foundation/ByteOrder.h"
 namespace corvina {
 
 std::string fourCCText(FourCharCode code, bool trimBlanks)
 {
     static constexpr char kHex[] = "0123456789ABCDEF";
-    const uint8_t bytes[4] = {uint8_t(code >> 24), uint8_t(code >> 16), uint8_t(code >> 8), uint8_t(code)};
+    uint8_t bytes[4];
+    storeBE32(bytes, code);
     auto blank = [&](int i) { return trimBlanks && (bytes[i] == ' ' || bytes[i] == '\t'); };
     int first = 0, last = 3;
     while (first <= last && blank(first)) ++first;

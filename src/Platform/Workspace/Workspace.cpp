@@ -15,6 +15,7 @@
 
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
+#include "Foundation/PosixIO.h"
 #include "Foundation/StringUtils.h"
 #include "Process/Process.h"
 
@@ -196,12 +197,11 @@ std::optional<std::string> reserve(const std::string& item, const std::string& f
             if (error) *error = Error::fromErrno(errno);
             return std::nullopt;
         }
-        const bool written = ::write(fd, record.data(), record.size()) == static_cast<ssize_t>(record.size());
-        const int err = errno;
+        const posix::Transfer written = posix::writeAll(fd, record);
         ::close(fd);
-        if (!written) {
+        if (written.failed()) {
             ::unlink(infoPath.c_str());
-            if (error) *error = Error::fromErrno(err ? err : EIO);
+            if (error) *error = Error::fromErrno(written.error);
             return std::nullopt;
         }
         struct stat owner {};

@@ -7,6 +7,7 @@
 
 #include "AssetReader/AssetReader.h"
 #include "AssetReader/Libav.h"
+#include "Foundation/ByteOrder.h"
 #include "Foundation/Exception.h"
 #include "TestSupport.h"
 #include "TestMovies.h"
@@ -123,7 +124,7 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
         const auto samples = drain(*output);
         ASSERT_FALSE(samples.empty());
         const uint8_t* p = samples[0]->dataBuffer()->data();
-        EXPECT_EQ(uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3], c.frameNumber);
+        EXPECT_EQ(corvina::loadBE32(p), c.frameNumber);
         EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
     }
 }

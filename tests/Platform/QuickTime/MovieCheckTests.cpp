@@ -45,7 +45,7 @@ TEST(MovieFile, HeadersAreTheReservedLayout)
                                   0x03, 0x00, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 28), std::vector<uint8_t>(expected, expected + 28));
     EXPECT_EQ(std::memcmp(&bytes[32], "mdat", 4), 0);
-    uint32_t mdatSize = uint32_t(bytes[28]) << 24 | uint32_t(bytes[29]) << 16 | uint32_t(bytes[30]) << 8 | bytes[31];
+    const uint32_t mdatSize = corvina::loadBE32(&bytes[28]);
     EXPECT_EQ(mdatSize, 8u + 10 * 1000 + 45);
     EXPECT_EQ(std::memcmp(&bytes[28 + mdatSize + 4], "moov", 4), 0) << "moov follows mdat";
     expectToolsAccept(path, false);

@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "Foundation/ByteOrder.h"
 #include "Foundation/Value.h"
 #include "HelperRun.h"
 
@@ -219,13 +220,12 @@ TEST(SampleJob, AudioRowsGiveTheToneInRunsOfWholeFrames)
             const uint8_t* p = job->audio.data() + r.offset;
             for (uint64_t i = 0; i < r.length / bytesPerFrame; ++i, ++frame) {
                 for (int c = 0; c < row.channels; ++c, p += 2) {
-                    const auto u = static_cast<uint16_t>(row.bigEndian ? (p[0] << 8) | p[1] : (p[1] << 8) | p[0]);
+                    const int16_t u = corvina::loadPCM16(p, row.bigEndian);
                     const double hz = 440.0 * (c + 2) / 2;
                     const double expected =
                         0.5 * 32767 * std::sin(2 * std::numbers::pi * hz * static_cast<double>(frame) / row.rate);
-                    if (std::abs(static_cast<int16_t>(u) - expected) > 1.5 && mismatches++ < 3)
-                        ADD_FAILURE() << "frame " << frame << " channel " << c << ": " << static_cast<int16_t>(u)
-                                      << " vs " << expected;
+                    if (std::abs(u - expected) > 1.5 && mismatches++ < 3)
+                        ADD_FAILURE() << "frame " << frame << " channel " << c << ": " << u << " vs " << expected;
                 }
             }
         }
