@@ -66,7 +66,7 @@ std::vector<uint8_t> firstFrameStart(const std::string& path, const MediaEntryTa
     if (entries.empty()) return {};
     const uint64_t length = std::min<uint64_t>(entries.front().length, count);
     Error ignored;
-    auto handle = FileHandle::forReadingRegularFileAtPath(path, &ignored, 0);
+    auto handle = EssenceReader::open(path, &ignored, 0);
     if (!handle) return {};
     try {
         handle->seekToFileOffset(entries.front().offset);
@@ -448,7 +448,7 @@ int64_t AppController::openReaders(const MovieJob& job, Session&)
     std::shared_ptr<FileHandle> videoReader;
     {
         ScopedFileIdentity asUser(actor_);
-        videoReader = FileHandle::forReadingRegularFileAtPath(job.tmpFilename, &openError);
+        videoReader = EssenceReader::open(job.tmpFilename, &openError);
     }
     if (!videoReader) {
         TQLog::appendLog("Error creating video read handle for %@", job.tmpFilename);
@@ -462,7 +462,7 @@ int64_t AppController::openReaders(const MovieJob& job, Session&)
     std::shared_ptr<FileHandle> audioReader;
     {
         ScopedFileIdentity asUser(actor_);
-        audioReader = FileHandle::forReadingRegularFileAtPath(job.tmpAudioFilename, &openError);
+        audioReader = EssenceReader::open(job.tmpAudioFilename, &openError);
     }
     if (!audioReader) {
         TQLog::appendLog("Error creating audio read handle for %@", job.tmpAudioFilename);
