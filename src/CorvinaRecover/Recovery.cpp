@@ -274,10 +274,11 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         size_t done = 0;
         while (done < into.size()) {
             const ssize_t got = ::pread(descriptor, into.data() + done, into.size() - done, off_t(offset + done));
-            if (got <= 0) return false;
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) break;
             done += size_t(got);
         }
-        return true;
+        return done;
     };
     std::vector<Clip> clips =
         groupClips(scanned.frames, scanned.rejections, *expectation, read, &outcome.rejectedOutsideClips);
