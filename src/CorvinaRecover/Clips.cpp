@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <vector>
 
 #include "AppController.h"
@@ -25,7 +27,36 @@ std::string number(uint64_t n) { return std::to_string(n); }
 // (the frames cut in two where the file system split the file are lost), continues it.
 constexpr int kMostFramesLostAtACut = 3;
 
-void joinPieces(std::vector<Clip>& clips)
+// The frame a file system cut in two where it split a recording: its head runs from the first
+// piece's end to the end of a sector, its tail begins on a sector and ends where the later
+// piece starts. Every split on a sector boundary is tried; the one whose whole frame passes
+// the DV reader with the timecode between the pieces is taken, and none when two do.
+std::optional<std::pair<ByteRange, ByteRange>> cutFrameBetween(const Clip& first, const Clip& then,
+                                                               const Timecode& expected, const ReadBytes& read)
+{
+    constexpr uint64_t kSector = 512;
+    const uint64_t size = first.frames.back().length, head = first.lastByte(), tailEnd = then.firstByte();
+    // The head ends and the tail begins on a sector: both at once only when these agree.
+    if (first.family != Family::DV || tailEnd < size || (head + size - tailEnd) % kSector != 0) return std::nullopt;
+    // What could hold the head (after the first piece) and the tail (before the later one).
+    std::vector<uint8_t> after(size), before(size), frame(size);
+    if (read(head, after) != size || read(tailEnd - size, before) != size) return std::nullopt;
+    std::optional<std::pair<ByteRange, ByteRange>> found;
+    for (uint64_t split = (kSector - head % kSector) % kSector; split < size; split += kSector) {
+        const ByteRange headRange{head, split}, tailRange{tailEnd - (size - split), size - split};
+        if (split == 0 || (headRange.offset < tailRange.end() && tailRange.offset < headRange.end())) continue;
+        std::memcpy(frame.data(), after.data(), size_t(split));
+        std::memcpy(frame.data() + split, before.data() + split, size_t(size - split));
+        const Examination e = examineDV(frame, true);
+        if (e.verdict != Examination::Verdict::Frame || e.frame.length != size || e.frame.timecode != expected)
+            continue;
+        if (found) return std::nullopt;
+        found = {headRange, tailRange};
+    }
+    return found;
+}
+
+void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
 {
     bool joined = true;
     while (joined) {
@@ -49,6 +80,14 @@ void joinPieces(std::vector<Clip>& clips)
                 for (int lost = 0; lost <= kMostFramesLostAtACut && !joined;
                      ++lost, expected = expected.next(nominal)) {
                     if (expected != *then.startTimecode) continue;
+                    // One frame between the pieces is the one cut in two, when it can be put together.
+                    if (lost == 1)
+                        if (const auto cut = cutFrameBetween(first, then, first.endTimecode->next(nominal), read)) {
+                            first.cutFrames.push_back({first.frames.size(), cut->second});
+                            first.frames.push_back(cut->first);
+                        }
+                    for (const Clip::CutFrame& cut : then.cutFrames)
+                        first.cutFrames.push_back({cut.index + first.frames.size(), cut.tail});
                     first.joinedAt.push_back(first.frames.size());
                     first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
                     // Sound that stood before the later piece's first frame goes on between them.
@@ -298,7 +337,7 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         if (after.length > 0) clips.back().audio.push_back(after);
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
-    joinPieces(clips);
+    joinPieces(clips, read);
     // Clips that all carry a timecode are numbered in its order, which pieces scattered over a
     // disk no longer show; the damaged frames are assigned by input position before that.
 

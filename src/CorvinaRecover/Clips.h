@@ -38,6 +38,12 @@ struct Clip {
     std::vector<ByteRange> frames;
     std::optional<Timecode> startTimecode, endTimecode;
     std::vector<uint64_t> joinedAt;  // frame indexes where a later piece of the clip was joined on
+    // Frames a file system cut in two: frames[index] is the head, `tail` the rest, elsewhere.
+    struct CutFrame {
+        size_t index = 0;
+        ByteRange tail;
+    };
+    std::vector<CutFrame> cutFrames;
     int64_t audioFormat = 0;
     std::vector<ByteRange> audio;
     uint64_t audioGapsRefused = 0;          // gaps between frames that were not all audio (the clip ended there)

@@ -160,6 +160,7 @@ void pixelRGB(const AVFrame& frame, const AVPixFmtDescriptor& d, int x, int y, u
 std::vector<ByteRange> rangesUsed(const Clip& clip)
 {
     std::vector<ByteRange> all(clip.frames);
+    for (const Clip::CutFrame& cut : clip.cutFrames) all.push_back(cut.tail);
     all.insert(all.end(), clip.audio.begin(), clip.audio.end());
     std::sort(all.begin(), all.end(), [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
     std::vector<ByteRange> merged;
