@@ -145,10 +145,10 @@ Result<void> MovieSession::checkJob()
 void MovieSession::openDataFiles()
 {
     ScopedFileIdentity asUser(controller_.actor_);
-    if (std::shared_ptr<FileHandle> file = FileHandle::forReadingRegularFileAtPath(job_.tmpFilename, &videoOpenError_))
+    if (std::shared_ptr<FileHandle> file = EssenceReader::open(job_.tmpFilename, &videoOpenError_))
         videoFeeder_ = std::make_unique<VideoTrackFeeder>(std::move(file), job_.videoEntries);
     if (std::shared_ptr<FileHandle> file =
-            FileHandle::forReadingRegularFileAtPath(job_.tmpAudioFilename, &audioOpenError_))
+            EssenceReader::open(job_.tmpAudioFilename, &audioOpenError_))
         audioFeeder_ = std::make_unique<AudioTrackFeeder>(std::move(file), job_.audioEntries);
 }
 

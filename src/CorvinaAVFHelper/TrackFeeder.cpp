@@ -1,5 +1,7 @@
 #include "TrackFeeder.h"
 
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Foundation/Error.h"
 #include "TQLog.h"
 
 using namespace corvina;
@@ -17,8 +20,26 @@ using namespace corvina;
 EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move(file))
 {
     struct stat info {};
-    if (file_ && !file_->isClosed() && ::fstat(file_->fileDescriptor(), &info) == 0 && info.st_size > 0)
+    if (!file_ || file_->isClosed() || ::fstat(file_->fileDescriptor(), &info) != 0) return;
+    if (S_ISBLK(info.st_mode)) {
+        uint64_t bytes = 0;
+        if (::ioctl(file_->fileDescriptor(), BLKGETSIZE64, &bytes) == 0) size_ = bytes;
+    } else if (info.st_size > 0) {
         size_ = static_cast<uint64_t>(info.st_size);
+    }
+}
+
+std::unique_ptr<FileHandle> EssenceReader::open(const std::string& path, Error* error, size_t readAheadBytes)
+{
+    if (auto file = FileHandle::forReadingRegularFileAtPath(path, error, readAheadBytes)) return file;
+    // Refused as no regular file: a block device is taken after all (read only, its
+    // descriptor checked); anything else keeps the refusal's error.
+    Error refusal = error ? *error : Error{};
+    auto device = FileHandle::forReadingAtPath(path, readAheadBytes);
+    struct stat info {};
+    if (device && ::fstat(device->fileDescriptor(), &info) == 0 && S_ISBLK(info.st_mode)) return device;
+    if (error) *error = refusal;
+    return nullptr;
 }
 
 size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)

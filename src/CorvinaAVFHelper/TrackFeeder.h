@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Foundation/FileHandle.h"
@@ -27,13 +28,18 @@
 class EssenceReader {
 public:
     explicit EssenceReader(std::shared_ptr<corvina::FileHandle> file = nullptr);
+    // Opens a data file for reading: a regular file, or a block device (a disk read straight,
+    // never written). A FIFO, a socket, a character device or a folder is refused with
+    // *error saying which; what is checked is the opened descriptor, wherever a link led.
+    static std::unique_ptr<corvina::FileHandle> open(const std::string& path, corvina::Error* error,
+                                                     size_t readAheadBytes = 1 << 20);
     const std::shared_ptr<corvina::FileHandle>& file() const { return file_; }
     // Up to length bytes at offset into out; the number of bytes read.
     size_t readAt(uint64_t offset, uint64_t length, uint8_t* out);
     // The bytes at offset, at most length of them, served from a read-ahead window (the audio
     // feeder's frames are a few bytes each). Valid until the next call.
     std::span<const uint8_t> windowAt(uint64_t offset, size_t length);
-    // Bytes the file held when the reader was made (0 when it could not be asked).
+    // Bytes the file (or the block device) held when the reader was made (0 when it could not be asked).
     uint64_t fileSize() const { return size_; }
 
 private:

@@ -1,8 +1,12 @@
 #include "Clips.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <vector>
 
 #include "AppController.h"
 #include "Foundation/ByteOrder.h"
@@ -24,7 +28,36 @@ std::string number(uint64_t n) { return std::to_string(n); }
 // (the frames cut in two where the file system split the file are lost), continues it.
 constexpr int kMostFramesLostAtACut = 3;
 
-void joinPieces(std::vector<Clip>& clips)
+// The frame a file system cut in two where it split a recording: its head runs from the first
+// piece's end to the end of a sector, its tail begins on a sector and ends where the later
+// piece starts. Every split on a sector boundary is tried; the one whose whole frame passes
+// the DV reader with the timecode between the pieces is taken, and none when two do.
+std::optional<std::pair<ByteRange, ByteRange>> cutFrameBetween(const Clip& first, const Clip& then,
+                                                               const Timecode& expected, const ReadBytes& read)
+{
+    constexpr uint64_t kSector = 512;
+    const uint64_t size = first.frames.back().length, head = first.lastByte(), tailEnd = then.firstByte();
+    // The head ends and the tail begins on a sector: both at once only when these agree.
+    if (first.family != Family::DV || tailEnd < size || (head + size - tailEnd) % kSector != 0) return std::nullopt;
+    // What could hold the head (after the first piece) and the tail (before the later one).
+    std::vector<uint8_t> after(size), before(size), frame(size);
+    if (read(head, after) != size || read(tailEnd - size, before) != size) return std::nullopt;
+    std::optional<std::pair<ByteRange, ByteRange>> found;
+    for (uint64_t split = (kSector - head % kSector) % kSector; split < size; split += kSector) {
+        const ByteRange headRange{head, split}, tailRange{tailEnd - (size - split), size - split};
+        if (split == 0 || (headRange.offset < tailRange.end() && tailRange.offset < headRange.end())) continue;
+        std::memcpy(frame.data(), after.data(), size_t(split));
+        std::memcpy(frame.data() + split, before.data() + split, size_t(size - split));
+        const Examination e = examineDV(frame, true);
+        if (e.verdict != Examination::Verdict::Frame || e.frame.length != size || e.frame.timecode != expected)
+            continue;
+        if (found) return std::nullopt;
+        found = {headRange, tailRange};
+    }
+    return found;
+}
+
+void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
 {
     bool joined = true;
     while (joined) {
@@ -48,8 +81,18 @@ void joinPieces(std::vector<Clip>& clips)
                 for (int lost = 0; lost <= kMostFramesLostAtACut && !joined;
                      ++lost, expected = expected.next(nominal)) {
                     if (expected != *then.startTimecode) continue;
+                    // One frame between the pieces is the one cut in two, when it can be put together.
+                    if (lost == 1)
+                        if (const auto cut = cutFrameBetween(first, then, first.endTimecode->next(nominal), read)) {
+                            first.cutFrames.push_back({first.frames.size(), cut->second});
+                            first.frames.push_back(cut->first);
+                        }
+                    for (const Clip::CutFrame& cut : then.cutFrames)
+                        first.cutFrames.push_back({cut.index + first.frames.size(), cut.tail});
                     first.joinedAt.push_back(first.frames.size());
                     first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+                    // Sound that stood before the later piece's first frame goes on between them.
+                    first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
                     first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
                     first.audioGapsRefused += then.audioGapsRefused;
                     first.endTimecode = then.endTimecode;
@@ -94,6 +137,48 @@ bool looksLikePCM(std::span<const uint8_t> bytes, int channels, bool bigEndian)
     return moves <= 0.8 * level + 48.0 * double(count - 1) * channels;
 }
 
+size_t soundRunFrames(std::span<const uint8_t> bytes, int channels, bool bigEndian, bool backward)
+{
+    // A sample may land this far from where its channel's last two point, or four times its
+    // channel's recent largest step when that is more (loud, bright sound).
+    constexpr int kLeastTolerance = 256;
+    constexpr size_t kZeroRun = 64;
+    const size_t frameBytes = size_t(2 * channels), count = bytes.size() / frameBytes;
+    const auto sample = [&](size_t i, int channel) {
+        const size_t frame = backward ? count - 1 - i : i;
+        const uint8_t* p = bytes.data() + frame * frameBytes + size_t(channel) * 2;
+        return int(int16_t(bigEndian ? (p[0] << 8 | p[1]) : (p[1] << 8 | p[0])));
+    };
+    std::vector<int> step(size_t(channels), 0);
+    size_t run = 0, zeros = 0;
+    for (size_t i = 0; i < count; ++i) {
+        bool fits = true, silent = true;
+        for (int c = 0; c < channels && fits; ++c) {
+            const int x = sample(i, c);
+            silent = silent && x == 0;
+            if (i == 0) continue;
+            const int last = sample(i - 1, c), predicted = i >= 2 ? 2 * last - sample(i - 2, c) : last;
+            fits = std::abs(x - predicted) <= std::max(kLeastTolerance, 4 * step[size_t(c)]);
+        }
+        if (!fits) break;
+        zeros = silent ? zeros + 1 : 0;
+        if (zeros >= kZeroRun) {
+            run = i + 1 - zeros;
+            break;
+        }
+        run = i + 1;
+        for (int c = 0; c < channels && i > 0; ++c) {
+            int& s = step[size_t(c)];
+            s = std::max(std::abs(sample(i, c) - sample(i - 1, c)), s - s / 64);
+        }
+    }
+    // Silence alone is no evidence of sound: it is what a disk holds where nothing was written.
+    bool heard = false;
+    for (size_t i = 0; i < run && !heard; ++i)
+        for (int c = 0; c < channels && !heard; ++c) heard = sample(i, c) != 0;
+    return run >= kShortestEdgeRun && heard ? run : 0;
+}
+
 std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::vector<Rejection>& rejections,
                              const Expectation& expectation, const ReadBytes& read, std::vector<Rejection>* outside)
 {
@@ -103,6 +188,57 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     std::vector<Clip> clips;
     const FrameInfo* previous = nullptr;
     std::vector<uint8_t> gapBytes;
+    const uint64_t soundFrame = audio ? audio->feederBytesPerFrame : 1;
+    const uint64_t mostSound = audio ? 2 * audio->sampleRate * soundFrame : 0;  // two seconds
+
+    // The sound at the start (forward) or the end (backward) of [from, to), at most two
+    // seconds of it, in whole sample frames.
+    const auto edgeSound = [&](uint64_t from, uint64_t to, bool backward) -> ByteRange {
+        uint64_t length = std::min(to - from, mostSound);
+        length -= length % soundFrame;
+        if (length == 0) return {};
+        const uint64_t at = backward ? to - length : from;
+        gapBytes.resize(size_t(length));
+        size_t got = read(at, gapBytes);
+        if (backward && got < length) return {};
+        got -= got % soundFrame;
+        const uint64_t bytes =
+            soundRunFrames({gapBytes.data(), got}, int(audio->channels), audio->bigEndian, backward) * soundFrame;
+        return backward ? ByteRange{to - bytes, bytes} : ByteRange{from, bytes};
+    };
+    ByteRange soundBefore;  // before the next clip's first frame, when no clip takes it
+
+    // Where damaged frames lie: sound ends where one begins and starts again after its end
+    // (a DV row's frame size, a ProRes frame's own size field; a JPEG's end is not known).
+    std::vector<ByteRange> damaged;
+    if (audio) {
+        for (const Rejection& r : rejections) {
+            uint64_t length = 2;
+            if (r.family == Family::DV) {
+                length = std::max<uint64_t>(length, dvFrameBytes(r.formatType));
+            } else if (r.family == Family::ProRes) {
+                std::array<uint8_t, 4> size{};
+                if (read(r.offset, size) == size.size()) {
+                    const uint64_t claimed = uint64_t(size[0]) << 24 | size[1] << 16 | size[2] << 8 | size[3];
+                    if (claimed <= kMaxFrameBytes) length = std::max<uint64_t>(length, claimed);
+                }
+            }
+            damaged.push_back({r.offset, length});
+        }
+        std::sort(damaged.begin(), damaged.end(),
+                  [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
+    }
+    // The part of [from, to) that sound may fill from `from` on, and from where up to `to`.
+    const auto soundBounds = [&](uint64_t from, uint64_t to) {
+        uint64_t forwardTo = to, backwardFrom = from;
+        auto it = std::lower_bound(damaged.begin(), damaged.end(), from,
+                                   [](const ByteRange& r, uint64_t at) { return r.offset < at; });
+        for (; it != damaged.end() && it->offset < to; ++it) {
+            forwardTo = std::min(forwardTo, it->offset);
+            backwardFrom = std::max(backwardFrom, std::min(it->end(), to));
+        }
+        return std::pair{forwardTo, backwardFrom};
+    };
 
     for (const FrameInfo& frame : frames) {
         int64_t row = frame.formatType;
@@ -125,16 +261,17 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         }
 
         std::string newClipBecause;
-        uint64_t gap = 0;
         if (!previous) {
             newClipBecause = "start";
+            if (audio) {
+                const uint64_t from = frame.offset - std::min(frame.offset, mostSound);
+                soundBefore = edgeSound(soundBounds(from, frame.offset).second, frame.offset, true);
+            }
         } else {
             Clip& clip = clips.back();
-            gap = frame.offset - (previous->offset + previous->length);
+            const uint64_t end = previous->offset + previous->length, gap = frame.offset - end;
             const uint64_t frameBytes = previous->length;
-            const uint64_t maxGap = audio
-                                        ? uint64_t(2 * audio->sampleRate * audio->feederBytesPerFrame) + 2 * frameBytes
-                                        : 2 * frameBytes + 65536;
+            const uint64_t maxGap = audio ? mostSound + 2 * frameBytes : 2 * frameBytes + 65536;
             const int nominal = int(std::lround(clip.frameRate));
             if (row != clip.formatType || width != clip.width || height != clip.height)
                 newClipBecause = "the format or frame size changes";
@@ -145,6 +282,35 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
                     "the timecode jumps from " + previous->timecode->text() + " to " + frame.timecode->text();
             else if (gap > maxGap)
                 newClipBecause = "a gap of " + number(gap) + " bytes without frames";
+            if (newClipBecause.empty() && audio && gap > 0) {
+                bool taken = false;
+                if (gap % soundFrame == 0) {
+                    gapBytes.resize(size_t(gap));
+                    taken =
+                        read(end, gapBytes) == gap && looksLikePCM(gapBytes, int(audio->channels), audio->bigEndian);
+                }
+                if (taken) {
+                    clip.audio.push_back({end, gap});
+                } else {
+                    // Damage between two frames: the sound on either side of it ends this clip,
+                    // and the next clip's sound begins with its first frame, both in step.
+                    ++clip.audioGapsRefused;
+                    newClipBecause = "a gap of " + number(gap) + " bytes between frames that is not all sound";
+                }
+            }
+            if (!newClipBecause.empty() && audio) {
+                // The clip's sound runs on after its last frame to the damage, the next frame or
+                // the end; what lies before the next frame belongs to frames lost here and
+                // follows it, when the next frame is near enough to be of the same recording.
+                const auto [forwardTo, backwardFrom] = soundBounds(end, frame.offset);
+                const ByteRange after = edgeSound(end, forwardTo, false);
+                if (after.length > 0) clip.audio.push_back(after);
+                const ByteRange before = edgeSound(std::max(after.end(), backwardFrom), frame.offset, true);
+                if (before.length > 0 && gap <= maxGap)
+                    clip.audio.push_back(before);
+                else
+                    soundBefore = before;
+            }
         }
         if (!newClipBecause.empty()) {
             if (!clips.empty()) clips.back().endReason = newClipBecause;
@@ -158,26 +324,21 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
             clip.audioFormat = audio ? expectation.audioFormat : 0;
             clip.dvAudioRate = frame.dvAudioRate;
             clip.dvAudioBits = frame.dvAudioBits;
+            if (soundBefore.length > 0) clip.audioNotPlaced.push_back(soundBefore);
+            soundBefore = {};
             clips.push_back(std::move(clip));
-        } else if (audio && gap > 0) {
-            Clip& clip = clips.back();
-            const uint64_t start = previous->offset + previous->length;
-            bool taken = false;
-            if (gap % audio->feederBytesPerFrame == 0) {
-                gapBytes.resize(size_t(gap));
-                taken = read(start, gapBytes) && looksLikePCM(gapBytes, int(audio->channels), audio->bigEndian);
-            }
-            if (taken)
-                clip.audio.push_back({start, gap});
-            else
-                ++clip.audioGapsRefused;
         }
         clips.back().frames.push_back({frame.offset, frame.length});
         clips.back().endTimecode = frame.timecode;
         previous = &frame;
     }
+    if (audio && previous) {
+        const uint64_t end = previous->offset + previous->length;
+        const ByteRange after = edgeSound(end, soundBounds(end, end + mostSound).first, false);
+        if (after.length > 0) clips.back().audio.push_back(after);
+    }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
-    joinPieces(clips);
+    joinPieces(clips, read);
     // Clips that all carry a timecode are numbered in its order, which pieces scattered over a
     // disk no longer show; the damaged frames are assigned by input position before that.
 

@@ -38,11 +38,18 @@ struct Clip {
     std::vector<ByteRange> frames;
     std::optional<Timecode> startTimecode, endTimecode;
     std::vector<uint64_t> joinedAt;  // frame indexes where a later piece of the clip was joined on
+    // Frames a file system cut in two: frames[index] is the head, `tail` the rest, elsewhere.
+    struct CutFrame {
+        size_t index = 0;
+        ByteRange tail;
+    };
+    std::vector<CutFrame> cutFrames;
     int64_t audioFormat = 0;
     std::vector<ByteRange> audio;
-    uint64_t audioGapsRefused = 0;      // gaps between frames that were not taken as audio
-    std::vector<Rejection> rejections;  // damaged frames inside the clip's span
-    std::string endReason;              // why the clip ended where it did
+    uint64_t audioGapsRefused = 0;          // gaps between frames that were not all audio (the clip ended there)
+    std::vector<ByteRange> audioNotPlaced;  // sound before the clip's first frame with no clip to end
+    std::vector<Rejection> rejections;      // damaged frames inside the clip's span
+    std::string endReason;                  // why the clip ended where it did
     int dvAudioRate = 0, dvAudioBits = 0;
 
     uint64_t firstByte() const { return frames.empty() ? 0 : frames.front().offset; }
@@ -50,8 +57,9 @@ struct Clip {
     double seconds() const { return frameRate > 0 ? double(frames.size()) / frameRate : 0; }
 };
 
-// Reads length bytes at offset of the input (for the audio checks); false on failure.
-using ReadBytes = std::function<bool(uint64_t offset, std::span<uint8_t> into)>;
+// Reads up to into.size() bytes at offset of the input (for the audio checks); the count read,
+// fewer at the input's end or on failure.
+using ReadBytes = std::function<size_t(uint64_t offset, std::span<uint8_t> into)>;
 
 // Frames the expectation rules out become rejections. Pieces of one recording that a file
 // system scattered (their timecode goes on where another piece's ends, give or take the frames
@@ -67,6 +75,14 @@ bool looksLikePCM(std::span<const uint8_t> bytes, int channels, bool bigEndian);
 
 // The frame rate the helper is given for a clip: the expectation's, else the essence's, else
 // 29.97 (Motion JPEG carries none).
+// How many sample frames of 16-bit PCM of `channels` channels run on unbroken from the start
+// of bytes (forward) or back from their end (backward): each sample must land near where its
+// channel's last two samples point, as sound does and noise, video and atom headers do not. A
+// run of zero samples (what file systems and holes leave) ends it; a run shorter than
+// kShortestEdgeRun sample frames, or one of zeros only, counts as none.
+size_t soundRunFrames(std::span<const uint8_t> bytes, int channels, bool bigEndian, bool backward);
+constexpr size_t kShortestEdgeRun = 4;
+
 double clipFrameRate(const Expectation& expectation, const FrameInfo& first);
 
 }  // namespace recover

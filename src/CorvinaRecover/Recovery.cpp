@@ -86,8 +86,8 @@ std::string xmlText(const std::string& text)
 
 // The settings document as an XML property list, written entry by entry: a clip of a million
 // frames costs no tree of a million dictionaries. Written beside, synced, then renamed.
-bool writeSettingsDocument(const Clip& clip, const std::string& input, const std::string& moviePath,
-                           const std::string& path)
+bool writeSettingsDocument(const Clip& clip, const std::string& video, const std::string& input,
+                           const std::string& moviePath, const std::string& path)
 {
     const std::string temp = path + ".partial";
     {
@@ -119,7 +119,7 @@ bool writeSettingsDocument(const Clip& clip, const std::string& input, const std
         std::fprintf(file, "\t<key>frameRate</key>\n\t<real>%.3f</real>\n", clip.frameRate);
         ranges("offsetArray", clip.frames);
         std::fprintf(file, "\t<key>tmpAudioFilename</key>\n\t<string>%s</string>\n", xmlText(input).c_str());
-        std::fprintf(file, "\t<key>tmpFilename</key>\n\t<string>%s</string>\n", xmlText(input).c_str());
+        std::fprintf(file, "\t<key>tmpFilename</key>\n\t<string>%s</string>\n", xmlText(video).c_str());
         std::fputs("</dict>\n</plist>\n", file);
         if (std::fflush(file) != 0 || ::fsync(::fileno(file)) != 0 || std::ferror(file)) {
             std::remove(temp.c_str());
@@ -133,10 +133,10 @@ bool writeSettingsDocument(const Clip& clip, const std::string& input, const std
     return true;
 }
 
-MovieJob jobFor(const Clip& clip, const std::string& input, const std::string& moviePath)
+MovieJob jobFor(const Clip& clip, const std::string& videoFile, const std::string& input, const std::string& moviePath)
 {
     MovieJob job;
-    job.tmpFilename = input;
+    job.tmpFilename = videoFile;
     job.tmpAudioFilename = input;
     job.destFilename = moviePath;
     job.formatType = clip.formatType;
@@ -152,6 +152,52 @@ MovieJob jobFor(const Clip& clip, const std::string& input, const std::string& m
     job.videoEntries = std::move(video);
     job.audioEntries = std::move(audio);
     return job;
+}
+
+// Writes the clip's frames one after another to a new file at path, a frame cut in two put
+// together again, and points the clip's frames into it: the helper takes each frame as one byte
+// range of one file. False (with nothing left behind) when it cannot.
+bool writeFramesFile(Clip& clip, int input, const std::string& path)
+{
+    Descriptor out(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (out.get() < 0) return false;
+    std::vector<uint8_t> buffer(8u << 20);
+    const auto copy = [&](const ByteRange& range) {
+        for (uint64_t done = 0; done < range.length;) {
+            const size_t want = size_t(std::min<uint64_t>(range.length - done, buffer.size()));
+            const ssize_t got = ::pread(input, buffer.data(), want, off_t(range.offset + done));
+            if (got <= 0) return false;
+            for (ssize_t put = 0; put < got;) {
+                const ssize_t n = ::write(out.get(), buffer.data() + put, size_t(got - put));
+                if (n <= 0) return false;
+                put += n;
+            }
+            done += uint64_t(got);
+        }
+        return true;
+    };
+    std::vector<ByteRange> frames;
+    frames.reserve(clip.frames.size());
+    uint64_t at = 0;
+    auto cut = clip.cutFrames.begin();
+    for (size_t i = 0; i < clip.frames.size(); ++i) {
+        uint64_t length = clip.frames[i].length;
+        bool ok = copy(clip.frames[i]);
+        if (cut != clip.cutFrames.end() && cut->index == i) {
+            ok = ok && copy(cut->tail);
+            length += cut->tail.length;
+            ++cut;
+        }
+        if (!ok) {
+            std::remove(path.c_str());
+            return false;
+        }
+        frames.push_back({at, length});
+        at += length;
+    }
+    clip.frames = std::move(frames);
+    clip.cutFrames.clear();
+    return true;
 }
 
 void printProgress(const ScanProgress& p, std::chrono::steady_clock::time_point started)
@@ -273,8 +319,8 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
 
     const int descriptor = fd.get();
     const ReadBytes read = [descriptor](uint64_t offset, std::span<uint8_t> into) {
-        const auto got = corvina::posix::preadFully(descriptor, into, offset);
-        return got && *got == into.size();
+        // As many bytes as the input holds there: a short count at its end.
+        return corvina::posix::preadAll(descriptor, into, offset).count;
     };
     std::vector<Clip> clips =
         groupClips(scanned.frames, scanned.rejections, *expectation, read, &outcome.rejectedOutsideClips);
@@ -290,14 +336,29 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
             outcome.clips.push_back(std::move(clipOutcome));
             continue;
         }
-        const std::string base = freeName(outdir, "clip", number, {".mov", ".plist"});
+        const std::string base = freeName(outdir, "clip", number, {".mov", ".plist", ".frames"});
         ++number;
         const std::string moviePath = base + ".mov";
         clipOutcome.settingsPath = base + ".plist";
         if (options.progress)
             std::fprintf(stderr, "clip %zu of %zu: %zu frames -> %s\n", i + 1, clips.size(),
                          clipOutcome.clip.frames.size(), moviePath.c_str());
-        if (!writeSettingsDocument(clipOutcome.clip, input, moviePath, clipOutcome.settingsPath)) {
+        // A clip with a frame cut in two reads its frames from a copy in OUTDIR, removed again
+        // once the movie is made; its sound still comes from the input.
+        std::string video = input;
+        std::optional<Clip> copied;
+        if (!clipOutcome.clip.cutFrames.empty()) {
+            video = base + ".frames";
+            copied = clipOutcome.clip;
+            if (!writeFramesFile(*copied, fd.get(), video)) {
+                clipOutcome.error = "the frames file " + video + " could not be written";
+                outcome.clips.push_back(std::move(clipOutcome));
+                continue;
+            }
+        }
+        const Clip& made = copied ? *copied : clipOutcome.clip;
+        if (!writeSettingsDocument(made, video, input, moviePath, clipOutcome.settingsPath)) {
+            if (video != input) std::remove(video.c_str());
             clipOutcome.error = "the settings document " + clipOutcome.settingsPath + " could not be written";
             clipOutcome.settingsPath.clear();
             outcome.clips.push_back(std::move(clipOutcome));
@@ -306,7 +367,8 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
         AppController controller;
         controller.setSettingsDocumentPath(clipOutcome.settingsPath);
         if (options.sessionHook) options.sessionHook(&controller);
-        const int64_t status = controller.createQuickTimeMovie(jobFor(clipOutcome.clip, input, moviePath));
+        const int64_t status = controller.createQuickTimeMovie(jobFor(made, video, input, moviePath));
+        if (video != input) std::remove(video.c_str());
         if (options.sessionHook) options.sessionHook(nullptr);
         if (status == 0)
             clipOutcome.moviePath = moviePath;

@@ -160,6 +160,7 @@ void pixelRGB(const AVFrame& frame, const AVPixFmtDescriptor& d, int x, int y, u
 std::vector<ByteRange> rangesUsed(const Clip& clip)
 {
     std::vector<ByteRange> all(clip.frames);
+    for (const Clip::CutFrame& cut : clip.cutFrames) all.push_back(cut.tail);
     all.insert(all.end(), clip.audio.begin(), clip.audio.end());
     std::sort(all.begin(), all.end(), [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
     std::vector<ByteRange> merged;
@@ -253,6 +254,8 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
         const Clip& clip = o.clip;
         uint64_t audioBytes = 0;
         for (const ByteRange& run : clip.audio) audioBytes += run.length;
+        uint64_t notPlaced = 0;
+        for (const ByteRange& run : clip.audioNotPlaced) notPlaced += run.length;
         j << (c ? ",\n" : "\n") << "{\"movie\":" << jsonString(o.moviePath)
           << ",\"settings\":" << jsonString(o.settingsPath) << ",\"error\":" << jsonString(o.error)
           << ",\"format\":" << jsonString(formatName(clip.formatType)) << ",\"formatType\":" << clip.formatType
@@ -260,7 +263,8 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
           << ",\"frames\":" << clip.frames.size() << ",\"durationSeconds\":" << real(clip.seconds())
           << ",\"startTimecode\":" << (clip.startTimecode ? jsonString(clip.startTimecode->text()) : "null")
           << ",\"audio\":" << jsonString(audioName(clip.audioFormat)) << ",\"audioRuns\":" << clip.audio.size()
-          << ",\"audioBytes\":" << audioBytes << ",\"audioGapsRefused\":" << clip.audioGapsRefused;
+          << ",\"audioBytes\":" << audioBytes << ",\"audioGapsRefused\":" << clip.audioGapsRefused
+          << ",\"audioBytesNotPlaced\":" << notPlaced;
         if (clip.dvAudioRate)
             j << ",\"dvAudio\":{\"rate\":" << clip.dvAudioRate << ",\"bits\":" << clip.dvAudioBits << '}';
         j << ",\"endsBecause\":" << jsonString(clip.endReason) << ",\"byteRanges\":[";

@@ -13,6 +13,9 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
+#include <tuple>
+#include <random>
 #include <set>
 
 #include "HelperRun.h"
@@ -77,6 +80,30 @@ std::vector<Packet> videoPackets(const std::string& path, bool ours)
 
 std::string bytesOf(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
 
+// The audio packets of a movie: where each lies in the file and where it begins in the sound.
+struct SoundPiece {
+    uint64_t offset, length, soundAt;
+};
+std::vector<SoundPiece> soundPieces(const std::string& path)
+{
+    const ProcessResult run = runProgram(
+        {"ffprobe", "-v", "error", "-select_streams", "a", "-show_entries", "packet=pos,size", "-of", "csv=p=0", path});
+    EXPECT_EQ(run.status, 0) << run.err;
+    std::vector<SoundPiece> pieces;
+    uint64_t soundAt = 0;
+    for (size_t at = 0; at < run.out.size();) {
+        const size_t end = std::min(run.out.find('\n', at), run.out.size());
+        const std::string line = run.out.substr(at, end - at);
+        at = end + 1;
+        const size_t comma = line.find(',');
+        if (comma == std::string::npos) continue;
+        const uint64_t length = std::stoull(line.substr(0, comma)), offset = std::stoull(line.substr(comma + 1));
+        pieces.push_back({offset, length, soundAt});
+        soundAt += length;
+    }
+    return pieces;
+}
+
 void overwrite(const std::string& path, uint64_t offset, const std::string& bytes)
 {
     std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
@@ -97,16 +124,18 @@ const Damage kCut{"cut", [](const std::string& path, uint64_t size) {
                       std::filesystem::resize_file(path, keep);
                       return std::vector<std::pair<uint64_t, uint64_t>>{{keep, size}};
                   }};
+// Three runs of noise, the second one small enough to fall inside a frame or a sound chunk.
 const Damage kHoled{"holed", [](const std::string& path, uint64_t size) {
                         std::vector<std::pair<uint64_t, uint64_t>> holes;
                         for (int i = 1; i <= 3; ++i) {
-                            const uint64_t at = size * uint64_t(i) / 4 + 777 * uint64_t(i), length = 30000;
+                            const uint64_t at = size * uint64_t(i) / 4 + 777 * uint64_t(i),
+                                           length = i == 2 ? 3000 : 30000;
                             overwrite(path, at, randomBytes(length, uint32_t(i)));
                             holes.push_back({at, at + length});
                         }
                         return holes;
                     }};
-const Damage kHeader{"header", [](const std::string& path, uint64_t size) {
+const Damage kHeader{"overwritten", [](const std::string& path, uint64_t size) {
                          // The start overwritten with zeros, the end (the movie atom) with noise.
                          overwrite(path, 0, std::string(70000, '\0'));
                          overwrite(path, size - 4000, randomBytes(4000, 9));
@@ -129,42 +158,52 @@ struct Row {
     const Damage* damage;
 };
 
-std::vector<std::string> movieArguments(const Row& row, double seconds, const char* pattern)
+std::vector<std::string> movieArguments(const Row& row, double seconds, const char* pattern, const char* audio)
 {
     std::vector<std::string> args = lavfi(std::string(pattern) + "=size=" + row.size + ":rate=" + row.rate);
-    if (row.audio) {
+    if (audio) {
         const auto tone = lavfi("sine=frequency=440:sample_rate=48000");
         args.insert(args.end(), tone.begin(), tone.end());
     }
     args.insert(args.end(), {"-t", std::to_string(seconds)});
     args.insert(args.end(), row.video.begin(), row.video.end());
-    if (row.audio) args.insert(args.end(), {"-c:a", row.audio, "-ac", "2", "-ar", "48000"});
+    if (audio) args.insert(args.end(), {"-c:a", audio, "-ac", "2", "-ar", "48000"});
     return args;
 }
 
-class RecoverRow : public ::testing::TestWithParam<Row> {};
-
-// Each row: a movie of one video row, damaged one way, recovered with a reference movie of the
-// same kind.
-TEST_P(RecoverRow, SurvivingFramesAndAudioComeBackExactlyAndNothingElse)
+// Each video row with each damage; the holed copies carry their sound in the other byte order.
+using RowDamage = std::tuple<Row, const Damage*>;
+const char* soundOf(const Row& row, const Damage* damage)
 {
-    const Row& row = GetParam();
+    if (!row.audio || damage->name != "holed") return row.audio;
+    return std::string(row.audio) == "pcm_s16le" ? "pcm_s16be" : "pcm_s16le";
+}
+
+class RecoverRow : public ::testing::TestWithParam<RowDamage> {};
+
+// A movie of one video row, damaged one way, recovered with a reference movie of the same kind:
+// every surviving frame and every surviving byte of sound comes back, in order, with nothing
+// that was not in the original, and each clip's sound starts with its first frame.
+TEST_P(RecoverRow, SurvivingFramesAndSoundComeBackExactlyInStepAndNothingElse)
+{
+    const auto& [row, damage] = GetParam();
+    const char* sound = soundOf(row, damage);
     TempDir dir;
-    auto args = movieArguments(row, 1.0, "testsrc");
+    auto args = movieArguments(row, 1.0, "testsrc", sound);
     auto original = dir / "original.mov";
     args.push_back(original);
     ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status == 0);
-    auto refArgs = movieArguments(row, 0.2, "smptebars");
+    auto refArgs = movieArguments(row, 0.2, "smptebars", sound);
     refArgs.push_back(dir / "reference.mov");
     ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status == 0);
 
     const std::vector<Packet> packets = videoPackets(original, false);
     ASSERT_GT(packets.size(), 10u);
-    const std::string originalAudio = row.audio ? bytesOf(extractStreamBytes(original, 'a')) : "";
+    const std::vector<SoundPiece> soundPackets = sound ? soundPieces(original) : std::vector<SoundPiece>{};
     const std::string damaged = dir / "damaged.mov";
     std::filesystem::copy_file(original, damaged);
-    const auto destroyed = row.damage->apply(damaged, std::filesystem::file_size(original));
-    const std::string damagedDigest = toolDigest("sha256sum", damaged);
+    const auto destroyed = damage->apply(damaged, std::filesystem::file_size(original));
+    const std::string damagedDigest = toolDigest("sha256sum", damaged), damagedBytes = readFile(damaged);
 
     std::filesystem::create_directory(dir / "out");
     recover::RecoverOptions options;
@@ -180,32 +219,81 @@ TEST_P(RecoverRow, SurvivingFramesAndAudioComeBackExactlyAndNothingElse)
     for (size_t i = 0; i < packets.size(); ++i) index.emplace(packets[i].bytes, i);
     size_t surviving = 0;
     for (const Packet& p : packets) surviving += survives(p, destroyed) ? 1 : 0;
+    // The sound's bytes that survive, and where in the sound each byte of the input is.
+    uint64_t soundSurviving = 0;
+    for (const SoundPiece& piece : soundPackets)
+        for (uint64_t at = piece.offset; at < piece.offset + piece.length; ++at)
+            soundSurviving += survives({at, "x"}, destroyed) ? 1 : 0;
+    const auto soundAt = [&](uint64_t offset) -> std::optional<uint64_t> {
+        for (const SoundPiece& piece : soundPackets)
+            if (offset >= piece.offset && offset < piece.offset + piece.length)
+                return piece.soundAt + (offset - piece.offset);
+        return std::nullopt;
+    };
+    const double soundBytesPerFrame = 48000.0 * 4 / (packets.size() / 1.0);  // the movie lasts one second
+
     size_t recovered = 0;
     long last = -1;
-    uint64_t audioRecovered = 0;
+    uint64_t soundRecovered = 0, soundNotPlaced = 0, soundLast = 0, damagedEdgeBytes = 0;
+    double worstStep = 0;  // seconds between a clip's first frame and the start of its sound
     for (const recover::ClipOutcome& clip : outcome.clips) {
         ASSERT_FALSE(clip.moviePath.empty()) << clip.error;
+        long first = -1;
         for (const Packet& p : videoPackets(clip.moviePath, true)) {
             const auto found = index.find(p.bytes);
             ASSERT_NE(found, index.end()) << "a frame that was not in the original";
             EXPECT_GT(long(found->second), last) << "frames out of order";
             last = long(found->second);
+            if (first < 0) first = last;
             ++recovered;
         }
-        const std::string audio = row.audio ? bytesOf(extractStreamBytes(clip.moviePath, 'a')) : "";
-        if (clip.clip.audioGapsRefused == 0 && !audio.empty()) {
-            EXPECT_NE(originalAudio.find(audio), std::string::npos) << "audio that is not one piece of the original's";
+        std::string expectedSound;
+        for (const recover::ByteRange& run : clip.clip.audio) {
+            for (uint64_t at = run.offset; at < run.end(); ++at) {
+                // A sample frame cut by damage may keep it when its destroyed bytes happen to fit
+                // the sound; no byte further into the damage may come back.
+                if (!survives({at, "x"}, destroyed)) {
+                    ++damagedEdgeBytes;
+                    ASSERT_TRUE(survives({at - std::min<uint64_t>(at, 3), "x"}, destroyed) ||
+                                survives({at + 3, "x"}, destroyed))
+                        << "sound from byte " << at << ", inside the damage";
+                    continue;
+                }
+                const auto position = soundAt(at);
+                ASSERT_TRUE(position) << "sound from byte " << at << ", which is not the original's sound (run "
+                                      << run.offset << "+" << run.length << ")";
+                ASSERT_TRUE(soundRecovered == 0 || *position > soundLast) << "sound out of order at byte " << at;
+                soundLast = *position;
+                ++soundRecovered;
+            }
+            expectedSound += damagedBytes.substr(run.offset, run.length);
+            if (&run == &clip.clip.audio.front() && first >= 0)
+                worstStep = std::max(
+                    worstStep, std::abs(double(*soundAt(run.offset)) - first * soundBytesPerFrame) / (48000.0 * 4));
         }
-        audioRecovered += audio.size();
+        for (const recover::ByteRange& run : clip.clip.audioNotPlaced) soundNotPlaced += run.length;
+        if (sound) {
+            EXPECT_TRUE(bytesOf(extractStreamBytes(clip.moviePath, 'a')) == expectedSound) << "the movie's sound";
+        }
         expectToolsAccept(clip.moviePath, true);
     }
     EXPECT_GE(recovered * 100, surviving * 99) << recovered << " of " << surviving << " surviving frames";
-    if (row.audio) {
-        EXPECT_GT(audioRecovered, originalAudio.size() / 2);
-    }
-    std::printf("[ %s, %s ] frames %zu of %zu surviving (%zu in the original), audio bytes %llu of %zu, %zu clips\n",
-                row.name, row.damage->name.c_str(), recovered, surviving, packets.size(),
-                static_cast<unsigned long long>(audioRecovered), originalAudio.size(), outcome.clips.size());
+    // Whole sample frames only: a damage's edges may cut one sample frame on either side. Sound
+    // before the first clip's first frame is only reported (its count may take in a few bytes
+    // of the damaged frame before it).
+    EXPECT_LE(soundSurviving, soundRecovered + soundNotPlaced + 6 * destroyed.size());
+    EXPECT_LE(soundRecovered, soundSurviving);
+    EXPECT_LE(damagedEdgeBytes, 6 * destroyed.size());
+    // Within the muxer's interleaving: a frame and one packet of 1,024 sample frames.
+    EXPECT_LE(worstStep, 1.0 / double(packets.size()) + 1024 / 48000.0 + 1e-9);
+    std::printf(
+        "[ %s, %s, %s ] frames %zu of %zu surviving (%zu in the original); sound bytes %llu of %llu "
+        "surviving (%llu before a first frame, not placed; %llu damaged at an edge), worst start %.1f ms from its "
+        "frame; %zu clips\n",
+        row.name, damage->name.c_str(), sound ? sound : "no sound", recovered, surviving, packets.size(),
+        static_cast<unsigned long long>(soundRecovered), static_cast<unsigned long long>(soundSurviving),
+        static_cast<unsigned long long>(soundNotPlaced), static_cast<unsigned long long>(damagedEdgeBytes),
+        worstStep * 1000, outcome.clips.size());
 }
 
 const std::vector<std::string> kDV411 = {"-c:v", "dvvideo", "-pix_fmt", "yuv411p"};
@@ -234,15 +322,24 @@ const std::vector<Row> kRows = {
         &kCut},
     Row{"Motion JPEG", {"-c:v", "mjpeg", "-pix_fmt", "yuvj422p", "-q:v", "3"}, "720x576", "25", "pcm_s16le", &kHoled}};
 
-std::string rowName(const ::testing::TestParamInfo<Row>& info)
+std::string testName(std::string name)
 {
-    std::string name = std::string(info.param.name) + "_" + info.param.damage->name;
     for (char& c : name)
         if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
     return name;
 }
+std::string rowName(const ::testing::TestParamInfo<Row>& info)
+{
+    return testName(std::string(info.param.name) + "_" + info.param.damage->name);
+}
+std::string rowDamageName(const ::testing::TestParamInfo<RowDamage>& info)
+{
+    return testName(std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param)->name);
+}
 
-INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow, ::testing::ValuesIn(kRows), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
+                         ::testing::Combine(::testing::ValuesIn(kRows), ::testing::Values(&kCut, &kHoled, &kHeader)),
+                         rowDamageName);
 
 // What a scan found and the clips made of it, as one text to compare.
 std::string scanText(const std::string& path, const recover::Expectation& expectation, unsigned jobs, size_t window)
@@ -265,7 +362,7 @@ std::string scanText(const std::string& path, const recover::Expectation& expect
         text += "rejected " + std::to_string(r.offset) + " " + r.reason + "\n";
     const int descriptor = fd.get();
     const recover::ReadBytes read = [descriptor](uint64_t offset, std::span<uint8_t> into) {
-        return ::pread(descriptor, into.data(), into.size(), off_t(offset)) == ssize_t(into.size());
+        return size_t(std::max<ssize_t>(0, ::pread(descriptor, into.data(), into.size(), off_t(offset))));
     };
     for (const recover::Clip& clip : recover::groupClips(scanned.frames, scanned.rejections, expectation, read)) {
         text += "clip " + std::to_string(clip.frames.size()) + " frames, audio";
@@ -284,12 +381,12 @@ TEST_P(RecoverRowConcurrency, ThreadsFindWhatOneThreadFinds)
 {
     const Row& row = GetParam();
     TempDir dir;
-    auto args = movieArguments(row, 1.0, "testsrc");
+    auto args = movieArguments(row, 1.0, "testsrc", row.audio);
     const std::string damaged = dir / "damaged.mov";
     args.push_back(damaged);
     ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status == 0);
     row.damage->apply(damaged, std::filesystem::file_size(damaged));
-    auto refArgs = movieArguments(row, 0.2, "smptebars");
+    auto refArgs = movieArguments(row, 0.2, "smptebars", row.audio);
     refArgs.push_back(dir / "reference.mov");
     ASSERT_TRUE(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status == 0);
     recover::RecoverOptions options;
