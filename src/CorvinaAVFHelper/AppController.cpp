@@ -499,8 +499,8 @@ void AppController::startPump(Session& session)
     session.videoQueue->async([this, group, videoInput, audioInput, writer, hasAudio] {
         VideoTrackFeeder& video = *videoFeeder_;
         AudioTrackFeeder& audio = *audioFeeder_;
-        const FrameTiming timing = video.timing();
-        const auto audioRate = static_cast<unsigned __int128>(audio.sampleRate());
+        const FrameRate timing = video.timing();
+        const auto audioRate = static_cast<int32_t>(audio.sampleRate());
         bool videoOpen = true;
         bool audioOpen = hasAudio;
         const auto finish = [this, &group, writer](bool isVideo, AssetWriterInput& input, bool& open, bool& finished) {
@@ -520,12 +520,10 @@ void AppController::startPump(Session& session)
             group->leave();
         };
         while (videoOpen || audioOpen) {
-            // video end <= audio end: frames * duration / timescale <= audioFrames / rate
+            // video end <= audio end
             const bool takeVideo =
-                videoOpen && (!audioOpen || static_cast<unsigned __int128>(video.framesHandedOut()) *
-                                                    static_cast<uint64_t>(timing.frameDuration) * audioRate <=
-                                                static_cast<unsigned __int128>(audio.framesHandedOut()) *
-                                                    static_cast<uint64_t>(timing.timescale));
+                videoOpen && (!audioOpen || timing.durationOfFrames(int64_t(video.framesHandedOut())) <=
+                                                MediaTime::make(int64_t(audio.framesHandedOut()), audioRate));
             if (takeVideo) {
                 const SampleBuffer* sample = nullptr;
                 try {
@@ -546,12 +544,13 @@ void AppController::startPump(Session& session)
                 // comes again go to the writer as one run; it stores them as it would store
                 // them singly.
                 uint64_t run = kMaxAudioRun;
-                if (videoOpen && timing.timescale > 0) {
-                    using u128 = unsigned __int128;
-                    const u128 videoEnd = u128(video.framesHandedOut()) * uint64_t(timing.frameDuration) * audioRate;
-                    const u128 turn = (videoEnd + uint64_t(timing.timescale) - 1) / uint64_t(timing.timescale);
-                    const u128 handed = audio.framesHandedOut();
-                    run = turn > handed ? uint64_t(std::min<u128>(turn - handed, kMaxAudioRun)) : 1;
+                if (videoOpen && timing.isValid()) {
+                    const MediaTime turn = timing.durationOfFrames(int64_t(video.framesHandedOut()))
+                                               .convertScale(audioRate, MediaTime::Rounding::towardPositiveInfinity);
+                    const uint64_t handed = audio.framesHandedOut();
+                    run = !turn.isNumeric()               ? kMaxAudioRun
+                          : uint64_t(turn.value) > handed ? std::min(uint64_t(turn.value) - handed, kMaxAudioRun)
+                                                          : 1;
                 }
                 const SampleBuffer* sample = nullptr;
                 try {

@@ -69,7 +69,7 @@ void AppController::setAudioOffsets(std::shared_ptr<const MediaEntryTable> entri
 std::unique_ptr<SampleBuffer> AppController::copyNextVideoSampleBuffer(const FormatDescriptionRef& format, float fps)
 {
     VideoTrackFeeder& feeder = videoFeeder();
-    feeder.setFormat(format, FrameTiming::fromRate(fps));
+    feeder.setFormat(format, FrameRate::fromDouble(fps));
     const SampleBuffer* sample = feeder.next();
     return sample ? sample->clone() : nullptr;
 }

@@ -64,7 +64,7 @@ VideoTrackFeeder::VideoTrackFeeder(std::shared_ptr<FileHandle> file, std::shared
 {
 }
 
-void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameTiming timing)
+void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameRate timing)
 {
     if (format_ != format) {
         format_ = format;
@@ -93,18 +93,15 @@ const SampleBuffer* VideoTrackFeeder::next()
         return nullptr;
     }
 
-    const int32_t timescale = timing_.timescale;
-    const int64_t duration = timing_.frameDuration;
-    const MediaTime start = MediaTime::make(int64_t(framesHandedOut_) * duration, timescale);
+    const MediaTime start = timing_.durationOfFrames(int64_t(framesHandedOut_));
     OSStatus status;
     if (frameCount > 1 && got == entry.length && splitter_.split({block->data(), got}, frameCount, sizes_)) {
         // One sample a frame, each with its own size when they differ.
-        const SampleTimingInfo timing{MediaTime::make(duration, timescale), start, MediaTime::invalid()};
+        const SampleTimingInfo timing{timing_.frameDuration(), start, MediaTime::invalid()};
         status = sample_->refill(format_, int64_t(frameCount), {&timing, 1}, sizes_);
     } else {
         // One sample that lasts all of the entry's frames.
-        const SampleTimingInfo timing{MediaTime::make(duration * int64_t(frameCount), timescale), start,
-                                      MediaTime::invalid()};
+        const SampleTimingInfo timing{timing_.durationOfFrames(int64_t(frameCount)), start, MediaTime::invalid()};
         const size_t size = size_t(entry.length);
         status = sample_->refill(format_, 1, {&timing, 1}, {&size, 1});
     }

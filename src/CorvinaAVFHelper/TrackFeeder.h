@@ -42,7 +42,7 @@ public:
     VideoTrackFeeder(std::shared_ptr<corvina::FileHandle> file, std::shared_ptr<const MediaEntryTable> entries);
 
     // The format the samples carry and how they are timed; the splitter follows the codec.
-    void setFormat(const corvina::FormatDescriptionRef& format, FrameTiming timing);
+    void setFormat(const corvina::FormatDescriptionRef& format, corvina::FrameRate timing);
 
     // The next sample, or null at the end of the table or when an entry cannot be read or
     // wrapped (with the log line that says which).
@@ -55,13 +55,13 @@ public:
     void setFramesHandedOut(uint64_t frames) { framesHandedOut_ = frames; }
     const std::shared_ptr<corvina::FileHandle>& file() const { return reader_.file(); }
     const std::shared_ptr<const MediaEntryTable>& entries() const { return entries_; }
-    const FrameTiming& timing() const { return timing_; }
+    const corvina::FrameRate& timing() const { return timing_; }
 
 private:
     EssenceReader reader_;
     std::shared_ptr<const MediaEntryTable> entries_;
     corvina::FormatDescriptionRef format_;
-    FrameTiming timing_;
+    corvina::FrameRate timing_;
     FrameSplitter splitter_;
     std::unique_ptr<corvina::SampleBuffer> sample_ = corvina::SampleBuffer::makeReusable();
     std::vector<size_t> sizes_;
