@@ -95,7 +95,6 @@ TEST(MediaTime, SecondsAndDescription)
     EXPECT_TRUE(std::isnan(MediaTime::invalid().getSeconds()));
     EXPECT_EQ(MediaTime::make(3003, 30000).description(), "{3003/30000 = 0.100}");
     EXPECT_EQ(MediaTime::invalid().description(), "{INVALID}");
-    EXPECT_FALSE(MediaTime::make(1, 0).isValid());
 }
 
 // The documented rule from a document's rate to an exact one, and the frame duration each
@@ -158,13 +157,9 @@ TEST(FrameRate, ExactOrderAndLongDurations)
     EXPECT_EQ(FrameRate::make(50, 4), FrameRate::fromDouble(12.5));
     EXPECT_EQ(FrameRate::make(7000, 1001).denominator(), 1001);
     EXPECT_EQ(FrameRate::make(1000, 143), FrameRate::ntsc(7));  // equal as numbers
-    EXPECT_FALSE(FrameRate::make(25, 0).isValid());
     EXPECT_FALSE(FrameRate::ntsc(INT64_MAX / 100).isValid());
-    EXPECT_EQ(FrameRate::ntsc(30).description(), "30000/1001");
-    EXPECT_EQ(FrameRate().description(), "{INVALID}");
     EXPECT_TRUE(FrameRate::whole(25).durationOfFrames(INT64_MAX).flags & MediaTime::kPositiveInfinity);
     EXPECT_TRUE(FrameRate::whole(25).durationOfFrames(INT64_MIN).flags & MediaTime::kNegativeInfinity);
-    EXPECT_FALSE(FrameRate().durationOfFrames(1).isValid());
     // A day of 29.97 frames against the audio samples of the same span, exactly.
     const MediaTime day = FrameRate::ntsc(30).durationOfFrames(2589408);
     EXPECT_LT(day, MediaTime::make(int64_t(48000) * 86400, 48000));
