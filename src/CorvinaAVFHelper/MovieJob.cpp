@@ -9,15 +9,6 @@
 
 using namespace corvina;
 
-FrameTiming FrameTiming::fromRate(float framesPerSecond)
-{
-    const double rate = framesPerSecond;
-    if (!(rate > 0.0) || !std::isfinite(rate)) return {};
-    const double ceilRate = std::ceil(rate);
-    if (ceilRate * 1000.0 > 2147483647.0) return {};
-    return {static_cast<int32_t>(static_cast<int64_t>(ceilRate) * 1000), std::floor(rate) == ceilRate ? 1000 : 1001};
-}
-
 namespace {
 
 MediaEntry entryFrom(const Value& entry)

@@ -13,6 +13,7 @@
 
 #include "Foundation/Error.h"
 #include "Foundation/Value.h"
+#include "MediaTime/MediaTime.h"
 
 // One offset entry: a byte range of a raw data file and, for video, how many frames it holds.
 struct MediaEntry {
@@ -24,16 +25,6 @@ struct MediaEntry {
 static_assert(sizeof(MediaEntry) == 24);
 
 using MediaEntryTable = std::vector<MediaEntry>;
-
-// Frame timing as an exact rational: each frame lasts frameDuration / timescale seconds.
-// 29.97 is 1001/30000, 25 is 1000/25000; the rate is rounded up to a whole number only to
-// pick the timescale.
-struct FrameTiming {
-    int32_t timescale = 0;
-    int64_t frameDuration = 0;
-    bool usable() const { return timescale > 0 && frameDuration > 0; }
-    static FrameTiming fromRate(float framesPerSecond);
-};
 
 struct MovieJob {
     std::string tmpFilename;
@@ -50,7 +41,8 @@ struct MovieJob {
     // The file the job was read from, when it was read from one.
     std::string documentPath;
 
-    FrameTiming frameTiming() const { return FrameTiming::fromRate(frameRate); }
+    // The exact rate frameRate stands for (FrameRate::fromDouble).
+    corvina::FrameRate frameTiming() const { return corvina::FrameRate::fromDouble(frameRate); }
 
     // The job a settings dictionary describes. Values convert as the document's accessors
     // convert them (a missing key is 0 or empty; entries that are no dictionary read as 0).

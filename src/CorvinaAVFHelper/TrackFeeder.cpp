@@ -82,7 +82,7 @@ VideoTrackFeeder::VideoTrackFeeder(std::shared_ptr<FileHandle> file, std::shared
 {
 }
 
-void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameTiming timing)
+void VideoTrackFeeder::setFormat(const FormatDescriptionRef& format, FrameRate timing)
 {
     if (format_ != format) {
         format_ = format;
@@ -101,7 +101,7 @@ std::vector<uint8_t> VideoTrackFeeder::firstEntryStart(size_t count)
 
 MediaTime VideoTrackFeeder::mediaEnd() const
 {
-    return MediaTime::make(int64_t(framesHandedOut_) * timing_.frameDuration, timing_.timescale);
+    return timing_.durationOfFrames(int64_t(framesHandedOut_));
 }
 
 bool VideoTrackFeeder::goesBefore(const AudioTrackFeeder& audio) const { return mediaEnd() <= audio.mediaEnd(); }
@@ -126,18 +126,15 @@ const SampleBuffer* VideoTrackFeeder::next()
         return nullptr;
     }
 
-    const int32_t timescale = timing_.timescale;
-    const int64_t duration = timing_.frameDuration;
     const MediaTime start = mediaEnd();
     OSStatus status;
     if (frameCount > 1 && got == entry.length && splitter_.split({block->data(), got}, frameCount, sizes_)) {
         // One sample a frame, each with its own size when they differ.
-        const SampleTimingInfo timing{MediaTime::make(duration, timescale), start, MediaTime::invalid()};
+        const SampleTimingInfo timing{timing_.frameDuration(), start, MediaTime::invalid()};
         status = sample_->refill(format_, int64_t(frameCount), {&timing, 1}, sizes_);
     } else {
         // One sample that lasts all of the entry's frames.
-        const SampleTimingInfo timing{MediaTime::make(duration * int64_t(frameCount), timescale), start,
-                                      MediaTime::invalid()};
+        const SampleTimingInfo timing{timing_.durationOfFrames(int64_t(frameCount)), start, MediaTime::invalid()};
         const size_t size = size_t(entry.length);
         status = sample_->refill(format_, 1, {&timing, 1}, {&size, 1});
     }
@@ -245,14 +242,15 @@ MediaTime AudioTrackFeeder::mediaEnd() const
 
 uint64_t AudioTrackFeeder::framesBeforeTurnOf(const VideoTrackFeeder& video) const
 {
-    // ceil(video end x rate) minus the frames handed out, exactly: the video end is
-    // frames x frameDuration / timescale seconds.
-    const FrameTiming& timing = video.timing();
-    if (timing.timescale <= 0) return kMaxRun;
-    using u128 = unsigned __int128;
-    const u128 scaledEnd = u128(video.framesHandedOut()) * uint64_t(timing.frameDuration) * sampleRate_;
-    const u128 turn = (scaledEnd + uint64_t(timing.timescale) - 1) / uint64_t(timing.timescale);
-    return turn > framesHandedOut_ ? uint64_t(std::min<u128>(turn - framesHandedOut_, kMaxRun)) : 1;
+    // The video's end in audio frames, rounded up, minus the frames handed out: the audio
+    // frames that come before the video's next turn.
+    const FrameRate& rate = video.timing();
+    if (!rate.isValid()) return kMaxRun;
+    const MediaTime turn = rate.durationOfFrames(int64_t(video.framesHandedOut()))
+                               .convertScale(static_cast<int32_t>(sampleRate_), MediaTime::Rounding::towardPositiveInfinity);
+    if (!turn.isNumeric()) return kMaxRun;
+    const uint64_t handed = framesHandedOut_;
+    return uint64_t(turn.value) > handed ? std::min<uint64_t>(uint64_t(turn.value) - handed, kMaxRun) : 1;
 }
 
 const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)

@@ -58,7 +58,7 @@ public:
     VideoTrackFeeder(std::shared_ptr<corvina::FileHandle> file, std::shared_ptr<const MediaEntryTable> entries);
 
     // The format the samples carry and how they are timed; the splitter follows the codec.
-    void setFormat(const corvina::FormatDescriptionRef& format, FrameTiming timing);
+    void setFormat(const corvina::FormatDescriptionRef& format, corvina::FrameRate timing);
 
     // The next sample, or null at the end of the table or when an entry cannot be read or
     // wrapped (with the log line that says which).
@@ -70,7 +70,7 @@ public:
     const std::shared_ptr<corvina::FileHandle>& file() const { return reader_.file(); }
     const MediaEntryTable& entries() const { return *entries_; }
     uint64_t fileSize() const { return reader_.fileSize(); }
-    const FrameTiming& timing() const { return timing_; }
+    const corvina::FrameRate& timing() const { return timing_; }
     // Up to `count` bytes from the start of the first entry (a frame header that tells the
     // frame size); empty when there is no entry or nothing can be read there.
     std::vector<uint8_t> firstEntryStart(size_t count);
@@ -85,7 +85,7 @@ private:
     EssenceReader reader_;
     std::shared_ptr<const MediaEntryTable> entries_;
     corvina::FormatDescriptionRef format_;
-    FrameTiming timing_;
+    corvina::FrameRate timing_;
     FrameSplitter splitter_;
     std::unique_ptr<corvina::SampleBuffer> sample_ = corvina::SampleBuffer::makeReusable();
     std::vector<size_t> sizes_;

@@ -134,9 +134,8 @@ std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& as
                                                                  const std::optional<std::string>& defaultStart)
 {
     if (!isReadable(asset) || !timecodeTrack) return defaultStart;
-    const double rate = fpsForAsset(asset);
+    const FrameRate rate = FrameRate::fromDouble(fpsForAsset(asset));
     const bool dropFrame = isDropFrame(asset);
-    const bool ntsc = double(float(std::round(rate))) != rate;
 
     auto reader = AssetReader::create(asset, nullptr);
     if (!reader) return defaultStart;
@@ -152,7 +151,12 @@ std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& as
         const uint8_t* p = data->data();
         const uint32_t frameNumber = loadBE32(p);
         reader->cancelReading();
-        return TQTimecode::timecodeFromFrameCount(frameNumber, int64_t(format->frameQuanta()), ntsc, dropFrame, 0);
+        // The counter counts frameQuanta numbers a second, at the asset's rate when that is its timebase.
+        const auto quanta = int64_t(format->frameQuanta());
+        const FrameRate counted = quanta == rate.timebase() ? rate
+                                  : rate.isNTSC()           ? FrameRate::ntsc(quanta)
+                                                            : FrameRate::whole(quanta);
+        return TQTimecode::timecodeFromFrameCount(frameNumber, counted, dropFrame, 0);
     }
     reader->cancelReading();
     return defaultStart;
@@ -162,15 +166,14 @@ std::string TQAVFoundation::timecodeForAsset(const Asset& asset, MediaTime atTim
                                              const std::optional<std::string>& fromStartPoint, bool dropFrame)
 {
     const double rate = fpsForAsset(asset);
-    const auto timebase = int64_t(std::round(rate));
-    const bool ntsc = std::floor(rate) != std::ceil(rate);
+    const FrameRate exactRate = FrameRate::fromDouble(rate);
     const int64_t startFrames =
-        fromStartPoint ? TQTimecode::frameCountFromTimecode(*fromStartPoint, timebase, ntsc, dropFrame, 0) : 0;
+        fromStartPoint ? TQTimecode::frameCountFromTimecode(*fromStartPoint, exactRate, dropFrame, 0) : 0;
     if (atTime.value < 0) atTime.value = 0;
     const double seconds = atTime.getSeconds();
     const double rounded = std::isnan(seconds) ? 0.0 : std::round(seconds * rate);
     const int64_t frames = rounded >= 9.2e18 ? INT64_MAX : int64_t(rounded);
-    return TQTimecode::timecodeFromFrameCount(frames, timebase, ntsc, dropFrame, startFrames);
+    return TQTimecode::timecodeFromFrameCount(frames, exactRate, dropFrame, startFrames);
 }
 
 std::string TQAVFoundation::timecodeForAsset(const Asset& asset, MediaTime atTime,

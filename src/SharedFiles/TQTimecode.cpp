@@ -5,9 +5,9 @@
 #include <ctime>
 #include <limits>
 
-namespace {
+using corvina::FrameRate;
 
-constexpr double kNTSCFactor = 0.999000999000999;
+namespace {
 constexpr double kTwo32 = 4294967296.0;
 constexpr double kTwo63 = 9223372036854775808.0;
 constexpr double kTwo64 = 18446744073709551616.0;
@@ -53,7 +53,7 @@ int64_t wrapMul(int64_t a, int64_t b)
     return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
 }
 
-int64_t effectiveTimebase(int64_t timebase) { return timebase > 0 ? timebase : 30; }
+FrameRate effectiveRate(FrameRate rate) { return rate.isValid() ? rate : FrameRate::ntsc(30); }
 int64_t effectiveStartFrame(int64_t startFrame) { return startFrame < 0 ? TQTimecode::kDefaultStartFrame : startFrame; }
 
 std::string formatTimecode(long hours, long minutes, long seconds, long frames, bool dropFrame)
@@ -173,8 +173,9 @@ double modulus(double x, double y) { return x - trunc32(x / y) * y; }
 
 // --- Drop frame -------------------------------------------------------------------------
 
-uint64_t TQTimecode::addDroppedFrames(uint64_t frames, double fps)
+uint64_t TQTimecode::addDroppedFrames(uint64_t frames, FrameRate rate)
 {
+    const double fps = rate.framesPerSecond();
     // Rates at which the per-ten-minute or per-minute counts are not positive drop nothing.
     const double dropsPerMinute = std::round(fps * 0.06666666666666667);
     const double perTenMinutes = std::round(fps * 60 * 10);
@@ -195,26 +196,26 @@ uint64_t TQTimecode::addDroppedFrames(uint64_t frames, double fps)
     return toUInt64(base + dropsPerMinute * static_cast<double>(intoBlock / P));
 }
 
-uint64_t TQTimecode::subtractDroppedFrames(uint64_t frames, double fps)
+uint64_t TQTimecode::subtractDroppedFrames(uint64_t frames, FrameRate rate)
 {
     // The smallest real count whose number (drops inserted) reaches `frames`: for every number
     // that exists this is its own count, and a number that drop-frame numbering skips reads as
     // the next frame that exists. Reading the number as if it were a real count estimates the
     // drops it holds to within a minute's drops; a short walk makes it exact, since numbering
     // grows with the count.
-    const uint64_t drops = addDroppedFrames(frames, fps) - frames;
-    uint64_t n = addDroppedFrames(drops, fps) + frames - 2 * drops;
+    const uint64_t drops = addDroppedFrames(frames, rate) - frames;
+    uint64_t n = addDroppedFrames(drops, rate) + frames - 2 * drops;
     if (n > frames) n = frames;
     constexpr int kMaxSteps = 256;
     int steps = 0;
-    while (n > 0 && addDroppedFrames(n - 1, fps) >= frames && ++steps < kMaxSteps) --n;
-    while (addDroppedFrames(n, fps) < frames && n < frames && ++steps < kMaxSteps) ++n;
+    while (n > 0 && addDroppedFrames(n - 1, rate) >= frames && ++steps < kMaxSteps) --n;
+    while (addDroppedFrames(n, rate) < frames && n < frames && ++steps < kMaxSteps) ++n;
     if (steps < kMaxSteps) return n;
     // Far beyond any timecode (double precision no longer tells neighbours apart): bisect.
     uint64_t low = 0, high = frames;
     while (low < high) {
         const uint64_t mid = low + (high - low) / 2;
-        if (addDroppedFrames(mid, fps) < frames)
+        if (addDroppedFrames(mid, rate) < frames)
             low = mid + 1;
         else
             high = mid;
@@ -224,15 +225,12 @@ uint64_t TQTimecode::subtractDroppedFrames(uint64_t frames, double fps)
 
 // --- Frame counts and timecodes ---------------------------------------------------------
 
-std::string TQTimecode::timecodeFromFrameCount(int64_t count, int64_t timebase, bool ntsc, bool dropFrame,
-                                               int64_t startFrame)
+std::string TQTimecode::timecodeFromFrameCount(int64_t count, FrameRate rate, bool dropFrame, int64_t startFrame)
 {
-    const double tb = static_cast<double>(effectiveTimebase(timebase));
+    rate = effectiveRate(rate);
+    const double tb = static_cast<double>(rate.timebase());
     int64_t n = wrapAdd(count, effectiveStartFrame(startFrame));
-    if (dropFrame) {
-        const double fps = ntsc ? tb * kNTSCFactor : tb;
-        n = static_cast<int64_t>(addDroppedFrames(static_cast<uint64_t>(n), fps));
-    }
+    if (dropFrame) n = static_cast<int64_t>(addDroppedFrames(static_cast<uint64_t>(n), rate));
     const double x = static_cast<double>(n) / tb;
     const int64_t s = toInt64(std::floor(x));
     const int64_t f = toInt64(std::floor(modulus(static_cast<double>(n), tb)));
@@ -240,7 +238,7 @@ std::string TQTimecode::timecodeFromFrameCount(int64_t count, int64_t timebase, 
                           static_cast<long>(s % 60), static_cast<long>(f), dropFrame);
 }
 
-int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t timebase, bool ntsc, bool dropFrame,
+int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, FrameRate rate, bool dropFrame,
                                            int64_t startFrame)
 {
     const std::string_view text = trimmed(timecode);
@@ -255,55 +253,50 @@ int64_t TQTimecode::frameCountFromTimecode(std::string_view timecode, int64_t ti
     }
     if (parts < 4) return 0;
 
-    const int64_t tb = effectiveTimebase(timebase);
+    rate = effectiveRate(rate);
     const int64_t seconds = wrapAdd(wrapAdd(wrapMul(fields[0], 3600), wrapMul(fields[1], 60)), fields[2]);
-    int64_t n = wrapAdd(wrapMul(seconds, tb), fields[3]);
-    if (dropFrame) {
-        const double fps = ntsc ? static_cast<double>(tb) * kNTSCFactor : static_cast<double>(tb);
-        n = static_cast<int64_t>(subtractDroppedFrames(static_cast<uint64_t>(n), fps));
-    }
+    int64_t n = wrapAdd(wrapMul(seconds, rate.timebase()), fields[3]);
+    if (dropFrame) n = static_cast<int64_t>(subtractDroppedFrames(static_cast<uint64_t>(n), rate));
     return wrapSub(n, effectiveStartFrame(startFrame));
 }
 
-std::string TQTimecode::timecode(std::string_view timecode, int64_t incrementBy, int64_t timebase, bool ntsc,
-                                 bool dropFrame)
+std::string TQTimecode::timecode(std::string_view timecode, int64_t incrementBy, FrameRate rate, bool dropFrame)
 {
-    const int64_t count = frameCountFromTimecode(timecode, timebase, ntsc, dropFrame, 0);
-    return timecodeFromFrameCount(wrapAdd(count, incrementBy), timebase, ntsc, dropFrame, 0);
+    const int64_t count = frameCountFromTimecode(timecode, rate, dropFrame, 0);
+    return timecodeFromFrameCount(wrapAdd(count, incrementBy), rate, dropFrame, 0);
 }
 
-std::string TQTimecode::addTimecode(std::string_view a, std::string_view toTimecode, int64_t timebase, bool ntsc,
-                                    bool dropFrame)
+std::string TQTimecode::addTimecode(std::string_view a, std::string_view toTimecode, FrameRate rate, bool dropFrame)
 {
-    const int64_t sum = wrapAdd(frameCountFromTimecode(a, timebase, ntsc, dropFrame, 0),
-                                frameCountFromTimecode(toTimecode, timebase, ntsc, dropFrame, 0));
-    return timecodeFromFrameCount(sum, timebase, ntsc, dropFrame, 0);
+    const int64_t sum =
+        wrapAdd(frameCountFromTimecode(a, rate, dropFrame, 0), frameCountFromTimecode(toTimecode, rate, dropFrame, 0));
+    return timecodeFromFrameCount(sum, rate, dropFrame, 0);
 }
 
 std::optional<std::string> TQTimecode::subtractTimecode(std::string_view a, std::string_view fromTimecode,
-                                                        int64_t timebase, bool ntsc, bool dropFrame)
+                                                        FrameRate rate, bool dropFrame)
 {
-    const int64_t subtrahend = frameCountFromTimecode(a, timebase, ntsc, dropFrame, 0);
-    const int64_t minuend = frameCountFromTimecode(fromTimecode, timebase, ntsc, dropFrame, 0);
+    const int64_t subtrahend = frameCountFromTimecode(a, rate, dropFrame, 0);
+    const int64_t minuend = frameCountFromTimecode(fromTimecode, rate, dropFrame, 0);
     if (static_cast<uint64_t>(minuend) < static_cast<uint64_t>(subtrahend)) return std::nullopt;
-    return timecodeFromFrameCount(wrapSub(minuend, subtrahend), timebase, ntsc, dropFrame, 0);
+    return timecodeFromFrameCount(wrapSub(minuend, subtrahend), rate, dropFrame, 0);
 }
 
 bool TQTimecode::timecodeInRange(std::string_view timecode, std::string_view start, std::string_view end)
 {
     if (timecode == start || timecode == end) return true;
     const auto weigh = [](std::string_view text) {
-        return static_cast<uint64_t>(frameCountFromTimecode(text, 24, false, false, 0));
+        return static_cast<uint64_t>(frameCountFromTimecode(text, FrameRate::whole(24), false, 0));
     };
     const uint64_t value = weigh(timecode);
     return weigh(start) <= value && value <= weigh(end);
 }
 
-double TQTimecode::frameRateFromTimebase(int64_t timebase, bool isNTSC)
+FrameRate TQTimecode::frameRateFromTimebase(int64_t timebase, bool isNTSC)
 {
-    if (!isNTSC) return static_cast<double>(timebase);
-    if (timebase == 24 || timebase == 30 || timebase == 60) return static_cast<double>(timebase) * 1000.0 / 1001.0;
-    return 0.0;
+    if (!isNTSC) return FrameRate::whole(timebase);
+    if (timebase == 24 || timebase == 30 || timebase == 60) return FrameRate::ntsc(timebase);
+    return {};
 }
 
 // --- Timecode strings from other sources ------------------------------------------------
@@ -388,24 +381,21 @@ std::string TQTimecode::timecodeFromUserString(const std::optional<std::string>&
     return result;
 }
 
-std::string TQTimecode::timecodeFromSeconds(double seconds, float fps, bool dropFrame)
+std::string TQTimecode::timecodeFromSeconds(double seconds, FrameRate rate, bool dropFrame)
 {
-    const double rate = static_cast<double>(fps);
-    const uint64_t frames = toUInt64(std::round(seconds * rate));
-    const int64_t timebase = toInt64(std::ceil(rate));
-    const bool ntsc = std::floor(rate) != std::ceil(rate);
-    return timecodeFromFrameCount(static_cast<int64_t>(frames), timebase, ntsc, dropFrame, 0);
+    const uint64_t frames = toUInt64(std::round(seconds * rate.framesPerSecond()));
+    return timecodeFromFrameCount(static_cast<int64_t>(frames), rate, dropFrame, 0);
 }
 
-std::string TQTimecode::timeOfDayTimecode(int64_t timebase, bool ntsc, bool dropFrame)
+std::string TQTimecode::timeOfDayTimecode(FrameRate rate, bool dropFrame)
 {
-    return timeOfDayTimecode(std::chrono::system_clock::now(), timebase, ntsc, dropFrame);
+    return timeOfDayTimecode(std::chrono::system_clock::now(), rate, dropFrame);
 }
 
-std::string TQTimecode::timeOfDayTimecode(std::chrono::system_clock::time_point when, int64_t timebase, bool ntsc,
+std::string TQTimecode::timeOfDayTimecode(std::chrono::system_clock::time_point when, FrameRate frameRate,
                                           bool dropFrame)
 {
-    const double rate = frameRateFromTimebase(timebase, ntsc);
+    const double rate = frameRate.framesPerSecond();
     const auto sinceEpoch = when.time_since_epoch();
     const auto wholeSeconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
     const std::time_t clock = static_cast<std::time_t>(wholeSeconds.count());

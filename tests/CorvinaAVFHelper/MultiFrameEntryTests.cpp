@@ -94,7 +94,7 @@ TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSample)
         const Encoded frames = encode(row.name, row.size, row.rate, kFrames, row.codec);
         ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
         const uint64_t total = frames.bytes.size();
-        const auto duration = uint32_t(FrameTiming::fromRate(row.frameRate).frameDuration);
+        const auto duration = uint32_t(FrameRate::fromDouble(row.frameRate).frameDuration().value);
         using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
         // The whole run as one entry of four frames, then its first frame again on its own.
         const std::string movie = assemble(row, frames, {{kLead, total, kFrames}, {kLead, frames.sizes[0], 1}});

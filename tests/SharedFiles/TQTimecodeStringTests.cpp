@@ -11,6 +11,8 @@
 
 namespace {
 
+using corvina::FrameRate;
+
 struct TypedCase {
     const char* typed;
     const char* withDropFrameStart;  // drop frame, start 01:00:00;00
@@ -114,26 +116,30 @@ TEST(TQTimecodeStringTest, Seconds)
 {
     struct Case {
         double seconds;
-        float fps;
+        float fps;  // as a document gives it
         bool dropFrame;
         const char* result;
     };
     const Case cases[] = {
         {60.0, 29.97f, true, "00:00:59;28"},   // 1798 frames
         {60.06, 29.97f, true, "00:01:00;02"},  // 1800 frames
-        {3600.0, 25.0f, false, "01:00:00:00"}, {1.5, 24.0f, false, "00:00:01:12"},
-        {0.02, 25.0f, false, "00:00:00:01"},                                         // 0.5 frame rounds away from zero
-        {10.0, 59.94f, true, "00:00:09;59"},                                         // 599.4 -> 599 frames
-        {0.0, 30.0f, true, "00:00:00;00"},     {-5.0, 30.0f, false, "00:00:00:00"},  // negative times count as frame 0
+        {3600.0, 25.0f, false, "01:00:00:00"},
+        {1.5, 24.0f, false, "00:00:01:12"},
+        {0.02, 25.0f, false, "00:00:00:01"},  // 0.5 frame rounds away from zero
+        {10.0, 59.94f, true, "00:00:09;59"},  // 599.4 -> 599 frames
+        {0.0, 30.0f, true, "00:00:00;00"},
+        {-5.0, 30.0f, false, "00:00:00:00"},   // negative times count as frame 0
         {1.0, 23.976f, false, "00:00:01:00"},  // 23.976 rounds to 24 frames at timebase 24
-        {0.5, 23.976f, false, "00:00:00:12"},  {1.0, 0.0f, false, "00:00:00:00"},  // rate 0: timebase 30, no frames
+        {1.0, 0.0f, false, "00:00:00:00"},     // no rate: no frames
+        // 12.5 fps: 45000 frames an hour, counted 13 numbers a second
+        {3600.0, 12.5f, false, "00:57:41:07"},
+        {2.0, 12.5f, false, "00:00:01:12"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.seconds << " s at " << c.fps);
-        EXPECT_EQ(TQTimecode::timecodeFromSeconds(c.seconds, c.fps, c.dropFrame), c.result);
+        EXPECT_EQ(TQTimecode::timecodeFromSeconds(c.seconds, FrameRate::fromDouble(c.fps), c.dropFrame), c.result);
     }
-    EXPECT_FALSE(TQTimecode::timecodeFromSeconds(1e300, 30.0f, true).empty());
-    EXPECT_FALSE(TQTimecode::timecodeFromSeconds(1.0, std::numeric_limits<float>::quiet_NaN(), true).empty());
+    EXPECT_FALSE(TQTimecode::timecodeFromSeconds(1e300, FrameRate::whole(30), true).empty());
 }
 
 std::chrono::system_clock::time_point localTime(int hour, int minute, int second, int millis)
@@ -153,30 +159,29 @@ TEST(TQTimecodeStringTest, TimeOfDay)
 {
     struct Case {
         int hour, minute, second, millis;
-        int64_t timebase;
-        bool ntsc, dropFrame;
+        FrameRate rate;
+        bool dropFrame;
         const char* result;
     };
     const Case cases[] = {
-        {10, 5, 7, 480, 30, false, false, "10:05:07:14"},  // 0.48 x 30 = 14.4
-        {10, 5, 7, 489, 30, false, false, "10:05:07:14"},  // hundredths are truncated
-        {0, 0, 0, 0, 25, false, true, "00:00:00;00"},
-        {23, 59, 59, 990, 60, true, true, "23:59:59;59"},   // 0.99 x 59.94 = 59.34
-        {9, 8, 7, 500, 24, true, false, "09:08:07:11"},     // 0.5 x 23.976 = 11.99
-        {12, 30, 45, 990, 25, true, false, "12:30:45:00"},  // NTSC 25 has rate 0
-        {12, 30, 45, 500, 50, false, true, "12:30:45;25"},  // no drop-frame renumbering
+        {10, 5, 7, 480, FrameRate::whole(30), false, "10:05:07:14"},  // 0.48 x 30 = 14.4
+        {10, 5, 7, 489, FrameRate::whole(30), false, "10:05:07:14"},  // hundredths are truncated
+        {0, 0, 0, 0, FrameRate::whole(25), true, "00:00:00;00"},
+        {23, 59, 59, 990, FrameRate::ntsc(60), true, "23:59:59;59"},      // 0.99 x 59.94 = 59.34
+        {9, 8, 7, 500, FrameRate::ntsc(24), false, "09:08:07:11"},        // 0.5 x 23.976 = 11.99
+        {12, 30, 45, 990, FrameRate(), false, "12:30:45:00"},             // no rate, no frames
+        {12, 30, 45, 500, FrameRate::whole(50), true, "12:30:45;25"},     // no drop-frame renumbering
+        {12, 30, 45, 990, FrameRate::make(25, 2), false, "12:30:45:12"},  // 0.99 x 12.5 = 12.375
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.hour << ":" << c.minute << ":" << c.second << "." << c.millis << " tb "
-                                        << c.timebase);
-        EXPECT_EQ(TQTimecode::timeOfDayTimecode(localTime(c.hour, c.minute, c.second, c.millis), c.timebase, c.ntsc,
-                                                c.dropFrame),
+        SCOPED_TRACE(testing::Message() << c.hour << ":" << c.minute << ":" << c.second << "." << c.millis << " at "
+                                        << c.rate.description());
+        EXPECT_EQ(TQTimecode::timeOfDayTimecode(localTime(c.hour, c.minute, c.second, c.millis), c.rate, c.dropFrame),
                   c.result);
     }
 
-    // The clock itself: two-digit fields, frames 00 throughout at NTSC 25 (rate 0).
-    EXPECT_THAT(TQTimecode::timeOfDayTimecode(25, true, true), testing::MatchesRegex("([0-9]{2}:){2}[0-9]{2};00"));
-    EXPECT_THAT(TQTimecode::timeOfDayTimecode(30, false, false), testing::MatchesRegex("([0-9]{2}:){3}[0-9]{2}"));
+    // The clock itself: two-digit fields, frames 00 with no rate.
+    EXPECT_THAT(TQTimecode::timeOfDayTimecode(FrameRate(), true), testing::MatchesRegex("([0-9]{2}:){2}[0-9]{2};00"));
 }
 
 TEST(TQTimecodeStringTest, FileNames)

@@ -9,10 +9,14 @@
 
 namespace {
 
+using corvina::FrameRate;
+
+const FrameRate k2997 = FrameRate::ntsc(30), k5994 = FrameRate::ntsc(60), k24 = FrameRate::whole(24),
+                k25 = FrameRate::whole(25), k30 = FrameRate::whole(30), kNone;
+
 struct CountCase {
     int64_t count;
-    int64_t timebase;
-    bool ntsc;
+    FrameRate rate;
     bool dropFrame;
     int64_t startFrame;
     const char* timecode;
@@ -22,144 +26,151 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
 {
     const CountCase cases[] = {
         // 29.97 drop frame (every frame of a day is checked by the round trip below)
-        {0, 30, true, true, 0, "00:00:00;00"},
-        {1800, 30, true, true, 0, "00:01:00;02"},
-        {17982, 30, true, true, 0, "00:10:00;00"},
-        {0, 30, true, true, -1, "01:00:00;00"},
-        {10, 30, true, true, 107892, "01:00:00;10"},
+        {1800, k2997, true, 0, "00:01:00;02"},
+        {17982, k2997, true, 0, "00:10:00;00"},
+        {0, k2997, true, -1, "01:00:00;00"},
+        {10, k2997, true, 107892, "01:00:00;10"},
         // 59.94 drop frame
-        {3600, 60, true, true, 0, "00:01:00;04"},
-        // Non-drop: the NTSC flag changes nothing
-        {17982, 30, false, false, 0, "00:09:59:12"},
-        {17982, 30, true, false, 0, "00:09:59:12"},
-        {89, 30, false, false, 1, "00:00:03:00"},
-        {24 * 3600 + 23, 24, false, false, 0, "01:00:00:23"},
-        {25, 25, false, false, 0, "00:00:01:00"},
+        {3600, k5994, true, 0, "00:01:00;04"},
+        // Non-drop: 29.97 counts as 30, 12.5 as 13
+        {17982, k30, false, 0, "00:09:59:12"},
+        {17982, k2997, false, 0, "00:09:59:12"},
+        {89, k30, false, 1, "00:00:03:00"},
+        {24 * 3600 + 23, k24, false, 0, "01:00:00:23"},
+        {25, k25, false, 0, "00:00:01:00"},
+        {25, FrameRate::make(25, 2), false, 0, "00:00:01:12"},
         // Wrap at 24 hours; counts beyond are not otherwise normalised
-        {2592000, 30, false, false, 0, "00:00:00:00"},
-        {2592000 + 31, 30, false, false, 0, "00:00:01:01"},
-        {2592000 * 3 + 1800, 30, false, false, 0, "00:01:00:00"},
-        {2589408, 30, true, true, 0, "00:00:00;00"},  // 24 h of 29.97 drop frame
-        // Timebase 0 or less behaves as 30
-        {1800, 0, false, false, 0, "00:01:00:00"},
-        {1800, -5, false, false, 0, "00:01:00:00"},
-        {1800, 0, true, true, 0, "00:01:00;02"},
-        // 25 fps drop frame: two numbers dropped each minute as well (the NTSC flag is
-        // only a factor on the rate here)
-        {1500, 25, false, true, 0, "00:01:00;02"},
+        {2592000, k30, false, 0, "00:00:00:00"},
+        // An invalid rate counts as 29.97
+        {1800, kNone, false, 0, "00:01:00:00"},
+        {1800, kNone, true, 0, "00:01:00;02"},
+        // 25 fps drop frame: two numbers dropped each minute as well (drops follow the true rate)
+        {1500, k25, true, 0, "00:01:00;02"},
         // 25 fps has no NTSC ten-minute block: its real ten minutes (15000 frames) already
         // span 15000 numbers, so the 18 inserted numbers push the count past 10:00.
-        {15000, 25, false, true, 0, "00:10:00;18"},
+        {15000, k25, true, 0, "00:10:00;18"},
         // Below 7.5 fps nothing is dropped
-        {361, 6, false, true, 0, "00:01:00;01"},
+        {361, FrameRate::whole(6), true, 0, "00:01:00;01"},
     };
     for (const CountCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << "count " << c.count << " tb " << c.timebase << (c.ntsc ? " ntsc" : "")
+        SCOPED_TRACE(testing::Message() << "count " << c.count << " at " << c.rate.description()
                                         << (c.dropFrame ? " df" : "") << " start " << c.startFrame);
-        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(c.count, c.timebase, c.ntsc, c.dropFrame, c.startFrame),
-                  c.timecode);
+        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(c.count, c.rate, c.dropFrame, c.startFrame), c.timecode);
     }
 }
 
 TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
 {
     const CountCase cases[] = {
-        {1800, 30, true, true, 0, "00:01:00;02"},
-        {17982, 30, true, true, 0, "00:10:00;00"},
-        {107892, 30, true, true, 0, "01:00:00;00"},
-        {0, 30, true, true, -1, "01:00:00;00"},
-        {0, 30, true, true, 107892, "01:00:00;00"},
-        {-107892, 30, true, true, -1, "00:00:00;00"},
-        {3600, 60, true, true, 0, "00:01:00;04"},
+        {1800, k2997, true, 0, "00:01:00;02"},
+        {17982, k2997, true, 0, "00:10:00;00"},
+        {107892, k2997, true, 0, "01:00:00;00"},
+        {0, k2997, true, -1, "01:00:00;00"},
+        {-107892, k2997, true, -1, "00:00:00;00"},
         // ":" and ";" are interchangeable anywhere
-        {1800, 30, true, true, 0, "00;01;00:02"},
-        {1802, 30, false, false, 0, "00:01:00;02"},
-        // Timebase 0 or less behaves as 30
-        {1802, 0, false, false, 0, "00:01:00:02"},
-        {1800, -5, true, true, 0, "00:01:00;02"},
+        {1800, k2997, true, 0, "00;01;00:02"},
+        {1802, k30, false, 0, "00:01:00;02"},
+        // An invalid rate counts as 29.97
+        {1802, kNone, false, 0, "00:01:00:02"},
+        {1800, kNone, true, 0, "00:01:00;02"},
         // White space and newlines around the string are ignored; further fields too
-        {1802, 30, false, false, 0, "  00:01:00:02\n"},
-        {1802, 30, false, false, 0, "00:01:00:02:99"},
+        {1802, k30, false, 0, "  00:01:00:02\n"},
+        {1802, k30, false, 0, "00:01:00:02:99"},
         // Leading-integer reading of each field: junk reads as 0, trailing junk is ignored
-        {62, 30, false, false, 0, "00:00:2x:2 frames"},
-        {2, 30, false, false, 0, "aa:bb:cc:02"},
-        {-28, 30, false, false, 0, "00:00:-1:2"},
-        {92, 30, false, false, 0, "::3:2"},
+        {62, k30, false, 0, "00:00:2x:2 frames"},
+        {2, k30, false, 0, "aa:bb:cc:02"},
+        {-28, k30, false, 0, "00:00:-1:2"},
+        {92, k30, false, 0, "::3:2"},
         // Fewer than four fields: frame 0, and the start frame is not applied
-        {0, 30, false, false, 0, "01:00:00"},
-        {0, 30, false, false, 500, "01:00:00"},
-        {0, 30, true, true, -1, ""},
+        {0, k30, false, 0, "01:00:00"},
+        {0, k30, false, 500, "01:00:00"},
+        {0, k2997, true, -1, ""},
         // Frame fields are not limited to their range
-        {30 + 45, 30, false, false, 0, "00:00:01:45"},
+        {30 + 45, k30, false, 0, "00:00:01:45"},
     };
     for (const CountCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << "'" << c.timecode << "' tb " << c.timebase << (c.ntsc ? " ntsc" : "")
+        SCOPED_TRACE(testing::Message() << "'" << c.timecode << "' at " << c.rate.description()
                                         << (c.dropFrame ? " df" : "") << " start " << c.startFrame);
-        EXPECT_EQ(TQTimecode::frameCountFromTimecode(c.timecode, c.timebase, c.ntsc, c.dropFrame, c.startFrame),
-                  c.count);
+        EXPECT_EQ(TQTimecode::frameCountFromTimecode(c.timecode, c.rate, c.dropFrame, c.startFrame), c.count);
     }
-}
-
-// The count that a drop-frame timecode of `count` reads back as.
-int64_t roundTrip(int64_t count, int64_t timebase)
-{
-    const std::string tc = TQTimecode::timecodeFromFrameCount(count, timebase, true, true, 0);
-    return TQTimecode::frameCountFromTimecode(tc, timebase, true, true, 0);
 }
 
 // Every frame of a day at 29.97 and 59.94 reads back to its own count, numbers are skipped
 // only at minute starts, and every label skipped reads as the next frame that exists.
-TEST(TQTimecodeTest, DropFrameRoundTripsEveryFrameOfTwentyFourHours)
+TEST(TQTimecodeTest, DropFrameNumbersEveryFrameOfTwentyFourHours)
 {
-    for (int64_t timebase : {30, 60}) {
-        const double fps = timebase * 0.999000999000999;
+    for (const FrameRate rate : {k2997, k5994}) {
+        const uint64_t timebase = uint64_t(rate.timebase());
         const uint64_t dropped = timebase / 15;
         const uint64_t perDay = (timebase == 30 ? 17982 : 35964) * 6 * 24;
         uint64_t previous = 0;
         for (uint64_t count = 0; count < perDay; ++count) {
-            const uint64_t nominal = TQTimecode::addDroppedFrames(count, fps);
-            ASSERT_EQ(TQTimecode::subtractDroppedFrames(nominal, fps), count) << "count " << count;
+            const uint64_t nominal = TQTimecode::addDroppedFrames(count, rate);
+            ASSERT_EQ(TQTimecode::subtractDroppedFrames(nominal, rate), count) << "count " << count;
             for (uint64_t skipped = previous + 1; skipped < nominal; ++skipped)
-                ASSERT_EQ(TQTimecode::subtractDroppedFrames(skipped, fps), count) << "label " << skipped;
+                ASSERT_EQ(TQTimecode::subtractDroppedFrames(skipped, rate), count) << "label " << skipped;
             // Consecutive frames have consecutive numbers, except that minutes not divisible by
             // ten start at number 2 (29.97) or 4 (59.94).
             const bool minuteStart = nominal % (60 * timebase) == dropped && nominal / (60 * timebase) % 10 != 0;
             ASSERT_EQ(nominal - previous, count == 0 ? 0 : minuteStart ? dropped + 1 : 1) << "count " << count;
             previous = nominal;
         }
-        // Through the strings too, sampled (the arithmetic above is the exhaustive part).
-        for (int64_t count = 0; count < int64_t(perDay); count += 7)
-            ASSERT_EQ(roundTrip(count, timebase), count) << "count " << count;
     }
-    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;00", 30, true, true, 0), 1800);
-    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;01", 30, true, true, 0), 1800);
-    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;03", 60, true, true, 0), 3600);
-    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:10:00;00", 30, true, true, 0), 17982);
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;00", k2997, true, 0), 1800);
+    EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;01", k2997, true, 0), 1800);
+}
+
+// Through the strings, a day of frames (sampled) reads back as the counts that printed it,
+// and the last frame of the day prints as the rate's last label.
+TEST(TQTimecodeTest, StringsRoundTripAtEveryKindOfRate)
+{
+    const struct {
+        FrameRate rate;
+        bool dropFrame;
+        int64_t perDay;
+        const char* lastOfDay;
+    } rows[] = {
+        // 12.5 fps counts 13 numbers a second, as 29.97 non-drop counts 30.
+        {FrameRate::make(25, 2), false, 13 * 86400, "23:59:59:12"},
+        {k25, false, 25 * 86400, "23:59:59:24"},
+        {k2997, true, 17982 * 6 * 24, "23:59:59;29"},
+        {k5994, true, 35964 * 6 * 24, "23:59:59;59"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.rate.description());
+        for (int64_t count = 0; count < r.perDay; count += 7) {
+            const std::string tc = TQTimecode::timecodeFromFrameCount(count, r.rate, r.dropFrame, 0);
+            ASSERT_EQ(TQTimecode::frameCountFromTimecode(tc, r.rate, r.dropFrame, 0), count) << tc;
+        }
+        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(r.perDay - 1, r.rate, r.dropFrame, 0), r.lastOfDay);
+        EXPECT_EQ(TQTimecode::timecodeFromFrameCount(r.perDay, r.rate, r.dropFrame, 0),
+                  r.dropFrame ? "00:00:00;00" : "00:00:00:00");
+    }
 }
 
 TEST(TQTimecodeTest, DropFrameRoutinesAtOddRates)
 {
     struct Case {
         uint64_t frames;
-        double fps;
+        FrameRate rate;
         uint64_t nominal;
     };
     const Case cases[] = {
-        {1500, 25.0, 1502},                         // d = 2 at 25 fps, T = 15000, P = 1498
-        {1500, 24.975, 1502},                       // 25 with the NTSC factor: T rounds to 14985
-        {360, 6.0, 360},                            // d = 0 below 7.5 fps
-        {600, 7.49, 600},       {500, 7.5, 501},    // d = 1 from 7.5 fps on: T = 4500, P = 479
-        {479, 7.5, 479},        {1000, 0.0, 1000},  // rates with no whole frame per ten minutes drop nothing
-        {1000, -30.0, 1000},    {1000, std::nan(""), 1000},
-        {1000, INFINITY, 1000},
+        {1500, k25, 1502},                        // d = 2 at 25 fps, T = 15000, P = 1498
+        {1500, FrameRate::ntsc(25), 1502},        // 24.975: T rounds to 14985
+        {360, FrameRate::whole(6), 360},          // d = 0 below 7.5 fps
+        {600, FrameRate::fromDouble(7.49), 600},  //
+        {500, FrameRate::make(15, 2), 501},       // d = 1 from 7.5 fps on: T = 4500, P = 479
+        {479, FrameRate::make(15, 2), 479},       //
+        {1000, kNone, 1000},                      // an invalid rate drops nothing
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.frames << " at " << c.fps);
-        EXPECT_EQ(TQTimecode::addDroppedFrames(c.frames, c.fps), c.nominal);
-        EXPECT_EQ(TQTimecode::subtractDroppedFrames(c.nominal, c.fps), c.frames);
+        SCOPED_TRACE(testing::Message() << c.frames << " at " << c.rate.description());
+        EXPECT_EQ(TQTimecode::addDroppedFrames(c.frames, c.rate), c.nominal);
+        EXPECT_EQ(TQTimecode::subtractDroppedFrames(c.nominal, c.rate), c.frames);
     }
     // Extreme counts saturate instead of wrapping.
-    EXPECT_EQ(TQTimecode::addDroppedFrames(UINT64_MAX, 29.97002997), UINT64_MAX);
+    EXPECT_EQ(TQTimecode::addDroppedFrames(UINT64_MAX, k2997), UINT64_MAX);
 }
 
 TEST(TQTimecodeTest, Arithmetic)
@@ -167,41 +178,39 @@ TEST(TQTimecodeTest, Arithmetic)
     struct Case {
         const char* a;
         const char* b;
-        int64_t timebase;
-        bool ntsc, dropFrame;
+        FrameRate rate;
+        bool dropFrame;
         const char* sum;
     };
     const Case additions[] = {
-        {"00:00:59;29", "00:00:00;01", 30, true, true, "00:01:00;02"},
-        {"00:09:59;29", "00:00:00;01", 30, true, true, "00:10:00;00"},
-        {"01:00:00:00", "00:30:00:12", 25, false, false, "01:30:00:12"},
-        {"23:59:59:29", "00:00:00:01", 30, false, false, "00:00:00:00"},
+        {"00:09:59;29", "00:00:00;01", k2997, true, "00:10:00;00"},
+        {"01:00:00:00", "00:30:00:12", k25, false, "01:30:00:12"},
+        {"23:59:59:29", "00:00:00:01", k30, false, "00:00:00:00"},
         // A string with fewer than four fields adds nothing
-        {"01:00:00:00", "12:00", 25, false, false, "01:00:00:00"},
-        {"junk", "00:00:10:00", 0, false, false, "00:00:10:00"},
+        {"01:00:00:00", "12:00", k25, false, "01:00:00:00"},
+        {"junk", "00:00:10:00", kNone, false, "00:00:10:00"},
     };
     for (const Case& c : additions) {
         SCOPED_TRACE(testing::Message() << c.a << " + " << c.b);
-        EXPECT_EQ(TQTimecode::addTimecode(c.a, c.b, c.timebase, c.ntsc, c.dropFrame), c.sum);
+        EXPECT_EQ(TQTimecode::addTimecode(c.a, c.b, c.rate, c.dropFrame), c.sum);
     }
 
     // timecode(tc, incrementBy ...)
-    EXPECT_EQ(TQTimecode::timecode("00:00:59;29", 1, 30, true, true), "00:01:00;02");
-    EXPECT_EQ(TQTimecode::timecode("00:01:00;02", -1, 30, true, true), "00:00:59;29");
-    EXPECT_EQ(TQTimecode::timecode("01:00:00:00", 48, 24, false, false), "01:00:02:00");
+    EXPECT_EQ(TQTimecode::timecode("00:00:59;29", 1, k2997, true), "00:01:00;02");
+    EXPECT_EQ(TQTimecode::timecode("00:01:00;02", -1, k2997, true), "00:00:59;29");
+    EXPECT_EQ(TQTimecode::timecode("01:00:00:00", 48, k24, false), "01:00:02:00");
     // A skipped label moves on to the frame that exists (labels that exist read back as they
     // are: the string round trips above).
-    EXPECT_EQ(TQTimecode::timecode("00:02:00;00", 0, 30, true, true), "00:02:00;02");
+    EXPECT_EQ(TQTimecode::timecode("00:02:00;00", 0, k2997, true), "00:02:00;02");
 
     // subtractTimecode(a, fromTimecode b): b - a, none when negative
-    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:01:00", "00:00:00:10", 30, false, false), std::nullopt);
-    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:05:00", "00:00:05:00", 30, false, false), "00:00:00:00");
-    EXPECT_EQ(TQTimecode::subtractTimecode("00:01:00;02", "00:01:00;02", 30, true, true), "00:00:00;00");
-    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:00;01", "00:01:00;02", 30, true, true), "00:00:59;29");
-    EXPECT_EQ(TQTimecode::subtractTimecode("01:00:00;00", "01:10:00;00", 30, true, true), "00:10:00;00");
-    EXPECT_EQ(TQTimecode::subtractTimecode("short", "00:00:00:10", 30, false, false), "00:00:00:10");
+    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:01:00", "00:00:00:10", k30, false), std::nullopt);
+    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:05:00", "00:00:05:00", k30, false), "00:00:00:00");
+    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:00;01", "00:01:00;02", k2997, true), "00:00:59;29");
+    EXPECT_EQ(TQTimecode::subtractTimecode("01:00:00;00", "01:10:00;00", k2997, true), "00:10:00;00");
+    EXPECT_EQ(TQTimecode::subtractTimecode("short", "00:00:00:10", k30, false), "00:00:00:10");
     // Counts compare as unsigned values: a negative count is larger than any positive one.
-    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:-1:00", "00:00:01:00", 30, false, false), std::nullopt);
+    EXPECT_EQ(TQTimecode::subtractTimecode("00:00:-1:00", "00:00:01:00", k30, false), std::nullopt);
 }
 
 TEST(TQTimecodeTest, RangeTest)
@@ -239,11 +248,11 @@ TEST(TQTimecodeTest, RangeTest)
 
 TEST(TQTimecodeTest, FrameRateFromTimebase)
 {
-    // Only 24, 30 and 60 have an NTSC rate; other timebases give 0 with the flag.
-    for (int64_t tb : {24, 30, 60})
-        EXPECT_DOUBLE_EQ(TQTimecode::frameRateFromTimebase(tb, true), tb * 1000.0 / 1001.0) << tb;
-    for (int64_t tb : {25, 50, -30, 0}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, true), 0.0) << tb;
-    for (int64_t tb : {25, 0, -5}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, false), double(tb)) << tb;
+    // Only 24, 30 and 60 have an NTSC rate; other timebases give none with the flag.
+    for (int64_t tb : {24, 30, 60}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, true), FrameRate::ntsc(tb)) << tb;
+    for (int64_t tb : {25, 50, -30, 0}) EXPECT_FALSE(TQTimecode::frameRateFromTimebase(tb, true).isValid()) << tb;
+    EXPECT_EQ(TQTimecode::frameRateFromTimebase(25, false), k25);
+    EXPECT_FALSE(TQTimecode::frameRateFromTimebase(-5, false).isValid());
 }
 
 TEST(TQTimecodeTest, ModulusTruncatesToThirtyTwoBits)
@@ -268,13 +277,15 @@ TEST(TQTimecodeTest, ModulusTruncatesToThirtyTwoBits)
 TEST(TQTimecodeTest, ExtremeInputDoesNotBreak)
 {
     // Negative counts print the fields the arithmetic gives.
-    EXPECT_EQ(TQTimecode::timecodeFromFrameCount(-1, 30, false, false, 0), "00:00:-01:-01");
-    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MIN, 30, true, true, 0).empty());
-    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, 30, false, false, INT64_MAX).empty());
-    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, INT64_MAX, true, true, 0).empty());
-    (void)TQTimecode::frameCountFromTimecode("99999999999999999999999:-99999999999999999999:9:9", INT64_MAX, true, true,
+    EXPECT_EQ(TQTimecode::timecodeFromFrameCount(-1, k30, false, 0), "00:00:-01:-01");
+    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MIN, k2997, true, 0).empty());
+    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, k30, false, INT64_MAX).empty());
+    const FrameRate huge = FrameRate::whole(INT64_MAX), hugeFraction = FrameRate::make(INT64_MAX, 2);
+    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, huge, true, 0).empty());
+    EXPECT_FALSE(TQTimecode::timecodeFromFrameCount(INT64_MAX, hugeFraction, true, 0).empty());
+    (void)TQTimecode::frameCountFromTimecode("99999999999999999999999:-99999999999999999999:9:9", huge, true,
                                              INT64_MIN);
-    (void)TQTimecode::addTimecode("9223372036854775807:0:0:0", "9223372036854775807:0:0:0", 60, true, true);
+    (void)TQTimecode::addTimecode("9223372036854775807:0:0:0", "9223372036854775807:0:0:0", k5994, true);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <iomanip>
+#include <limits>
 
 #include "MediaTime/MediaTime.h"
 
@@ -36,23 +38,27 @@ TEST(MediaTime, AdditionAndSubtractionAreExact)
     }
 }
 
-TEST(MediaTime, ConvertScaleRoundsHalfAwayFromZeroAndFlagsRounding)
+TEST(MediaTime, ConvertScaleRoundsAsAskedAndFlagsRounding)
 {
+    constexpr auto kUp = MediaTime::Rounding::towardPositiveInfinity;
     struct Row {
         int64_t value;
         int32_t from, to;
         int64_t expected;
         bool rounded;
+        MediaTime::Rounding rounding = MediaTime::Rounding::halfAwayFromZero;
     } rows[] = {
-        {1001, 30000, 600, 20, true},                                                       // 20.02
-        {3003, 30000, 600, 60, true},                                                       // 60.06
-        {1, 48000, 48000, 1, false},  {48000, 48000, 600, 600, false}, {1, 2, 1, 1, true},  // 0.5 -> 1
-        {-1, 2, 1, -1, true},                                                               // -0.5 -> -1
-        {5, 4, 2, 3, true},                                                                 // 2.5 -> 3
-        {900, 30000, 600, 18, false},
+        {1001, 30000, 600, 20, true},  // 20.02
+        {3003, 30000, 600, 60, true},  // 60.06
+        {1, 48000, 48000, 1, false},  {48000, 48000, 600, 600, false},
+        {1, 2, 1, 1, true},    // 0.5 -> 1
+        {-1, 2, 1, -1, true},  // -0.5 -> -1
+        {5, 4, 2, 3, true},    // 2.5 -> 3
+        {900, 30000, 600, 18, false}, {1001, 30000, 600, 21, true, kUp},
+        {-1, 2, 1, 0, true, kUp},     {900, 30000, 600, 18, false, kUp},
     };
     for (const auto& r : rows) {
-        MediaTime c = MediaTime::make(r.value, r.from).convertScale(r.to);
+        MediaTime c = MediaTime::make(r.value, r.from).convertScale(r.to, r.rounding);
         EXPECT_EQ(c.value, r.expected) << r.value << "/" << r.from << " -> " << r.to;
         EXPECT_EQ(c.timescale, r.to);
         EXPECT_EQ((c.flags & MediaTime::kHasBeenRounded) != 0, r.rounded) << r.value << "/" << r.from;
@@ -89,7 +95,75 @@ TEST(MediaTime, SecondsAndDescription)
     EXPECT_TRUE(std::isnan(MediaTime::invalid().getSeconds()));
     EXPECT_EQ(MediaTime::make(3003, 30000).description(), "{3003/30000 = 0.100}");
     EXPECT_EQ(MediaTime::invalid().description(), "{INVALID}");
-    EXPECT_FALSE(MediaTime::make(1, 0).isValid());
+}
+
+// The documented rule from a document's rate to an exact one, and the frame duration each
+// rate writes (whole and NTSC rates keep the durations movies have always had).
+TEST(FrameRate, FromDoubleFollowsTheRule)
+{
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const struct {
+        double fps;
+        int64_t num, den;  // 0/1: invalid
+        int64_t durationValue;
+        int32_t durationTimescale;
+        int64_t timebase;
+    } rows[] = {
+        {25, 25, 1, 1000, 25000, 25},
+        {24.99999, 25, 1, 1000, 25000, 25},  // within a millionth of a whole rate
+        {double(29.97f), 30000, 1001, 1001, 30000, 30},
+        {30000.0 / 1001, 30000, 1001, 1001, 30000, 30},  // 29.970029970...
+        {23.98, 24000, 1001, 1001, 24000, 24},           // two decimals, as the carving application writes
+        {double(23.976f), 24000, 1001, 1001, 24000, 24},
+        {47.952, 48000, 1001, 1001, 48000, 48},
+        {double(59.94f), 60000, 1001, 1001, 60000, 60},
+        {119.88, 120000, 1001, 1001, 120000, 120},
+        {4.995, 5000, 1001, 1001, 5000, 5},  // 5000/1001 although it reduces: 1001 units a frame
+        {12.5, 25, 2, 1000, 12500, 13},
+        {7.5, 15, 2, 1000, 7500, 8},
+        {double(12.345f), 2469, 200, 1000, 12345, 13},
+        {29.96, 749, 25, 1000, 29960, 30},  // a hundredth off 29.97: a rate of its own
+        {1000.0 / 3, 333333, 1000, 1000, 333333, 334},
+        {2147483, 2147483, 1, 1000, 2147483000, 2147483},
+        {0, 0, 1, 0, 0, 0},
+        {0.0004, 0, 1, 0, 0, 0},
+        {-25, 0, 1, 0, 0, 0},
+        {2147483.5, 0, 1, 0, 0, 0},
+        {nan, 0, 1, 0, 0, 0},
+        {inf, 0, 1, 0, 0, 0},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << std::setprecision(17) << r.fps);
+        const FrameRate rate = FrameRate::fromDouble(r.fps);
+        EXPECT_EQ(rate.numerator(), r.num);
+        EXPECT_EQ(rate.denominator(), r.den);
+        EXPECT_EQ(rate.isValid(), r.num != 0);
+        EXPECT_EQ(rate.timebase(), r.timebase);
+        const MediaTime frame = rate.frameDuration();
+        EXPECT_EQ(frame.isValid(), r.num != 0);
+        if (r.num == 0) continue;
+        EXPECT_EQ(frame.value, r.durationValue);
+        EXPECT_EQ(frame.timescale, r.durationTimescale);
+        // One second of frames lasts exactly one second.
+        EXPECT_EQ(rate.durationOfFrames(r.num), MediaTime::make(r.den, 1));
+    }
+}
+
+TEST(FrameRate, ExactOrderAndLongDurations)
+{
+    EXPECT_LT(FrameRate::whole(29), FrameRate::ntsc(30));
+    EXPECT_LT(FrameRate::ntsc(30), FrameRate::whole(30));
+    EXPECT_LT(FrameRate(), FrameRate::whole(1));
+    EXPECT_EQ(FrameRate::make(50, 4), FrameRate::fromDouble(12.5));
+    EXPECT_EQ(FrameRate::make(7000, 1001).denominator(), 1001);
+    EXPECT_EQ(FrameRate::make(1000, 143), FrameRate::ntsc(7));  // equal as numbers
+    EXPECT_FALSE(FrameRate::ntsc(INT64_MAX / 100).isValid());
+    EXPECT_TRUE(FrameRate::whole(25).durationOfFrames(INT64_MAX).flags & MediaTime::kPositiveInfinity);
+    EXPECT_TRUE(FrameRate::whole(25).durationOfFrames(INT64_MIN).flags & MediaTime::kNegativeInfinity);
+    // A day of 29.97 frames against the audio samples of the same span, exactly.
+    const MediaTime day = FrameRate::ntsc(30).durationOfFrames(2589408);
+    EXPECT_LT(day, MediaTime::make(int64_t(48000) * 86400, 48000));
+    EXPECT_EQ(day.convertScale(48000, MediaTime::Rounding::towardPositiveInfinity).value, 4147200000 - 4147);
 }
 
 }  // namespace
