@@ -61,7 +61,7 @@ protected:
     VideoTrackFeeder feederFor(const Value& entries, float fps)
     {
         VideoTrackFeeder feeder(FileHandle::forReadingAtPath(dir / "video.raw"), table(entries));
-        feeder.setFormat(format, FrameTiming::fromRate(fps));
+        feeder.setFormat(format, FrameRate::fromDouble(fps));
         return feeder;
     }
     TempDir dir;
