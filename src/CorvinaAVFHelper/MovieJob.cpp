@@ -91,22 +91,26 @@ private:
         for (;;) {
             skipSpaces();
             if (end_ - p_ >= 4 && std::memcmp(p_, "<!--", 4) == 0) {
+                // A "<" in a comment is refused: the tree's nesting guard counts the tags it
+                // sees there as if they were elements.
                 const char* close = find("-->", p_ + 4);
-                if (!close) return false;
+                if (!close || std::memchr(p_ + 4, '<', size_t(close - p_ - 4))) return false;
                 p_ = close + 3;
             } else if (end_ - p_ >= 2 && std::memcmp(p_, "<?", 2) == 0) {
                 if (!skipDeclaration()) return false;
             } else if (end_ - p_ >= 2 && std::memcmp(p_, "<!", 2) == 0) {
                 // The document type only, in its usual spelling.
                 if (end_ - p_ < 10 || std::memcmp(p_, "<!DOCTYPE", 9) != 0 || !isSpace(p_[9])) return false;
-                // Quoted identifiers are passed over whole and must be closed; a document
-                // type with an internal subset is more than this reader takes.
+                // Identifiers in double quotes are passed over whole and must be closed. A
+                // document type with an internal subset, single quotes or a "<" anywhere (the
+                // tree's nesting guard counts tags even inside quotes) is left to the tree.
                 const char* q = p_ + 10;
                 while (q < end_ && *q != '>') {
-                    if (*q == '[' || *q == '<') return false;
-                    if (*q == '"' || *q == '\'') {
-                        const char* closeQuote = static_cast<const char*>(std::memchr(q + 1, *q, size_t(end_ - q - 1)));
-                        if (!closeQuote) return false;
+                    if (*q == '[' || *q == '<' || *q == '\'') return false;
+                    if (*q == '"') {
+                        const char* closeQuote =
+                            static_cast<const char*>(std::memchr(q + 1, '"', size_t(end_ - q - 1)));
+                        if (!closeQuote || std::memchr(q + 1, '<', size_t(closeQuote - q - 1))) return false;
                         q = closeQuote;
                     }
                     ++q;
