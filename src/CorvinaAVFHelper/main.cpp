@@ -119,7 +119,11 @@ int main(int argc, char** argv)
         corvina::Error readError;
         try {
             corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
-            job = MovieJob::readDocument(*replayPath, &readError);
+            auto read = MovieJob::readDocument(*replayPath);
+            if (read)
+                job = std::move(*read);
+            else
+                readError = read.error();
         } catch (const corvina::PlatformException& exception) {
             readError.localizedDescription = exception.reason();
         }

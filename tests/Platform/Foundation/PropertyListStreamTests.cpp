@@ -1,0 +1,211 @@
+// The stream reader against the tree reader: a document the stream reads must be the value the
+// tree reads, whether it is taken value by value or item by item, and whatever the tree
+// refuses the stream refuses too.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "Foundation/PropertyListStream.h"
+#include "Foundation/Value.h"
+
+using corvina::PropertyListStream;
+using corvina::Value;
+using Step = PropertyListStream::Step;
+
+namespace {
+
+// One value item by item: containers entered, dictionary fields in the usual spelling taken by
+// the short path.
+std::optional<Value> pull(PropertyListStream& stream)
+{
+    if (stream.enterArray()) {
+        Value::ArrayType items;
+        for (Step step; (step = stream.nextItem()) != Step::End;) {
+            if (step == Step::Refused) return std::nullopt;
+            auto item = pull(stream);
+            if (!item) return std::nullopt;
+            items.push_back(std::move(*item));
+        }
+        return Value(std::move(items));
+    }
+    if (stream.enterDictionary()) {
+        Value::DictionaryType entries;
+        std::string key;
+        for (;;) {
+            std::string_view plainKey;
+            uint64_t number = 0;
+            const auto plain = stream.nextPlainField(plainKey, number);
+            if (plain == PropertyListStream::PlainField::End) return Value(std::move(entries));
+            if (plain == PropertyListStream::PlainField::Field) {
+                entries[std::string(plainKey)] = Value(number);
+                continue;
+            }
+            const Step step = stream.nextKey(key);
+            if (step == Step::Refused) return std::nullopt;
+            if (step == Step::End) return Value(std::move(entries));
+            auto item = pull(stream);
+            if (!item) return std::nullopt;
+            entries[key] = std::move(*item);
+        }
+    }
+    Value whole;
+    if (!stream.readValue(whole)) return std::nullopt;
+    return whole;
+}
+
+// The root dictionary, its values read whole (itemByItem false) or pulled.
+std::optional<Value> streamed(const std::string& text, bool itemByItem)
+{
+    PropertyListStream stream(text);
+    if (!stream.openRootDictionary()) return std::nullopt;
+    Value::DictionaryType root;
+    std::string key;
+    for (;;) {
+        const Step step = stream.nextKey(key);
+        if (step == Step::Refused) return std::nullopt;
+        if (step == Step::End) break;
+        std::optional<Value> value = Value();
+        if (itemByItem) {
+            value = pull(stream);
+        } else if (!stream.readValue(*value)) {
+            value.reset();
+        }
+        if (!value) return std::nullopt;
+        root[key] = std::move(*value);
+    }
+    if (!stream.finish()) return std::nullopt;
+    return Value(std::move(root));
+}
+
+std::string plist(const std::string& body)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<!DOCTYPE plist PUBLIC \"-//Corvina//DTD PLIST 1.0//EN\" \"http://example.com/PropertyList-1.0.dtd\">\n"
+           "<plist version=\"1.0\">\n<dict>\n" +
+           body + "</dict>\n</plist>\n";
+}
+
+std::string repeated(const std::string& text, int times)
+{
+    std::string out;
+    for (int i = 0; i < times; ++i) out += text;
+    return out;
+}
+
+TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
+{
+    const struct {
+        const char* name;
+        std::string text;
+        bool streams;
+        bool treeReads;
+    } cases[] = {
+        {"scalars and entities",
+         plist("<key>s</key><string>a &amp; b &lt;c&gt; &quot;&apos; &#233;&#x20AC;</string>"
+               "<key>i</key><integer>-42</integer><key>u</key><integer>18446744073709551615</integer>"
+               "<key>r</key><real> 2.5e3 </real><key>t</key><true/><key>f</key><false></false>"
+               "<key>e</key><string/><key>k &amp; l</key><integer>0</integer>"),
+         true, true},
+        {"nested entries",
+         plist("<key>a</key><array><dict><key>offset</key><integer>5</integer><key>length</key>"
+               "<integer>18446744073709551615</integer></dict><dict/><array/><integer>+3</integer>"
+               "<dict>\n\t<key>x</key>\n\t<integer>1</integer>\n\t<key>x</key><string>later</string>\n</dict></array>"
+               "<key>d</key><dict><key>deep</key><array><array><dict/></array></array></dict>"),
+         true, true},
+        {"no prolog", "<dict><key>k</key><integer>1</integer></dict>", true, true},
+        {"byte order mark, comments, declarations, spaced tags",
+         "\xEF\xBB\xBF<?xml version='1.0'?><!-- note --><plist version=\"1.0\"><dict ><key >k</key >"
+         "<!-- c --><integer>7</integer ></dict></plist>\n<!-- end -->\n",
+         true, true},
+        {"empty root", "<plist version=\"1.0\"><dict></dict></plist>", true, true},
+        {"deep but within both limits", plist("<key>a</key>" + repeated("<array>", 200) + repeated("</array>", 200)),
+         true, true},
+
+        // Read by the tree only.
+        {"date", plist("<key>d</key><date>2001-01-01T00:00:00Z</date>"), false, true},
+        {"data", plist("<key>d</key><data>AAEC</data>"), false, true},
+        {"octal and hexadecimal", plist("<key>o</key><integer>010</integer><key>h</key><integer>0x10</integer>"),
+         false, true},
+        {"number with an entity", plist("<key>n</key><integer>1&#48;</integer>"), false, true},
+        {"CDATA", plist("<key>s</key><string><![CDATA[a<b]]></string>"), false, true},
+        {"internal subset", "<!DOCTYPE plist [ <!ENTITY x \"y\"> ]><plist><dict><key>a</key><true/></dict></plist>",
+         false, true},
+        {"root array", "<plist version=\"1.0\"><array><integer>1</integer></array></plist>", false, true},
+        {"deeper than the stream goes", plist("<key>a</key>" + repeated("<array>", 300) + repeated("</array>", 300)),
+         false, true},
+
+        // Refused by both.
+        {"tags quoted in the document type",
+         "<!DOCTYPE plist \"" + repeated("<dict>", 600) + "\"><plist><dict><key>a</key><true/></dict></plist>", false,
+         false},
+        {"tags in a comment", "<!--" + repeated("<array>", 600) + "--><dict><key>a</key><true/></dict>", false, false},
+        {"end tag broken by a declaration", plist("<key>i</key><integer>5</inte<?g<ker>"), false, false},
+        {"end tag misspelt", plist("<key>i</key><integer>4</integgggggger>"), false, false},
+        {"end tag of another element", plist("<key>i</key><integer>4</real>"), false, false},
+        {"unknown entity", plist("<key>s</key><string>a &bogus; b</string>"), false, false},
+        {"empty key", plist("<key></key><integer>1</integer>"), false, false},
+        {"key without a value", plist("<key>a</key>"), false, false},
+        {"unclosed array", plist("<key>a</key><array><integer>1</integer>"), false, false},
+        {"closed by the wrong tag", "<dict><key>a</key><integer>1</integer></array>", false, false},
+        {"text after the document", plist("<key>a</key><true/>") + "junk", false, false},
+        {"no closing plist", "<plist version=\"1.0\"><dict></dict>", false, false},
+        {"loose declaration", "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>", false, false},
+        {"empty", "", false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto tree = Value::fromPropertyListData(c.text.data(), c.text.size());
+        EXPECT_EQ(bool(tree), c.treeReads);
+        for (const bool itemByItem : {false, true}) {
+            const auto stream = streamed(c.text, itemByItem);
+            EXPECT_EQ(bool(stream), c.streams) << "item by item: " << itemByItem;
+            if (stream && tree) EXPECT_TRUE(*stream == *tree) << stream->description() << "\n" << tree->description();
+        }
+    }
+}
+
+// The short path for fields reads only the usual spelling and leaves the position alone for
+// anything else.
+TEST(PropertyListStream, PlainFieldsOnlyInTheirUsualSpelling)
+{
+    const struct {
+        const char* field;
+        bool plain;
+    } cases[] = {
+        {"\n\t<key>offset</key>\n\t<integer>18446744073709551615</integer>", true},
+        {"<key>offset</key><integer>18446744073709551616</integer>", false},
+        {"<key>offset</key><integer>-1</integer>", false},
+        {"<key>offset</key><integer>+1</integer>", false},
+        {"<key>offset</key><integer>01</integer>", false},
+        {"<key>offset</key><integer> 1</integer>", false},
+        {"<key>offset</key><string>1</string>", false},
+        {"<key>off&#115;et</key><integer>1</integer>", false},
+        {"<key>offset</key><!-- c --><integer>1</integer>", false},
+        {"<key >offset</key><integer>1</integer>", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        const std::string text = std::string("<dict><key>a</key><dict>") + c.field + "</dict></dict>";
+        PropertyListStream stream(text);
+        std::string key;
+        ASSERT_TRUE(stream.openRootDictionary());
+        ASSERT_EQ(stream.nextKey(key), Step::Next);
+        ASSERT_TRUE(stream.enterDictionary());
+        const size_t before = stream.bytesRead();
+        std::string_view plainKey;
+        uint64_t value = 0;
+        const auto plain = stream.nextPlainField(plainKey, value);
+        EXPECT_EQ(plain == PropertyListStream::PlainField::Field, c.plain);
+        if (c.plain) {
+            EXPECT_EQ(plainKey, "offset");
+            EXPECT_EQ(value, UINT64_MAX);
+            EXPECT_EQ(stream.nextPlainField(plainKey, value), PropertyListStream::PlainField::End);
+        } else {
+            EXPECT_EQ(plain, PropertyListStream::PlainField::Other);
+            EXPECT_EQ(stream.bytesRead(), before);
+        }
+    }
+}
+
+}  // namespace
