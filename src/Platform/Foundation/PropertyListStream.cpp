@@ -240,7 +240,8 @@ bool PropertyListStream::readEntity(std::string& out)
         out += '"';
     } else if (name == "apos") {
         out += '\'';
-    } else if (name.size() > 1 && name[0] == '#') {
+    } else if (name.size() > 1 && name.size() <= 8 && name[0] == '#') {
+        // Eight characters at most, "#" included: the tree reader refuses longer references.
         uint32_t code = 0;
         const bool hex = name[1] == 'x' || name[1] == 'X';
         const char* first = name.data() + (hex ? 2 : 1);

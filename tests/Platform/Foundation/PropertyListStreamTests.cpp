@@ -144,6 +144,8 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         {"end tag misspelt", plist("<key>i</key><integer>4</integgggggger>"), false, false},
         {"end tag of another element", plist("<key>i</key><integer>4</real>"), false, false},
         {"unknown entity", plist("<key>s</key><string>a &bogus; b</string>"), false, false},
+        {"character reference of nine characters", plist("<key>s</key><string>&#00000065;</string>"), false, false},
+        {"character reference of eight", plist("<key>s</key><string>&#0000065;&#x10FFFF;</string>"), true, true},
         {"empty key", plist("<key></key><integer>1</integer>"), false, false},
         {"key without a value", plist("<key>a</key>"), false, false},
         {"unclosed array", plist("<key>a</key><array><integer>1</integer>"), false, false},
