@@ -5,8 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <optional>
-#include <string>
 
 #include "Foundation/PropertyListStream.h"
 #include "Foundation/Value.h"
@@ -51,32 +49,13 @@ bool sameValue(const Value& a, const Value& b)
     return a == b;
 }
 
-// The root dictionary through the stream, each value read whole.
-std::optional<Value> streamRoot(std::string_view text)
-{
-    PropertyListStream stream(text);
-    if (!stream.openRootDictionary()) return std::nullopt;
-    Value::DictionaryType root;
-    std::string key;
-    for (;;) {
-        const auto step = stream.nextKey(key);
-        if (step == PropertyListStream::Step::Refused) return std::nullopt;
-        if (step == PropertyListStream::Step::End) break;
-        Value value;
-        if (!stream.readValue(value)) return std::nullopt;
-        root[key] = std::move(value);
-    }
-    if (!stream.finish()) return std::nullopt;
-    return Value(std::move(root));
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     const auto job = MovieJob::readXMLDocument(text.data(), text.size());
-    const auto root = streamRoot(text);
+    const auto root = PropertyListStream::readRootDictionary(text);
     if (!job && !root) return 0;  // left to the tree, which reads or refuses it itself
     const auto tree = Value::fromPropertyListData(data, size);
     if (!tree || !tree->asDictionary()) std::abort();  // a stream took what the tree refuses

@@ -8,10 +8,6 @@ namespace corvina {
 
 namespace {
 
-// Deeper values are refused (the tree reader's own limit is higher, so it never refuses what
-// the stream reads for its depth).
-constexpr int kMaxDepth = 256;
-
 bool isNameChar(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
@@ -78,6 +74,21 @@ bool parseInteger(std::string_view digits, Value& out)
 }
 
 }  // namespace
+
+std::optional<Value> PropertyListStream::readRootDictionary(std::string_view text)
+{
+    PropertyListStream stream(text);
+    if (!stream.openRootDictionary()) return std::nullopt;
+    Value::DictionaryType root;
+    std::string key;
+    for (Step step; (step = stream.nextKey(key)) != Step::End;) {
+        Value value;
+        if (step == Step::Refused || !stream.readValue(value)) return std::nullopt;
+        root[key] = std::move(value);
+    }
+    if (!stream.finish()) return std::nullopt;
+    return Value(std::move(root));
+}
 
 bool PropertyListStream::openRootDictionary()
 {
@@ -397,7 +408,7 @@ bool PropertyListStream::pendingTag()
 
 bool PropertyListStream::enterArray()
 {
-    if (!pendingTag() || pending_.closing || pending_.name != "array") return false;
+    if (!pendingTag() || pending_.closing || pending_.name != "array" || depth_ >= kMaxDepth) return false;
     hasPending_ = false;
     emptyArray_ = pending_.empty;  // <array/>: the first nextItem ends it
     ++depth_;

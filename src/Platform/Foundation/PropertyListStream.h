@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,9 +26,11 @@ namespace corvina {
 class PropertyListStream {
 public:
     // The text must outlive the stream.
-    explicit PropertyListStream(std::string_view text) : p_(text.data()), begin_(text.data()), end_(p_ + text.size())
-    {
-    }
+    explicit PropertyListStream(std::string_view text) : p_(text.data()), begin_(text.data()), end_(p_ + text.size()) {}
+
+    // A whole document whose root is a dictionary, each value read whole; nullopt when the
+    // stream refuses it.
+    static std::optional<Value> readRootDictionary(std::string_view text);
 
     // What a step found: another key or item, the end of its container, or something the
     // stream refuses (the document is then to be read by the tree reader; the stream is done).
@@ -68,6 +71,10 @@ public:
     size_t bytesLeft() const { return size_t(end_ - p_); }
 
 private:
+    // Deeper values are refused (the tree reader's own limit is higher, so it never refuses
+    // what the stream reads for its depth).
+    static constexpr int kMaxDepth = 256;
+
     struct Tag {
         std::string_view name;
         bool closing = false;
@@ -129,7 +136,8 @@ inline PropertyListStream::Step PropertyListStream::nextItem()
 
 inline bool PropertyListStream::enterDictionary()
 {
-    if ((!hasPending_ && !pendingTag()) || pending_.closing || pending_.name != "dict" || pending_.empty)
+    if ((!hasPending_ && !pendingTag()) || pending_.closing || pending_.name != "dict" || pending_.empty ||
+        depth_ >= kMaxDepth)
         return false;
     hasPending_ = false;
     ++depth_;

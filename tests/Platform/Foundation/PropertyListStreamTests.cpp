@@ -54,24 +54,16 @@ std::optional<Value> pull(PropertyListStream& stream)
     return whole;
 }
 
-// The root dictionary, its values read whole (itemByItem false) or pulled.
-std::optional<Value> streamed(const std::string& text, bool itemByItem)
+// The root dictionary, its values pulled item by item.
+std::optional<Value> pulled(const std::string& text)
 {
     PropertyListStream stream(text);
     if (!stream.openRootDictionary()) return std::nullopt;
     Value::DictionaryType root;
     std::string key;
-    for (;;) {
-        const Step step = stream.nextKey(key);
-        if (step == Step::Refused) return std::nullopt;
-        if (step == Step::End) break;
-        std::optional<Value> value = Value();
-        if (itemByItem) {
-            value = pull(stream);
-        } else if (!stream.readValue(*value)) {
-            value.reset();
-        }
-        if (!value) return std::nullopt;
+    for (Step step; (step = stream.nextKey(key)) != Step::End;) {
+        std::optional<Value> value;
+        if (step == Step::Refused || !(value = pull(stream))) return std::nullopt;
         root[key] = std::move(*value);
     }
     if (!stream.finish()) return std::nullopt;
@@ -125,8 +117,8 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         // Read by the tree only.
         {"date", plist("<key>d</key><date>2001-01-01T00:00:00Z</date>"), false, true},
         {"data", plist("<key>d</key><data>AAEC</data>"), false, true},
-        {"octal and hexadecimal", plist("<key>o</key><integer>010</integer><key>h</key><integer>0x10</integer>"),
-         false, true},
+        {"octal and hexadecimal", plist("<key>o</key><integer>010</integer><key>h</key><integer>0x10</integer>"), false,
+         true},
         {"number with an entity", plist("<key>n</key><integer>1&#48;</integer>"), false, true},
         {"CDATA", plist("<key>s</key><string><![CDATA[a<b]]></string>"), false, true},
         {"internal subset", "<!DOCTYPE plist [ <!ENTITY x \"y\"> ]><plist><dict><key>a</key><true/></dict></plist>",
@@ -134,6 +126,11 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         {"root array", "<plist version=\"1.0\"><array><integer>1</integer></array></plist>", false, true},
         {"deeper than the stream goes", plist("<key>a</key>" + repeated("<array>", 300) + repeated("</array>", 300)),
          false, true},
+
+        {"empty key", plist("<key></key><integer>1</integer>"), false, true},
+        {"key without a value", plist("<key>a</key>"), false, true},
+        {"text after the document", plist("<key>a</key><true/>") + "junk", false, true},
+        {"no closing plist", "<plist version=\"1.0\"><dict></dict>", false, true},
 
         // Refused by both.
         {"tags quoted in the document type",
@@ -146,12 +143,8 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         {"unknown entity", plist("<key>s</key><string>a &bogus; b</string>"), false, false},
         {"character reference of nine characters", plist("<key>s</key><string>&#00000065;</string>"), false, false},
         {"character reference of eight", plist("<key>s</key><string>&#0000065;&#x10FFFF;</string>"), true, true},
-        {"empty key", plist("<key></key><integer>1</integer>"), false, false},
-        {"key without a value", plist("<key>a</key>"), false, false},
         {"unclosed array", plist("<key>a</key><array><integer>1</integer>"), false, false},
         {"closed by the wrong tag", "<dict><key>a</key><integer>1</integer></array>", false, false},
-        {"text after the document", plist("<key>a</key><true/>") + "junk", false, false},
-        {"no closing plist", "<plist version=\"1.0\"><dict></dict>", false, false},
         {"loose declaration", "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>", false, false},
         {"empty", "", false, false},
     };
@@ -159,53 +152,11 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         SCOPED_TRACE(c.name);
         const auto tree = Value::fromPropertyListData(c.text.data(), c.text.size());
         EXPECT_EQ(bool(tree), c.treeReads);
-        for (const bool itemByItem : {false, true}) {
-            const auto stream = streamed(c.text, itemByItem);
-            EXPECT_EQ(bool(stream), c.streams) << "item by item: " << itemByItem;
-            if (stream && tree) EXPECT_TRUE(*stream == *tree) << stream->description() << "\n" << tree->description();
-        }
-    }
-}
-
-// The short path for fields reads only the usual spelling and leaves the position alone for
-// anything else.
-TEST(PropertyListStream, PlainFieldsOnlyInTheirUsualSpelling)
-{
-    const struct {
-        const char* field;
-        bool plain;
-    } cases[] = {
-        {"\n\t<key>offset</key>\n\t<integer>18446744073709551615</integer>", true},
-        {"<key>offset</key><integer>18446744073709551616</integer>", false},
-        {"<key>offset</key><integer>-1</integer>", false},
-        {"<key>offset</key><integer>+1</integer>", false},
-        {"<key>offset</key><integer>01</integer>", false},
-        {"<key>offset</key><integer> 1</integer>", false},
-        {"<key>offset</key><string>1</string>", false},
-        {"<key>off&#115;et</key><integer>1</integer>", false},
-        {"<key>offset</key><!-- c --><integer>1</integer>", false},
-        {"<key >offset</key><integer>1</integer>", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.field);
-        const std::string text = std::string("<dict><key>a</key><dict>") + c.field + "</dict></dict>";
-        PropertyListStream stream(text);
-        std::string key;
-        ASSERT_TRUE(stream.openRootDictionary());
-        ASSERT_EQ(stream.nextKey(key), Step::Next);
-        ASSERT_TRUE(stream.enterDictionary());
-        const size_t before = stream.bytesRead();
-        std::string_view plainKey;
-        uint64_t value = 0;
-        const auto plain = stream.nextPlainField(plainKey, value);
-        EXPECT_EQ(plain == PropertyListStream::PlainField::Field, c.plain);
-        if (c.plain) {
-            EXPECT_EQ(plainKey, "offset");
-            EXPECT_EQ(value, UINT64_MAX);
-            EXPECT_EQ(stream.nextPlainField(plainKey, value), PropertyListStream::PlainField::End);
-        } else {
-            EXPECT_EQ(plain, PropertyListStream::PlainField::Other);
-            EXPECT_EQ(stream.bytesRead(), before);
+        for (const auto& stream : {PropertyListStream::readRootDictionary(c.text), pulled(c.text)}) {
+            EXPECT_EQ(bool(stream), c.streams);
+            if (stream && tree) {
+                EXPECT_TRUE(*stream == *tree) << stream->description() << "\n" << tree->description();
+            }
         }
     }
 }
