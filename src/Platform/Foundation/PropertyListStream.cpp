@@ -401,7 +401,12 @@ PropertyListStream::Step PropertyListStream::nextItemInGeneral()
 bool PropertyListStream::pendingTag()
 {
     if (hasPending_) return true;
-    if (!skipMisc() || !readTag(pending_)) return false;
+    // A tag that failed to read leaves the position inside it: refused for good, so that no
+    // later call (readValue after enterArray said no) reads on from there.
+    if (refused_ || !skipMisc() || !readTag(pending_)) {
+        refused_ = true;
+        return false;
+    }
     hasPending_ = true;
     return true;
 }

@@ -112,6 +112,7 @@ private:
     Tag pending_;
     bool hasPending_ = false;
     bool emptyArray_ = false;
+    bool refused_ = false;
     bool inPlist_ = false;
     int depth_ = 0;  // containers entered below the root dictionary
     std::string text_;

@@ -144,6 +144,7 @@ TEST(PropertyListStream, ReadsWhatTheTreeReadsAndRefusesWhatItRefuses)
         {"character reference of nine characters", plist("<key>s</key><string>&#00000065;</string>"), false, false},
         {"character reference of eight", plist("<key>s</key><string>&#0000065;&#x10FFFF;</string>"), true, true},
         {"unclosed array", plist("<key>a</key><array><integer>1</integer>"), false, false},
+        {"broken tag before an array", plist("<key>a</key><plist\t<array></array>"), false, false},
         {"closed by the wrong tag", "<dict><key>a</key><integer>1</integer></array>", false, false},
         {"loose declaration", "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>", false, false},
         {"empty", "", false, false},
