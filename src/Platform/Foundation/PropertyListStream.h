@@ -6,9 +6,9 @@
 // It reads strings, integers, reals, booleans, arrays, dictionaries, comments, the document
 // type and the five named plus numeric character entities. Whatever it is not sure of makes it
 // refuse the document: dates, data, CDATA, a NUL, an internal DTD subset, numbers written with
-// entities or a leading zero, empty keys, loose declarations, a "<" inside a comment or the
-// document type, anything malformed. The caller then reads the document with
-// Value::fromPropertyListData. A document the stream reads, the tree reads the same way.
+// entities or a leading zero, character references longer than eight characters, empty keys,
+// loose declarations, a "<" inside a comment or the document type, anything malformed. The caller then reads the
+// document with Value::fromPropertyListData. A document the stream reads, the tree reads the same way.
 #pragma once
 
 #include <charconv>
@@ -50,7 +50,8 @@ public:
     Step nextItem();
 
     // The value after a key or the item found: a dictionary entered (its keys follow), or
-    // false, with nothing read, when the value is something else.
+    // false when the value is something else, for the other calls to read (or when its tag is
+    // malformed: they then refuse too).
     bool enterDictionary();
     // As enterDictionary, for an array. An empty-element array (<array/>) is entered too; its
     // first nextItem is its end.
