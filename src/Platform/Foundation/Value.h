@@ -7,10 +7,8 @@
 // 40000 is -25536), strings are read by their leading number ("12abc" is 12), booleans are
 // 0 or 1. unsignedLongLongValue of -1 is 2^64-1.
 //
-// Reading accepts XML and binary property lists (PropertyListReader.cpp); writing produces
-// XML or binary (PropertyListWriter.cpp). libplist does the parsing and serialising; nothing
-// else in the code base sees it. Large XML documents can also be walked without a tree, by
-// PropertyListStream.
+// Reading accepts XML and binary property lists; writing produces XML. libplist does the
+// parsing and serialising; nothing else in the code base sees it.
 #pragma once
 
 #include <cstdint>
