@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "Foundation/Value.h"
 #include "MediaTime/MediaTime.h"
 
@@ -50,14 +51,14 @@ struct MovieJob {
     // A table of offset entries as the document's arrays hold them.
     static MediaEntryTable entriesFrom(const corvina::Value& array);
     // Reads a settings document from a file: its bytes are copied into memory once, then
-    // parsed. Nullopt when the file is missing, malformed or holds no dictionary, with the
-    // cause in *error.
-    static std::optional<MovieJob> readDocument(const std::string& path, corvina::Error* error = nullptr);
+    // parsed. Fails when the file is missing, malformed or holds no dictionary.
+    static corvina::Result<MovieJob> readDocument(const std::string& path);
     // The job a document's bytes describe. XML documents are read as a stream, one entry at
-    // a time; binary ones through the property-list reader.
-    static std::optional<MovieJob> fromDocumentBytes(std::string_view bytes, corvina::Error* error = nullptr);
-    // The streaming reader alone: nullopt where it cannot be sure of the document (a binary
-    // one, dates or data among the values, anything malformed), so that the caller can fall
-    // back on the full property-list reader.
+    // a time; binary ones, and whatever the stream refuses, through the property-list reader.
+    static corvina::Result<MovieJob> fromDocumentBytes(std::string_view bytes);
+    // The streaming reader alone: the document's keys mapped to the job's fields over
+    // corvina::PropertyListStream. Nullopt where the stream cannot be sure of the document (a
+    // binary one, dates or data among the values, anything malformed), so that the caller can
+    // fall back on the full property-list reader.
     static std::optional<MovieJob> readXMLDocument(const char* text, size_t length);
 };

@@ -103,14 +103,14 @@ corvina::Result<MovieJob> readJob(const std::optional<std::string>& replayPath)
 {
     if (!replayPath) return corvina::Error{"CorvinaAVFHelper", 0, "there is no Downloads folder"};
     corvina::Error readError;
-    std::optional<MovieJob> job;
     try {
         corvina::ScopedFileIdentity asUser(TQLocalPaths::actingUser());
-        job = MovieJob::readDocument(*replayPath, &readError);
+        auto job = MovieJob::readDocument(*replayPath);
+        if (job) return job;
+        readError = job.error();
     } catch (const corvina::PlatformException& exception) {
         readError.localizedDescription = exception.reason();
     }
-    if (job) return std::move(*job);
     if (readError.localizedDescription.empty()) readError.localizedDescription = "unreadable";
     return readError;
 }

