@@ -14,6 +14,7 @@
 #include <set>
 
 #include "Foundation/Format.h"
+#include "Foundation/PosixIO.h"
 #include "QuickTime/AssetWriter.h"
 
 using corvina::Error;
@@ -61,11 +62,12 @@ bool abandoned = false;  // guarded by registryMutex
 bool markedAsOurs(int fd, bool created)
 {
     if (created) {
-        [[maybe_unused]] const ssize_t written = ::write(fd, kLockMark, sizeof kLockMark - 1);
+        // A mark that cannot be written only means a later run will not remove this lock.
+        [[maybe_unused]] const auto written = corvina::posix::writeFully(fd, std::string_view(kLockMark));
         return true;
     }
-    char mark[sizeof kLockMark] = {};
-    return ::pread(fd, mark, sizeof mark, 0) == static_cast<ssize_t>(sizeof kLockMark - 1) &&
+    uint8_t mark[sizeof kLockMark] = {};
+    return corvina::posix::preadAll(fd, mark, 0).count == sizeof kLockMark - 1 &&
            std::memcmp(mark, kLockMark, sizeof kLockMark - 1) == 0;
 }
 

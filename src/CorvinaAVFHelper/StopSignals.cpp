@@ -11,6 +11,7 @@
 
 #include "MovieDestination.h"
 #include "TQLog.h"
+#include "Foundation/PosixIO.h"
 
 namespace stopsignals {
 
@@ -47,10 +48,7 @@ void install(std::function<void(int)> onStop, std::chrono::milliseconds grace)
     if (::pipe2(wakePipe, O_CLOEXEC) != 0) return;
     std::thread([onStop = std::move(onStop), grace] {
         unsigned char byte = 0;
-        ssize_t n;
-        do {
-            n = ::read(wakePipe[0], &byte, 1);
-        } while (n < 0 && errno == EINTR);
+        const ssize_t n = corvina::posix::retryInterrupted([&] { return ::read(wakePipe[0], &byte, 1); });
         if (n != 1) return;
         received.store(byte);
         if (onStop) onStop(byte);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "Foundation/Error.h"
+#include "Foundation/PosixIO.h"
 #include "TQLog.h"
 
 using namespace corvina;
@@ -48,15 +49,8 @@ size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)
     // A range that would end past the largest file offset is cut there: pread never sees a
     // negative offset.
     length = std::min(length, uint64_t(INT64_MAX) - offset);
-    const int fd = file_->fileDescriptor();
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t n = ::pread(fd, out + done, size_t(length - done), off_t(offset + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += size_t(n);
-    }
-    return done;
+    // What could be read: a read error ends the range as the end of the file does.
+    return corvina::posix::preadAll(file_->fileDescriptor(), {out, size_t(length)}, offset).count;
 }
 
 std::span<const uint8_t> EssenceReader::windowAt(uint64_t offset, size_t length)
