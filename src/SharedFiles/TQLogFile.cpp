@@ -18,6 +18,7 @@
 #include "Foundation/FolderDescriptor.h"
 #include "Foundation/Format.h"
 #include "Foundation/ProcessInfo.h"
+#include "Foundation/PosixIO.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
 #include "TQLocalPaths.h"
@@ -89,7 +90,7 @@ class FolderLock {
 public:
     explicit FolderLock(int folder) : folder_(folder)
     {
-        while (::flock(folder_, LOCK_EX) != 0 && errno == EINTR) {}
+        corvina::posix::retryInterrupted([&] { return ::flock(folder_, LOCK_EX); });
     }
     ~FolderLock() { ::flock(folder_, LOCK_UN); }
     FolderLock(const FolderLock&) = delete;
