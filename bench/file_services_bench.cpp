@@ -20,9 +20,11 @@
 #include <string>
 #include <vector>
 
-#include "TQFileManager.h"
+#include "tq/TQFileManager.h"
 
 namespace fs = std::filesystem;
+
+using namespace corvina::tq;
 
 namespace {
 

@@ -24,9 +24,9 @@
 #include <thread>
 #include <vector>
 
-#include "TQLog.h"
-#include "TQLogCore.h"
-#include "TQLogSink.h"
+#include "tq/TQLog.h"
+#include "tq/TQLogCore.h"
+#include "tq/TQLogSink.h"
 
 #ifdef CORVINA_HAVE_SPDLOG
 #include <spdlog/async.h>
@@ -35,6 +35,8 @@
 #endif
 
 namespace fs = std::filesystem;
+
+using namespace corvina::tq;
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The controller: a run's replay copy, its summary and its stop around one MovieSession.
-#include "AppController.h"
+#include "helper/AppController.h"
 
 #include <chrono>
 #include <filesystem>
@@ -8,11 +8,14 @@
 #include "Foundation/Exception.h"
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
-#include "MovieSession.h"
+#include "helper/MovieSession.h"
 #include "QuickTime/AssetWriter.h"
-#include "TQException.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
+#include "tq/TQException.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 
@@ -138,3 +141,5 @@ int64_t AppController::runSession(const MovieJob& job, const std::optional<std::
     TQLog::appendLog("%@", story.text());
     return status;
 }
+
+}  // namespace corvina::helper

@@ -17,13 +17,15 @@
 #include "Foundation/Error.h"
 #include "Foundation/UserIdentity.h"
 #include "Foundation/Value.h"
-#include "MovieJob.h"
-#include "RunSummary.h"
+#include "helper/MovieJob.h"
+#include "helper/RunSummary.h"
 #include "SampleBuffer/FormatDescription.h"
 
 namespace corvina {
 class AssetWriter;
 }
+
+namespace corvina::helper {
 
 // One row of the video format table.
 struct VideoFormatInfo {
@@ -110,3 +112,5 @@ private:
     RunSummary summary_;
     corvina::AssetWriter* liveWriter_ = nullptr;
 };
+
+}  // namespace corvina::helper

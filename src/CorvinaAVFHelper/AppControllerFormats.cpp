@@ -1,8 +1,11 @@
 // The tables of supported source formats and the format descriptions built from them.
 #include <array>
 
-#include "AppController.h"
-#include "TQLog.h"
+#include "helper/AppController.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 
@@ -117,3 +120,5 @@ FormatDescriptionRef AppController::audioFormatDescriptionForChannels(uint64_t c
     }
     return description;
 }
+
+}  // namespace corvina::helper

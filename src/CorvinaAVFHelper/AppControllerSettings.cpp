@@ -3,9 +3,12 @@
 #include <cmath>
 #include <cstdio>
 
-#include "AppController.h"
-#include "TQAVFoundation.h"
-#include "TQLog.h"
+#include "helper/AppController.h"
+#include "tq/TQAVFoundation.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 
@@ -89,3 +92,5 @@ Value AppController::settingsForMovieFile(const std::string& path)
     settings["audioFormat"] = Value(audioRowFor(asbd));
     return Value(std::move(settings));
 }
+
+}  // namespace corvina::helper

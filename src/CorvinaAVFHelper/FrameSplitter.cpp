@@ -1,9 +1,11 @@
-#include "FrameSplitter.h"
+#include "helper/FrameSplitter.h"
 
 #include <cstring>
 
 #include "Foundation/ByteOrder.h"
 #include "SampleBuffer/CodecHeaders.h"
+
+namespace corvina::helper {
 
 using corvina::fourCC;
 using corvina::FourCharCode;
@@ -138,3 +140,5 @@ bool FrameSplitter::split(std::span<const uint8_t> bytes, uint64_t frameCount, s
     if (!ok) sizes.clear();
     return ok;
 }
+
+}  // namespace corvina::helper

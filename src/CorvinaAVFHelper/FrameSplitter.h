@@ -12,6 +12,8 @@
 
 #include "SampleBuffer/FormatDescription.h"
 
+namespace corvina::helper {
+
 class FrameSplitter {
 public:
     enum class Rule { None, FixedSize, ProRes, JPEG };
@@ -33,3 +35,5 @@ private:
     Rule rule_ = Rule::None;
     size_t fixedSize_ = 0;
 };
+
+}  // namespace corvina::helper

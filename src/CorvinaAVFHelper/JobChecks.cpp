@@ -1,9 +1,11 @@
-#include "JobChecks.h"
+#include "helper/JobChecks.h"
 
 #include <cmath>
 #include <limits>
 
 #include "Foundation/Format.h"
+
+namespace corvina::helper {
 
 namespace jobcheck {
 
@@ -106,3 +108,5 @@ uint64_t movieHeaderAllowance(uint64_t videoEntries, uint64_t audioEntries)
 }
 
 }  // namespace jobcheck
+
+}  // namespace corvina::helper

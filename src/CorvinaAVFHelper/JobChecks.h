@@ -10,6 +10,8 @@
 
 #include "SampleBuffer/CodecHeaders.h"
 
+namespace corvina::helper {
+
 namespace jobcheck {
 
 // Frame rates the session accepts, in frames per second (both ends included).
@@ -63,3 +65,5 @@ uint64_t bytesHeld(ByteRange range, uint64_t fileSize, uint64_t unit = 1);
 uint64_t movieHeaderAllowance(uint64_t videoEntries, uint64_t audioEntries);
 
 }  // namespace jobcheck
+
+}  // namespace corvina::helper

@@ -1,4 +1,4 @@
-#include "MovieDestination.h"
+#include "helper/MovieDestination.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -16,6 +16,8 @@
 #include "Foundation/Format.h"
 #include "Foundation/PosixIO.h"
 #include "QuickTime/AssetWriter.h"
+
+namespace corvina::helper {
 
 using corvina::Error;
 using corvina::format;
@@ -365,3 +367,5 @@ void MovieDestination::abandonAll()
             destination->release();
         });
 }
+
+}  // namespace corvina::helper

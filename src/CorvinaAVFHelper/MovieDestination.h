@@ -34,6 +34,8 @@
 #include "Foundation/Result.h"
 #include "Foundation/UserIdentity.h"
 
+namespace corvina::helper {
+
 class MovieDestination {
 public:
     struct Input {
@@ -109,3 +111,5 @@ private:
     int staleRemoved_ = 0;
     bool committed_ = false;
 };
+
+}  // namespace corvina::helper

@@ -1,10 +1,12 @@
-#include "MovieJob.h"
+#include "helper/MovieJob.h"
 
 #include <algorithm>
 #include <cmath>
 #include <string_view>
 
 #include "Foundation/PropertyListStream.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 
@@ -181,3 +183,5 @@ Result<MovieJob> MovieJob::fromDocumentBytes(std::string_view bytes)
     }
     return fromSettings(*settings);
 }
+
+}  // namespace corvina::helper

@@ -16,6 +16,8 @@
 #include "Foundation/Value.h"
 #include "MediaTime/MediaTime.h"
 
+namespace corvina::helper {
+
 // One offset entry: a byte range of a raw data file and, for video, how many frames it holds.
 struct MediaEntry {
     uint64_t offset = 0;
@@ -62,3 +64,5 @@ struct MovieJob {
     // fall back on the full property-list reader.
     static std::optional<MovieJob> readXMLDocument(const char* text, size_t length);
 };
+
+}  // namespace corvina::helper

@@ -1,17 +1,20 @@
 // The movie writing session, step by step.
-#include "MovieSession.h"
+#include "helper/MovieSession.h"
 
 #include <sys/stat.h>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 #include "Foundation/UserIdentity.h"
 #include "QuickTime/AssetWriter.h"
-#include "TQAVFoundation.h"
-#include "TQAlert.h"
-#include "TQException.h"
-#include "TQLog.h"
+#include "tq/TQAVFoundation.h"
+#include "tq/TQAlert.h"
+#include "tq/TQException.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 
@@ -147,8 +150,7 @@ void MovieSession::openDataFiles()
     ScopedFileIdentity asUser(controller_.actor_);
     if (std::shared_ptr<FileHandle> file = EssenceReader::open(job_.tmpFilename, &videoOpenError_))
         videoFeeder_ = std::make_unique<VideoTrackFeeder>(std::move(file), job_.videoEntries);
-    if (std::shared_ptr<FileHandle> file =
-            EssenceReader::open(job_.tmpAudioFilename, &audioOpenError_))
+    if (std::shared_ptr<FileHandle> file = EssenceReader::open(job_.tmpAudioFilename, &audioOpenError_))
         audioFeeder_ = std::make_unique<AudioTrackFeeder>(std::move(file), job_.audioEntries);
 }
 
@@ -461,3 +463,5 @@ void MovieSession::tellSummary(RunSummary& story) const
         story.movieBytes = regularFileSize(story.moviePath);
     }
 }
+
+}  // namespace corvina::helper

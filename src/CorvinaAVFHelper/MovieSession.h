@@ -17,21 +17,23 @@
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
 #include "Foundation/Result.h"
-#include "JobChecks.h"
-#include "MovieDestination.h"
-#include "MovieJob.h"
-#include "RunSummary.h"
+#include "helper/JobChecks.h"
+#include "helper/MovieDestination.h"
+#include "helper/MovieJob.h"
+#include "helper/RunSummary.h"
 #include "SampleBuffer/SampleBuffer.h"
-#include "TrackFeeder.h"
-
-class AppController;
-struct AudioFormatInfo;
-struct VideoFormatInfo;
+#include "helper/TrackFeeder.h"
 
 namespace corvina {
 class AssetWriter;
 class AssetWriterInput;
 }  // namespace corvina
+
+namespace corvina::helper {
+
+class AppController;
+struct AudioFormatInfo;
+struct VideoFormatInfo;
 
 class MovieSession {
 public:
@@ -109,3 +111,5 @@ private:
     std::shared_ptr<Completion> completion_ = std::make_shared<Completion>();
     bool pumpStarted_ = false;
 };
+
+}  // namespace corvina::helper

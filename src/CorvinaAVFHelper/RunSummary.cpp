@@ -1,6 +1,8 @@
-#include "RunSummary.h"
+#include "helper/RunSummary.h"
 
 #include "Foundation/Format.h"
+
+namespace corvina::helper {
 
 using corvina::format;
 
@@ -30,3 +32,5 @@ std::string RunSummary::text() const
         out += "\n  movie: none written";
     return out;
 }
+
+}  // namespace corvina::helper

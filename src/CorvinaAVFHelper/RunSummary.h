@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+namespace corvina::helper {
+
 struct RunSummary {
     struct Track {
         std::string format;  // empty: the track was not described
@@ -32,3 +34,5 @@ struct RunSummary {
     }
     std::string text() const;
 };
+
+}  // namespace corvina::helper

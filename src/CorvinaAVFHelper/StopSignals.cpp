@@ -1,4 +1,4 @@
-#include "StopSignals.h"
+#include "helper/StopSignals.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -9,9 +9,12 @@
 #include <memory>
 #include <thread>
 
-#include "MovieDestination.h"
-#include "TQLog.h"
+#include "helper/MovieDestination.h"
+#include "tq/TQLog.h"
 #include "Foundation/PosixIO.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 namespace stopsignals {
 
@@ -87,3 +90,5 @@ const char* signalName(int number)
 }
 
 }  // namespace stopsignals
+
+}  // namespace corvina::helper

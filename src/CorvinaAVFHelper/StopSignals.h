@@ -9,6 +9,8 @@
 #include <chrono>
 #include <functional>
 
+namespace corvina::helper {
+
 namespace stopsignals {
 
 void install(std::function<void(int signalNumber)> onStop, std::chrono::milliseconds grace);
@@ -17,3 +19,5 @@ int stopSignal();                    // 0 until a signal arrived
 const char* signalName(int number);  // "SIGTERM", ...
 
 }  // namespace stopsignals
+
+}  // namespace corvina::helper

@@ -1,4 +1,4 @@
-#include "TrackFeeder.h"
+#include "helper/TrackFeeder.h"
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -11,7 +11,10 @@
 
 #include "Foundation/Error.h"
 #include "Foundation/PosixIO.h"
-#include "TQLog.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 
@@ -93,10 +96,7 @@ std::vector<uint8_t> VideoTrackFeeder::firstEntryStart(size_t count)
     return bytes;
 }
 
-MediaTime VideoTrackFeeder::mediaEnd() const
-{
-    return timing_.durationOfFrames(int64_t(framesHandedOut_));
-}
+MediaTime VideoTrackFeeder::mediaEnd() const { return timing_.durationOfFrames(int64_t(framesHandedOut_)); }
 
 bool VideoTrackFeeder::goesBefore(const AudioTrackFeeder& audio) const { return mediaEnd() <= audio.mediaEnd(); }
 
@@ -240,8 +240,9 @@ uint64_t AudioTrackFeeder::framesBeforeTurnOf(const VideoTrackFeeder& video) con
     // frames that come before the video's next turn.
     const FrameRate& rate = video.timing();
     if (!rate.isValid()) return kMaxRun;
-    const MediaTime turn = rate.durationOfFrames(int64_t(video.framesHandedOut()))
-                               .convertScale(static_cast<int32_t>(sampleRate_), MediaTime::Rounding::towardPositiveInfinity);
+    const MediaTime turn =
+        rate.durationOfFrames(int64_t(video.framesHandedOut()))
+            .convertScale(static_cast<int32_t>(sampleRate_), MediaTime::Rounding::towardPositiveInfinity);
     if (!turn.isNumeric()) return kMaxRun;
     const uint64_t handed = framesHandedOut_;
     return uint64_t(turn.value) > handed ? std::min<uint64_t>(uint64_t(turn.value) - handed, kMaxRun) : 1;
@@ -299,3 +300,5 @@ const SampleBuffer* AudioTrackFeeder::nextRun(uint64_t maxFrames)
         return sample_.get();
     }
 }
+
+}  // namespace corvina::helper

@@ -18,9 +18,11 @@
 #include <vector>
 
 #include "Foundation/FileHandle.h"
-#include "FrameSplitter.h"
-#include "MovieJob.h"
+#include "helper/FrameSplitter.h"
+#include "helper/MovieJob.h"
 #include "SampleBuffer/SampleBuffer.h"
+
+namespace corvina::helper {
 
 // Reads byte ranges of one raw data file, never past its end; a read error reads as nothing.
 // The file's size is taken once, when the reader is made: the data files do not change while
@@ -144,3 +146,5 @@ private:
     uint64_t frameIndex_ = 0;
     uint64_t framesHandedOut_ = 0;
 };
+
+}  // namespace corvina::helper

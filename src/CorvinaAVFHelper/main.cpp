@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
@@ -19,10 +19,14 @@
 #include "Foundation/Result.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/Value.h"
-#include "StopSignals.h"
-#include "TQBugReporter.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
+#include "helper/StopSignals.h"
+#include "tq/TQBugReporter.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
+
+using namespace corvina;
+using namespace corvina::tq;
+using namespace corvina::helper;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Clips.h"
+#include "recover/Clips.h"
 
 #include <algorithm>
 #include <array>
@@ -8,10 +8,11 @@
 #include <optional>
 #include <vector>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Foundation/ByteOrder.h"
 
-namespace recover {
+namespace corvina::recover {
+using namespace corvina::helper;
 
 namespace {
 
@@ -363,4 +364,4 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     return clips;
 }
 
-}  // namespace recover
+}  // namespace corvina::recover

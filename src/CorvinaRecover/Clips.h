@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "Essence.h"
-#include "Scanner.h"
+#include "recover/Essence.h"
+#include "recover/Scanner.h"
 
-namespace recover {
+namespace corvina::recover {
 
 // What the reference (or --format) fixes about the essence.
 struct Expectation {
@@ -85,4 +85,4 @@ constexpr size_t kShortestEdgeRun = 4;
 
 double clipFrameRate(const Expectation& expectation, const FrameInfo& first);
 
-}  // namespace recover
+}  // namespace corvina::recover

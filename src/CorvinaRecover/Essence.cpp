@@ -1,4 +1,4 @@
-#include "Essence.h"
+#include "recover/Essence.h"
 
 #include <array>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include "Foundation/ByteOrder.h"
 #include "SampleBuffer/CodecHeaders.h"
 
-namespace recover {
+namespace corvina::recover {
 
 namespace {
 
@@ -363,4 +363,4 @@ StartPattern startPattern(Family family)
     return {};
 }
 
-}  // namespace recover
+}  // namespace corvina::recover

@@ -18,7 +18,7 @@
 #include <span>
 #include <string>
 
-namespace recover {
+namespace corvina::recover {
 
 enum class Family { DV, ProRes, JPEG };
 const char* familyName(Family family);
@@ -82,4 +82,4 @@ constexpr size_t kMaxFrameBytes = 16u << 20;
 // The size of one DV frame of the helper's row, 0 for other rows.
 size_t dvFrameBytes(int64_t formatType);
 
-}  // namespace recover
+}  // namespace corvina::recover

@@ -1,4 +1,4 @@
-#include "Recovery.h"
+#include "recover/Recovery.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -13,14 +13,15 @@
 #include <cstring>
 #include <filesystem>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Foundation/PosixIO.h"
 #include "Foundation/Value.h"
 #include <memory>
-#include "MovieJob.h"
-#include "Report.h"
+#include "helper/MovieJob.h"
+#include "recover/Report.h"
 
-namespace recover {
+namespace corvina::recover {
+using namespace corvina::helper;
 
 namespace {
 
@@ -383,4 +384,4 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
     return outcome;
 }
 
-}  // namespace recover
+}  // namespace corvina::recover

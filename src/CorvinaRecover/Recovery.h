@@ -12,12 +12,15 @@
 #include <string>
 #include <vector>
 
-#include "Clips.h"
-#include "Scanner.h"
+#include "recover/Clips.h"
+#include "recover/Scanner.h"
 
+namespace corvina::helper {
 class AppController;
+}  // namespace corvina::helper
 
-namespace recover {
+namespace corvina::recover {
+using namespace corvina::helper;
 
 struct RecoverOptions {
     std::string input;
@@ -62,4 +65,4 @@ std::optional<Expectation> expectationFor(const RecoverOptions& options, std::st
 
 RecoverOutcome recoverInput(const RecoverOptions& options);
 
-}  // namespace recover
+}  // namespace corvina::recover

@@ -1,4 +1,4 @@
-#include "Report.h"
+#include "recover/Report.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,17 +8,19 @@
 #include <fstream>
 #include <sstream>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "AssetReader/Asset.h"
 #include "AssetReader/Libav.h"
-#include "Recovery.h"
-#include "TQAVFoundation.h"
+#include "recover/Recovery.h"
+#include "tq/TQAVFoundation.h"
 
 extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-namespace recover {
+namespace corvina::recover {
+using namespace corvina::tq;
+using namespace corvina::helper;
 
 namespace {
 
@@ -334,4 +336,4 @@ void writeReports(RecoverOutcome& outcome, const std::string& input, const std::
     if (!writeBeside(outcome.htmlPath, h.str())) outcome.htmlPath.clear();
 }
 
-}  // namespace recover
+}  // namespace corvina::recover

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace recover {
+namespace corvina::recover {
 
 struct RecoverOutcome;
 struct Clip;
@@ -25,4 +25,4 @@ std::vector<ByteRange> rangesUsed(const Clip& clip);
 // with the media libraries; empty when it cannot be decoded.
 std::vector<unsigned char> thumbnailBMP(const std::string& moviePath, long index, int width);
 
-}  // namespace recover
+}  // namespace corvina::recover

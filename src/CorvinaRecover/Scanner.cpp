@@ -1,4 +1,4 @@
-#include "Scanner.h"
+#include "recover/Scanner.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -25,7 +25,7 @@
 
 #include "Foundation/PosixIO.h"
 
-namespace recover {
+namespace corvina::recover {
 
 namespace {
 
@@ -373,4 +373,4 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options)
     return result;
 }
 
-}  // namespace recover
+}  // namespace corvina::recover

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "Essence.h"
+#include "recover/Essence.h"
 
-namespace recover {
+namespace corvina::recover {
 
 struct Rejection {
     uint64_t offset = 0;
@@ -53,4 +53,4 @@ ScanResult scan(int fd, uint64_t size, const ScanOptions& options);
 // The size of what fd reads: a regular file's length or a block device's.
 std::optional<uint64_t> inputSize(int fd);
 
-}  // namespace recover
+}  // namespace corvina::recover

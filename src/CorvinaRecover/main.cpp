@@ -9,12 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/ProcessInfo.h"
-#include "Recovery.h"
-#include "StopSignals.h"
-#include "TQLog.h"
+#include "recover/Recovery.h"
+#include "helper/StopSignals.h"
+#include "tq/TQLog.h"
+
+using namespace corvina;
+using namespace corvina::tq;
+using namespace corvina::helper;
+using namespace corvina::recover;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "TQAVExport.h"
+#include "tq/TQAVExport.h"
 
 #include <cerrno>
 #include <cmath>
@@ -10,7 +10,9 @@
 #include "AssetReader/AssetReader.h"
 #include "Foundation/Format.h"
 #include "QuickTime/AssetWriter.h"
-#include "TQAVFoundation.h"
+#include "tq/TQAVFoundation.h"
+
+namespace corvina::tq {
 
 using namespace corvina;
 
@@ -331,3 +333,5 @@ void TQAVExport::cancel()
         cancelled_ = true;
     });
 }
+
+}  // namespace corvina::tq

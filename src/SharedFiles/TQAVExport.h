@@ -37,6 +37,8 @@ class AssetWriter;
 class AssetWriterInput;
 }  // namespace corvina
 
+namespace corvina::tq {
+
 class TQAVExport;
 
 // Every callback is optional: the defaults do nothing.
@@ -139,3 +141,5 @@ private:
     corvina::MediaTime totalStart_ = corvina::MediaTime::zero();
     int32_t totalScale_ = 1;
 };
+
+}  // namespace corvina::tq

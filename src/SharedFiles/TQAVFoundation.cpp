@@ -1,4 +1,4 @@
-#include "TQAVFoundation.h"
+#include "tq/TQAVFoundation.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +9,9 @@
 #include "Foundation/ByteOrder.h"
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
-#include "TQTimecode.h"
+#include "tq/TQTimecode.h"
+
+namespace corvina::tq {
 
 using namespace corvina;
 
@@ -342,3 +344,5 @@ std::optional<std::vector<float>> TQAVFoundation::waveformDataForAsset(const Ass
 {
     return waveformDataForAsset(asset, nullptr);
 }
+
+}  // namespace corvina::tq

@@ -14,6 +14,8 @@
 #include "AssetReader/Asset.h"
 #include "MediaTime/MediaTime.h"
 
+namespace corvina::tq {
+
 // A time of day in hours, minutes, seconds and frames, as a timecode sample describes it.
 struct SMPTETime {
     int16_t mSubframes = 0;
@@ -107,3 +109,5 @@ public:
     static std::optional<std::vector<float>> waveformDataForAsset(const Asset& asset, float* normalizeMax);
     static std::optional<std::vector<float>> waveformDataForAsset(const Asset& asset);
 };
+
+}  // namespace corvina::tq

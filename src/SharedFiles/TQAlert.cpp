@@ -1,4 +1,4 @@
-#include "TQAlert.h"
+#include "tq/TQAlert.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -8,6 +8,8 @@
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/UserDefaults.h"
+
+namespace corvina::tq {
 
 struct TQAlert::State {
     std::mutex mutex;
@@ -284,3 +286,5 @@ int64_t TQAlert::timedAlertSheetWithMessageText(const Text& messageText, const T
     return run(messageText, defaultButton, alternateButton, otherButton, informativeText, parentWindow, nullptr,
                nullptr, true, &alert, {}, start);
 }
+
+}  // namespace corvina::tq

@@ -18,6 +18,8 @@
 
 #include "Alert/AlertPresenter.h"
 
+namespace corvina::tq {
+
 class TQAlert;
 
 // Receives the end of an alert. Every callback is optional.
@@ -157,3 +159,5 @@ private:
 
     std::shared_ptr<State> state_;
 };
+
+}  // namespace corvina::tq

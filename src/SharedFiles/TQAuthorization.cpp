@@ -1,4 +1,4 @@
-#include "TQAuthorization.h"
+#include "tq/TQAuthorization.h"
 
 #include <pwd.h>
 #include <sys/stat.h>
@@ -13,11 +13,13 @@
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
-#include "TQTaskEx.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
+#include "tq/TQTaskEx.h"
 
 extern char** environ;
+
+namespace corvina::tq {
 
 namespace {
 
@@ -345,3 +347,5 @@ bool TQAuthorization::removeWithTool(const std::string& path)
     corvina::systemLog("Error in authRemoveFile: %@ was not removed (status %i)", item, status);
     return false;
 }
+
+}  // namespace corvina::tq

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+namespace corvina::tq {
+
 class TQAuthorization {
 public:
     // The rights obtained: on this system a sudo ticket of the named user.
@@ -93,3 +95,5 @@ private:
     bool hasGUI_ = true;
     std::optional<std::string> userDirectory_;
 };
+
+}  // namespace corvina::tq

@@ -7,9 +7,11 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
-#include "TQAuthorization.h"
-#include "TQLocalPaths.h"
+#include "tq/TQAuthorization.h"
+#include "tq/TQLocalPaths.h"
 #include "Workspace/Workspace.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -130,3 +132,5 @@ bool TQAuthorization::authCreateDir(const std::string& path)
     return authExecTask("/bin/mkdir", {"-p", "--", path}, false) == 0 && ::stat(path.c_str(), &st) == 0 &&
            S_ISDIR(st.st_mode);
 }
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQBugReporter.h"
+#include "tq/TQBugReporter.h"
 
 #include <unistd.h>
 
@@ -17,11 +17,13 @@
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
-#include "TQTaskEx.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
+#include "tq/TQTaskEx.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using corvina::Value;
 
 namespace {
@@ -297,3 +299,5 @@ std::optional<std::string> TQBugReporter::bugReporterPath()
     }
     return corvina::findProgramOnPath(kBugReporterName);
 }
+
+}  // namespace corvina::tq

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+namespace corvina::tq {
+
 // Told of a crash found at start-up, on the main thread. Every callback is optional.
 class TQBugReporterDelegate {
 public:
@@ -58,3 +60,5 @@ public:
     // The "Bug Reporter" program beside the executable, else on PATH; none when neither exists.
     static std::optional<std::string> bugReporterPath();
 };
+
+}  // namespace corvina::tq

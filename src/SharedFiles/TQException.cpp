@@ -1,7 +1,9 @@
-#include "TQException.h"
+#include "tq/TQException.h"
 
 #include "Foundation/Format.h"
-#include "TQLog.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 std::string TQException::logException(const corvina::PlatformException& exception, const char* method)
 {
@@ -14,3 +16,5 @@ bool TQException::didTimeout(const corvina::PlatformException& exception)
 {
     return exception.name() == corvina::kPortTimeoutException;
 }
+
+}  // namespace corvina::tq

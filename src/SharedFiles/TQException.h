@@ -6,6 +6,8 @@
 
 #include "Foundation/Exception.h"
 
+namespace corvina::tq {
+
 class TQException {
 public:
     TQException() = delete;
@@ -16,3 +18,5 @@ public:
     // True when the exception's name is exactly "NSPortTimeoutException".
     static bool didTimeout(const corvina::PlatformException& exception);
 };
+
+}  // namespace corvina::tq

@@ -24,6 +24,8 @@
 #include "Foundation/Date.h"
 #include "Foundation/Value.h"
 
+namespace corvina::tq {
+
 // ---- Digests ------------------------------------------------------------------------------
 
 enum class TQDigestAlgorithm { MD5, SHA1, SHA256, SHA512 };
@@ -320,3 +322,5 @@ public:
 // The file browser's update event: not available on this system. -50 for a missing or
 // invalid reference, else -4 (not implemented); never 0.
 int32_t SendFinderSyncEvent(const TQFileManager::FSRef* ref);
+
+}  // namespace corvina::tq

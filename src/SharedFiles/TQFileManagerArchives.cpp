@@ -15,10 +15,12 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Workspace/Workspace.h"
-#include "TQFileManager.h"
-#include "TQFileManagerSupport.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQFileManagerSupport.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -306,3 +308,5 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     archive_write_close(disk.get());
     return fileExistsAtPath(destinationFolder);
 }
+
+}  // namespace corvina::tq

@@ -15,9 +15,11 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQFileManagerSupport.h"
-#include "TQLog.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQFileManagerSupport.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 // ---- Copy settings --------------------------------------------------------------------------
 
@@ -521,3 +523,5 @@ bool TQFileManager::copyFileWithProgress(const std::string& source, const std::v
     if (delegate && delegate->fileCopyFinished) delegate->fileCopyFinished(*settings);
     return true;
 }
+
+}  // namespace corvina::tq

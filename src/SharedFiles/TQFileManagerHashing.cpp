@@ -11,9 +11,11 @@
 #include "Dispatch/Dispatch.h"
 #include "Foundation/FileOperations.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQFileManagerSupport.h"
-#include "TQLog.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQFileManagerSupport.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -189,3 +191,5 @@ std::optional<std::string> TQFileManager::sha512HashForFile(const std::string& p
 {
     return hashFile(path, TQDigestAlgorithm::SHA512, delegate);
 }
+
+}  // namespace corvina::tq

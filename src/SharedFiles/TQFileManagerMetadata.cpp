@@ -14,8 +14,10 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQLog.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -297,3 +299,5 @@ int32_t SendFinderSyncEvent(const TQFileManager::FSRef* ref)
     if (!ref || !ref->valid) return kParameterError;
     return kNotImplemented;
 }
+
+}  // namespace corvina::tq

@@ -8,11 +8,13 @@
 
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
-#include "TQAuthorization.h"
-#include "TQFileManager.h"
-#include "TQFileManagerSupport.h"
-#include "TQLocalPaths.h"
-#include "TQTaskEx.h"
+#include "tq/TQAuthorization.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQFileManagerSupport.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQTaskEx.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -205,3 +207,5 @@ bool TQFileManager::setModificationDate(corvina::Date date, const std::string& p
                                       {static_cast<time_t>(seconds.count()), static_cast<long>(nanos.count())}};
     return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
 }
+
+}  // namespace corvina::tq

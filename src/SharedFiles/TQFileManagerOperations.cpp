@@ -12,11 +12,13 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/SystemLog.h"
-#include "TQAuthorization.h"
-#include "TQFileManager.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
+#include "tq/TQAuthorization.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
 #include "Workspace/Workspace.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -249,3 +251,5 @@ std::string TQFileManager::createDirectoryStructure(const std::string& path, con
     if (!fileExistsAtPath(mirrored)) createDirectory(mirrored);
     return mirrored;
 }
+
+}  // namespace corvina::tq

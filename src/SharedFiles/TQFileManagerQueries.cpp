@@ -12,8 +12,10 @@
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "Foundation/StringUtils.h"
-#include "TQFileManager.h"
+#include "tq/TQFileManager.h"
 #include "Workspace/Workspace.h"
+
+namespace corvina::tq {
 
 using corvina::Value;
 
@@ -247,3 +249,5 @@ std::optional<Value> TQFileManager::infoForDiskAtMountpoint(const std::string& m
     info["VolumeName"] = volumeName;
     return Value(std::move(info));
 }
+
+}  // namespace corvina::tq

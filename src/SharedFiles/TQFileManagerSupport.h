@@ -18,6 +18,8 @@
 
 #include "Foundation/PosixIO.h"
 
+namespace corvina::tq {
+
 namespace tqfiles {
 
 // Reads and writes move this much at a time: sixteen of the 64 KiB blocks the file services
@@ -135,3 +137,5 @@ private:
 };
 
 }  // namespace tqfiles
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQLocalPaths.h"
+#include "tq/TQLocalPaths.h"
 
 #include <pwd.h>
 #include <signal.h>
@@ -18,6 +18,8 @@
 
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -550,3 +552,5 @@ std::optional<std::string> TQLocalPaths::replaySettingsPath()
 {
     return appended(downloadsDirectory(), "corvina.plist");
 }
+
+}  // namespace corvina::tq

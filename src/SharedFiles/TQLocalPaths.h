@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 
+namespace corvina::tq {
+
 class TQLocalPaths {
 public:
     // Directory codes and domain masks with the platform's numbers.
@@ -104,3 +106,5 @@ public:
     // The folder standing for "/" in local- and system-domain lookups ("/" by default).
     static std::string localRoot();
 };
+
+}  // namespace corvina::tq

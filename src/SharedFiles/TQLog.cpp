@@ -1,4 +1,4 @@
-#include "TQLog.h"
+#include "tq/TQLog.h"
 
 #include <pthread.h>
 
@@ -11,7 +11,9 @@
 #include "Foundation/Date.h"
 #include "Foundation/Exception.h"
 #include "Foundation/StringUtils.h"
-#include "TQLogFile.h"
+#include "tq/TQLogFile.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -171,3 +173,5 @@ void TQLog::reportUncaughtException(std::exception_ptr exception)
     appendMessageAndPrint(reason);
     finishWriting();
 }
+
+}  // namespace corvina::tq

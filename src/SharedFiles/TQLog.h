@@ -23,7 +23,9 @@
 #include <string_view>
 #include <vector>
 
-#include "TQLogCore.h"
+#include "tq/TQLogCore.h"
+
+namespace corvina::tq {
 
 class TQLogFile;
 class TQLogSink;
@@ -157,3 +159,5 @@ private:
     TQLogCore core_;
     std::unique_ptr<TQLogFile> file_;
 };
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQLogCore.h"
+#include "tq/TQLogCore.h"
 
 #include <link.h>
 
@@ -10,8 +10,10 @@
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/StringUtils.h"
-#include "TQLogEntry.h"
-#include "TQLogQueue.h"
+#include "tq/TQLogEntry.h"
+#include "tq/TQLogQueue.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -271,3 +273,5 @@ void TQLogCore::lockForFork() { queue_->lockForFork(); }
 void TQLogCore::unlockInParent() { queue_->unlockInParent(); }
 
 void TQLogCore::resetInChild() { queue_->resetInChild(); }
+
+}  // namespace corvina::tq

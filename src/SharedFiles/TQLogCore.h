@@ -24,6 +24,8 @@
 
 #include "Foundation/Format.h"
 
+namespace corvina::tq {
+
 class TQLogQueue;
 class TQLogSink;
 
@@ -190,3 +192,5 @@ private:
     std::mutex flushMutex_;  // one flush at a time
     std::unique_ptr<TQLogQueue> queue_;
 };
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQLogEntry.h"
+#include "tq/TQLogEntry.h"
 
 #include <cstring>
 #include <limits>
@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "Foundation/StringUtils.h"
-#include "TQLogSink.h"
+#include "tq/TQLogSink.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -531,3 +533,5 @@ uint64_t TQLogEntry::totalLength16(std::string_view entries)
     }
     return total;
 }
+
+}  // namespace corvina::tq

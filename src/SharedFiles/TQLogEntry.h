@@ -19,6 +19,8 @@
 
 #include "Foundation/Format.h"
 
+namespace corvina::tq {
+
 class TQLogTexts;
 
 class TQLogEntry {
@@ -97,3 +99,5 @@ private:
     };
     std::unique_ptr<Extra> extra_;
 };
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQLogFile.h"
+#include "tq/TQLogFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -21,9 +21,11 @@
 #include "Foundation/PosixIO.h"
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
-#include "TQLocalPaths.h"
+#include "tq/TQLocalPaths.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 
 namespace {
 
@@ -395,3 +397,5 @@ void TQLogFile::unlockAfterFork()
     nameMutex_.unlock();
     mutex_.unlock();
 }
+
+}  // namespace corvina::tq

@@ -14,11 +14,13 @@
 #include <vector>
 
 #include "Foundation/Date.h"
-#include "TQLogSink.h"
+#include "tq/TQLogSink.h"
 
 namespace corvina {
 class FileHandle;
 }
+
+namespace corvina::tq {
 
 class TQLogFile : public TQLogSink {
 public:
@@ -93,3 +95,5 @@ private:
     mutable std::mutex nameMutex_;
     std::optional<std::string> appName_;
 };
+
+}  // namespace corvina::tq

@@ -1,10 +1,12 @@
-#include "TQLogQueue.h"
+#include "tq/TQLogQueue.h"
 
 #include <unistd.h>
 
 #include <chrono>
 #include <limits>
 #include <memory>
+
+namespace corvina::tq {
 
 namespace {
 
@@ -224,3 +226,5 @@ void TQLogQueue::resetInChild()
     mutex_.unlock();
     TQLogEntry::unlockTable();
 }
+
+}  // namespace corvina::tq

@@ -18,8 +18,10 @@
 #include <thread>
 #include <vector>
 
-#include "TQLogEntry.h"
-#include "TQLogSink.h"
+#include "tq/TQLogEntry.h"
+#include "tq/TQLogSink.h"
+
+namespace corvina::tq {
 
 using TQLogEntryBytes = std::vector<char, TQLogBufferAllocator<char>>;
 
@@ -88,3 +90,5 @@ private:
     std::atomic<std::thread::id> writerId_{};
     std::atomic<uint64_t> bytesInQueue_{0};
 };
+
+}  // namespace corvina::tq

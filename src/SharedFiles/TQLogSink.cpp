@@ -1,6 +1,8 @@
-#include "TQLogSink.h"
+#include "tq/TQLogSink.h"
 
 #include <sys/mman.h>
+
+namespace corvina::tq {
 
 namespace {
 
@@ -81,3 +83,5 @@ uint64_t TQLogMemorySink::bytes() const
     std::lock_guard<std::mutex> lock(mutex_);
     return bytes_;
 }
+
+}  // namespace corvina::tq

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+namespace corvina::tq {
+
 // The log's buffers: they grow without being zero-filled first (every byte an entry adds is
 // written by it), and a large one (a burst's) asks the kernel for huge pages past its first
 // 2 MiB, so that filling it costs a few page faults instead of thousands while a quiet log
@@ -137,3 +139,5 @@ private:
     uint64_t count_ = 0;
     uint64_t bytes_ = 0;
 };
+
+}  // namespace corvina::tq

@@ -1,4 +1,4 @@
-#include "TQTaskEx.h"
+#include "tq/TQTaskEx.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,8 +10,10 @@
 #include <thread>
 
 #include "Foundation/Exception.h"
-#include "TQException.h"
-#include "TQLog.h"
+#include "tq/TQException.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 using corvina::PlatformException;
 using corvina::Process;
@@ -565,3 +567,5 @@ int32_t TQTaskEx::terminationCodeFromTaskWithTimeout(const std::string& path, co
 {
     return runWithTimeout(timeout, [&](const Publish& publish) { return runForStatus(path, args, publish); });
 }
+
+}  // namespace corvina::tq

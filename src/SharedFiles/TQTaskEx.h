@@ -28,6 +28,8 @@
 #include "Foundation/Notification.h"
 #include "Process/Process.h"
 
+namespace corvina::tq {
+
 class TQTaskEx {
 public:
     using Task = std::shared_ptr<corvina::Process>;
@@ -145,3 +147,5 @@ private:
     std::mutex readerMutex_;              // starting and joining the reader
     std::recursive_mutex deliveryMutex_;  // held while a chunk is handed to the handler
 };
+
+}  // namespace corvina::tq

@@ -1,9 +1,11 @@
-#include "TQTimecode.h"
+#include "tq/TQTimecode.h"
 
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <limits>
+
+namespace corvina::tq {
 
 using corvina::FrameRate;
 
@@ -424,3 +426,5 @@ std::optional<std::string> TQTimecode::sanitizeTimecodeForFilename(const std::op
         if (c == ':' || c == ';') c = '.';
     return result;
 }
+
+}  // namespace corvina::tq

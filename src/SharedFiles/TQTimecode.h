@@ -20,6 +20,8 @@
 
 #include "MediaTime/MediaTime.h"
 
+namespace corvina::tq {
+
 // x - trunc32(x / y) * y, where trunc32 truncates toward zero to a signed 32-bit integer.
 // Quotients outside the 32-bit range wrap modulo 2^32; a NaN or infinite quotient counts
 // as 0.
@@ -94,3 +96,5 @@ public:
     // `timecode` with every ":" and ";" replaced by ".", for use in file names.
     static std::optional<std::string> sanitizeTimecodeForFilename(const std::optional<std::string>& timecode);
 };
+
+}  // namespace corvina::tq

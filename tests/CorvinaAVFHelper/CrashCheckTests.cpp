@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include "Foundation/Value.h"
-#include "HelperRun.h"
+#include "support/HelperRun.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::helper {
 using corvina::Value;
 using namespace corvina::test;
 using ::testing::Contains;
@@ -77,3 +79,5 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
         EXPECT_THAT(entries, Contains(::testing::StartsWith("Summary:"))) << n;
     }
 }
+
+}  // namespace corvina::helper

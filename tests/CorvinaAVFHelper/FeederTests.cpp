@@ -5,12 +5,15 @@
 
 #include <cstdlib>
 
-#include "AppController.h"
-#include "HelperRun.h"
-#include "TQLog.h"
-#include "TrackFeeder.h"
-#include "TestSupport.h"
-#include "WriterSupport.h"
+#include "helper/AppController.h"
+#include "support/HelperRun.h"
+#include "tq/TQLog.h"
+#include "helper/TrackFeeder.h"
+#include "support/TestSupport.h"
+#include "support/WriterSupport.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 using namespace corvina;
 using corvina::test::TempDir;
@@ -244,3 +247,5 @@ TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "AppController.h"
+#include "helper/AppController.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 
@@ -15,3 +17,5 @@ TEST(VideoFormatTable, CodecTypeFrom4CCGivesTheFourCharacters)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -13,9 +13,11 @@
 #include <thread>
 
 #include "Foundation/UserIdentity.h"
-#include "HelperRun.h"
-#include "MovieCheck.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
 #include "SampleBuffer/FormatDescription.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -531,3 +533,5 @@ TEST_F(HostileRun, HelpVersionAndTheSummary)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -5,7 +5,9 @@
 #include <limits>
 #include <vector>
 
-#include "JobChecks.h"
+#include "helper/JobChecks.h"
+
+namespace corvina::helper {
 
 using namespace jobcheck;
 
@@ -97,3 +99,5 @@ TEST(JobChecks, CountsThatOverflowATrackAreRefused)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -5,10 +5,12 @@
 
 #include <fstream>
 
-#include "AppController.h"
-#include "HelperRun.h"
+#include "helper/AppController.h"
+#include "support/HelperRun.h"
 #include "QuickTime/AssetWriter.h"
-#include "seeded/SplitMix64.h"
+#include "support/seeded/SplitMix64.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -94,3 +96,5 @@ TEST(MovieDigests, FixedJobsWriteTheSameBytes)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -8,8 +8,10 @@
 #include <fstream>
 #include <limits>
 
-#include "HelperRun.h"
-#include "MovieJob.h"
+#include "support/HelperRun.h"
+#include "helper/MovieJob.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using corvina::test::TempDir;
@@ -214,3 +216,5 @@ TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

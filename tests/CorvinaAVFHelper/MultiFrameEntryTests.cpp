@@ -6,11 +6,13 @@
 
 #include <filesystem>
 
-#include "AppController.h"
-#include "FrameSplitter.h"
-#include "HelperRun.h"
-#include "MovieCheck.h"
-#include "TestMovies.h"
+#include "helper/AppController.h"
+#include "helper/FrameSplitter.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
+#include "support/TestMovies.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -146,3 +148,5 @@ TEST(FrameSplitterTest, RulesFollowTheCodecAndRefuseWhatDoesNotAddUp)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

@@ -2,9 +2,11 @@
 // the main thread waits for the completion step.
 #include <gtest/gtest.h>
 
-#include "AppController.h"
-#include "HelperRun.h"
-#include "MovieCheck.h"
+#include "helper/AppController.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -36,3 +38,5 @@ TEST(HelperSessionConcurrency, OneControllerRunsSessionsOneAfterAnother)
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

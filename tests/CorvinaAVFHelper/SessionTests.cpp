@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "HelperRun.h"
-#include "MovieCheck.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
 #include "SampleBuffer/FormatDescription.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -258,3 +260,5 @@ TEST(HelperSession, AMovieWithoutAudioHasOnlyItsVideoTrackAndTheReplayCopyMakesI
 }
 
 }  // namespace
+
+}  // namespace corvina::helper

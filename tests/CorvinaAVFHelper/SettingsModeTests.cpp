@@ -3,8 +3,10 @@
 // SessionTests.
 #include <gtest/gtest.h>
 
-#include "HelperRun.h"
-#include "TestMovies.h"
+#include "support/HelperRun.h"
+#include "support/TestMovies.h"
+
+namespace corvina::helper {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -101,3 +103,5 @@ TEST(SettingsModeTest, UnreadableOrUnrecognisedMoviesFail)
         EXPECT_EQ(run.out, "");
     }
 }
+
+}  // namespace corvina::helper

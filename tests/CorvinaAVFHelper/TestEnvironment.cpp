@@ -4,8 +4,11 @@
 #include <cstdlib>
 #include <memory>
 
-#include "HelperRun.h"
-#include "TQLog.h"
+#include "support/HelperRun.h"
+#include "tq/TQLog.h"
+
+namespace corvina::helper {
+using namespace corvina::tq;
 
 namespace {
 
@@ -26,3 +29,5 @@ private:
 [[maybe_unused]] const auto* const registered = ::testing::AddGlobalTestEnvironment(new HelperTestEnvironment);
 
 }  // namespace
+
+}  // namespace corvina::helper

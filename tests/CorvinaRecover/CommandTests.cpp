@@ -12,12 +12,15 @@
 #include <thread>
 
 #include "Foundation/Value.h"
-#include "HelperRun.h"
-#include "MovieCheck.h"
-#include "MovieJob.h"
-#include "TestMovies.h"
-#include "TestSupport.h"
-#include "seeded/SplitMix64.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
+#include "helper/MovieJob.h"
+#include "support/TestMovies.h"
+#include "support/TestSupport.h"
+#include "support/seeded/SplitMix64.h"
+
+namespace corvina::recover {
+using namespace corvina::helper;
 
 using namespace corvina::test;
 
@@ -197,3 +200,5 @@ TEST_F(RecoverOnAnotherDevice, InterruptKeepsTheClipsAlreadyWritten)
 }
 
 }  // namespace
+
+}  // namespace corvina::recover

@@ -8,11 +8,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include "MovieCheck.h"
+#include "support/MovieCheck.h"
 #include "Foundation/ByteOrder.h"
-#include "Recovery.h"
-#include "TestMovies.h"
-#include "TestSupport.h"
+#include "recover/Recovery.h"
+#include "support/TestMovies.h"
+#include "support/TestSupport.h"
+
+namespace corvina::recover {
 
 using namespace corvina::test;
 
@@ -143,3 +145,5 @@ TEST(DiskImage, FragmentedDeletedAndPartlyOverwrittenRecordingComesBackInTimecod
 }
 
 }  // namespace
+
+}  // namespace corvina::recover

@@ -18,14 +18,17 @@
 #include <random>
 #include <set>
 
-#include "HelperRun.h"
-#include "MovieCheck.h"
-#include "Recovery.h"
-#include "Scanner.h"
-#include "TQLog.h"
-#include "TestMovies.h"
-#include "TestSupport.h"
-#include "seeded/SplitMix64.h"
+#include "support/HelperRun.h"
+#include "support/MovieCheck.h"
+#include "recover/Recovery.h"
+#include "recover/Scanner.h"
+#include "tq/TQLog.h"
+#include "support/TestMovies.h"
+#include "support/TestSupport.h"
+#include "support/seeded/SplitMix64.h"
+
+namespace corvina::recover {
+using namespace corvina::tq;
 
 using namespace corvina::test;
 
@@ -501,3 +504,5 @@ TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
 }
 
 }  // namespace
+
+}  // namespace corvina::recover

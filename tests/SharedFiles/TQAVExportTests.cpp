@@ -9,10 +9,12 @@
 #include <mutex>
 
 #include "Dispatch/Dispatch.h"
-#include "TestSupport.h"
-#include "MovieCheck.h"
-#include "TQAVExport.h"
-#include "TestMovies.h"
+#include "support/TestSupport.h"
+#include "support/MovieCheck.h"
+#include "tq/TQAVExport.h"
+#include "support/TestMovies.h"
+
+namespace corvina::tq {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -271,3 +273,5 @@ TEST(TQAVExportTest, CancelWhileIdleLeavesTheNextExportAlone)
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 3);  // no partial movie left
 }
+
+}  // namespace corvina::tq

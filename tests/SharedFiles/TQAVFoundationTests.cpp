@@ -7,11 +7,13 @@
 #include <filesystem>
 #include <sstream>
 
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 #include "Foundation/ByteOrder.h"
-#include "MovieCheck.h"
-#include "TQAVFoundation.h"
-#include "TestMovies.h"
+#include "support/MovieCheck.h"
+#include "tq/TQAVFoundation.h"
+#include "support/TestMovies.h"
+
+namespace corvina::tq {
 
 using namespace corvina;
 using namespace corvina::test;
@@ -290,3 +292,5 @@ TEST(TQAVFoundationTest, WaveformPictureTool)
     EXPECT_EQ(runProgram({tool, withAudio}).status, 2);
     EXPECT_EQ(runProgram({tool, withAudio, dir / "x.png", "--scale", "loud"}).status, 2);
 }
+
+}  // namespace corvina::tq

@@ -16,10 +16,12 @@
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
-#include "TQAlert.h"
-#include "TestSupport.h"
+#include "tq/TQAlert.h"
+#include "support/TestSupport.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 using ::testing::Contains;
 
@@ -439,3 +441,5 @@ TEST(TQAlertPresenters, TerminalPromptAnsweredThroughTmux)
     EXPECT_EQ(result, "0 checked\n") << "the alternate button, with the box checked";
     EXPECT_EQ(status, "0\n");
 }
+
+}  // namespace corvina::tq

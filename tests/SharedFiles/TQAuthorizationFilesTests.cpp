@@ -3,12 +3,14 @@
 
 #include <filesystem>
 
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQLocalPaths.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLocalPaths.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 using Call = Tools::Call;
 using ::testing::ElementsAre;
@@ -102,3 +104,5 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
     EXPECT_FALSE(TQFileManager::removeFile(h + "/Library/Preferences") || TQFileManager::trashFile(h + "/Library"));
     EXPECT_TRUE(fs::is_directory(h + "/Library/Preferences") && tools.calls().size() == 4u);
 }
+
+}  // namespace corvina::tq

@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "Foundation/SystemLog.h"
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Process/Process.h"
-#include "TQAuthorization.h"
-#include "TQLog.h"
+#include "tq/TQAuthorization.h"
+#include "tq/TQLog.h"
+
+namespace corvina::tq {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -139,3 +141,5 @@ TEST(TQAuthorizationUnprivileged, RefusesCleanlyWithoutAnyPrompt)
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output.find("assword"), std::string::npos) << "asked on the terminal:\n" << run.output;
 }
+
+}  // namespace corvina::tq

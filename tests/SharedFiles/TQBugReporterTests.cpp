@@ -15,17 +15,19 @@
 #include <map>
 #include <thread>
 
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 #include "Diagnostics/CrashHandler.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/SystemLog.h"
 #include "Foundation/UserDefaults.h"
 #include "Foundation/Value.h"
-#include "TQBugReporter.h"
-#include "TQLocalPaths.h"
-#include "TQLog.h"
+#include "tq/TQBugReporter.h"
+#include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using corvina::Value;
 using namespace corvina::test;
 using ::testing::Contains;
@@ -435,3 +437,5 @@ TEST(TQBugReporterAsRoot, FilesInTheUsersHomeAreTheUsersAndPlantedLinksAreNotFol
             EXPECT_EQ(ownerOf(user.home() + rel), user.uid()) << rel;
     }
 }
+
+}  // namespace corvina::tq

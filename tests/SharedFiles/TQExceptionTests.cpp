@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include "Foundation/Exception.h"
-#include "TQException.h"
-#include "TQLog.h"
-#include "TestSupport.h"
+#include "tq/TQException.h"
+#include "tq/TQLog.h"
+#include "support/TestSupport.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 
@@ -53,3 +55,5 @@ TEST(TQException, LogExceptionWritesTheMessageAsItStands)
         EXPECT_EQ(run.printed, disabled ? "Logging is disabled\n" : TQLog::consoleCopy(expected) + "\n");
     }
 }
+
+}  // namespace corvina::tq

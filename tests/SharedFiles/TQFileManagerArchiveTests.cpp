@@ -10,11 +10,13 @@
 #include <thread>
 
 #include "Process/Process.h"
-#include "TestSupport.h"
-#include "TQFileManager.h"
-#include "TQLog.h"
+#include "support/TestSupport.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLog.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -243,3 +245,5 @@ TEST(TQFileManagerWait, CreationIsWaitedForUntilTheTimeOut)
     EXPECT_EQ(readFile(file), "frames");
     maker.join();
 }
+
+}  // namespace corvina::tq

@@ -8,11 +8,13 @@
 #include <mutex>
 #include <thread>
 
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
+#include "tq/TQFileManager.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -295,3 +297,5 @@ TEST(TQFileManagerCopy, UnreadableSourceFailsForAnOrdinaryUser)
                   "Error: Unable to open destination file " + source + ". Aborting hash verification..."}));
     EXPECT_FALSE(fs::exists(childHome() + "/out.mov"));
 }
+
+}  // namespace corvina::tq

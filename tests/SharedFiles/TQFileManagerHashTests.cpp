@@ -4,9 +4,11 @@
 
 #include <atomic>
 
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
+#include "tq/TQFileManager.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 
@@ -114,3 +116,5 @@ TEST(TQFileManagerHash, NoFromTheDelegateCancelsAndMissingFilesFail)
               (std::vector<std::string>{"Error: Unable to open destination file " + scratch / "missing" + aborting,
                                         "Error: Unable to open destination file " + scratch.path() + aborting}));
 }
+
+}  // namespace corvina::tq

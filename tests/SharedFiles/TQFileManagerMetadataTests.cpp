@@ -4,12 +4,14 @@
 
 #include <filesystem>
 
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQLog.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLog.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 using ::testing::ElementsAre;
 
@@ -129,3 +131,5 @@ TEST(TQFileManagerMetadata, ColourLabelsInTheFinderInfoRecord)
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(0), std::nullopt);
     EXPECT_EQ(TQFileManager::finderColorForColorIndex(8), std::nullopt);
 }
+
+}  // namespace corvina::tq

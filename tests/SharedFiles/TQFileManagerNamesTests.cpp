@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "PrivilegedTools.h"
-#include "TQFileManager.h"
+#include "support/PrivilegedTools.h"
+#include "tq/TQFileManager.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -139,3 +141,5 @@ TEST(TQFileManagerNames, TouchAndModificationDates)
     EXPECT_EQ(privileged.async(), std::vector<bool>{false}) << "waited for";
     EXPECT_FALSE(fs::exists(scratch / "missing"));
 }
+
+}  // namespace corvina::tq

@@ -6,12 +6,14 @@
 #include <filesystem>
 #include <regex>
 
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQLocalPaths.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLocalPaths.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 using ::testing::UnorderedElementsAre;
 
@@ -188,3 +190,5 @@ TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)
     const std::string info = fs::path(trashFiles()).parent_path().string() + "/info";
     EXPECT_TRUE(!fs::exists(info) || fs::is_empty(info)) << "nothing of the trash attempt is left";
 }
+
+}  // namespace corvina::tq

@@ -4,10 +4,12 @@
 
 #include <filesystem>
 
-#include "TestSupport.h"
-#include "TQFileManager.h"
+#include "support/TestSupport.h"
+#include "tq/TQFileManager.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 TEST(TQFileManagerQueries, KindsOfItemsAndTheirDates)
@@ -131,3 +133,5 @@ TEST(TQFileManagerQueries, FileSystemReferences)
     const auto missing = TQFileManager::stringToFSRef(s / "missing");
     EXPECT_FALSE(missing.valid || TQFileManager::stringWithFSRef(&missing) || TQFileManager::stringWithFSRef(nullptr));
 }
+
+}  // namespace corvina::tq

@@ -12,14 +12,16 @@
 #include <map>
 #include <thread>
 
-#include "PrivilegedTools.h"
+#include "support/PrivilegedTools.h"
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "Foundation/SystemLog.h"
-#include "TQFileManager.h"
-#include "TQLocalPaths.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLocalPaths.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -291,3 +293,5 @@ TEST(TQFileManagerRefusals, SparseFilesStaySparseAsWithCpAndMv)
         fs::remove(h + "/tool.mov");
     }
 }
+
+}  // namespace corvina::tq

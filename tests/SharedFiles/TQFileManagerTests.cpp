@@ -5,11 +5,13 @@
 #include <filesystem>
 #include <string>
 
-#include "PrivilegedTools.h"
-#include "TQFileManager.h"
-#include "TQLog.h"
+#include "support/PrivilegedTools.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLog.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -105,3 +107,5 @@ TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemovalOnlyWhenAllowe
     EXPECT_FALSE(TQFileManager::removeFile(file));
     EXPECT_EQ(tools.calls(), (std::vector<Tools::Call>{{"/bin/rm", "-Rdf", "--one-file-system", "--", file}}));
 }
+
+}  // namespace corvina::tq

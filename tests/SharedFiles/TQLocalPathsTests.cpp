@@ -5,8 +5,10 @@
 #include <filesystem>
 #include <map>
 
-#include "TQLocalPaths.h"
-#include "TestSupport.h"
+#include "tq/TQLocalPaths.h"
+#include "support/TestSupport.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 namespace fs = std::filesystem;
@@ -278,3 +280,5 @@ TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
         EXPECT_EQ(run.status, 0) << run.output;
     }
 }
+
+}  // namespace corvina::tq

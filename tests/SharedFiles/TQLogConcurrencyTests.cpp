@@ -7,11 +7,13 @@
 #include <string_view>
 #include <thread>
 
-#include "TQLog.h"
-#include "TQLogCore.h"
-#include "TQLogFile.h"
-#include "TQLogQueue.h"
-#include "TestSupport.h"
+#include "tq/TQLog.h"
+#include "tq/TQLogCore.h"
+#include "tq/TQLogFile.h"
+#include "tq/TQLogQueue.h"
+#include "support/TestSupport.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 namespace fs = std::filesystem;
@@ -256,3 +258,5 @@ TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
 }
 
 INSTANTIATE_TEST_SUITE_P(Shortcut, TQLogConcurrencyRestarts, ::testing::Bool());
+
+}  // namespace corvina::tq

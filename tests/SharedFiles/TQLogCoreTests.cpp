@@ -10,9 +10,11 @@
 #include <functional>
 #include <thread>
 
-#include "TQLogCore.h"
-#include "TQLogSink.h"
-#include "TestSupport.h"
+#include "tq/TQLogCore.h"
+#include "tq/TQLogSink.h"
+#include "support/TestSupport.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 using Mode = TQLogCore::Mode;
@@ -189,3 +191,5 @@ TEST(TQLogCore, ShutdownWritesTenQueuedNotElevenAndNothingAfter)
         EXPECT_EQ(m.log.bytesInQueue(), 0u);
     }
 }
+
+}  // namespace corvina::tq

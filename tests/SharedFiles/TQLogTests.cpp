@@ -19,9 +19,11 @@
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
-#include "TQLog.h"
-#include "TQLogFile.h"
-#include "TestSupport.h"
+#include "tq/TQLog.h"
+#include "tq/TQLogFile.h"
+#include "support/TestSupport.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 namespace fs = std::filesystem;
@@ -501,3 +503,5 @@ TEST(TQLogStarts, RunsStartingTogetherEachKeepTheirWholeLog)
     }
     ::close(folder);
 }
+
+}  // namespace corvina::tq

@@ -12,11 +12,13 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
-#include "TQLog.h"
-#include "TQTaskEx.h"
+#include "support/TestSupport.h"
+#include "tq/TQLog.h"
+#include "tq/TQTaskEx.h"
 
 namespace fs = std::filesystem;
+
+namespace corvina::tq {
 using namespace corvina::test;
 
 namespace {
@@ -242,3 +244,5 @@ TEST(TQTaskExTimeoutConcurrency, ShortTimeoutsAlwaysTerminate)
         }
     }
 }
+
+}  // namespace corvina::tq

@@ -8,9 +8,11 @@
 #include <filesystem>
 #include <string>
 
-#include "TestSupport.h"
-#include "TQLog.h"
-#include "TQTaskEx.h"
+#include "support/TestSupport.h"
+#include "tq/TQLog.h"
+#include "tq/TQTaskEx.h"
+
+namespace corvina::tq {
 
 using namespace corvina::test;
 
@@ -183,3 +185,5 @@ TEST(TQTaskExTimeoutConcurrency, EarlierRunsTimerNeverReachesALaterRun)
     EXPECT_EQ(runner.theTask(), nullptr);
     runner.timeout();  // nothing in progress: nothing happens
 }
+
+}  // namespace corvina::tq

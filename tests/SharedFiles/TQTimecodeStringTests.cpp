@@ -7,7 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "TQTimecode.h"
+#include "tq/TQTimecode.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -198,3 +200,5 @@ TEST(TQTimecodeStringTest, FileNames)
 }
 
 }  // namespace
+
+}  // namespace corvina::tq

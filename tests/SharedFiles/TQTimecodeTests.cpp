@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <string>
 
-#include "TQTimecode.h"
+#include "tq/TQTimecode.h"
+
+namespace corvina::tq {
 
 namespace {
 
@@ -289,3 +291,5 @@ TEST(TQTimecodeTest, ExtremeInputDoesNotBreak)
 }
 
 }  // namespace
+
+}  // namespace corvina::tq

@@ -8,7 +8,9 @@
 
 #include "Foundation/PropertyListStream.h"
 #include "Foundation/Value.h"
-#include "MovieJob.h"
+#include "helper/MovieJob.h"
+
+using namespace corvina::helper;
 
 using corvina::PropertyListStream;
 using corvina::Value;

@@ -10,9 +10,12 @@
 #include <iterator>
 #include <string>
 
-#include "AppController.h"
+#include "helper/AppController.h"
 #include "Foundation/Value.h"
-#include "TQLog.h"
+#include "tq/TQLog.h"
+
+using namespace corvina::tq;
+using namespace corvina::helper;
 
 using corvina::Value;
 namespace fs = std::filesystem;

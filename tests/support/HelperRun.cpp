@@ -1,4 +1,4 @@
-#include "HelperRun.h"
+#include "support/HelperRun.h"
 
 #include <unistd.h>
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Foundation/Value.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 namespace corvina::test {
 

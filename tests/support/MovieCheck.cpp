@@ -1,8 +1,8 @@
-#include "MovieCheck.h"
+#include "support/MovieCheck.h"
 
 #include "Foundation/ByteOrder.h"
 #include "SampleBuffer/FormatDescription.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 

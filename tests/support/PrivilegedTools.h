@@ -12,10 +12,11 @@
 
 #include <gtest/gtest.h>
 
-#include "TQAuthorization.h"
-#include "TestSupport.h"
+#include "tq/TQAuthorization.h"
+#include "support/TestSupport.h"
 
 namespace corvina::test {
+using namespace corvina::tq;
 
 // Privileged tools recorded (tool, then arguments, and whether it was started without waiting)
 // instead of run, so that no test can remove anything it should not; each answers `status`.

@@ -1,10 +1,10 @@
-#include "TestMovies.h"
+#include "support/TestMovies.h"
 
 #include <filesystem>
 #include <map>
 #include <mutex>
 
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 namespace corvina::test {
 

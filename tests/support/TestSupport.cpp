@@ -1,4 +1,4 @@
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 #include <poll.h>
 #include <pty.h>
@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "Process/Process.h"
-#include "seeded/SplitMix64.h"
+#include "support/seeded/SplitMix64.h"
 
 extern char** environ;
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "Foundation/ByteOrder.h"
-#include "MovieCheck.h"
-#include "TestSupport.h"
+#include "support/MovieCheck.h"
+#include "support/TestSupport.h"
 #include "QuickTime/AssetWriter.h"
 
 namespace corvina::test {

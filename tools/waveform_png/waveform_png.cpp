@@ -22,7 +22,9 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-#include "TQAVFoundation.h"
+#include "tq/TQAVFoundation.h"
+
+using namespace corvina::tq;
 
 namespace {
 

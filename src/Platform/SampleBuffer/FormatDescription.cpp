@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "Foundation/ByteOrder.h"
+
 namespace corvina {
 
 std::string fourCCText(FourCharCode code, bool trimBlanks)

@@ -13,7 +13,7 @@
 
 #include "Alert/AlertPresenter.h"
 #include "Foundation/SystemLog.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 namespace fs = std::filesystem;
 using namespace corvina;

@@ -9,8 +9,8 @@
 #include "AssetReader/Libav.h"
 #include "Foundation/ByteOrder.h"
 #include "Foundation/Exception.h"
-#include "TestSupport.h"
-#include "TestMovies.h"
+#include "support/TestSupport.h"
+#include "support/TestMovies.h"
 
 using namespace corvina;
 using namespace corvina::test;

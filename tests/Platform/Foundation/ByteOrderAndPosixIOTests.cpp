@@ -13,7 +13,7 @@
 
 #include "Foundation/ByteOrder.h"
 #include "Foundation/PosixIO.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 namespace posix = corvina::posix;
 namespace test = corvina::test;

@@ -6,7 +6,7 @@
 
 #include "Foundation/Exception.h"
 #include "Foundation/FileHandle.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 using corvina::FileHandle;
 namespace test = corvina::test;

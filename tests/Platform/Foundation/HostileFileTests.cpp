@@ -8,7 +8,7 @@
 #include "Foundation/Error.h"
 #include "Foundation/FileHandle.h"
 #include "Foundation/Value.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 using corvina::Value;
 

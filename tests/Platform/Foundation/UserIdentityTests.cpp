@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "Foundation/UserIdentity.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 using namespace corvina;
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "Foundation/Value.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 using corvina::Value;
 using namespace corvina::test;

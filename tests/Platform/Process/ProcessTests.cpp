@@ -11,7 +11,7 @@
 
 #include "Foundation/Exception.h"
 #include "Process/Process.h"
-#include "TestSupport.h"
+#include "support/TestSupport.h"
 
 namespace fs = std::filesystem;
 using corvina::Process;

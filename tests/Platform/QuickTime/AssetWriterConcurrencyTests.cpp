@@ -4,7 +4,7 @@
 #include <functional>
 
 #include "Dispatch/Dispatch.h"
-#include "WriterSupport.h"
+#include "support/WriterSupport.h"
 
 namespace corvina {
 namespace {

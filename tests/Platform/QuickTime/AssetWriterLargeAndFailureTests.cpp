@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "WriterSupport.h"
+#include "support/WriterSupport.h"
 
 namespace corvina {
 namespace {

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "QuickTime/TrackTables.h"
-#include "WriterSupport.h"
+#include "support/WriterSupport.h"
 
 namespace corvina {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <functional>
 
-#include "WriterSupport.h"
+#include "support/WriterSupport.h"
 
 namespace corvina {
 namespace {

@@ -19,7 +19,7 @@ extern "C" {
 
 #include "Foundation/ByteOrder.h"
 #include "Foundation/Value.h"
-#include "HelperRun.h"
+#include "support/HelperRun.h"
 
 namespace {
 
