@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "Foundation/UserIdentity.h"
@@ -65,12 +66,29 @@ bool logHas(const HelperHome& home, const std::string& text)
 
 // Starts the helper in the background, waits for its temporary movie file in `folder`, then
 // runs `then` (with $pid) and prints the helper's exit status.
+// Starts the helper, waits until its temporary file shows in `folder`, then runs `then` and
+// prints the helper's status. A run that ends before its file could be seen (a fast machine)
+// prints "missed" instead, and the caller starts it again: the test never depends on timing.
 ProcessResult runInterrupted(const HelperHome& home, const std::string& folder, const std::string& then)
 {
-    const std::string script = "'" + helperPath() + "' & pid=$!; n=0; until ls '" + folder +
-                               "' | grep -q incomplete- || [ $n -gt 30000 ]; do n=$((n+1)); sleep 0.001; done; " +
+    const std::string script = "'" + helperPath() + "' & pid=$!; until ls '" + folder +
+                               "' | grep -q incomplete-; do case $(cut -d' ' -f3 /proc/$pid/stat 2>/dev/null) in "
+                               "Z|'') wait $pid; echo missed; exit 0;; esac; sleep 0.001; done; " +
                                then + "; wait $pid; echo $?";
     return runProgram({"/bin/sh", "-c", script}, home.environment());
+}
+
+// runInterrupted until the interruption lands, `reset` putting things back after a miss.
+ProcessResult runUntilInterrupted(const HelperHome& home, const std::string& folder, const std::string& then,
+                                  const std::function<void()>& reset)
+{
+    ProcessResult run;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        run = runInterrupted(home, folder, then);
+        if (run.out != "missed\n") break;
+        reset();
+    }
+    return run;
 }
 
 class HostileRun : public ::testing::Test {
@@ -332,7 +350,8 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
         HelperHome own;
         ASSERT_TRUE(own.writeSettings(doc));
         const Snapshot before = snapshot({job.path()});
-        const ProcessResult run = runInterrupted(own, job.path(), std::string("kill -") + name + " $pid");
+        const ProcessResult run = runUntilInterrupted(own, job.path(), std::string("kill -") + name + " $pid",
+                                                      [&] { writeFile(movie, "the previous movie"); });
         EXPECT_EQ(run.out, "1\n");
         EXPECT_TRUE(snapshot({job.path()}) == before) << "a file changed or was left behind";
         EXPECT_TRUE(logHas(own, std::string("Stopped by SIG") + name));
@@ -351,9 +370,10 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     // ...and room that runs out while writing ends the run too. The whole job, audio and its
     // log lines included, takes long enough to be caught while it writes.
     ASSERT_TRUE(home.writeSettings(withKey(doc, "destFilename", target)));
-    const ProcessResult run = runInterrupted(
+    const ProcessResult run = runUntilInterrupted(
         home, disk.path(),
-        "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid");
+        "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid",
+        [&] { writeFile(target, "the previous movie"); });
     EXPECT_EQ(run.out, "1\n");
     fs::remove(disk / "filler");
     EXPECT_EQ(readFile(target), "the previous movie");
