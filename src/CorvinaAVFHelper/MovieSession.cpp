@@ -322,13 +322,22 @@ void MovieSession::startPump()
 // The track whose media ends earlier gets the next sample (video on a tie), so the tracks stay
 // within a frame of each other, the writer never has to hold either back, and the chunks land
 // in the same order every run. A stopped run ends both tracks at once.
+//
+// The last track's end lets the main thread finish the run and destroy the session: after it,
+// the pump touches nothing of the session's, so the loop runs on its own copies of the flags.
 void MovieSession::pump()
 {
-    while (videoOpen_ || audioOpen_) {
-        if (videoOpen_ && (!audioOpen_ || videoFeeder_->goesBefore(*audioFeeder_))) {
-            if (!feedVideo()) endTrack(true);
-        } else {
-            if (!feedAudio()) endTrack(false);
+    bool video = videoOpen_;
+    bool audio = audioOpen_;
+    while (video || audio) {
+        if (video && (!audio || videoFeeder_->goesBefore(*audioFeeder_))) {
+            if (!feedVideo()) {
+                video = false;
+                endTrack(true);
+            }
+        } else if (!feedAudio()) {
+            audio = false;
+            endTrack(false);
         }
     }
 }
@@ -388,7 +397,9 @@ void MovieSession::endTrack(bool video)
                                        format("entry %llu of %llu could not be read from the data file", index, count));
     }
     (video ? videoInput_ : audioInput_)->markAsFinished();
-    group_->leave();
+    // The group outlives this call even when its last leave ends the session.
+    const std::shared_ptr<DispatchGroup> group = group_;
+    group->leave();
 }
 
 // The completion step closes the data files and finishes the movie once both tracks are done;
