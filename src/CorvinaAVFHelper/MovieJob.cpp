@@ -4,6 +4,7 @@
 #include <cmath>
 #include <string_view>
 
+#include "Foundation/HugePages.h"
 #include "Foundation/PropertyListStream.h"
 
 namespace corvina::helper {
@@ -52,7 +53,10 @@ constexpr size_t kSizingEntries = 64;
 void reserveFor(MediaEntryTable& table, const PropertyListStream& stream, size_t arrayStart)
 {
     const size_t perEntry = std::max<size_t>((stream.bytesRead() - arrayStart) / table.size(), sizeof(MediaEntry));
-    table.reserve(table.size() + stream.bytesLeft() / perEntry + 16);
+    const size_t capacity = table.size() + stream.bytesLeft() / perEntry + 16;
+    if (capacity <= table.capacity()) return;
+    table.reserve(capacity);
+    adviseHugePages(table.data() + table.size(), (table.capacity() - table.size()) * sizeof(MediaEntry));
 }
 
 // An entry array, one entry at a time straight into the table. A value that is no array gives

@@ -11,6 +11,7 @@
 
 #include "ByteOrder.h"
 #include "Format.h"
+#include "HugePages.h"
 #include "PosixIO.h"
 #include "PropertyListLibrary.h"
 #include "Value.h"
@@ -413,7 +414,11 @@ std::optional<std::string> Value::propertyListFileBytes(const std::string& path,
     }
     // Read straight into the result, sized from the file with room to notice that it grew; a
     // file that keeps growing is read on until it passes the limit, which the parser refuses.
-    std::string bytes(static_cast<size_t>(std::min<uint64_t>(uint64_t(st.st_size) + 65536, kMaxFileBytes + 1)), '\0');
+    const size_t room = static_cast<size_t>(std::min<uint64_t>(uint64_t(st.st_size) + 65536, kMaxFileBytes + 1));
+    std::string bytes;
+    bytes.reserve(room);
+    adviseHugePages(bytes.data(), room);
+    bytes.resize(room);
     size_t have = 0;
     for (;;) {
         const posix::Transfer got =
