@@ -64,8 +64,6 @@ bool logHas(const HelperHome& home, const std::string& text)
                        [&](const auto& e) { return e.find(text) != std::string::npos; });
 }
 
-// Starts the helper in the background, waits for its temporary movie file in `folder`, then
-// runs `then` (with $pid) and prints the helper's exit status.
 // Starts the helper, waits until its temporary file shows in `folder`, then runs `then` and
 // prints the helper's status. A run that ends before its file could be seen (a fast machine)
 // prints "missed" instead, and the caller starts it again: the test never depends on timing.
