@@ -73,7 +73,7 @@ std::optional<Job> makeJob(const TempDir& dir, std::vector<std::string> args)
     const ProcessResult run = runProgram(args);
     EXPECT_EQ(run.status, 0) << run.err;
     auto settings = Value::fromPropertyListFile(dir / "settings.plist");
-    EXPECT_TRUE(settings.has_value());
+    EXPECT_TRUE(bool(settings));
     if (run.status != 0 || !settings) return std::nullopt;
     Job job{*settings, readBytes(dir / "video.raw"), readBytes(dir / "audio.raw"), {}, {}};
     job.frames = orderedRangesOf(job.settings["offsetArray"], job.video.size());
