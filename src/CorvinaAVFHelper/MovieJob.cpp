@@ -161,9 +161,8 @@ Result<MovieJob> MovieJob::readDocument(const std::string& path)
     // Read, never mapped: the person who owns the document may change or truncate it while it
     // is parsed, and a mapping would turn that into a fatal signal. FIFOs, devices and folders
     // are refused with their reason, without blocking.
-    Error error;
-    const auto bytes = Value::propertyListFileBytes(path, &error);
-    if (!bytes) return error;
+    const auto bytes = Value::propertyListFileBytes(path);
+    if (!bytes) return bytes.error();
     auto job = fromDocumentBytes(*bytes);
     if (job) job->documentPath = path;
     return job;
@@ -176,9 +175,8 @@ Result<MovieJob> MovieJob::fromDocumentBytes(std::string_view bytes)
         if (auto job = readXMLDocument(bytes.data(), bytes.size())) return std::move(*job);
     // Binary documents, and whatever the stream reader left alone, take the full reader; its
     // tree lives only until the job is made.
-    Error error;
-    const auto settings = Value::fromPropertyListData(bytes.data(), bytes.size(), &error);
-    if (!settings) return error;
+    const auto settings = Value::fromPropertyListData(bytes.data(), bytes.size());
+    if (!settings) return settings.error();
     if (!settings->asDictionary()) {
         static const char* const kinds[] = {"nothing", "a string", "an integer", "a real number", "a boolean",
                                             "a date",  "data",     "an array",   "a dictionary"};

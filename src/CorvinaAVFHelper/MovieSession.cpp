@@ -331,53 +331,36 @@ void MovieSession::pump()
     bool audio = audioOpen_;
     while (video || audio) {
         if (video && (!audio || videoFeeder_->goesBefore(*audioFeeder_))) {
-            if (!feedVideo()) {
-                video = false;
-                endTrack(true);
-            }
-        } else if (!feedAudio()) {
-            audio = false;
-            endTrack(false);
+            video = feed(true, [this] { return videoFeeder_->next(); });
+            if (!video) endTrack(true);
+        } else {
+            // The audio frames one-by-one turns would take before the video's next turn, as one
+            // run; the writer stores them as it would store them singly.
+            const uint64_t run =
+                videoOpen_ ? audioFeeder_->framesBeforeTurnOf(*videoFeeder_) : AudioTrackFeeder::kMaxRun;
+            audio = feed(false, [this, run] { return audioFeeder_->nextRun(run); });
+            if (!audio) endTrack(false);
         }
     }
 }
 
-// One video entry to the writer; false when the track ends here.
-bool MovieSession::feedVideo()
+// One turn of a track: the feeder's next entry (`next`, none at the track's end) goes to the
+// writer. False when the track ends here; a refused entry or a feeder's exception is logged.
+template <class Next>
+bool MovieSession::feed(bool video, Next next)
 {
     try {
         if (controller_.stopRequested()) return false;
-        const SampleBuffer* sample = videoFeeder_->next();
-        if (sample && !videoInput_->appendSampleBuffer(*sample)) {
-            if (!controller_.stopRequested())
-                TQLog::appendLog("Error appending video sample. The video track ends here.");
-            return false;
-        }
-        return sample != nullptr;
-    } catch (const PlatformException& exception) {
-        TQException::logException(exception, kVideoFeederMethod);
-        controller_.noteTrackError(true, exception.reason());
+        const SampleBuffer* sample = next();
+        if (!sample) return false;
+        if (video ? videoInput_->appendSampleBuffer(*sample) : audioInput_->appendSampleRun(*sample)) return true;
+        if (!controller_.stopRequested())
+            TQLog::appendLog(video ? "Error appending video sample. The video track ends here."
+                                   : "Error appending audio sample. The audio track ends here.");
         return false;
-    }
-}
-
-// The audio frames one-by-one turns would take before the video's next turn, as one run; the
-// writer stores them as it would store them singly. False when the track ends here.
-bool MovieSession::feedAudio()
-{
-    const uint64_t run = videoOpen_ ? audioFeeder_->framesBeforeTurnOf(*videoFeeder_) : AudioTrackFeeder::kMaxRun;
-    try {
-        if (controller_.stopRequested()) return false;
-        const SampleBuffer* sample = audioFeeder_->nextRun(run);
-        if (sample && !audioInput_->appendSampleRun(*sample)) {
-            if (!controller_.stopRequested())
-                TQLog::appendLog("Error appending audio sample. The audio track ends here.");
-            return false;
-        }
-        return sample != nullptr;
     } catch (const PlatformException& exception) {
-        TQException::logException(exception, kAudioFeederMethod);
-        controller_.noteTrackError(false, exception.reason());
+        TQException::logException(exception, video ? kVideoFeederMethod : kAudioFeederMethod);
+        controller_.noteTrackError(video, exception.reason());
         return false;
     }
 }

@@ -67,8 +67,8 @@ private:
 
     // The pump, on the video queue: one turn feeds the track whose media ends earlier.
     void pump();
-    bool feedVideo();
-    bool feedAudio();
+    template <class Next>
+    bool feed(bool video, Next next);
     void endTrack(bool video);
     // The completion step, on the serialization queue once both tracks ended.
     void finishMovie();

@@ -35,14 +35,14 @@ EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move
 
 std::unique_ptr<FileHandle> EssenceReader::open(const std::string& path, Error* error, size_t readAheadBytes)
 {
-    if (auto file = FileHandle::forReadingRegularFileAtPath(path, error, readAheadBytes)) return file;
+    auto file = FileHandle::forReadingRegularFileAtPath(path, readAheadBytes);
+    if (file) return std::move(*file);
     // Refused as no regular file: a block device is taken after all (read only, its
     // descriptor checked); anything else keeps the refusal's error.
-    Error refusal = error ? *error : Error{};
     auto device = FileHandle::forReadingAtPath(path, readAheadBytes);
     struct stat info {};
     if (device && ::fstat(device->fileDescriptor(), &info) == 0 && S_ISBLK(info.st_mode)) return device;
-    if (error) *error = refusal;
+    if (error) *error = file.error();
     return nullptr;
 }
 

@@ -179,9 +179,9 @@ std::vector<unsigned char> thumbnailBMP(const std::string& moviePath, long index
 {
     using namespace corvina::av;
     try {
-        corvina::Error error;
-        FormatContextPtr input = openInput(moviePath, &error);
-        if (!input) return {};
+        auto opened = openInput(moviePath);
+        if (!opened) return {};
+        FormatContextPtr input = std::move(*opened);
         const int stream = AV_CALL(av_find_best_stream)(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
         if (stream < 0) return {};
         const AVCodecParameters* parameters = input->streams[stream]->codecpar;

@@ -237,7 +237,7 @@ bool TQFileManager::decompressFile(const std::string& archivePath, const std::st
     // Out of the way without the privileged fallback; whether it went is not looked at, as
     // only the folder's existence afterwards is the result.
     if (fileExistsAtPath(destinationFolder)) {
-        if (const auto trash = TQLocalPaths::trashDirectory()) corvina::trash::recycle(destinationFolder, *trash);
+        if (const auto trash = TQLocalPaths::trashDirectory()) (void)corvina::trash::recycle(destinationFolder, *trash);
     }
 
     ArchiveReader reader;

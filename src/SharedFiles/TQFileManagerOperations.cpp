@@ -95,9 +95,9 @@ bool TQFileManager::removeFile(const std::string& path, bool shouldAuth)
         return false;
     unlockFile(path);
     if (!corvina::itemExists(path)) return true;
-    corvina::Error error;
-    if (corvina::removeItem(path, &error)) return true;
-    TQLog::appendLog("Error removing file: %@. Authorizing...", error.localizedDescription);
+    const auto removed = corvina::removeItem(path);
+    if (removed) return true;
+    TQLog::appendLog("Error removing file: %@. Authorizing...", removed.error().localizedDescription);
     if (!shouldAuth) return false;
     return TQAuthorization::sharedController().authRemoveFile(path);
 }
@@ -158,9 +158,9 @@ bool TQFileManager::copyFile(const std::string& source, const std::string& desti
         return false;
     }
     unlockFile(corvina::deletingLastPathComponent(destination));
-    corvina::Error error;
-    if (corvina::copyItem(source, destination, &error)) return true;
-    TQLog::appendLog("Error copying file: %@. Authorizing...", error.localizedDescription);
+    const auto copied = corvina::copyItem(source, destination);
+    if (copied) return true;
+    TQLog::appendLog("Error copying file: %@. Authorizing...", copied.error().localizedDescription);
     if (!shouldAuth) return false;
     return TQAuthorization::sharedController().authCopyFile(source, destination);
 }
@@ -185,13 +185,13 @@ bool TQFileManager::moveFile(const std::string& source, const std::string& desti
             if (corvina::moveItem(source, destination)) return true;
         } else if (corvina::moveItem(source, intermediate)) {
             if (corvina::moveItem(intermediate, destination)) return true;
-            corvina::moveItem(intermediate, source);
+            (void)corvina::moveItem(intermediate, source);
         }
     }
 
-    corvina::Error error;
-    if (corvina::moveItem(source, destination, &error)) return true;
-    TQLog::appendLog("Error moving file: %@.", error.localizedDescription);
+    const auto moved = corvina::moveItem(source, destination);
+    if (moved) return true;
+    TQLog::appendLog("Error moving file: %@.", moved.error().localizedDescription);
     if (!shouldAuth) return false;
     TQLog::appendLog("Authorizing...");
     return TQAuthorization::sharedController().authMoveFile(source, destination);

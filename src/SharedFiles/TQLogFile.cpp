@@ -41,7 +41,7 @@ std::optional<corvina::Value> globalPreferences()
     if (!prefs) return std::nullopt;
     auto plist = corvina::Value::fromPropertyListFile(corvina::appendPathComponent(*prefs, kGlobalPrefs));
     if (!plist || !plist->asDictionary()) return std::nullopt;
-    return plist;
+    return std::move(*plist);
 }
 
 bool preferencesDisableLogging()

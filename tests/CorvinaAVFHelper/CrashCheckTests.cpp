@@ -53,7 +53,7 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
 
     // That run ended normally: its exit is recorded, so the next launch stays quiet.
     const auto record = Value::fromPropertyListFile(prefs + "/CorvinaAVFHelper.plist");
-    ASSERT_TRUE(record.has_value());
+    ASSERT_TRUE(record);
     const auto launch = (*record)["launch"].asDate();
     const auto exit = (*record)["exit"].asDate();
     ASSERT_TRUE(launch && exit);

@@ -55,7 +55,6 @@ struct Row {
 
 const Row kRows[] = {
     {"DV NTSC", 0, "720x480", "30000/1001", 29.97f, {"-pix_fmt", "yuv411p", "-c:v", "dvvideo"}},
-    {"DVCPRO50 PAL", 3, "720x576", "25", 25.0f, {"-pix_fmt", "yuv422p", "-c:v", "dvvideo"}},
     {"DVCPRO HD 1080i50", 12, "1440x1080", "25", 25.0f, {"-pix_fmt", "yuv422p", "-c:v", "dvvideo"}},
     {"ProRes HQ", 30, "320x240", "25", 25.0f, {"-c:v", "prores_ks", "-profile:v", "3"}},
     {"Motion JPEG", 4, "720x576", "25", 25.0f, {"-pix_fmt", "yuvj420p", "-c:v", "mjpeg", "-q:v", "4"}},

@@ -194,36 +194,6 @@ TEST(HelperSession, AnUnreadableAudioFileStopsBeforeAnyWriting)
     EXPECT_FALSE(std::filesystem::exists(job.movie));
 }
 
-// A document's rate becomes the movie's exact rate: fractional rates keep their own value,
-// rates written to two decimals near N x 1000/1001 are NTSC. Audio runs alongside, so the
-// pump interleaves by the exact frame times.
-TEST(HelperSession, FractionalRatesMakeMoviesOfExactlyThatRate)
-{
-    const struct {
-        const char* documentRate;
-        const char* frameRate;  // as ffprobe reads the video stream
-        const char* timeBase;
-        const char* duration;  // of the frames the tool writes for half a second
-    } rows[] = {
-        {"12.5", "25/2", "1/12500", "0.480000"},
-        {"23.98", "24000/1001", "1/24000", "0.500500"},
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.documentRate);
-        AssembledJob job;
-        ASSERT_TRUE(
-            job.assemble({"--video", "31", "--audio", "2", "--seconds", "0.5", "--frame-rate", r.documentRate}));
-        ASSERT_EQ(job.run.status, 0) << job.run.err;
-        EXPECT_EQ(checkMovieStructure(job.movie), std::vector<std::string>{});
-        const auto streams = ffprobeStreams(job.movie);
-        ASSERT_EQ(streams.size(), 2u);
-        EXPECT_EQ(streams[0].at("r_frame_rate"), r.frameRate);
-        EXPECT_EQ(streams[0].at("avg_frame_rate"), r.frameRate);
-        EXPECT_EQ(streams[0].at("time_base"), r.timeBase);
-        EXPECT_EQ(streams[0].at("duration"), r.duration);
-    }
-}
-
 TEST(HelperSession, EntriesPastTheEndOfTheDataKeepWhatCameBefore)
 {
     AssembledJob job;

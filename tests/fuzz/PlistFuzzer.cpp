@@ -9,10 +9,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    corvina::Error error;
-    const auto value = corvina::Value::fromPropertyListData(data, size, &error);
+    const auto value = corvina::Value::fromPropertyListData(data, size);
     if (!value) {
-        if (error.localizedDescription.empty()) std::abort();  // a refusal always says why
+        if (value.error().localizedDescription.empty()) std::abort();  // a refusal always says why
         return 0;
     }
     (void)value->description();

@@ -63,7 +63,9 @@ std::optional<corvina::Value> makeSampleJob(const std::string& dir, const std::v
     argv.insert(argv.end(), options.begin(), options.end());
     const ProcessResult run = runProgram(argv);
     if (run.status != 0) return std::nullopt;
-    return corvina::Value::fromPropertyListFile(dir + "/settings.plist");
+    auto settings = corvina::Value::fromPropertyListFile(dir + "/settings.plist");
+    if (!settings) return std::nullopt;
+    return std::move(*settings);
 }
 
 corvina::Value withKey(const corvina::Value& settings, const std::string& key, corvina::Value value)

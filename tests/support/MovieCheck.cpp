@@ -105,6 +105,9 @@ const Atom* find(const std::vector<Atom>& atoms, uint32_t type)
     return nullptr;
 }
 
+// One track's atoms: what the checks and the tests read. The writer's fixed fields (flags,
+// resolutions, constants of the descriptions) are not looked at: any change in them shows in
+// the helper's digest table.
 struct TrackParser {
     MovieTrack& t_;
     std::vector<std::string>& problems_;
@@ -124,32 +127,12 @@ struct TrackParser {
         if (const Atom* a = require(m, "mdhd")) parseMdhd(*a);
         if (const Atom* a = require(m, "hdlr")) {
             Cursor c{a->body, a->size};
-            c.skip(4);
-            if (c.u32() != fourCC("mhlr")) problem("media hdlr component type is not 'mhlr'");
+            c.skip(8);
             t_.handler = c.u32();
         }
         const Atom* minf = require(m, "minf");
         if (!minf) return;
         auto mi = children(minf->body, minf->size, where_ + "/minf", problems_);
-        if (t_.handler == fourCC("vide")) require(mi, "vmhd");
-        if (t_.handler == fourCC("soun")) require(mi, "smhd");
-        if (const Atom* a = require(mi, "hdlr")) {
-            Cursor c{a->body, a->size};
-            c.skip(4);
-            if (c.u32() != fourCC("dhlr") || c.u32() != fourCC("alis")) problem("data hdlr is not 'dhlr'/'alis'");
-        }
-        if (const Atom* dinf = require(mi, "dinf")) {
-            auto d = children(dinf->body, dinf->size, where_ + "/dinf", problems_);
-            if (const Atom* dref = require(d, "dref")) {
-                Cursor c{dref->body, dref->size};
-                c.skip(4);
-                if (c.u32() != 1) problem("dref does not have one entry");
-                auto entries = children(c.p, c.left, where_ + "/dref", problems_);
-                if (entries.size() != 1 || entries[0].type != fourCC("alis") || entries[0].size < 4 ||
-                    (Cursor{entries[0].body, 4}.u32() & 1) != 1)
-                    problem("dref entry is not a self-referencing 'alis'");
-            }
-        }
         const Atom* stbl = require(mi, "stbl");
         if (!stbl) return;
         auto s = children(stbl->body, stbl->size, where_ + "/stbl", problems_);
@@ -179,18 +162,11 @@ struct TrackParser {
     void parseTkhd(const Atom& a)
     {
         Cursor c{a.body, a.size};
-        uint32_t vf = c.u32();
-        bool v1 = (vf >> 24) == 1;
-        t_.tkhdFlags = vf & 0xFFFFFF;
+        bool v1 = (c.u32() >> 24) == 1;
         c.skip(v1 ? 16 : 8);
         t_.trackID = c.u32();
         c.skip(4);
         t_.tkhdDuration = v1 ? c.u64() : c.u32();
-        c.skip(8 + 4);
-        t_.volume = c.u16();
-        c.skip(2 + 36);
-        t_.width = c.u32() >> 16;
-        t_.height = c.u32() >> 16;
         checked(c, "tkhd");
     }
     void parseElst(const Atom& a)
@@ -201,7 +177,6 @@ struct TrackParser {
         t_.editDuration = v1 ? c.u64() : c.u32();
         int64_t mediaTime = v1 ? int64_t(c.u64()) : int32_t(c.u32());
         if (mediaTime != 0) problem("edit does not start at media time 0");
-        if (c.u32() != 0x00010000) problem("edit rate is not 1.0");
         checked(c, "elst");
     }
     void parseMdhd(const Atom& a)
@@ -223,39 +198,17 @@ struct TrackParser {
         const Atom& e = entries[0];
         t_.codec = e.type;
         Cursor d{e.body, e.size};
-        d.skip(6);
-        if (d.u16() != 1) problem("sample description does not use data reference 1");
+        d.skip(8);
         if (t_.handler == fourCC("vide")) {
             d.skip(2 + 2 + 4 + 4 + 4);
             t_.sampleWidth = d.u16();
             t_.sampleHeight = d.u16();
-            if (d.u32() != 0x00480000 || d.u32() != 0x00480000) problem("resolution is not 72 dpi");
-            d.skip(4);
-            if (d.u16() != 1) problem("frame count is not 1");
-            uint8_t n = d.u8();
-            if (n > 31) problem("compressor name too long");
-            if (d.need(31)) t_.compressorName.assign(reinterpret_cast<const char*>(d.p), n > 31 ? 31 : n);
-            d.skip(31);
-            t_.depth = d.u16();
-            if (int16_t(d.u16()) != -1) problem("colour table id is not -1");
-            if (d.left != 0) problem("video sample description has extensions");
             checked(d, "video sample description");
         } else if (t_.handler == fourCC("soun")) {
-            t_.soundVersion = d.u16();
-            d.skip(2 + 4);
-            if (t_.soundVersion != 2) {
-                problem("sound description is not version 2");
-                return;
-            }
-            if (d.u16() != 3 || d.u16() != 16 || int16_t(d.u16()) != -2 || d.u16() != 0 || d.u32() != 65536)
-                problem("sound description constants are wrong");
-            if (d.u32() != 72) problem("sizeOfStructOnly is not 72");
-            uint64_t bits = d.u64();
-            std::memcpy(&t_.sampleRate, &bits, 8);
+            // Version 2: the rate and channels, format flags, then the bytes of a frame.
+            d.skip(2 + 2 + 4 + 2 + 2 + 2 + 2 + 4 + 4 + 8);
             t_.channels = d.u32();
-            if (d.u32() != 0x7F000000) problem("always7F000000 is wrong");
-            d.skip(4);  // bits per channel
-            t_.formatFlags = d.u32();
+            d.skip(4 + 4 + 4);
             t_.bytesPerFrame = d.u32();
             d.skip(4);  // frames per packet
             checked(d, "sound description");
@@ -263,7 +216,6 @@ struct TrackParser {
             if (const Atom* chan = find(ext, fourCC("chan"))) {
                 Cursor ch{chan->body, chan->size};
                 ch.skip(4);
-                t_.hasChannelLayout = true;
                 t_.layoutTag = ch.u32();
                 ch.skip(4);  // bitmap
                 uint32_t n = ch.u32();

@@ -18,18 +18,10 @@ struct MovieTrack {
     uint64_t mediaDuration = 0;  // mdhd
     uint64_t tkhdDuration = 0;   // movie timescale
     uint64_t editDuration = 0;   // elst, movie timescale
-    uint32_t tkhdFlags = 0;
-    uint16_t volume = 0;
-    uint32_t width = 0, height = 0;  // tkhd, integer part
     // Video sample description.
     uint16_t sampleWidth = 0, sampleHeight = 0;
-    std::string compressorName;
-    uint16_t depth = 0;
-    // Sound sample description (version 2).
-    uint16_t soundVersion = 0;
-    double sampleRate = 0;
-    uint32_t channels = 0, formatFlags = 0, bytesPerFrame = 0;
-    bool hasChannelLayout = false;
+    // Sound sample description (version 2) and its channel layout.
+    uint32_t channels = 0, bytesPerFrame = 0;
     uint32_t layoutTag = 0;
     std::vector<uint32_t> channelLabels;
     // Tables.

@@ -91,12 +91,12 @@ std::vector<AssetTrackRef> Asset::tracksWithMediaType(MediaType type) const
 
 void Asset::inspect()
 {
-    Error err;
-    av::FormatContextPtr context = av::openInput(path_, &err);
-    if (!context) {
-        error_ = err;
+    auto opened = av::openInput(path_);
+    if (!opened) {
+        error_ = opened.error();
         return;
     }
+    av::FormatContextPtr context = std::move(*opened);
     containerName_ = context->iformat->name;
     AVRational videoRate{0, 1};
     bool hasTimecodeTrack = false;

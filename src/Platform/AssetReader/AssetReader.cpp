@@ -170,8 +170,12 @@ bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
 {
     if (track->streamIndex() < 0) return true;  // a made timecode track needs no file
     this->path = path;
-    input = av::openInput(path, err);
-    if (!input) return false;
+    auto opened = av::openInput(path);
+    if (!opened) {
+        if (err) *err = opened.error();
+        return false;
+    }
+    input = std::move(*opened);
     if (track->streamIndex() >= int(input->nb_streams)) {
         *err = av::error("The track is gone from " + path);
         return false;

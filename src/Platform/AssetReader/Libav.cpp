@@ -86,7 +86,7 @@ Error error(int avCode, const std::string& what)
 
 Error error(const std::string& what) { return Error{kAssetErrorDomain, -1, what}; }
 
-FormatContextPtr openInput(const std::string& path, Error* err)
+Result<FormatContextPtr> openInput(const std::string& path)
 {
     // Failures reach callers as errors; libav's own console messages about damaged input
     // would only repeat them.
@@ -97,16 +97,10 @@ FormatContextPtr openInput(const std::string& path, Error* err)
     (void)quiet;
     AVFormatContext* raw = nullptr;
     int rc = AV_CALL(avformat_open_input)(&raw, path.c_str(), nullptr, nullptr);
-    if (rc < 0) {
-        if (err) *err = error(rc, "Cannot open " + path);
-        return nullptr;
-    }
+    if (rc < 0) return error(rc, "Cannot open " + path);
     FormatContextPtr context(raw);
     rc = AV_CALL(avformat_find_stream_info)(context.get(), nullptr);
-    if (rc < 0) {
-        if (err) *err = error(rc, "Cannot read the streams of " + path);
-        return nullptr;
-    }
+    if (rc < 0) return error(rc, "Cannot read the streams of " + path);
     return context;
 }
 

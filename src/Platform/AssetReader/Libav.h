@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "MediaTime/MediaTime.h"
 #include "SampleBuffer/FormatDescription.h"
 
@@ -59,8 +60,8 @@ using ResamplerPtr = std::unique_ptr<SwrContext, ResamplerDeleter>;
 Error error(int avCode, const std::string& what);
 Error error(const std::string& what);
 
-// Opens and probes a container; null with *err set on failure.
-FormatContextPtr openInput(const std::string& path, Error* err);
+// Opens and probes a container, or says why it cannot.
+Result<FormatContextPtr> openInput(const std::string& path);
 
 // A time in a stream's time base as a media time: the time base's own scale when it is 1/N,
 // else the given fallback scale (rounded).

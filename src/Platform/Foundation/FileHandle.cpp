@@ -63,11 +63,12 @@ std::unique_ptr<FileHandle> FileHandle::forReadingAtPath(const std::string& path
     return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
 }
 
-std::unique_ptr<FileHandle> FileHandle::forReadingRegularFileAtPath(const std::string& path, Error* error,
-                                                                    size_t readAheadBytes)
+Result<std::unique_ptr<FileHandle>> FileHandle::forReadingRegularFileAtPath(const std::string& path,
+                                                                            size_t readAheadBytes)
 {
-    const int fd = openFile(path, O_RDONLY, true, error);
-    if (fd < 0) return nullptr;
+    Error error;
+    const int fd = openFile(path, O_RDONLY, true, &error);
+    if (fd < 0) return error;
     return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
 }
 

@@ -15,10 +15,9 @@
 #include <string_view>
 
 #include "ByteBuffer.h"
+#include "Result.h"
 
 namespace corvina {
-
-struct Error;
 
 class FileHandle {
 public:
@@ -30,9 +29,9 @@ public:
     // blocks, not even on a FIFO.
     static std::unique_ptr<FileHandle> forReadingAtPath(const std::string& path, size_t readAheadBytes = 1 << 20);
     // The same for a regular file only: a FIFO, a device, a socket or a folder is refused and
-    // *error says which. Opening never blocks.
-    static std::unique_ptr<FileHandle> forReadingRegularFileAtPath(const std::string& path, Error* error,
-                                                                   size_t readAheadBytes = 1 << 20);
+    // the Error says which. Opening never blocks.
+    static Result<std::unique_ptr<FileHandle>> forReadingRegularFileAtPath(const std::string& path,
+                                                                           size_t readAheadBytes = 1 << 20);
     // Opens an existing file for writing, positioned at its start; null on failure.
     static std::unique_ptr<FileHandle> forWritingAtPath(const std::string& path);
     // Opens for appending writes (O_APPEND is not used; the handle seeks to the end once).

@@ -34,11 +34,7 @@ struct Fd {
 };
 
 // The error carries the system's text alone, as the callers' log lines name the path.
-bool fail(Error* error, int err, const std::string&)
-{
-    if (error) *error = Error::fromErrno(err);
-    return false;
-}
+Error fail(int err) { return Error::fromErrno(err); }
 
 // Copies the bytes from..to (to may lie past the end) to the same place in out: copy_file_range
 // lets the file system share or clone extents; plain reads and writes take over where it is
@@ -278,37 +274,37 @@ std::vector<std::string> directoryContents(const std::string& path)
     return names;
 }
 
-bool copyItem(const std::string& from, const std::string& to, Error* error)
+Result<void> copyItem(const std::string& from, const std::string& to)
 {
-    if (!itemExists(from)) return fail(error, ENOENT, from);
-    if (itemExists(to)) return fail(error, EEXIST, to);
-    if (isInside(to, from)) return fail(error, EINVAL, to);
+    if (!itemExists(from)) return fail(ENOENT);
+    if (itemExists(to)) return fail(EEXIST);
+    if (isInside(to, from)) return fail(EINVAL);
     if (const int err = copyTree(from, to)) {
         // Nothing was at the destination before: what is there now is this copy's own.
         std::error_code ec;
         std::filesystem::remove_all(to, ec);
-        return fail(error, err, from);
+        return fail(err);
     }
-    return true;
+    return success();
 }
 
-bool moveItem(const std::string& from, const std::string& to, Error* error)
+Result<void> moveItem(const std::string& from, const std::string& to)
 {
-    if (!itemExists(from)) return fail(error, ENOENT, from);
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (!itemExists(from)) return fail(ENOENT);
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return success();
     int err = errno;
     if (err == EINVAL || err == ENOSYS || err == ENOTSUP) {
         // A file system without the no-replace rename: test first, then rename.
-        if (itemExists(to)) return fail(error, EEXIST, to);
-        if (isInside(to, from)) return fail(error, EINVAL, to);
-        if (::rename(from.c_str(), to.c_str()) == 0) return true;
+        if (itemExists(to)) return fail(EEXIST);
+        if (isInside(to, from)) return fail(EINVAL);
+        if (::rename(from.c_str(), to.c_str()) == 0) return success();
         err = errno;
     }
-    if (err != EXDEV) return fail(error, err, from);
-    if (!copyItem(from, to, error)) return false;
+    if (err != EXDEV) return fail(err);
+    if (auto copied = copyItem(from, to); !copied) return copied;
     // The copy is complete: only now may the original go. Should that fail half-way, the
     // copy stays, since the original may be partly gone.
-    return removeItem(from, error);
+    return removeItem(from);
 }
 
 namespace {
@@ -367,18 +363,18 @@ std::optional<std::string> removalRefusal(const std::string& path)
     return std::nullopt;
 }
 
-bool removeItem(const std::string& path, Error* error)
+Result<void> removeItem(const std::string& path)
 {
-    if (path.empty()) return fail(error, ENOENT, path);
-    if (removalRefusal(path)) return fail(error, EINVAL, path);
+    if (path.empty()) return fail(ENOENT);
+    if (removalRefusal(path)) return fail(EINVAL);
     const std::string p = withoutTrailingSlashes(path);
     const auto slash = p.rfind('/');
     const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
     const std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
     Fd dir(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.fd < 0) return errno == ENOENT || errno == ENOTDIR ? true : fail(error, errno, path);
-    if (const int err = removeEntry(dir.fd, name, nullptr)) return fail(error, err, path);
-    return true;
+    if (dir.fd < 0) return errno == ENOENT || errno == ENOTDIR ? success() : fail(errno);
+    if (const int err = removeEntry(dir.fd, name, nullptr)) return fail(err);
+    return success();
 }
 
 int openRegularFile(const std::string& path, int flags, mode_t mode)

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Error.h"
+#include "Result.h"
 
 namespace corvina {
 
@@ -31,11 +32,11 @@ int openRegularFile(const std::string& path, int flags, mode_t mode = 0);
 // modification times and user extended attributes (and owners, as root). Holes of sparse
 // files stay holes. Fails when something is at the destination; a failed copy leaves
 // nothing there.
-bool copyItem(const std::string& from, const std::string& to, Error* error = nullptr);
+Result<void> copyItem(const std::string& from, const std::string& to);
 
 // Renames an item; fails when something is at the destination. Across file systems the item
 // is copied (holes kept), and the original removed once the copy is complete.
-bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);
+Result<void> moveItem(const std::string& from, const std::string& to);
 
 // Replaces the file at path with `bytes`: they go to a new file of a random name beside it
 // (created exclusively, so nothing that is already there is opened) that is flushed and
@@ -54,6 +55,6 @@ std::optional<std::string> removalRefusal(const std::string& path);
 // follows a link, and it does not enter another mount (another device, or a mount root of
 // the same one): such a folder stays, with its parents, and the removal fails (EXDEV) once
 // everything else is gone, as `rm -r --one-file-system` does. Nothing at the path is success.
-bool removeItem(const std::string& path, Error* error = nullptr);
+Result<void> removeItem(const std::string& path);
 
 }  // namespace corvina

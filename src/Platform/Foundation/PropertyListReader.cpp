@@ -319,31 +319,23 @@ bool utf16ToUtf8(const uint8_t* data, size_t length, std::string* out)
     return true;
 }
 
-void setError(Error* error, std::string text, int64_t code = 3840)
-{
-    if (!error) return;
-    error->domain = "NSPropertyListErrorDomain";
-    error->code = code;
-    error->localizedDescription = std::move(text);
-}
+// A failure to read a property list, in the platform's domain and code.
+Error plistError(std::string text) { return Error{"NSPropertyListErrorDomain", 3840, std::move(text)}; }
 
 }  // namespace
 
-std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t length, Error* error)
+Result<Value> Value::fromPropertyListData(const void* bytes, size_t length)
 {
     if (!bytes || length == 0) {
-        setError(error, "The data is empty.");
-        return std::nullopt;
+        return plistError("The data is empty.");
     }
     if (length > std::numeric_limits<uint32_t>::max()) {
-        setError(error, "The data is too large for a property list.");
-        return std::nullopt;
+        return plistError("The data is too large for a property list.");
     }
     std::string utf8;
     if (utf16ToUtf8(static_cast<const uint8_t*>(bytes), length, &utf8)) {
         if (utf8.empty()) {
-            setError(error, "The data is empty.");
-            return std::nullopt;
+            return plistError("The data is empty.");
         }
         bytes = utf8.data();
         length = utf8.size();
@@ -359,58 +351,44 @@ std::optional<Value> Value::fromPropertyListData(const void* bytes, size_t lengt
         case BinaryCheck::Fine:
             break;
         case BinaryCheck::TooDeep:
-            setError(error, "The data couldn't be read because it nests too deeply or refers to itself.");
-            return std::nullopt;
+            return plistError("The data couldn't be read because it nests too deeply or refers to itself.");
         case BinaryCheck::Malformed:
-            setError(error, "The data couldn't be read because it isn't in the correct format.");
-            return std::nullopt;
+            return plistError("The data couldn't be read because it isn't in the correct format.");
         }
     } else if (xmlNestsTooDeep(static_cast<const char*>(bytes), length)) {
-        setError(error, "The data couldn't be read because it nests too deeply.");
-        return std::nullopt;
+        return plistError("The data couldn't be read because it nests too deeply.");
     }
     plist_t root = nullptr;
     plist_from_memory(static_cast<const char*>(bytes), static_cast<uint32_t>(length), &root);
     PlistPtr owned(root);
     if (!root) {
-        setError(error, "The data couldn't be read because it isn't in the correct format.");
-        return std::nullopt;
+        return plistError("The data couldn't be read because it isn't in the correct format.");
     }
     auto value = fromNode(root, 0);
-    if (!value) setError(error, "The data couldn't be read because it isn't in the correct format.");
-    return value;
+    if (!value) return plistError("The data couldn't be read because it isn't in the correct format.");
+    return std::move(*value);
 }
 
-std::optional<std::string> Value::propertyListFileBytes(const std::string& path, Error* error)
+Result<std::string> Value::propertyListFileBytes(const std::string& path)
 {
     // Opened without blocking, so that a FIFO or a device at the path cannot hold us up; only
     // regular files are read.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        if (error) *error = Error::fromErrno(errno);
-        return std::nullopt;
-    }
+    if (fd < 0) return Error::fromErrno(errno);
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         const int err = errno;
         const bool statFailed = st.st_mode == 0;
         ::close(fd);
-        if (error) {
-            if (statFailed)
-                *error = Error::fromErrno(err);
-            else if (S_ISDIR(st.st_mode))
-                *error = Error::fromErrno(EISDIR);
-            else
-                setError(error, S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
-                                                     : "It is a device or a socket, not a regular file.");
-        }
-        return std::nullopt;
+        if (statFailed) return Error::fromErrno(err);
+        if (S_ISDIR(st.st_mode)) return Error::fromErrno(EISDIR);
+        return plistError(S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                               : "It is a device or a socket, not a regular file.");
     }
     if (static_cast<uint64_t>(st.st_size) > kMaxFileBytes) {
         ::close(fd);
-        setError(error,
-                 format("It is too large for a property list (%lld bytes).", static_cast<long long>(st.st_size)));
-        return std::nullopt;
+        return plistError(
+            format("It is too large for a property list (%lld bytes).", static_cast<long long>(st.st_size)));
     }
     // Read straight into the result, sized from the file with room to notice that it grew; a
     // file that keeps growing is read on until it passes the limit, which the parser refuses.
@@ -426,8 +404,7 @@ std::optional<std::string> Value::propertyListFileBytes(const std::string& path,
         have += got.count;
         if (got.failed()) {
             ::close(fd);
-            if (error) *error = Error::fromErrno(got.error);
-            return std::nullopt;
+            return Error::fromErrno(got.error);
         }
         if (have < bytes.size() || bytes.size() > kMaxFileBytes) break;
         bytes.resize(std::min<size_t>(bytes.size() * 2, kMaxFileBytes + 1));
@@ -437,10 +414,10 @@ std::optional<std::string> Value::propertyListFileBytes(const std::string& path,
     return bytes;
 }
 
-std::optional<Value> Value::fromPropertyListFile(const std::string& path, Error* error)
+Result<Value> Value::fromPropertyListFile(const std::string& path)
 {
-    const auto bytes = propertyListFileBytes(path, error);
-    if (!bytes) return std::nullopt;
-    return fromPropertyListData(bytes->data(), bytes->size(), error);
+    const auto bytes = propertyListFileBytes(path);
+    if (!bytes) return bytes.error();
+    return fromPropertyListData(bytes->data(), bytes->size());
 }
 }  // namespace corvina

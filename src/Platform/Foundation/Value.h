@@ -22,6 +22,7 @@
 
 #include "Date.h"
 #include "Error.h"
+#include "Result.h"
 
 namespace corvina {
 
@@ -90,13 +91,13 @@ public:
     bool operator==(const Value& other) const;
 
     // Reads an XML or binary property list. A missing file, unreadable or malformed data
-    // gives nullopt (error, when asked for, says why).
-    static std::optional<Value> fromPropertyListFile(const std::string& path, Error* error = nullptr);
+    // gives the Error that says why.
+    static Result<Value> fromPropertyListFile(const std::string& path);
     // The bytes of a property-list file, read (never mapped) into memory: a regular file no
-    // larger than a property list may be; none with *error set otherwise. Later changes to
-    // the file, a truncation included, do not reach the copy.
-    static std::optional<std::string> propertyListFileBytes(const std::string& path, Error* error = nullptr);
-    static std::optional<Value> fromPropertyListData(const void* bytes, size_t length, Error* error = nullptr);
+    // larger than a property list may be; an Error otherwise. Later changes to the file, a
+    // truncation included, do not reach the copy.
+    static Result<std::string> propertyListFileBytes(const std::string& path);
+    static Result<Value> fromPropertyListData(const void* bytes, size_t length);
     // XML property list text of this value (a none value cannot be written: empty string).
     std::string toXMLPropertyList() const;
     std::vector<uint8_t> toBinaryPropertyList() const;

@@ -413,10 +413,9 @@ std::unique_ptr<AssetWriter> AssetWriter::create(const std::string& path, const 
         if (error) *error = Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
         return nullptr;
     }
-    Error failure;
-    auto file = qt::MovieFile::create(path, &failure);
+    auto file = qt::MovieFile::create(path);
     if (!file) {
-        if (error) *error = failure;
+        if (error) *error = file.error();
         return nullptr;
     }
     std::unique_ptr<AssetWriter> writer(new AssetWriter());  // NOLINT: private constructor
@@ -434,10 +433,9 @@ std::unique_ptr<AssetWriter> AssetWriter::createOnDescriptor(int fd, const std::
         if (error) *error = Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
         return nullptr;
     }
-    Error failure;
-    auto file = qt::MovieFile::createOnDescriptor(fd, &failure);
+    auto file = qt::MovieFile::createOnDescriptor(fd);
     if (!file) {
-        if (error) *error = failure;
+        if (error) *error = file.error();
         return nullptr;
     }
     std::unique_ptr<AssetWriter> writer(new AssetWriter());  // NOLINT: private constructor

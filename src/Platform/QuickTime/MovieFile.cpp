@@ -38,25 +38,19 @@ std::vector<uint8_t> fileHeaders()
 
 }  // namespace
 
-std::optional<MovieFile> MovieFile::create(const std::string& path, Error* error)
+Result<MovieFile> MovieFile::create(const std::string& path)
 {
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        if (error) *error = posixError(errno, "cannot create " + path);
-        return std::nullopt;
-    }
-    return createOnDescriptor(fd, error);
+    if (fd < 0) return posixError(errno, "cannot create " + path);
+    return createOnDescriptor(fd);
 }
 
-std::optional<MovieFile> MovieFile::createOnDescriptor(int fd, Error* error)
+Result<MovieFile> MovieFile::createOnDescriptor(int fd)
 {
     MovieFile file(fd);
     std::vector<uint8_t> headers = fileHeaders();
     Error failure;
-    if (!file.writeAll(headers.data(), headers.size(), &failure)) {
-        if (error) *error = failure;
-        return std::nullopt;
-    }
+    if (!file.writeAll(headers.data(), headers.size(), &failure)) return failure;
     file.end_ = file.written_ = headers.size();
     file.buffer_.reserve(kBufferSize);
     return file;

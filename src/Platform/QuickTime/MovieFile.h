@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 
 namespace corvina::qt {
 
@@ -23,10 +24,10 @@ public:
     static constexpr uint64_t kMediaDataStart = 36;        // 'ftyp', 'wide', 'mdat' header
 
     // Creates the file (never replacing one) and writes the headers.
-    static std::optional<MovieFile> create(const std::string& path, Error* error);
+    static Result<MovieFile> create(const std::string& path);
     // Writes the headers into an empty file the caller created and opened for writing; the
     // movie file owns the descriptor from here on, also when it fails.
-    static std::optional<MovieFile> createOnDescriptor(int fd, Error* error);
+    static Result<MovieFile> createOnDescriptor(int fd);
     // True when the file open at fd starts with the headers create writes before any sample
     // (the 'ftyp' and the 'wide' atom, up to the media data header, whose size changes).
     static bool startsWithHeaders(int fd);

@@ -74,7 +74,7 @@ std::string localStamp(const char* pattern)
 
 // Creates a trash folder and its parents (0700, as the trash asks). Made by root on behalf
 // of another user, the new folders go to the owner of the nearest folder that existed.
-bool makeTrashFolder(const std::string& dir, Error* error)
+Result<void> makeTrashFolder(const std::string& dir)
 {
     std::vector<std::string> created;
     std::string existing = dir;
@@ -83,16 +83,13 @@ bool makeTrashFolder(const std::string& dir, Error* error)
         existing = deletingLastPathComponent(existing);
     }
     for (auto it = created.rbegin(); it != created.rend(); ++it) {
-        if (::mkdir(it->c_str(), 0700) != 0 && errno != EEXIST) {
-            if (error) *error = Error::fromErrno(errno);
-            return false;
-        }
+        if (::mkdir(it->c_str(), 0700) != 0 && errno != EEXIST) return Error::fromErrno(errno);
     }
     struct stat owner {};
     if (::geteuid() == 0 && !created.empty() && ::stat(existing.c_str(), &owner) == 0) {
         for (const auto& d : created) ::lchown(d.c_str(), owner.st_uid, owner.st_gid);
     }
-    return true;
+    return success();
 }
 
 std::string absolutePath(const std::string& path)
@@ -161,10 +158,11 @@ std::string infoPathFor(const std::string& destination)
     return appendPathComponent(appendPathComponent(trashRoot, "info"), lastPathComponent(destination) + ".trashinfo");
 }
 
-std::optional<std::string> reserve(const std::string& item, const std::string& filesDir, Error* error)
+Result<std::string> reserve(const std::string& item, const std::string& filesDir)
 {
     const std::string infoDir = appendPathComponent(deletingLastPathComponent(filesDir), "info");
-    if (!makeTrashFolder(filesDir, error) || !makeTrashFolder(infoDir, error)) return std::nullopt;
+    if (auto made = makeTrashFolder(filesDir); !made) return made.error();
+    if (auto made = makeTrashFolder(infoDir); !made) return made.error();
 
     const std::string original = absolutePath(item);
     const std::string name = lastPathComponent(original);
@@ -194,39 +192,33 @@ std::optional<std::string> reserve(const std::string& item, const std::string& f
         const int fd = ::open(infoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd < 0) {
             if (errno == EEXIST) continue;
-            if (error) *error = Error::fromErrno(errno);
-            return std::nullopt;
+            return Error::fromErrno(errno);
         }
         const posix::Transfer written = posix::writeAll(fd, record);
         ::close(fd);
         if (written.failed()) {
             ::unlink(infoPath.c_str());
-            if (error) *error = Error::fromErrno(written.error);
-            return std::nullopt;
+            return Error::fromErrno(written.error);
         }
         struct stat owner {};
         if (::geteuid() == 0 && ::stat(infoDir.c_str(), &owner) == 0)
             ::chown(infoPath.c_str(), owner.st_uid, owner.st_gid);
         return appendPathComponent(filesDir, candidate);
     }
-    if (error) *error = Error::fromErrno(EEXIST);
-    return std::nullopt;
+    return Error::fromErrno(EEXIST);
 }
 
 void release(const std::string& destination) { ::unlink(infoPathFor(destination).c_str()); }
 
-std::optional<std::string> recycle(const std::string& item, const std::string& filesDir, Error* error)
+Result<std::string> recycle(const std::string& item, const std::string& filesDir)
 {
-    if (!itemExists(item)) {
-        if (error) *error = Error::fromErrno(ENOENT);
-        return std::nullopt;
-    }
-    auto destination = reserve(item, filesDir, error);
-    if (!destination) return std::nullopt;
-    if (!moveItem(item, *destination, error)) {
+    if (!itemExists(item)) return Error::fromErrno(ENOENT);
+    auto destination = reserve(item, filesDir);
+    if (!destination) return destination;
+    if (auto moved = moveItem(item, *destination); !moved) {
         // A move across file systems that failed after copying keeps the copy, and so its record.
         if (!itemExists(*destination)) release(*destination);
-        return std::nullopt;
+        return moved.error();
     }
     return destination;
 }

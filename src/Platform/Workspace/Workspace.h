@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 
 namespace corvina {
 
@@ -39,13 +40,13 @@ namespace trash {
 // local date and time as %Y%m%d%H%M%S, "." and the extension; when that is taken too, " 2",
 // " 3", ... before the extension. Creates the trash folders when they are missing. Returns
 // the path in files/ to move the item to.
-std::optional<std::string> reserve(const std::string& item, const std::string& filesDir, Error* error = nullptr);
+Result<std::string> reserve(const std::string& item, const std::string& filesDir);
 // Removes the record written for a destination that reserve returned.
 void release(const std::string& destination);
 // The record's path for a destination in files/.
 std::string infoPathFor(const std::string& destination);
-// Moves the item into the trash with its record; the destination, or none.
-std::optional<std::string> recycle(const std::string& item, const std::string& filesDir, Error* error = nullptr);
+// Moves the item into the trash with its record; the destination, or the Error that stopped it.
+Result<std::string> recycle(const std::string& item, const std::string& filesDir);
 
 }  // namespace trash
 

@@ -8,7 +8,6 @@
 
 #include "Foundation/Date.h"
 #include "Foundation/Error.h"
-#include "Foundation/Result.h"
 #include "Foundation/Exception.h"
 #include "Foundation/ProcessInfo.h"
 #include "Foundation/StringUtils.h"
@@ -130,23 +129,6 @@ TEST(ErrorsAndExceptions, Descriptions)
     EXPECT_EQ(ex.name(), "NSInvalidArgumentException");
     EXPECT_EQ(ex.description(), "bad value");
     EXPECT_NE(std::string(ex.what()).find("bad value"), std::string::npos);
-}
-
-// A failed result hands back its error; a moved-out value leaves the result usable.
-TEST(ErrorsAndExceptions, Results)
-{
-    Result<std::string> good(std::string("movie.mov"));
-    Result<std::string> bad(Error::fromErrno(ENOSPC));
-    ASSERT_TRUE(good);
-    ASSERT_FALSE(bad);
-    EXPECT_EQ(bad.error().code, ENOSPC);
-    EXPECT_EQ(bad.valueOr("none"), "none");
-    EXPECT_EQ(std::move(good).value(), "movie.mov");
-    const Result<void> done = success();
-    const Result<void> failed = Error::fromErrno(EROFS);
-    EXPECT_TRUE(done);
-    EXPECT_FALSE(failed);
-    EXPECT_EQ(failed.error().localizedDescription, "Read-only file system");
 }
 
 TEST(ProcessInfo, Answers)

@@ -213,9 +213,9 @@ TEST(Value, RejectsBadInput)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        corvina::Error error;
-        EXPECT_FALSE(Value::fromPropertyListData(row.bytes.data(), row.bytes.size(), &error));
-        EXPECT_FALSE(error.localizedDescription.empty());
+        const auto bad = Value::fromPropertyListData(row.bytes.data(), row.bytes.size());
+        ASSERT_FALSE(bad);
+        EXPECT_FALSE(bad.error().localizedDescription.empty());
         const std::string file = folder / "bad.plist";
         writeFile(file, row.bytes);
         EXPECT_FALSE(Value::fromPropertyListFile(file));
@@ -227,10 +227,10 @@ TEST(Value, RejectsBadInput)
     deep += "</plist>";
     EXPECT_FALSE(Value::fromPropertyListData(deep.data(), deep.size()));
 
-    corvina::Error error;
-    EXPECT_FALSE(Value::fromPropertyListFile(folder.path() + "/missing.plist", &error));
-    EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
-    EXPECT_EQ(error.code, ENOENT);
+    const auto missing = Value::fromPropertyListFile(folder.path() + "/missing.plist");
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error().domain, "NSPOSIXErrorDomain");
+    EXPECT_EQ(missing.error().code, ENOENT);
     EXPECT_FALSE(Value::fromPropertyListFile(folder.path()));
     EXPECT_FALSE(Value::fromPropertyListData(nullptr, 10));
 

@@ -35,22 +35,6 @@ std::string smallMovie(const TempDir& dir)
     return path;
 }
 
-TEST(MovieFile, HeadersAreTheReservedLayout)
-{
-    TempDir dir;
-    const std::string path = smallMovie(dir);
-    auto bytes = readBytes(path);
-    ASSERT_GT(bytes.size(), 36u);
-    const uint8_t expected[28] = {0,    0,    0,   20,  'f', 't', 'y', 'p', 'q', 't', ' ', ' ', 0x20, 0x05,
-                                  0x03, 0x00, 'q', 't', ' ', ' ', 0,   0,   0,   8,   'w', 'i', 'd',  'e'};
-    EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 28), std::vector<uint8_t>(expected, expected + 28));
-    EXPECT_EQ(std::memcmp(&bytes[32], "mdat", 4), 0);
-    const uint32_t mdatSize = corvina::loadBE32(&bytes[28]);
-    EXPECT_EQ(mdatSize, 8u + 10 * 1000 + 45);
-    EXPECT_EQ(std::memcmp(&bytes[28 + mdatSize + 4], "moov", 4), 0) << "moov follows mdat";
-    expectToolsAccept(path, false);
-}
-
 // The checker must notice broken movies, or its silence proves nothing.
 TEST(MovieCheck, ReportsCorruptedMovies)
 {
