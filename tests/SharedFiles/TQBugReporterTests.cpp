@@ -327,13 +327,17 @@ TEST(TQBugReporterCrash, ACrashStartedInTheSecondOfTheLastNormalExitIsFound)
 {
     // Record dates keep whole seconds. However long the two runs take, the record is then
     // given the state of a crashing run that started in the second the normal one ended in:
-    // its exit date equals the crashing run's launch date, so only the run serials tell.
+    // its exit date equals the crashing run's launch date, so only the run serials tell. The
+    // report is stamped with the launch time itself, as the file system's clock, which moves
+    // in ticks, stamps a crash within the launch's tick.
     TempDir home;
     const auto preferences = home / "Library/Preferences";
     runTest("TQBugReporterChild.DISABLED_NormalRun", home.path());
     const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
                                  {{"CORVINA_CRASH_SIGNAL", std::to_string(SIGABRT)}});
     ASSERT_EQ(crashed.status, 128 + SIGABRT) << crashed.output;
+    const auto reports = filesIn(reportsFolder(home.path()));
+    ASSERT_EQ(reports.size(), 1u) << crashed.output;
     {
         corvina::UserDefaults record(kProgram, preferences);
         const auto exited = record.objectForKey("exit").asDate();
@@ -342,6 +346,10 @@ TEST(TQBugReporterCrash, ACrashStartedInTheSecondOfTheLastNormalExitIsFound)
         ASSERT_LE(*exited, *launched);
         record.setObject("exit", Value::date(*launched));
         record.synchronize();
+        const std::chrono::duration<double> launchTime(record.objectForKey("launch-time").doubleValue());
+        fs::last_write_time(reportsFolder(home.path()) + "/" + reports[0],
+                            std::chrono::file_clock::from_sys(
+                                corvina::Date(std::chrono::duration_cast<corvina::Date::duration>(launchTime))));
     }
     writeRecorder(home / "bin/Bug Reporter");
     const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
@@ -393,11 +401,14 @@ uid_t ownerOf(const std::string& path)
 
 }  // namespace
 
-TEST(TQBugReporterAsRoot, FilesInTheUsersHomeAreTheUsersAndPlantedLinksAreNotFollowed)
+// As root for a user, the crash's files are the user's and planted links are never followed;
+// the next launch shows the report with a program running as the user, never as root: the
+// "Bug Reporter" found on PATH, else the desktop's opener (stand-ins that record their ids).
+TEST(TQBugReporterAsRoot, FilesAndTheReportProgramAreTheUsers)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root";
     for (const bool planted : {false, true}) {
-        SCOPED_TRACE(planted ? "links planted at the report names" : "no Library folder yet");
+        SCOPED_TRACE(planted ? "links planted at the report names; xdg-open" : "no Library folder yet; Bug Reporter");
         ScratchUser user;
         ASSERT_TRUE(user.ok()) << "useradd failed";
         const std::string victim = user.scratch("victim");
@@ -417,24 +428,49 @@ TEST(TQBugReporterAsRoot, FilesInTheUsersHomeAreTheUsersAndPlantedLinksAreNotFol
                 fs::create_symlink(victim,
                                    reports + "/" + corvina::crashReportName(kProgram, t, local.tm_gmtoff, host));
         }
-        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", user.scratch("root"),
-                                     {{"CORVINA_CRASH_SIGNAL", std::to_string(SIGSEGV)},
-                                      {"TQ_CONSOLE_USER", user.name()},
-                                      {"HOME", user.home()}});
+        // The root process's own home is elsewhere: the program must be given the user's.
+        const std::map<std::string, std::string> asRoot{{"TQ_CONSOLE_USER", user.name()},
+                                                        {"PATH", user.scratch("bin") + ":" + std::getenv("PATH")}};
+        auto env = asRoot;
+        env["CORVINA_CRASH_SIGNAL"] = std::to_string(SIGSEGV);
+        const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", user.scratch("root"), env);
         ASSERT_EQ(crashed.status, 128 + SIGSEGV) << crashed.output;
         EXPECT_EQ(readFile(victim), readFile("/etc/passwd"));
         EXPECT_EQ(ownerOf(victim), 0u);
-        size_t written = 0;
+        std::string report;
         for (const auto& name : filesIn(reports)) {
             if (fs::is_symlink(reports + "/" + name)) continue;
-            ++written;
-            EXPECT_EQ(ownerOf(reports + "/" + name), user.uid()) << name;
-            EXPECT_THAT(readFile(reports + "/" + name), HasSubstr("Signal: 11 (SIGSEGV)"));
+            EXPECT_TRUE(report.empty()) << "a second report " << name;
+            report = reports + "/" + name;
+            EXPECT_EQ(ownerOf(report), user.uid()) << name;
+            EXPECT_THAT(readFile(report), HasSubstr("Signal: 11 (SIGSEGV)"));
         }
-        EXPECT_EQ(written, 1u) << crashed.output;
+        ASSERT_FALSE(report.empty()) << crashed.output;
         for (const char* rel : {"/Library", "/Library/Logs", "/Library/Logs/DiagnosticReports", "/Library/Preferences",
                                 "/Library/Preferences/SharedFilesTests.plist"})
             EXPECT_EQ(ownerOf(user.home() + rel), user.uid()) << rel;
+
+        // The stand-in writes its real, effective, saved and file-system ids, its groups and
+        // its home into that home.
+        const std::string program = user.scratch(planted ? "bin/xdg-open" : "bin/Bug Reporter");
+        writeFile(program,
+                  "#!/bin/sh\n{ grep -E '^(Uid|Gid):' /proc/$$/status | tr -s '\\t' ' '; id -G; echo \"$HOME $1\"; }"
+                  " > \"$HOME/.ids\" && mv \"$HOME/.ids\" \"$HOME/ids.txt\"\n",
+                  fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read |
+                      fs::perms::others_exec);
+        fs::permissions(user.scratch("bin"), fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+        const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", user.scratch("root"), asRoot);
+        EXPECT_EQ(next.status, 0) << next.output;
+        const auto ids = corvina::UserIdentity::forUid(user.uid());
+        ASSERT_TRUE(ids);
+        std::string groups;
+        for (const gid_t g : ids->groups) groups += (groups.empty() ? "" : " ") + std::to_string(g);
+        const std::string u = std::to_string(ids->uid), g = std::to_string(ids->gid);
+        EXPECT_EQ(waitForFile(user.home() + "/ids.txt"), "Uid: " + u + " " + u + " " + u + " " + u + "\nGid: " + g +
+                                                             " " + g + " " + g + " " + g + "\n" + groups + "\n" +
+                                                             user.home() + " " + report + "\n");
+        EXPECT_THAT(logEntries(user.scratch("root/Library/Logs/Brantwell/SharedFilesTests.1.log")),
+                    Contains("Crash report opened with " + program));
     }
 }
 

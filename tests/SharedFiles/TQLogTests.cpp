@@ -406,39 +406,55 @@ TEST(TQLogLinks, PlantedLinksAreNeitherFollowedNorRemoved)
 }
 
 // "log-level" "verbose" in the global preferences lets the per-sample lines in; any other
-// value or none keeps them out.
+// value or none keeps them out. Each new log reads the level again: a run that opened a log
+// at another level first takes the one in force at its last.
 TEST(TQLogPreferences, SampleLinesOnlyWhenVerbose)
 {
     using corvina::Value;
     const struct {
         std::optional<Value> level;
         bool written;
+        std::optional<Value> before = std::nullopt;  // the level at an earlier log of the run
     } rows[] = {{Value("verbose"), true},
                 {Value("Verbose"), true},
                 {Value("debug"), false},
                 {Value(1), false},
-                {std::nullopt, false}};
-    if (inChild()) {
-        TQLog::createNewLog("Tool");
+                {std::nullopt, false},
+                {Value("verbose"), true, Value("debug")},
+                {Value("debug"), false, Value("verbose")}};
+    auto setLevel = [](const std::optional<Value>& level) {
+        Value::DictionaryType dict;
+        if (level) dict.emplace("log-level", *level);
+        fs::create_directories(childHome() + "/Library/Preferences");
+        ASSERT_TRUE(Value(dict).writeToFile(childHome() + "/Library/Preferences/com.brantwell.global.plist", true));
+    };
+    auto logSamples = [] {
         TQLog::sampleAppendLog("Requesting next video sample at sample index...");
         const corvina::FormatArg args[] = {1, 2};
         const TQLog::SeriesLine lines[] = {{"Requesting next audio sample at sample index %u,%u...", args, 1}};
         TQLog::sampleAppendLogSeries(2, lines);
+    };
+    if (inChild()) {
+        const auto& row = rows[childCase()];
+        if (row.before) {
+            setLevel(row.before);
+            TQLog::createNewLog("Tool");
+            logSamples();
+        }
+        setLevel(row.level);
+        TQLog::createNewLog("Tool");
+        logSamples();
         TQLog::appendLog("Summary: done");
         TQLog::finishWriting();
         const auto entries = logEntries(logPath(childHome(), "Tool", 1));
         const auto samples =
             std::ranges::count_if(entries, [](const std::string& e) { return e.starts_with("Requesting"); });
-        EXPECT_EQ(samples, rows[childCase()].written ? 3 : 0);
+        EXPECT_EQ(samples, row.written ? 3 : 0);
         EXPECT_EQ(entries.back(), "Summary: done");
         return;
     }
     for (int i = 0; i < int(std::size(rows)); ++i) {
         TempDir dir;
-        Value::DictionaryType dict;
-        if (rows[i].level) dict.emplace("log-level", *rows[i].level);
-        fs::create_directories(dir / "Library/Preferences");
-        ASSERT_TRUE(Value(dict).writeToFile(dir / "Library/Preferences/com.brantwell.global.plist", true));
         runChild(dir.path(), i);
     }
 }
