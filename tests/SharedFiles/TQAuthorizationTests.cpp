@@ -18,26 +18,8 @@
 namespace corvina::tq {
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::StartsWith;
 using namespace corvina::test;
-
-TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
-{
-    TempDir scratch;
-    const std::string inside = scratch / "movie.mov";
-    writeFile(inside, "x");
-    Tools tools(Tools::run);
-    EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
-    EXPECT_FALSE(std::filesystem::exists(inside));
-    const auto calls = tools.calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_THAT(calls[0], ElementsAre("/bin/rm", "-Rdf", "--one-file-system", "--", inside));
-    EXPECT_FALSE(tools.async()[0]) << "true must mean removed";
-
-    Tools failing(1);
-    EXPECT_FALSE(TQAuthorization::sharedController().authRemoveFile(inside)) << "a failed start is a failure";
-}
 
 TEST(TQAuthorizationExec, MissingToolIsReportedWithoutAskingForRights)
 {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -263,35 +264,6 @@ TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
     EXPECT_EQ(runChild(dir.path()).printed, "");
 }
 
-// A file at 499,990 bytes that receives a 40-byte entry ends with it at 500,030 bytes.
-TEST(TQLogWriting, RestartAtTheSizeLimit)
-{
-    if (!inChild()) return expectChildPasses();
-    TQLog::createNewLog("Tool");
-    TQLog::finishWriting();
-    auto& log = TQLog::sharedController();
-    // Fill to exactly 499,990 bytes; each entry is its text plus 29 bytes.
-    uint64_t remaining = 499990 - log.bytesWritten();
-    while (remaining > 0) {
-        uint64_t entry = remaining >= 1029 + 40 ? 1029 : remaining;
-        TQLog::fastAppendLog(std::string(entry - 29, 'f'));
-        remaining -= entry;
-    }
-    TQLog::finishWriting();
-    ASSERT_EQ(log.bytesWritten(), 499990u);
-    TQLog::fastAppendLog("crosses-it!");  // 11 characters + 29 = 40 bytes
-    TQLog::fastAppendLog("after");
-    TQLog::finishWriting();
-    EXPECT_EQ(fileSize(logPath(childHome(), "Tool", 2)), 500030);
-    EXPECT_EQ(logEntries(logPath(childHome(), "Tool", 2)).back(), "crosses-it!")
-        << "the crossing entry ends the old file";
-    const auto texts = logEntries(logPath(childHome(), "Tool", 1));
-    ASSERT_GE(texts.size(), 2u);
-    EXPECT_EQ(texts[0].rfind("Log started: ", 0), 0u);
-    EXPECT_EQ(texts[texts.size() - 2], "Log truncated at 500KB");
-    EXPECT_EQ(texts.back(), "after") << "the queued entry follows in the new file";
-}
-
 // A child forked while an entry waits starts with an empty queue and a writer of its own; the
 // entry queued before the fork is the parent's to write, once.
 TEST(TQLogFork, ChildLogsOnItsOwnAndLeavesTheParentsEntries)
@@ -351,12 +323,22 @@ TEST(TQLogUncaught, BackgroundExceptionIsTheLastEntry)
     }
 }
 
-// As root the log lives in the machine-wide library, rotated there; availableLogs still
-// looks in the user's folder.
+// As root the log lives in the machine-wide library, rotated there, in folders of root's
+// made 0755 and never reached through a link; availableLogs still looks in the user's folder.
 TEST(TQLogRoot, MachineWideLogFolder)
 {
     if (getuid() != 0) GTEST_SKIP() << "needs root";
     if (!inChild()) return expectChildPasses();
+    // A link on the way to the folder (as a user could plant one) is not followed.
+    const std::string planted = childHome() + "/planted", elsewhere = childHome() + "/elsewhere";
+    fs::create_directories(planted);
+    fs::create_directories(elsewhere);
+    fs::create_directory_symlink(elsewhere, planted + "/Library");
+    setenv("TQ_LOCAL_ROOT", planted.c_str(), 1);
+    TQLog::createNewLog("Tool");
+    TQLog::finishWriting();
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+
     const std::string machine = childHome() + "/machine";
     fs::create_directories(machine);
     setenv("TQ_LOCAL_ROOT", machine.c_str(), 1);
@@ -366,6 +348,11 @@ TEST(TQLogRoot, MachineWideLogFolder)
     TQLog::finishWriting();
     const std::string folder = machine + "/Library/Logs/Brantwell";
     EXPECT_TRUE(fs::exists(folder + "/Tool.1.log") && fs::exists(folder + "/Tool.2.log")) << "rotated there";
+    for (const std::string& made : {machine + "/Library", machine + "/Library/Logs", folder}) {
+        struct stat st {};
+        ASSERT_EQ(::lstat(made.c_str(), &st), 0) << made;
+        EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0755) << made;
+    }
     EXPECT_FALSE(fs::exists(logDir(childHome())));
     EXPECT_TRUE(TQLog::availableLogs().empty()) << "availableLogs looks in the user folder";
     EXPECT_EQ(logEntries(folder + "/Tool.1.log").back(), "as root");
