@@ -134,6 +134,7 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
     for (const auto& s : signals) {
         SCOPED_TRACE(std::string(s.line) + (s.sent ? " sent" : ""));
         TempDir home;
+        runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path());  // a run that ends normally
         std::map<std::string, std::string> env{{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}};
         if (s.sent) env["CORVINA_CRASH_SENT"] = "1";
         const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(), env);
@@ -161,6 +162,21 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
             ASSERT_NE(at, std::string::npos) << crashed.output;
             const std::string address = crashed.output.substr(at + 9, crashed.output.find('\n', at) - at - 9);
             EXPECT_THAT(text, HasSubstr("Fault address: " + address + "\n"));
+        }
+
+        // However long the runs took, the record is given the state of a crashing run that
+        // started in the second the normal one ended in and crashed within the file system
+        // clock's tick: the exit and launch dates are equal and the report is stamped with the
+        // launch time itself. Only the run serials and the launch time tell.
+        {
+            corvina::UserDefaults record(kProgram, home / "Library/Preferences");
+            const auto launched = record.objectForKey("launch").asDate();
+            ASSERT_TRUE(launched && record.objectForKey("exit").asDate());
+            record.setObject("exit", Value::date(*launched));
+            record.synchronize();
+            const std::chrono::duration<double> launchTime(record.objectForKey("launch-time").doubleValue());
+            fs::last_write_time(report, std::chrono::file_clock::from_sys(corvina::Date(
+                                            std::chrono::duration_cast<corvina::Date::duration>(launchTime))));
         }
 
         // The next launch: the crash is logged and the report goes to the stand-in.
@@ -312,51 +328,7 @@ TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
     fs::remove_all(home);
 }
 
-// --- Runs close together, and root acting for a user ---------------------------------------
-
-// Runs in a child: a run that starts and ends normally.
-TEST(TQBugReporterChild, DISABLED_NormalRun)
-{
-    TQLog::createNewLog(std::string(kProgram));
-    TQLog::sharedController().setNoPrinting(true);
-    TQBugReporter::startBugReporter();
-    TQBugReporter::stopBugReporter();
-}
-
-TEST(TQBugReporterCrash, ACrashStartedInTheSecondOfTheLastNormalExitIsFound)
-{
-    // Record dates keep whole seconds. However long the two runs take, the record is then
-    // given the state of a crashing run that started in the second the normal one ended in:
-    // its exit date equals the crashing run's launch date, so only the run serials tell. The
-    // report is stamped with the launch time itself, as the file system's clock, which moves
-    // in ticks, stamps a crash within the launch's tick.
-    TempDir home;
-    const auto preferences = home / "Library/Preferences";
-    runTest("TQBugReporterChild.DISABLED_NormalRun", home.path());
-    const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(),
-                                 {{"CORVINA_CRASH_SIGNAL", std::to_string(SIGABRT)}});
-    ASSERT_EQ(crashed.status, 128 + SIGABRT) << crashed.output;
-    const auto reports = filesIn(reportsFolder(home.path()));
-    ASSERT_EQ(reports.size(), 1u) << crashed.output;
-    {
-        corvina::UserDefaults record(kProgram, preferences);
-        const auto exited = record.objectForKey("exit").asDate();
-        const auto launched = record.objectForKey("launch").asDate();
-        ASSERT_TRUE(exited && launched);
-        ASSERT_LE(*exited, *launched);
-        record.setObject("exit", Value::date(*launched));
-        record.synchronize();
-        const std::chrono::duration<double> launchTime(record.objectForKey("launch-time").doubleValue());
-        fs::last_write_time(reportsFolder(home.path()) + "/" + reports[0],
-                            std::chrono::file_clock::from_sys(
-                                corvina::Date(std::chrono::duration_cast<corvina::Date::duration>(launchTime))));
-    }
-    writeRecorder(home / "bin/Bug Reporter");
-    const auto next = runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path(),
-                              {{"PATH", home / "bin:" + std::string(std::getenv("PATH"))}});
-    const auto log = logEntries(home / "Library/Logs/Brantwell/SharedFilesTests.1.log");
-    EXPECT_THAT(log, Contains("Application crashed on last launch")) << next.output;
-}
+// --- Root acting for a user ---------------------------------------------------------------
 
 namespace {
 
