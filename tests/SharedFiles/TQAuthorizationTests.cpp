@@ -46,28 +46,6 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectlyAndGetsTheirStatus)
     EXPECT_FALSE(std::filesystem::exists(scratch / "doomed"));
 }
 
-TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
-{
-    // A process that is not root, with a controller that may not ask: every privileged
-    // operation fails at once, with nothing run.
-    if (!inChild()) return expectChildPasses();
-    const std::string target = childHome() + "/keep.txt";
-    writeFile(target, "data");
-    becomeNobody();
-    auto& auth = TQAuthorization::sharedController(false);
-    corvina::ScopedSystemLogCapture capture;
-    EXPECT_FALSE(auth.hasGUI());
-    EXPECT_FALSE(auth.isAuthorized());
-    EXPECT_FALSE(auth.canAuthorize());
-    EXPECT_FALSE(auth.authStart());
-    EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
-    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
-    EXPECT_FALSE(auth.authRemoveFile(target));
-    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
-    EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
-    EXPECT_TRUE(std::filesystem::exists(target));
-}
-
 // Runs in a child on its own terminal, dropped to an unprivileged user without sudo rights
 // (nobody). The controller may ask (GUI allowed) but there is no display: sudo must not ask
 // on the terminal, and every privileged operation must fail and leave things as they were.
