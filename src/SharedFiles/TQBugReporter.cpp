@@ -1,5 +1,6 @@
 #include "tq/TQBugReporter.h"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +38,7 @@ constexpr const char* kLaunchTimeKey = "launch-time";      // seconds since 1970
 constexpr const char* kGlobalPrefs = "com.brantwell.global.plist";
 constexpr const char* kBugReporterName = "Bug Reporter";
 constexpr const char* kChownTool = "/usr/bin/chown";
+constexpr const char* kSetprivTool = "/usr/bin/setpriv";
 
 // This run's launch serial, for the exit record.
 std::optional<int64_t> g_runSerial;
@@ -106,6 +108,17 @@ std::optional<int64_t> integerIn(const Value::DictionaryType& record, const char
     return it->second.integerValue();
 }
 
+// Now, on the clock the kernel stamps new files with. It lags the precise real-time clock by
+// up to one tick: a report made a moment after a launch timed by the precise clock could be
+// stamped before it, and a crash in the first milliseconds of a run would go unnoticed.
+corvina::Date fileSystemNow()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return corvina::Date(std::chrono::duration_cast<corvina::Date::duration>(std::chrono::seconds(now.tv_sec) +
+                                                                             std::chrono::nanoseconds(now.tv_nsec)));
+}
+
 bool crashReporterDisabled()
 {
     const auto prefs = TQLocalPaths::prefsDirectory(true);
@@ -125,9 +138,11 @@ bool beginsWithIgnoringCase(const std::string& text, const std::string& prefix)
     });
 }
 
-// The newest report of the program in the folder that was written after the launch: the
+// The newest report of the program in the folder that was written since the launch: the
 // regular file (links are not reports) with the latest modification among those named after
-// the program, the last in name order on a tie.
+// the program, the last in name order on a tie. A report stamped with the launch time itself
+// counts: the file system's clock moves in ticks, and a crash within the launch's tick is
+// stamped with it.
 std::optional<std::string> reportIn(const std::string& folder, const std::string& program, corvina::Date launch)
 {
     std::vector<std::string> names;
@@ -150,7 +165,7 @@ std::optional<std::string> reportIn(const std::string& folder, const std::string
         if (ec) continue;
         const auto date =
             std::chrono::time_point_cast<corvina::Date::duration>(std::chrono::file_clock::to_sys(modified));
-        if (date > newestDate || (newest && date == newestDate)) {
+        if (date >= newestDate) {
             newest = path;
             newestDate = date;
         }
@@ -158,15 +173,53 @@ std::optional<std::string> reportIn(const std::string& folder, const std::string
     return newest;
 }
 
+// The environment of a program started for the user a root process acts for: the caller's,
+// with the user's home and names, and the user's runtime folder (root's is of no use to it).
+corvina::Process::Environment environmentFor(const corvina::UserIdentity& user)
+{
+    corvina::Process::Environment env;
+    for (char** entry = environ; *entry; ++entry) {
+        const std::string_view text(*entry);
+        const auto equals = text.find('=');
+        if (equals != std::string_view::npos)
+            env.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
+    }
+    env["HOME"] = user.home;
+    env["USER"] = user.name;
+    env["LOGNAME"] = user.name;
+    const std::string runtime = "/run/user/" + std::to_string(user.uid);
+    if (::access(runtime.c_str(), X_OK) == 0)
+        env["XDG_RUNTIME_DIR"] = runtime;
+    else
+        env.erase("XDG_RUNTIME_DIR");
+    return env;
+}
+
 // Starts the bug-reporting program (else the desktop's opener) on the report, without
-// waiting; the program started, or none.
+// waiting; the program started, or none. A root process acting for a user starts it as that
+// user (real, effective and saved ids, groups, home) through setpriv, never as root: the
+// program is the user's to run and may be anything the user put beside the executable.
 std::optional<std::string> handOver(const std::string& report)
 {
     auto program = TQBugReporter::bugReporterPath();
     if (!program) program = corvina::findProgramOnPath("xdg-open");
     if (!program) return std::nullopt;
+    corvina::Process task;
+    task.setLaunchPath(*program);
+    task.setArguments({report});
+    if (const auto user = TQLocalPaths::actingUser()) {
+        std::string groups;
+        for (const gid_t group : user->groups) groups += (groups.empty() ? "" : ",") + std::to_string(group);
+        task.setLaunchPath(kSetprivTool);
+        task.setArguments({"--reuid=" + std::to_string(user->uid), "--regid=" + std::to_string(user->gid),
+                           groups.empty() ? std::string("--clear-groups") : "--groups=" + groups, "--", *program,
+                           report});
+        task.setEnvironment(environmentFor(*user));
+    }
+    task.setStandardOutput(corvina::Process::Stream::Null);
+    task.setStandardError(corvina::Process::Stream::Null);
     try {
-        TQTaskEx::runTaskAndReturn(*program, {report});
+        task.launch();
     } catch (const corvina::PlatformException&) {
         // Not being able to show the report changes nothing for the caller.
         return std::nullopt;
@@ -203,7 +256,7 @@ void TQBugReporter::startBugReporter(const Name& name, const RecordPath& plistPa
             [delegate, path = *report] { delegate->applicationDidCrashWithLog(path); });
     }
     const int64_t serial = integerIn(readRecord(plistPath), kLaunchSerialKey).value_or(0) + 1;
-    const corvina::Date now = corvina::Clock::now();
+    const corvina::Date now = fileSystemNow();
     writeRecord(plistPath, {{kLaunchKey, Value::date(now)},
                             {kLaunchSerialKey, Value(serial)},
                             {kLaunchTimeKey, Value(std::chrono::duration<double>(now.time_since_epoch()).count())}});
@@ -229,8 +282,11 @@ std::optional<std::string> TQBugReporter::checkForCrashes(const Name& name, cons
         // The serials tell even runs within one second apart.
         if (integerIn(record, kExitSerialKey) == serial) return std::nullopt;
         if (const auto it = record.find(kLaunchTimeKey); it != record.end() && it->second.isNumber()) {
+            // A double holds today's times to a quarter of a microsecond: read back, the
+            // launch is taken a microsecond early so that rounding never puts it after a
+            // report stamped with it.
             launch = corvina::Date(std::chrono::duration_cast<corvina::Date::duration>(
-                std::chrono::duration<double>(it->second.doubleValue())));
+                std::chrono::duration<double>(it->second.doubleValue() - 1e-6)));
         }
     } else if (const auto exit = dateIn(record, kExitKey); exit && *exit >= *launch) {
         return std::nullopt;

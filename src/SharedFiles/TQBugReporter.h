@@ -13,7 +13,8 @@
 // the caller (its other keys are kept). As root it is read and written as the console user.
 // Reports are searched in CrashReporter and DiagnosticReports of the user's Logs folder, then
 // of the machine-wide Logs folder; this program writes its own into the user's
-// DiagnosticReports. What is found, and the program it is opened with, is logged.
+// DiagnosticReports. What is found, and the program it is opened with, is logged; as root
+// that program runs as the console user (ids, groups, home), never as root.
 #pragma once
 
 #include <optional>

@@ -382,6 +382,26 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     expectRefused(doc, "File too large", {}, {"prlimit", "--fsize=4000000"});
 }
 
+// The data files are read, not mapped: one cut short while the run reads it (the run stopped,
+// the file cut, the run continued) ends its track there, and the run ends as usual.
+TEST_F(HostileRun, DataCutShortWhileTheRunReadsIt)
+{
+    makeJob({"--video", "0", "--audio", "2", "--seconds", "10", "--no-junk"});
+    const std::string video = doc["tmpFilename"].stringValue();
+    const std::string bytes = readFile(video);
+    ASSERT_TRUE(home.writeSettings(doc));
+    const ProcessResult run =
+        runUntilInterrupted(home, job.path(), "kill -STOP $pid; truncate -s 0 '" + video + "'; kill -CONT $pid", [&] {
+            writeFile(video, bytes);
+            writeFile(movie, "the previous movie");
+        });
+    EXPECT_EQ(run.out, "0\n");
+    const std::string summary = home.logEntries().back();
+    EXPECT_EQ(summary.rfind("Summary: status 0", 0), 0u) << summary;
+    EXPECT_NE(summary.find("track ended early"), std::string::npos) << summary;
+    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+}
+
 // The helper as root for a scratch console user, as the main application starts it: it does
 // no more than the user could alone, trusts no name planted beside its files, and what it
 // makes belongs to the user.

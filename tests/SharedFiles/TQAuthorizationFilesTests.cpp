@@ -82,10 +82,11 @@ TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
     {
         Tools failing(1);
         EXPECT_FALSE(auth().authCreateDir(h + "/x"));
+        EXPECT_FALSE(auth().authRemoveFile(h + "/lost.mov")) << "a tool that fails is a failure";
         EXPECT_FALSE(auth().authTrashFile(h + "/lost.mov"));
         EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move that failed leaves no record";
         EXPECT_FALSE(auth().authMoveFolderContents(h + "/more", h + "/out"));
-        EXPECT_EQ(failing.calls().size(), 4u) << "every entry is tried after a failure";
+        EXPECT_EQ(failing.calls().size(), 5u) << "every entry is tried after a failure";
     }
     if (::getuid() != 0) return;
     Tools tools(Tools::run);  // as root: removal when asked for, else the trash

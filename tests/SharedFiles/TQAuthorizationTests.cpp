@@ -18,26 +18,8 @@
 namespace corvina::tq {
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::StartsWith;
 using namespace corvina::test;
-
-TEST(TQAuthorizationRemove, OrdinaryPathRunsRmAndWaitsForIt)
-{
-    TempDir scratch;
-    const std::string inside = scratch / "movie.mov";
-    writeFile(inside, "x");
-    Tools tools(Tools::run);
-    EXPECT_TRUE(TQAuthorization::sharedController().authRemoveFile(inside));
-    EXPECT_FALSE(std::filesystem::exists(inside));
-    const auto calls = tools.calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_THAT(calls[0], ElementsAre("/bin/rm", "-Rdf", "--one-file-system", "--", inside));
-    EXPECT_FALSE(tools.async()[0]) << "true must mean removed";
-
-    Tools failing(1);
-    EXPECT_FALSE(TQAuthorization::sharedController().authRemoveFile(inside)) << "a failed start is a failure";
-}
 
 TEST(TQAuthorizationExec, MissingToolIsReportedWithoutAskingForRights)
 {
@@ -62,28 +44,6 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectlyAndGetsTheirStatus)
     writeFile(scratch / "doomed/file", "x");
     EXPECT_TRUE(auth.authRemoveFile(scratch / "doomed"));
     EXPECT_FALSE(std::filesystem::exists(scratch / "doomed"));
-}
-
-TEST(TQAuthorizationExec, WithoutRightsAndWithoutGuiNothingIsAskedOrRun)
-{
-    // A process that is not root, with a controller that may not ask: every privileged
-    // operation fails at once, with nothing run.
-    if (!inChild()) return expectChildPasses();
-    const std::string target = childHome() + "/keep.txt";
-    writeFile(target, "data");
-    becomeNobody();
-    auto& auth = TQAuthorization::sharedController(false);
-    corvina::ScopedSystemLogCapture capture;
-    EXPECT_FALSE(auth.hasGUI());
-    EXPECT_FALSE(auth.isAuthorized());
-    EXPECT_FALSE(auth.canAuthorize());
-    EXPECT_FALSE(auth.authStart());
-    EXPECT_THAT(capture.messages(), Contains("Unable to authorize"));
-    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", target}), -1);
-    EXPECT_FALSE(auth.authRemoveFile(target));
-    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw"));
-    EXPECT_FALSE(auth.authStartWithUser("nobody", std::nullopt));
-    EXPECT_TRUE(std::filesystem::exists(target));
 }
 
 // Runs in a child on its own terminal, dropped to an unprivileged user without sudo rights

@@ -9,22 +9,6 @@ namespace corvina::tq {
 
 using namespace corvina::test;
 
-TEST(TQException, DidTimeoutOnlyForTheExactName)
-{
-    const struct {
-        const char* name;
-        bool timeout;
-    } rows[] = {
-        {"NSPortTimeoutException", true},
-        {"NSPortTimeoutExceptionX", false},
-        {"nsporttimeoutexception", false},
-        {"NSPortTimeout", false},
-        {"", false},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(TQException::didTimeout(corvina::PlatformException(row.name, "r")), row.timeout) << row.name;
-}
-
 // Logged in a child of its own (the log exists once per process); the second run has logging
 // switched off and must still hand back the message.
 TEST(TQException, LogExceptionWritesTheMessageAsItStands)

@@ -176,17 +176,21 @@ TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)
     writeFile(h + "/rootonly/take.mov", "x");  // a folder of root's that nobody may change
     fs::create_directories(h + "/mine");
     becomeNobody();
-    ASSERT_FALSE(TQAuthorization::sharedController(false).isAuthorized());
+    auto& auth = TQAuthorization::sharedController(false);  // may not ask
+    ASSERT_FALSE(auth.isAuthorized());
+    EXPECT_FALSE(auth.hasGUI() || auth.canAuthorize());
+    EXPECT_FALSE(auth.authStartWithUser(std::nullopt, "pw") || auth.authStartWithUser("nobody", std::nullopt));
     corvina::ScopedSystemLogCapture capture;
     EXPECT_FALSE(TQFileManager::removeFile(h + "/rootonly/take.mov"));
     EXPECT_FALSE(TQFileManager::trashFile(h + "/rootonly/take.mov"));
     EXPECT_FALSE(TQFileManager::moveFile(h + "/rootonly/take.mov", h + "/mine/take.mov"));
     EXPECT_FALSE(TQFileManager::createDirectory(h + "/rootonly/new"));
     EXPECT_FALSE(TQFileManager::copyFile(h + "/mine", h + "/rootonly/copy"));
+    EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", h + "/rootonly/take.mov"}), -1) << "nothing asked or run";
     EXPECT_TRUE(fs::exists(h + "/rootonly/take.mov"));
     EXPECT_FALSE(fs::exists(h + "/mine/take.mov"));
     const auto messages = capture.messages();
-    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Unable to authorize"), 5);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Unable to authorize"), 6);
     const std::string info = fs::path(trashFiles()).parent_path().string() + "/info";
     EXPECT_TRUE(!fs::exists(info) || fs::is_empty(info)) << "nothing of the trash attempt is left";
 }

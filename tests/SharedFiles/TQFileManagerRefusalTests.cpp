@@ -165,8 +165,8 @@ TEST(TQFileManagerRefusals, HostileArchiveUnpacksAsUnzipDoes)
     TempDir s;
     fs::create_directories(s / "outside");
     // Set-id and sticky bits, a pipe, devices, a socket, an owner from Info-ZIP's "ux" field
-    // (uid and gid 4242), a name given twice, an escape, and a link out of the folder with an
-    // entry through it (refused; its log line once read freed memory).
+    // (uid and gid 4242), a name given twice, escapes up and from the root, and a link out of
+    // the folder with an entry through it (refused; its log line once read freed memory).
     const std::string zip = s / "hostile.zip";
     runProgram({"python3", "-c", R"(
 import stat, struct, sys, warnings, zipfile
@@ -179,7 +179,7 @@ for name, kind in (('fifo', stat.S_IFIFO), ('chr', stat.S_IFCHR), ('blk', stat.S
     add(name, '', kind | 0o666)
 add('owned.txt', 'o', stat.S_IFREG | 0o640, struct.pack('<HHBBIBI', 0x7875, 11, 1, 4, 4242, 4, 4242))
 add('dup.txt', 'first', stat.S_IFREG | 0o644); add('dup.txt', 'second', stat.S_IFREG | 0o644)
-add('../escape.txt', 'x', stat.S_IFREG | 0o644)
+add('../escape.txt', 'x', stat.S_IFREG | 0o644); add('/abs-escape.txt', 'x', stat.S_IFREG | 0o644)
 add('lnk', sys.argv[2], stat.S_IFLNK | 0o777); add('lnk/evil.txt', 'evil', stat.S_IFREG | 0o644)
 z.close())",
                 zip, s / "outside"});
@@ -202,7 +202,7 @@ z.close())",
         EXPECT_TRUE(!ours.count(special) || ours.at(special) == "f: 666") << special;
     }
     EXPECT_TRUE(fs::is_empty(s / "outside"));
-    EXPECT_FALSE(fs::exists(s / "escape.txt"));
+    EXPECT_FALSE(fs::exists(s / "escape.txt") || fs::exists("/abs-escape.txt"));
     for (const auto& root : {folder, s / "unzip"}) {
         for (const auto& e : fs::recursive_directory_iterator(root)) {
             struct stat st {};
@@ -210,6 +210,12 @@ z.close())",
             EXPECT_EQ(st.st_uid, ::geteuid()) << e.path() << ": the owner is whoever unpacks";
         }
     }
+    // No archive, or none to be read: nothing is made.
+    makeFile(s / "garbage.zip", 5000);
+    TQFileManager::decompressFile(s / "garbage.zip", s / "g");  // must not crash
+    EXPECT_FALSE(TQFileManager::decompressFile(s / "missing.zip", s / "m"));
+    EXPECT_FALSE(TQFileManager::compressFile(s / "missing", s / "m.zip"));
+    EXPECT_FALSE(fs::exists(s / "m.zip"));
 }
 
 TEST(TQFileManagerRefusals, PipesAndDevicesNeverHoldHashingOrCopying)

@@ -81,13 +81,8 @@ TEST(TQLocalPathsSlashes, EnsureAndStrip)
     }
 }
 
-TEST(TQLocalPathsMisc, RandomStringTempFileAndTimeMachine)
+TEST(TQLocalPathsMisc, TimeMachineVolumes)
 {
-    for (size_t n : {0u, 1u, 8u, 64u}) {
-        std::string s = TQLocalPaths::randomString(n);
-        ASSERT_EQ(s.size(), n);
-        for (char ch : s) EXPECT_TRUE((ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9')) << s;
-    }
     const struct {
         const char* path;
         bool backup;

@@ -75,13 +75,16 @@ TEST(TQLogCore, TextsAsWrittenAndPrinted)
         log.append(Mode::Print, "");
         log.append(Mode::Print, "%@ and %d", std::string("50%"), 3);
         log.appendText(Mode::Print, " as given 5%% ");
+        log.appendText(Mode::Print, std::string("left %@ and a nul\0 byte", 24));
         log.setNoPrinting(true);
         log.append(Mode::Print, "quiet");
     });
     EXPECT_EQ(m.written(), (std::vector<std::string>{"Progress: 50% done", "Copied clip.mov (100% done)", "%.1f",
                                                      "1.50 GB", "two leading blanks", "line one\nline two", "debug 7%",
-                                                     "Done: 100% ok", "50% and 3", "as given 5%%", "quiet"}));
-    EXPECT_EQ(printed, "Done: 100%% ok\n\n50%% and 3\nas given 5%%%%\n");
+                                                     "Done: 100% ok", "50% and 3", "as given 5%%",
+                                                     std::string("left %@ and a nul\0 byte", 24), "quiet"}));
+    // The console copy: "%" doubled, "%@" and NULs removed.
+    EXPECT_EQ(printed, "Done: 100%% ok\n\n50%% and 3\nas given 5%%%%\nleft  and a nul byte\n");
 }
 
 // fastAppend hands its format and arguments to the writer to format; each row must come

@@ -50,7 +50,7 @@ TEST(TQTaskExData, EnvironmentReplacesTheCallersAndTaskIsHandedOut)
 
 // What may run is the platform's executable check; here only that every form applies it,
 // package folders included.
-TEST(TQTaskExData, ToolsThatCannotRunGiveNoneOrMinusOne)
+TEST(TQTaskExData, ToolsThatCannotRunGiveNoneMinusOneOrFalse)
 {
     TempDir scratch;
     std::filesystem::create_directories(scratch / "Player.app");
@@ -58,8 +58,12 @@ TEST(TQTaskExData, ToolsThatCannotRunGiveNoneOrMinusOne)
         EXPECT_FALSE(TQTaskEx::dataFromTask(tool, {}).has_value()) << tool;
         EXPECT_EQ(TQTaskEx::terminationCodeFromTask(tool), -1) << tool;
         EXPECT_EQ(TQTaskEx::runTaskAndReturn(tool), nullptr) << tool;
+        EXPECT_FALSE(TQTaskEx::runTask(tool)) << tool;
     }
     EXPECT_EQ(TQTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}), 7);
+    EXPECT_TRUE(TQTaskEx::runTask("/bin/false")) << "runTask succeeds whatever the exit status";
+    // A relative path is not checked first; its launch fails and is reported as false.
+    EXPECT_FALSE(TQTaskEx::runTask("no-such-tool-here"));
 }
 
 TEST(TQTaskExString, DecodesOrGivesEmptyForToolsThatCannotRun)
@@ -70,24 +74,6 @@ TEST(TQTaskExString, DecodesOrGivesEmptyForToolsThatCannotRun)
     EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}), std::nullopt);
     EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"caf\\303\\251"}, TQTaskEx::Encoding::UTF8), "caf\xC3\xA9");
     EXPECT_EQ(TQTaskEx::stringFromTask("/bin/printf", {"\\377"}, TQTaskEx::Encoding::UTF8), std::nullopt);
-}
-
-TEST(TQTaskExRun, SucceedsWhateverTheExitStatus)
-{
-    EXPECT_TRUE(TQTaskEx::runTask("/bin/false"));
-    EXPECT_TRUE(TQTaskEx::runTask("/bin/sh", {"-c", "exit 1"}));
-    EXPECT_FALSE(TQTaskEx::runTask("/nonexistent/tool"));
-    // A relative path is not checked first; its launch fails and is reported as false.
-    EXPECT_FALSE(TQTaskEx::runTask("no-such-tool-here"));
-}
-
-TEST(TQTaskExRun, RunTaskAndReturnHandsOverARunningTask)
-{
-    auto task = TQTaskEx::runTaskAndReturn("/bin/sleep", {"5"});
-    ASSERT_NE(task, nullptr);
-    EXPECT_TRUE(task->isRunning());
-    task->terminate();
-    task->waitUntilExit();
 }
 
 TEST(TQTaskExLog, FailuresAreLoggedInTheirOwnWords)

