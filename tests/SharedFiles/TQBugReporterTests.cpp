@@ -79,7 +79,13 @@ TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
     TQBugReporter::startBugReporter();
     TQLog::appendLog("Last words before the crash");
     TQLog::finishWriting();
-    if (std::getenv("CORVINA_CRASH_SENT")) ::kill(::getpid(), sig);  // sent, not a fault
+    // Sent, not a fault: by kill(), or queued with a value by sigqueue().
+    if (const char* sent = std::getenv("CORVINA_CRASH_SENT")) {
+        if (std::string(sent) == "queue")
+            ::sigqueue(::getpid(), sig, sigval{42});
+        else
+            ::kill(::getpid(), sig);
+    }
     switch (sig) {
     case SIGSEGV: {
         // A page with no access: a real fault, and not a null store that a sanitizer
@@ -127,16 +133,17 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
     const struct {
         int sig;
         const char* line;
-        bool sent = false;  // by kill() rather than a fault
-    } signals[] = {{SIGSEGV, "Signal: 11 (SIGSEGV)"}, {SIGBUS, "Signal: 7 (SIGBUS)"},
-                   {SIGILL, "Signal: 4 (SIGILL)"},    {SIGFPE, "Signal: 8 (SIGFPE)"},
-                   {SIGABRT, "Signal: 6 (SIGABRT)"},  {SIGSEGV, "Signal: 11 (SIGSEGV)", true}};
+        const char* sent = nullptr;  // "kill" or "queue": sent rather than a fault
+    } signals[] = {{SIGSEGV, "Signal: 11 (SIGSEGV)"},      {SIGBUS, "Signal: 7 (SIGBUS)"},
+                   {SIGILL, "Signal: 4 (SIGILL)"},         {SIGFPE, "Signal: 8 (SIGFPE)"},
+                   {SIGABRT, "Signal: 6 (SIGABRT)"},       {SIGSEGV, "Signal: 11 (SIGSEGV)", "kill"},
+                   {SIGBUS, "Signal: 7 (SIGBUS)", "queue"}};
     for (const auto& s : signals) {
-        SCOPED_TRACE(std::string(s.line) + (s.sent ? " sent" : ""));
+        SCOPED_TRACE(std::string(s.line) + (s.sent ? std::string(" sent by ") + s.sent : ""));
         TempDir home;
         runTest("TQBugReporterChild.DISABLED_NextLaunch", home.path());  // a run that ends normally
         std::map<std::string, std::string> env{{"CORVINA_CRASH_SIGNAL", std::to_string(s.sig)}};
-        if (s.sent) env["CORVINA_CRASH_SENT"] = "1";
+        if (s.sent) env["CORVINA_CRASH_SENT"] = s.sent;
         const auto crashed = runTest("TQBugReporterChild.DISABLED_CrashesWithTheSignal", home.path(), env);
         EXPECT_EQ(crashed.status, 128 + s.sig) << crashed.output;
         const auto reports = filesIn(reportsFolder(home.path()));
