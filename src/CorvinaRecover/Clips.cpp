@@ -96,6 +96,8 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
                     first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
                     first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
                     first.audioGapsRefused += then.audioGapsRefused;
+                    first.longestSoundBetweenFrames =
+                        std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
                     first.endTimecode = then.endTimecode;
                     first.endReason = then.endReason;
                     clips.erase(clips.begin() + std::ptrdiff_t(b));
@@ -192,8 +194,13 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     const uint64_t soundFrame = audio ? audio->feederBytesPerFrame : 1;
     const uint64_t mostSound = audio ? 2 * audio->sampleRate * soundFrame : 0;  // two seconds
 
+    // The row of the recording: a damaged frame's own row may come from its damage.
+    const std::optional<int64_t> recordingRow = expectation.formatType;
     // The sound at the start (forward) or the end (backward) of [from, to), at most two
-    // seconds of it, in whole sample frames.
+    // seconds of it, in whole sample frames. Backward, a walk that ran on into the last bytes
+    // of a frame (a DV frame's padding, all -1 as samples, passes for sound) is cut back to
+    // where that frame ends, when the frame's last bytes show it within one DIF block.
+    std::vector<uint8_t> frameEnd;
     const auto edgeSound = [&](uint64_t from, uint64_t to, bool backward) -> ByteRange {
         uint64_t length = std::min(to - from, mostSound);
         length -= length % soundFrame;
@@ -203,9 +210,22 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         size_t got = read(at, gapBytes);
         if (backward && got < length) return {};
         got -= got % soundFrame;
-        const uint64_t bytes =
+        uint64_t bytes =
             soundRunFrames({gapBytes.data(), got}, int(audio->channels), audio->bigEndian, backward) * soundFrame;
-        return backward ? ByteRange{to - bytes, bytes} : ByteRange{from, bytes};
+        if (!backward) return ByteRange{from, bytes};
+        if (bytes > 0 && recordingRow) {
+            constexpr uint64_t kReach = 80;  // one DIF block
+            const uint64_t start = to - bytes, before = std::min(start, kReach);
+            frameEnd.resize(size_t(before + std::min(bytes, kReach)));
+            if (read(start - before, frameEnd) == frameEnd.size())
+                for (uint64_t into = 0; into <= std::min(bytes, kReach); into += soundFrame)
+                    if (endsFrame({frameEnd.data(), size_t(before + into)}, familyOfRow(*recordingRow),
+                                  *recordingRow)) {
+                        bytes -= into;
+                        break;
+                    }
+        }
+        return bytes / soundFrame >= kShortestEdgeRun ? ByteRange{to - bytes, bytes} : ByteRange{};
     };
     ByteRange soundBefore;  // before the next clip's first frame, when no clip takes it
 
@@ -216,7 +236,10 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         for (const Rejection& r : rejections) {
             uint64_t length = 2;
             if (r.family == Family::DV) {
-                length = std::max<uint64_t>(length, dvFrameBytes(r.formatType));
+                // The row a damaged DV frame names is read from its third block, which the damage
+                // may have hit; in a recording of the reference's row the frame is of that row.
+                const bool dvRecording = recordingRow && familyOfRow(*recordingRow) == Family::DV;
+                length = std::max<uint64_t>(length, dvFrameBytes(dvRecording ? *recordingRow : r.formatType));
             } else if (r.family == Family::ProRes) {
                 std::array<uint8_t, 4> size{};
                 if (read(r.offset, size) == size.size()) {
@@ -292,6 +315,7 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
                 }
                 if (taken) {
                     clip.audio.push_back({end, gap});
+                    clip.longestSoundBetweenFrames = std::max(clip.longestSoundBetweenFrames, gap);
                 } else {
                     // Damage between two frames: the sound on either side of it ends this clip,
                     // and the next clip's sound begins with its first frame, both in step.
@@ -340,6 +364,17 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
     joinPieces(clips, read);
+    // Sound before a clip's first frame that no clip ends next to is what is left of the sound
+    // of frames lost before it. It opens the clip when it is no longer than the longest run
+    // the clip holds between two of its frames (a chunk of the interleave): the clip's sound then
+    // runs behind its pictures by at most that chunk, as far as the interleave itself moves it.
+    for (Clip& clip : clips) {
+        uint64_t leading = 0;
+        for (const ByteRange& run : clip.audioNotPlaced) leading += run.length;
+        if (leading == 0 || leading > clip.longestSoundBetweenFrames) continue;
+        clip.audio.insert(clip.audio.begin(), clip.audioNotPlaced.begin(), clip.audioNotPlaced.end());
+        clip.audioNotPlaced.clear();
+    }
     // Clips that all carry a timecode are numbered in its order, which pieces scattered over a
     // disk no longer show; the damaged frames are assigned by input position before that.
 
