@@ -108,6 +108,59 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
     }
 }
 
+// Pieces of one recording whose essence carries no timecode (ProRes, Motion JPEG) that a file
+// system cut apart inside a chunk of sound: the first piece's sound runs past its last frame to
+// the cut, the later piece's leading sound runs from the cut to its first frame, and across the
+// junction each sample lands where its channel's last two point. Such pieces of the same row
+// and frame size are joined when the match is the only one for both.
+void joinBySound(std::vector<Clip>& clips, const ReadBytes& read, const AudioFormatInfo& audio)
+{
+    constexpr size_t kSide = 64;  // sample frames on either side of the junction
+    const size_t side = kSide * audio.feederBytesPerFrame;
+    std::vector<uint8_t> junction(2 * side);
+    const auto continues = [&](const Clip& first, const Clip& then) {
+        if (&first == &then || first.family == Family::DV || then.family == Family::DV ||
+            then.formatType != first.formatType || then.width != first.width || then.height != first.height ||
+            first.audio.empty() || then.audioNotPlaced.size() != 1)
+            return false;
+        const ByteRange &tail = first.audio.back(), &head = then.audioNotPlaced.front();
+        if (tail.offset != first.lastByte() || head.end() != then.firstByte() || tail.length < side ||
+            head.length < side)
+            return false;
+        if (read(tail.end() - side, {junction.data(), side}) != side ||
+            read(head.offset, {junction.data() + side, side}) != side)
+            return false;
+        return soundRunFrames(junction, int(audio.channels), audio.bigEndian, false) == 2 * kSide;
+    };
+    for (bool joined = true; joined;) {
+        joined = false;
+        for (size_t a = 0; a < clips.size() && !joined; ++a) {
+            std::optional<size_t> only;
+            size_t matches = 0;
+            for (size_t b = 0; b < clips.size(); ++b)
+                if (continues(clips[a], clips[b])) {
+                    only = b;
+                    ++matches;
+                }
+            if (matches != 1) continue;
+            size_t before = 0;
+            for (size_t c = 0; c < clips.size(); ++c) before += continues(clips[c], clips[*only]) ? 1 : 0;
+            if (before != 1) continue;
+            Clip& first = clips[a];
+            Clip& then = clips[*only];
+            first.joinedAt.push_back(first.frames.size());
+            first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+            first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
+            first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
+            first.audioGapsRefused += then.audioGapsRefused;
+            first.longestSoundBetweenFrames = std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
+            first.endReason = then.endReason;
+            clips.erase(clips.begin() + std::ptrdiff_t(*only));
+            joined = true;
+        }
+    }
+}
+
 }  // namespace
 
 double clipFrameRate(const Expectation& expectation, const FrameInfo& first)
@@ -364,6 +417,7 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
     joinPieces(clips, read);
+    if (audio) joinBySound(clips, read, *audio);
     // Sound before a clip's first frame that no clip ends next to is what is left of the sound
     // of frames lost before it. It opens the clip when it is no longer than the longest run
     // the clip holds between two of its frames (a chunk of the interleave): the clip's sound then

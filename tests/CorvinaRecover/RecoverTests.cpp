@@ -340,6 +340,53 @@ INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
                          ::testing::Combine(::testing::ValuesIn(kRows), ::testing::Values(&kCut, &kHoled, &kHeader)),
                          rowDamageName);
 
+// A movie that a file system cut inside a chunk of sound, its later piece stored before the
+// first among other data. ProRes and Motion JPEG carry no timecode: the pieces come back as one
+// clip where their sound runs on across the cut, with every frame and byte of sound in order.
+TEST(RecoverFragments, PiecesWithoutTimecodeAreJoinedWhereTheirSoundRunsOn)
+{
+    for (const Row& row : kRows) {
+        if (row.damage != &kHoled || !row.audio || std::string(row.name).find("DV") != std::string::npos) continue;
+        TempDir dir;
+        auto args = movieArguments(row, 1.0, "testsrc", row.audio);
+        const std::string original = dir / "original.mov";
+        args.push_back(original);
+        ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, args})).status, 0);
+        auto refArgs = movieArguments(row, 0.2, "smptebars", row.audio);
+        refArgs.push_back(dir / "reference.mov");
+        ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"}, refArgs})).status, 0);
+        const std::string movie = readFile(original);
+        // A sector boundary inside a chunk of sound past 60 % of the movie, and the sample frame
+        // it splits (the helper takes a sample frame from one byte range), which is lost.
+        uint64_t cut = 0, lostAt = 0;
+        for (const SoundPiece& piece : soundPieces(original))
+            if (!cut && piece.offset > movie.size() * 3 / 5 && piece.length >= 2048) {
+                cut = (piece.offset + piece.length / 2) & ~uint64_t(511);
+                lostAt = piece.soundAt + (cut - piece.offset);
+            }
+        ASSERT_GT(cut, 0u);
+        std::vector<uint8_t> sound = extractStreamBytes(original, 'a');
+        if (lostAt % 4 != 0)
+            sound.erase(sound.begin() + std::ptrdiff_t(lostAt / 4 * 4),
+                        sound.begin() + std::ptrdiff_t(lostAt / 4 * 4 + 4));
+        writeFile(dir / "image.bin", patternBytes(1u << 20, 1) + movie.substr(cut) + patternBytes(2u << 20, 2) +
+                                         movie.substr(0, cut) + patternBytes(1u << 20, 3));
+        std::filesystem::create_directory(dir / "out");
+        recover::RecoverOptions options;
+        options.input = dir / "image.bin";
+        options.outdir = dir / "out";
+        options.reference = dir / "reference.mov";
+        options.reportPictures = false;
+        const recover::RecoverOutcome outcome = recover::recoverInput(options);
+        ASSERT_TRUE(outcome.error.empty()) << outcome.error;
+        ASSERT_EQ(outcome.clips.size(), 1u) << row.name;
+        const std::string& made = outcome.clips.front().moviePath;
+        EXPECT_TRUE(extractStreamBytes(made, 'v') == extractStreamBytes(original, 'v')) << row.name << ": frames";
+        EXPECT_TRUE(extractStreamBytes(made, 'a') == sound) << row.name << ": sound";
+        expectToolsAccept(made, true);
+    }
+}
+
 // What a scan found and the clips made of it, as one text to compare.
 std::string scanText(const std::string& path, const recover::Expectation& expectation, unsigned jobs, size_t window)
 {
