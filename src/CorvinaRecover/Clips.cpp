@@ -117,48 +117,70 @@ void joinBySound(std::vector<Clip>& clips, const ReadBytes& read, const AudioFor
 {
     constexpr size_t kSide = 64;  // sample frames on either side of the junction
     const size_t side = kSide * audio.feederBytesPerFrame;
-    std::vector<uint8_t> junction(2 * side);
-    const auto continues = [&](const Clip& first, const Clip& then) {
-        if (&first == &then || first.family == Family::DV || then.family == Family::DV ||
-            then.formatType != first.formatType || then.width != first.width || then.height != first.height ||
-            first.audio.empty() || then.audioNotPlaced.size() != 1)
-            return false;
-        const ByteRange &tail = first.audio.back(), &head = then.audioNotPlaced.front();
-        if (tail.offset != first.lastByte() || head.end() != then.firstByte() || tail.length < side ||
-            head.length < side)
-            return false;
-        if (read(tail.end() - side, {junction.data(), side}) != side ||
-            read(head.offset, {junction.data() + side, side}) != side)
-            return false;
-        return soundRunFrames(junction, int(audio.channels), audio.bigEndian, false) == 2 * kSide;
-    };
-    for (bool joined = true; joined;) {
-        joined = false;
-        for (size_t a = 0; a < clips.size() && !joined; ++a) {
-            std::optional<size_t> only;
-            size_t matches = 0;
-            for (size_t b = 0; b < clips.size(); ++b)
-                if (continues(clips[a], clips[b])) {
-                    only = b;
-                    ++matches;
-                }
-            if (matches != 1) continue;
-            size_t before = 0;
-            for (size_t c = 0; c < clips.size(); ++c) before += continues(clips[c], clips[*only]) ? 1 : 0;
-            if (before != 1) continue;
-            Clip& first = clips[a];
-            Clip& then = clips[*only];
-            first.joinedAt.push_back(first.frames.size());
-            first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
-            first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
-            first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
-            first.audioGapsRefused += then.audioGapsRefused;
-            first.longestSoundBetweenFrames = std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
-            first.endReason = then.endReason;
-            clips.erase(clips.begin() + std::ptrdiff_t(*only));
-            joined = true;
+    // Each clip's last sound, when it runs on from its last frame, and its first, when it runs
+    // up to its first frame and has no clip before it: `side` bytes of each, read once.
+    std::vector<std::vector<uint8_t>> tails(clips.size()), heads(clips.size());
+    for (size_t i = 0; i < clips.size(); ++i) {
+        const Clip& clip = clips[i];
+        if (clip.family == Family::DV) continue;
+        if (!clip.audio.empty()) {
+            const ByteRange& tail = clip.audio.back();
+            tails[i].resize(side);
+            if (tail.offset != clip.lastByte() || tail.length < side || read(tail.end() - side, tails[i]) != side)
+                tails[i].clear();
+        }
+        if (clip.audioNotPlaced.size() == 1) {
+            const ByteRange& head = clip.audioNotPlaced.front();
+            heads[i].resize(side);
+            if (head.end() != clip.firstByte() || head.length < side || read(head.offset, heads[i]) != side)
+                heads[i].clear();
         }
     }
+    // The pairs whose sound goes on across the junction; a clip's only one is taken when it is
+    // also the other clip's only one.
+    std::vector<size_t> after(clips.size(), 0), before(clips.size(), 0);
+    std::vector<std::optional<size_t>> next(clips.size());
+    std::vector<uint8_t> junction(2 * side);
+    for (size_t a = 0; a < clips.size(); ++a)
+        for (size_t b = 0; b < clips.size(); ++b) {
+            if (a == b || tails[a].empty() || heads[b].empty() || clips[b].formatType != clips[a].formatType ||
+                clips[b].width != clips[a].width || clips[b].height != clips[a].height)
+                continue;
+            std::copy(tails[a].begin(), tails[a].end(), junction.begin());
+            std::copy(heads[b].begin(), heads[b].end(), junction.begin() + std::ptrdiff_t(side));
+            if (soundRunFrames(junction, int(audio.channels), audio.bigEndian, false) != 2 * kSide) continue;
+            ++after[a];
+            ++before[b];
+            next[a] = b;
+        }
+    for (size_t a = 0; a < clips.size(); ++a)
+        if (next[a] && (after[a] != 1 || before[*next[a]] != 1)) next[a].reset();
+    // Each chain of pieces becomes its first piece's clip, in the order of the first pieces (a
+    // ring of pieces, which no recording makes, is cut open where the input meets it first).
+    std::vector<bool> followsAnother(clips.size(), false), used(clips.size(), false);
+    for (size_t a = 0; a < clips.size(); ++a)
+        if (next[a]) followsAnother[*next[a]] = true;
+    std::vector<Clip> joined;
+    for (int pass = 0; pass < 2; ++pass)
+        for (size_t a = 0; a < clips.size(); ++a) {
+            if (used[a] || (pass == 0 && followsAnother[a])) continue;
+            used[a] = true;
+            Clip first = std::move(clips[a]);
+            for (std::optional<size_t> b = next[a]; b && !used[*b]; b = next[*b]) {
+                used[*b] = true;
+                Clip& then = clips[*b];
+                first.joinedAt.push_back(first.frames.size());
+                first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+                first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
+                first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
+                first.audioGapsRefused += then.audioGapsRefused;
+                first.longestSoundBetweenFrames =
+                    std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
+                first.endReason = then.endReason;
+            }
+            joined.push_back(std::move(first));
+        }
+    clips = std::move(joined);
 }
 
 }  // namespace
