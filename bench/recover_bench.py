@@ -8,7 +8,7 @@ The image is noise with movies and raw DV streams made by ffmpeg placed on 4 KiB
 as a file system places files; it is read once before the runs so that both tools read it
 from the page cache. Both tools write their results to --out, which must be on another file
 system than --work. Then a sparse image of --sparse-gb with one recording in its middle is
-scanned for the memory bound. Prints wall and CPU seconds, MB/s and the largest resident set,
+scanned for the memory bound. Prints wall and CPU seconds, MB/s, the scan's CPU seconds per GB and the largest resident set,
 the medians of --runs runs; --baseline times another build of corvina-recover on the same image
 in the same run, alternating with this one.
 """
@@ -101,12 +101,16 @@ def main():
                 wall, cpu, rss, _ = timed(argv + [image, ours_out])
                 report = json.load(open(f"{ours_out}/report.json"))
                 frames = sum(c["frames"] for c in report["clips"])
-                times[name].append((report["scanSeconds"], wall, cpu, rss, len(report["clips"]), frames))
+                times[name].append((report["scanSeconds"], wall, cpu, rss, len(report["clips"]), frames,
+                                    report.get("scanCpuSeconds", float("nan"))))
                 shutil.rmtree(ours_out)
         for name, rows in times.items():
             scan = statistics.median(r[0] for r in rows)
+            scan_cpu = statistics.median(r[6] for r in rows)
             print(f"{name}: median of {len(rows)}: scan {scan:.2f} s = {size / scan / 1e6:.0f} MB/s "
                   f"(each: {', '.join(f'{size / r[0] / 1e6:.0f}' for r in rows)}), "
+                  f"scan CPU {scan_cpu / (size / 1e9):.2f} s/GB "
+                  f"(each: {', '.join(f'{r[6] / (size / 1e9):.2f}' for r in rows)}), "
                   f"{statistics.median(r[1] for r in rows):.2f} s wall "
                   f"({statistics.median(r[2] for r in rows):.2f} s CPU), {rows[0][4]} clips, {rows[0][5]} frames, "
                   f"max RSS {max(r[3] for r in rows):.0f} MiB")

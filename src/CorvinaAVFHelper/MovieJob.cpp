@@ -4,7 +4,7 @@
 #include <cmath>
 #include <string_view>
 
-#include "Foundation/HugePages.h"
+#include "Foundation/LargeBuffer.h"
 #include "Foundation/PropertyListStream.h"
 
 namespace corvina::helper {

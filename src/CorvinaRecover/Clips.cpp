@@ -96,6 +96,8 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
                     first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
                     first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
                     first.audioGapsRefused += then.audioGapsRefused;
+                    first.longestSoundBetweenFrames =
+                        std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
                     first.endTimecode = then.endTimecode;
                     first.endReason = then.endReason;
                     clips.erase(clips.begin() + std::ptrdiff_t(b));
@@ -104,6 +106,81 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
             }
         }
     }
+}
+
+// Pieces of one recording whose essence carries no timecode (ProRes, Motion JPEG) that a file
+// system cut apart inside a chunk of sound: the first piece's sound runs past its last frame to
+// the cut, the later piece's leading sound runs from the cut to its first frame, and across the
+// junction each sample lands where its channel's last two point. Such pieces of the same row
+// and frame size are joined when the match is the only one for both.
+void joinBySound(std::vector<Clip>& clips, const ReadBytes& read, const AudioFormatInfo& audio)
+{
+    constexpr size_t kSide = 64;  // sample frames on either side of the junction
+    const size_t side = kSide * audio.feederBytesPerFrame;
+    // Each clip's last sound, when it runs on from its last frame, and its first, when it runs
+    // up to its first frame and has no clip before it: `side` bytes of each, read once.
+    std::vector<std::vector<uint8_t>> tails(clips.size()), heads(clips.size());
+    for (size_t i = 0; i < clips.size(); ++i) {
+        const Clip& clip = clips[i];
+        if (clip.family == Family::DV) continue;
+        if (!clip.audio.empty()) {
+            const ByteRange& tail = clip.audio.back();
+            tails[i].resize(side);
+            if (tail.offset != clip.lastByte() || tail.length < side || read(tail.end() - side, tails[i]) != side)
+                tails[i].clear();
+        }
+        if (clip.audioNotPlaced.size() == 1) {
+            const ByteRange& head = clip.audioNotPlaced.front();
+            heads[i].resize(side);
+            if (head.end() != clip.firstByte() || head.length < side || read(head.offset, heads[i]) != side)
+                heads[i].clear();
+        }
+    }
+    // The pairs whose sound goes on across the junction; a clip's only one is taken when it is
+    // also the other clip's only one.
+    std::vector<size_t> after(clips.size(), 0), before(clips.size(), 0);
+    std::vector<std::optional<size_t>> next(clips.size());
+    std::vector<uint8_t> junction(2 * side);
+    for (size_t a = 0; a < clips.size(); ++a)
+        for (size_t b = 0; b < clips.size(); ++b) {
+            if (a == b || tails[a].empty() || heads[b].empty() || clips[b].formatType != clips[a].formatType ||
+                clips[b].width != clips[a].width || clips[b].height != clips[a].height)
+                continue;
+            std::copy(tails[a].begin(), tails[a].end(), junction.begin());
+            std::copy(heads[b].begin(), heads[b].end(), junction.begin() + std::ptrdiff_t(side));
+            if (soundRunFrames(junction, int(audio.channels), audio.bigEndian, false) != 2 * kSide) continue;
+            ++after[a];
+            ++before[b];
+            next[a] = b;
+        }
+    for (size_t a = 0; a < clips.size(); ++a)
+        if (next[a] && (after[a] != 1 || before[*next[a]] != 1)) next[a].reset();
+    // Each chain of pieces becomes its first piece's clip, in the order of the first pieces (a
+    // ring of pieces, which no recording makes, is cut open where the input meets it first).
+    std::vector<bool> followsAnother(clips.size(), false), used(clips.size(), false);
+    for (size_t a = 0; a < clips.size(); ++a)
+        if (next[a]) followsAnother[*next[a]] = true;
+    std::vector<Clip> joined;
+    for (int pass = 0; pass < 2; ++pass)
+        for (size_t a = 0; a < clips.size(); ++a) {
+            if (used[a] || (pass == 0 && followsAnother[a])) continue;
+            used[a] = true;
+            Clip first = std::move(clips[a]);
+            for (std::optional<size_t> b = next[a]; b && !used[*b]; b = next[*b]) {
+                used[*b] = true;
+                Clip& then = clips[*b];
+                first.joinedAt.push_back(first.frames.size());
+                first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+                first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
+                first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
+                first.audioGapsRefused += then.audioGapsRefused;
+                first.longestSoundBetweenFrames =
+                    std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
+                first.endReason = then.endReason;
+            }
+            joined.push_back(std::move(first));
+        }
+    clips = std::move(joined);
 }
 
 }  // namespace
@@ -192,8 +269,13 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     const uint64_t soundFrame = audio ? audio->feederBytesPerFrame : 1;
     const uint64_t mostSound = audio ? 2 * audio->sampleRate * soundFrame : 0;  // two seconds
 
+    // The row of the recording: a damaged frame's own row may come from its damage.
+    const std::optional<int64_t> recordingRow = expectation.formatType;
     // The sound at the start (forward) or the end (backward) of [from, to), at most two
-    // seconds of it, in whole sample frames.
+    // seconds of it, in whole sample frames. Backward, a walk that ran on into the last bytes
+    // of a frame (a DV frame's padding, all -1 as samples, passes for sound) is cut back to
+    // where that frame ends, when the frame's last bytes show it within one DIF block.
+    std::vector<uint8_t> frameEnd;
     const auto edgeSound = [&](uint64_t from, uint64_t to, bool backward) -> ByteRange {
         uint64_t length = std::min(to - from, mostSound);
         length -= length % soundFrame;
@@ -203,9 +285,22 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         size_t got = read(at, gapBytes);
         if (backward && got < length) return {};
         got -= got % soundFrame;
-        const uint64_t bytes =
+        uint64_t bytes =
             soundRunFrames({gapBytes.data(), got}, int(audio->channels), audio->bigEndian, backward) * soundFrame;
-        return backward ? ByteRange{to - bytes, bytes} : ByteRange{from, bytes};
+        if (!backward) return ByteRange{from, bytes};
+        if (bytes > 0 && recordingRow) {
+            constexpr uint64_t kReach = 80;  // one DIF block
+            const uint64_t start = to - bytes, before = std::min(start, kReach);
+            frameEnd.resize(size_t(before + std::min(bytes, kReach)));
+            if (read(start - before, frameEnd) == frameEnd.size())
+                for (uint64_t into = 0; into <= std::min(bytes, kReach); into += soundFrame)
+                    if (endsFrame({frameEnd.data(), size_t(before + into)}, familyOfRow(*recordingRow),
+                                  *recordingRow)) {
+                        bytes -= into;
+                        break;
+                    }
+        }
+        return bytes / soundFrame >= kShortestEdgeRun ? ByteRange{to - bytes, bytes} : ByteRange{};
     };
     ByteRange soundBefore;  // before the next clip's first frame, when no clip takes it
 
@@ -216,7 +311,10 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
         for (const Rejection& r : rejections) {
             uint64_t length = 2;
             if (r.family == Family::DV) {
-                length = std::max<uint64_t>(length, dvFrameBytes(r.formatType));
+                // The row a damaged DV frame names is read from its third block, which the damage
+                // may have hit; in a recording of the reference's row the frame is of that row.
+                const bool dvRecording = recordingRow && familyOfRow(*recordingRow) == Family::DV;
+                length = std::max<uint64_t>(length, dvFrameBytes(dvRecording ? *recordingRow : r.formatType));
             } else if (r.family == Family::ProRes) {
                 std::array<uint8_t, 4> size{};
                 if (read(r.offset, size) == size.size()) {
@@ -292,6 +390,7 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
                 }
                 if (taken) {
                     clip.audio.push_back({end, gap});
+                    clip.longestSoundBetweenFrames = std::max(clip.longestSoundBetweenFrames, gap);
                 } else {
                     // Damage between two frames: the sound on either side of it ends this clip,
                     // and the next clip's sound begins with its first frame, both in step.
@@ -340,6 +439,18 @@ std::vector<Clip> groupClips(const std::vector<FrameInfo>& frames, const std::ve
     }
     if (!clips.empty()) clips.back().endReason = "the last frame found";
     joinPieces(clips, read);
+    if (audio) joinBySound(clips, read, *audio);
+    // Sound before a clip's first frame that no clip ends next to is what is left of the sound
+    // of frames lost before it. It opens the clip when it is no longer than the longest run
+    // the clip holds between two of its frames (a chunk of the interleave): the clip's sound then
+    // runs behind its pictures by at most that chunk, as far as the interleave itself moves it.
+    for (Clip& clip : clips) {
+        uint64_t leading = 0;
+        for (const ByteRange& run : clip.audioNotPlaced) leading += run.length;
+        if (leading == 0 || leading > clip.longestSoundBetweenFrames) continue;
+        clip.audio.insert(clip.audio.begin(), clip.audioNotPlaced.begin(), clip.audioNotPlaced.end());
+        clip.audioNotPlaced.clear();
+    }
     // Clips that all carry a timecode are numbered in its order, which pieces scattered over a
     // disk no longer show; the damaged frames are assigned by input position before that.
 

@@ -46,10 +46,11 @@ struct Clip {
     std::vector<CutFrame> cutFrames;
     int64_t audioFormat = 0;
     std::vector<ByteRange> audio;
-    uint64_t audioGapsRefused = 0;          // gaps between frames that were not all audio (the clip ended there)
-    std::vector<ByteRange> audioNotPlaced;  // sound before the clip's first frame with no clip to end
-    std::vector<Rejection> rejections;      // damaged frames inside the clip's span
-    std::string endReason;                  // why the clip ended where it did
+    uint64_t audioGapsRefused = 0;           // gaps between frames that were not all audio (the clip ended there)
+    std::vector<ByteRange> audioNotPlaced;   // sound before the clip's first frame that it could not take
+    uint64_t longestSoundBetweenFrames = 0;  // the interleave's largest chunk of sound in the clip
+    std::vector<Rejection> rejections;       // damaged frames inside the clip's span
+    std::string endReason;                   // why the clip ended where it did
     int dvAudioRate = 0, dvAudioBits = 0;
 
     uint64_t firstByte() const { return frames.empty() ? 0 : frames.front().offset; }

@@ -151,6 +151,23 @@ size_t dvFrameBytes(int64_t formatType)
     return 0;
 }
 
+bool endsFrame(std::span<const uint8_t> bytes, Family family, int64_t formatType)
+{
+    const size_t n = bytes.size();
+    if (family == Family::JPEG) return n >= 2 && bytes[n - 2] == 0xFF && bytes[n - 1] == codec::kJpegEndOfImage;
+    if (family != Family::DV || n < kDifBlock) return false;
+    for (const DVRow& row : kDVRows) {
+        if (row.formatType != formatType) continue;
+        const codec::DVLayout layout = row.layout();
+        const int channel = layout.channels - 1, sequence = layout.sequences - 1;
+        const uint8_t* block = bytes.data() + n - kDifBlock;
+        return (block[0] >> 5) == kLayout.back().section &&
+               block[1] == uint8_t(sequence << 4 | (channel & 1) << 3 | (channel < 2 ? 4 : 0) | 3) &&
+               block[2] == kLayout.back().number;
+    }
+    return false;
+}
+
 Examination examineDV(std::span<const uint8_t> bytes, bool atEnd)
 {
     // The header block of channel 0, sequence 0, then the video source pack in VAUX block 2.

@@ -82,4 +82,9 @@ constexpr size_t kMaxFrameBytes = 16u << 20;
 // The size of one DV frame of the helper's row, 0 for other rows.
 size_t dvFrameBytes(int64_t formatType);
 
+// Whether bytes end where a frame of the family ends, by what a frame's last bytes always are:
+// a DV frame of the row with the ID of its last DIF block (the last channel's last sequence,
+// video block 134), a JPEG with its EOI. A ProRes frame's end shows nothing: false.
+bool endsFrame(std::span<const uint8_t> bytes, Family family, int64_t formatType);
+
 }  // namespace corvina::recover

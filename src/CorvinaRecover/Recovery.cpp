@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -201,6 +202,15 @@ bool writeFramesFile(Clip& clip, int input, const std::string& path)
     return true;
 }
 
+// User and system time of all the process's threads so far.
+double processCpuSeconds()
+{
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 void printProgress(const ScanProgress& p, std::chrono::steady_clock::time_point started)
 {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -309,9 +319,11 @@ RecoverOutcome recoverInput(const RecoverOptions& options)
     scanOptions.stop = options.stop;
     scanOptions.jobs = options.jobs;
     const auto started = std::chrono::steady_clock::now();
+    const double cpuBefore = processCpuSeconds();
     if (options.progress) scanOptions.progress = [started](const ScanProgress& p) { printProgress(p, started); };
     ScanResult scanned = scan(fd.get(), *size, scanOptions);
     outcome.scanSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    outcome.scanCpuSeconds = processCpuSeconds() - cpuBefore;
     if (options.progress) std::fputc('\n', stderr);
     outcome.bytesScanned = scanned.bytesScanned;
     outcome.rejectionsDropped = scanned.rejectionsDropped;

@@ -49,6 +49,7 @@ struct RecoverOutcome {
     uint64_t rejectionsDropped = 0;
     uint64_t inputBytes = 0, bytesScanned = 0;
     double scanSeconds = 0;
+    double scanCpuSeconds = 0;  // of all the scan's threads
     bool stopped = false;
     std::string error;  // a reason the run could not start or scan
     std::string reportPath, htmlPath;

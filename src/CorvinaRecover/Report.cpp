@@ -175,65 +175,92 @@ std::vector<ByteRange> rangesUsed(const Clip& clip)
     return merged;
 }
 
-std::vector<unsigned char> thumbnailBMP(const std::string& moviePath, long index, int width)
+namespace {
+
+// The decoded frame as a BMP file `width` pixels wide; empty when its pixel format is not one
+// this sampling reads.
+std::vector<unsigned char> frameBMP(const AVFrame& frame, int width)
+{
+    if (frame.width <= 0 || frame.height <= 0) return {};
+    const AVPixFmtDescriptor* d = AV_CALL(av_pix_fmt_desc_get)(AVPixelFormat(frame.format));
+    if (!d || !(d->flags & AV_PIX_FMT_FLAG_PLANAR) || (d->flags & AV_PIX_FMT_FLAG_RGB) || d->comp[0].depth > 16)
+        return {};
+    const int height = std::max(1, int(std::lround(double(width) * frame.height / frame.width)));
+    const int rowBytes = (width * 3 + 3) & ~3;
+    const uint32_t imageBytes = uint32_t(rowBytes * height), fileBytes = 54 + imageBytes;
+    std::vector<unsigned char> bmp(fileBytes, 0);
+    const auto put32 = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) bmp[at + i] = (unsigned char)(v >> (8 * i));
+    };
+    bmp[0] = 'B';
+    bmp[1] = 'M';
+    put32(2, fileBytes);
+    put32(10, 54);
+    put32(14, 40);
+    put32(18, uint32_t(width));
+    put32(22, uint32_t(height));
+    bmp[26] = 1;
+    bmp[28] = 24;
+    put32(34, imageBytes);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            pixelRGB(frame, *d, x * frame.width / width, y * frame.height / height,
+                     &bmp[54 + size_t(height - 1 - y) * rowBytes + size_t(x) * 3]);
+    return bmp;
+}
+
+}  // namespace
+
+std::vector<std::vector<unsigned char>> thumbnailsBMP(const std::string& moviePath, const std::vector<long>& indexes,
+                                                      int width)
 {
     using namespace corvina::av;
+    std::vector<std::vector<unsigned char>> pictures(indexes.size());
     try {
         auto opened = openInput(moviePath);
-        if (!opened) return {};
+        if (!opened) return pictures;
         FormatContextPtr input = std::move(*opened);
         const int stream = AV_CALL(av_find_best_stream)(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-        if (stream < 0) return {};
+        if (stream < 0) return pictures;
+        // The demuxer steps over the samples of discarded tracks without reading them.
+        for (unsigned i = 0; i < input->nb_streams; ++i)
+            if (int(i) != stream) input->streams[i]->discard = AVDISCARD_ALL;
         const AVCodecParameters* parameters = input->streams[stream]->codecpar;
         const AVCodec* codec = AV_CALL(avcodec_find_decoder)(parameters->codec_id);
-        if (!codec) return {};
+        if (!codec) return pictures;
         CodecContextPtr decoder(AV_CALL(avcodec_alloc_context3)(codec));
-        if (!decoder || AV_CALL(avcodec_parameters_to_context)(decoder.get(), parameters) < 0 ||
-            AV_CALL(avcodec_open2)(decoder.get(), codec, nullptr) < 0)
-            return {};
+        if (!decoder || AV_CALL(avcodec_parameters_to_context)(decoder.get(), parameters) < 0) return pictures;
+        // Decoders that can (DV, JPEG) decode at a half, quarter or eighth of the size, as long
+        // as that is still as wide as the picture.
+        while (decoder->lowres < codec->max_lowres && (parameters->width >> (decoder->lowres + 1)) >= width)
+            ++decoder->lowres;
+        if (AV_CALL(avcodec_open2)(decoder.get(), codec, nullptr) < 0) return pictures;
         PacketPtr packet(AV_CALL(av_packet_alloc)());
         FramePtr frame(AV_CALL(av_frame_alloc)());
+        const long last = indexes.empty() ? -1 : *std::max_element(indexes.begin(), indexes.end());
         long seen = 0;
-        bool decoded = false;
-        // Every frame of these formats stands alone: only the wanted packet is decoded.
-        while (!decoded && AV_CALL(av_read_frame)(input.get(), packet.get()) >= 0) {
-            if (packet->stream_index == stream && seen++ == index) {
-                if (AV_CALL(avcodec_send_packet)(decoder.get(), packet.get()) >= 0) {
+        // Every frame of these formats stands alone: only the wanted packets are decoded, each
+        // on its own (the decoder drained and reset after it).
+        while (seen <= last && AV_CALL(av_read_frame)(input.get(), packet.get()) >= 0) {
+            if (packet->stream_index == stream) {
+                const long index = seen++;
+                const auto wanted = std::find(indexes.begin(), indexes.end(), index);
+                if (wanted != indexes.end() && AV_CALL(avcodec_send_packet)(decoder.get(), packet.get()) >= 0) {
                     AV_CALL(avcodec_send_packet)(decoder.get(), nullptr);
-                    decoded = AV_CALL(avcodec_receive_frame)(decoder.get(), frame.get()) >= 0;
+                    if (AV_CALL(avcodec_receive_frame)(decoder.get(), frame.get()) >= 0) {
+                        const std::vector<unsigned char> bmp = frameBMP(*frame, width);
+                        for (size_t i = 0; i < indexes.size(); ++i)
+                            if (indexes[i] == index) pictures[i] = bmp;
+                        AV_CALL(av_frame_unref)(frame.get());
+                    }
+                    AV_CALL(avcodec_flush_buffers)(decoder.get());
                 }
             }
             AV_CALL(av_packet_unref)(packet.get());
         }
-        if (!decoded || frame->width <= 0 || frame->height <= 0) return {};
-        const AVPixFmtDescriptor* d = AV_CALL(av_pix_fmt_desc_get)(AVPixelFormat(frame->format));
-        if (!d || !(d->flags & AV_PIX_FMT_FLAG_PLANAR) || (d->flags & AV_PIX_FMT_FLAG_RGB) || d->comp[0].depth > 16)
-            return {};
-        const int height = std::max(1, int(std::lround(double(width) * frame->height / frame->width)));
-        const int rowBytes = (width * 3 + 3) & ~3;
-        const uint32_t imageBytes = uint32_t(rowBytes * height), fileBytes = 54 + imageBytes;
-        std::vector<unsigned char> bmp(fileBytes, 0);
-        const auto put32 = [&](size_t at, uint32_t v) {
-            for (int i = 0; i < 4; ++i) bmp[at + i] = (unsigned char)(v >> (8 * i));
-        };
-        bmp[0] = 'B';
-        bmp[1] = 'M';
-        put32(2, fileBytes);
-        put32(10, 54);
-        put32(14, 40);
-        put32(18, uint32_t(width));
-        put32(22, uint32_t(height));
-        bmp[26] = 1;
-        bmp[28] = 24;
-        put32(34, imageBytes);
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x)
-                pixelRGB(*frame, *d, x * frame->width / width, y * frame->height / height,
-                         &bmp[54 + size_t(height - 1 - y) * rowBytes + size_t(x) * 3]);
-        return bmp;
     } catch (const std::exception&) {
-        return {};
     }
+    return pictures;
 }
 
 std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
@@ -249,6 +276,7 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input)
     };
     j << "{\n\"input\":" << jsonString(input) << ",\n\"inputBytes\":" << outcome.inputBytes
       << ",\n\"bytesScanned\":" << outcome.bytesScanned << ",\n\"scanSeconds\":" << real(outcome.scanSeconds)
+      << ",\n\"scanCpuSeconds\":" << real(outcome.scanCpuSeconds)
       << ",\n\"stopped\":" << (outcome.stopped ? "true" : "false") << ",\n\"error\":" << jsonString(outcome.error)
       << ",\n\"clips\":[";
     for (size_t c = 0; c < outcome.clips.size(); ++c) {
@@ -312,11 +340,12 @@ void writeReports(RecoverOutcome& outcome, const std::string& input, const std::
         if (pictures && !o.moviePath.empty()) {
             h << "<p>";
             const long count = long(clip.frames.size());
-            for (const long index : {0L, count / 2, count - 1}) {
-                const auto bmp = thumbnailBMP(o.moviePath, index, 160);
-                if (!bmp.empty())
-                    h << "<img alt=\"frame " << index << "\" src=\"data:image/bmp;base64," << base64(bmp) << "\">";
-            }
+            const std::vector<long> indexes = {0L, count / 2, count - 1};
+            const auto pictures = thumbnailsBMP(o.moviePath, indexes, 160);
+            for (size_t i = 0; i < indexes.size(); ++i)
+                if (!pictures[i].empty())
+                    h << "<img alt=\"frame " << indexes[i] << "\" src=\"data:image/bmp;base64," << base64(pictures[i])
+                      << "\">";
             h << "</p>\n";
             if (clip.audioFormat) {
                 const auto asset = corvina::Asset::assetWithPath(o.moviePath);

@@ -21,8 +21,10 @@ std::string reportJSON(const RecoverOutcome& outcome, const std::string& input);
 // The input byte ranges a clip uses, frames and audio together, touching ranges merged.
 std::vector<ByteRange> rangesUsed(const Clip& clip);
 
-// A picture of video frame `index` of the movie as a BMP file `width` pixels wide, decoded
-// with the media libraries; empty when it cannot be decoded.
-std::vector<unsigned char> thumbnailBMP(const std::string& moviePath, long index, int width);
+// Pictures of the movie's video frames at `indexes` as BMP files `width` pixels wide, decoded
+// with the media libraries in one pass over the movie (its other tracks left unread); each
+// empty when that frame cannot be decoded.
+std::vector<std::vector<unsigned char>> thumbnailsBMP(const std::string& moviePath, const std::vector<long>& indexes,
+                                                      int width);
 
 }  // namespace corvina::recover

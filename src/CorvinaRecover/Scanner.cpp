@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 #include <immintrin.h>
 #endif
 
+#include "Foundation/LargeBuffer.h"
 #include "Foundation/PosixIO.h"
 
 namespace corvina::recover {
@@ -158,7 +158,7 @@ public:
 
     uint64_t start() const { return start_; }
     uint64_t end() const { return end_; }
-    const uint8_t* at(uint64_t offset) const { return buffer_.get() + (offset - start_); }
+    const uint8_t* at(uint64_t offset) const { return buffer_.data() + (offset - start_); }
 
     // Makes the window begin at `from` and hold as much as fits; the bytes already held from
     // there on are kept. The new bytes are read in `jobs` pieces side by side. False with
@@ -166,7 +166,7 @@ public:
     bool fillFrom(uint64_t from, unsigned jobs, std::string& error)
     {
         if (from >= start_ && from < end_) {
-            std::memmove(buffer_.get(), at(from), size_t(end_ - from));
+            std::memmove(buffer_.data(), at(from), size_t(end_ - from));
         } else {
             end_ = from;
         }
@@ -208,37 +208,16 @@ private:
     void readPiece(Piece& piece) const
     {
         const corvina::posix::Transfer t = corvina::posix::preadAll(
-            fd_, std::span(buffer_.get() + (piece.from - start_), size_t(piece.to - piece.from)), piece.from);
+            fd_, std::span(buffer_.data() + (piece.from - start_), size_t(piece.to - piece.from)), piece.from);
         piece.reached = piece.from + t.count;
         piece.error = t.error;
     }
 
-    // Anonymous memory asked for in huge pages: the reads into it then fault a few hundred
-    // times instead of once per 4 KiB page, which costs as much as the search on a virtual
-    // machine. Plain pages when the system gives none (still correct, only slower).
-    class Buffer {
-    public:
-        explicit Buffer(size_t bytes) : bytes_(bytes)
-        {
-            void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            if (p == MAP_FAILED) throw std::bad_alloc();
-            ::madvise(p, bytes, MADV_HUGEPAGE);
-            data_ = static_cast<uint8_t*>(p);
-        }
-        ~Buffer() { ::munmap(data_, bytes_); }
-        Buffer(const Buffer&) = delete;
-        Buffer& operator=(const Buffer&) = delete;
-        uint8_t* get() const { return data_; }
-
-    private:
-        size_t bytes_;
-        uint8_t* data_ = nullptr;
-    };
-
     int fd_;
     uint64_t size_;
     size_t capacity_;
-    Buffer buffer_;
+    // In huge pages: the preads into it fault a few hundred times instead of once per 4 KiB page.
+    corvina::LargeBuffer buffer_;
     uint64_t start_ = 0, end_ = 0;
 };
 

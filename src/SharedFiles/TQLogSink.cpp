@@ -1,31 +1,6 @@
 #include "tq/TQLogSink.h"
 
-#include <sys/mman.h>
-
 namespace corvina::tq {
-
-namespace {
-
-constexpr size_t kHugePage = size_t(2) << 20;
-
-}  // namespace
-
-void* tqLogAllocateBuffer(size_t bytes)
-{
-    if (bytes < 2 * kHugePage) return ::operator new(bytes);
-    void* buffer = ::operator new(bytes, std::align_val_t(kHugePage));
-    // Advice only: without huge pages the buffer works the same.
-    ::madvise(static_cast<char*>(buffer) + kHugePage, (bytes - kHugePage) & ~(kHugePage - 1), MADV_HUGEPAGE);
-    return buffer;
-}
-
-void tqLogFreeBuffer(void* buffer, size_t bytes)
-{
-    if (bytes < 2 * kHugePage)
-        ::operator delete(buffer);
-    else
-        ::operator delete(buffer, std::align_val_t(kHugePage));
-}
 
 void TQLogTexts::materialize(size_t from)
 {

@@ -14,14 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include "Foundation/LargeBuffer.h"
+
 namespace corvina::tq {
 
 // The log's buffers: they grow without being zero-filled first (every byte an entry adds is
 // written by it), and a large one (a burst's) asks the kernel for huge pages past its first
 // 2 MiB, so that filling it costs a few page faults instead of thousands while a quiet log
 // still touches ordinary pages only.
-void* tqLogAllocateBuffer(size_t bytes);
-void tqLogFreeBuffer(void* buffer, size_t bytes);
 
 template <class T>
 struct TQLogBufferAllocator : std::allocator<T> {
@@ -35,8 +35,8 @@ struct TQLogBufferAllocator : std::allocator<T> {
     TQLogBufferAllocator(const TQLogBufferAllocator<U>&) noexcept
     {
     }
-    T* allocate(size_t n) { return static_cast<T*>(tqLogAllocateBuffer(n * sizeof(T))); }
-    void deallocate(T* at, size_t n) noexcept { tqLogFreeBuffer(at, n * sizeof(T)); }
+    T* allocate(size_t n) { return static_cast<T*>(allocateLargeBuffer(n * sizeof(T), kHugePageBytes)); }
+    void deallocate(T* at, size_t n) noexcept { freeLargeBuffer(at, n * sizeof(T)); }
     template <class U>
     void construct(U* at) noexcept
     {

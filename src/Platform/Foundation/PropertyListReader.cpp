@@ -11,7 +11,7 @@
 
 #include "ByteOrder.h"
 #include "Format.h"
-#include "HugePages.h"
+#include "LargeBuffer.h"
 #include "PosixIO.h"
 #include "PropertyListLibrary.h"
 #include "Value.h"
