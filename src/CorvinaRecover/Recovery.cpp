@@ -235,8 +235,14 @@ std::optional<std::string> outputFolderProblem(const std::string& input, const s
     struct stat in {
     }, out{};
     if (::stat(input.c_str(), &in) != 0) return "cannot read " + input + ": " + std::strerror(errno);
-    if (::stat(outdir.c_str(), &out) != 0)
-        return "cannot use the output folder " + outdir + ": " + std::strerror(errno);
+    if (::stat(outdir.c_str(), &out) != 0) {
+        // A folder that does not exist yet is made when the run starts, in a parent that does:
+        // the parent's file system is the one it will be on.
+        const int err = errno;
+        const std::string parent = std::filesystem::path(outdir).lexically_normal().parent_path().string();
+        if (err != ENOENT || ::stat(parent.empty() ? "." : parent.c_str(), &out) != 0 || !S_ISDIR(out.st_mode))
+            return "cannot use the output folder " + outdir + ": " + std::strerror(err);
+    }
     if (!S_ISDIR(out.st_mode)) return outdir + " is not a folder";
     if (S_ISBLK(in.st_mode)) {
         // The output's file system must not live on the device or on one of its partitions.
@@ -253,6 +259,12 @@ std::optional<std::string> outputFolderProblem(const std::string& input, const s
         return "the output folder " + outdir + " is on the same file system as " + input +
                ": writing there could destroy what is to be recovered; choose a folder on another disk";
     return std::nullopt;
+}
+
+std::optional<std::string> makeOutputFolder(const std::string& outdir)
+{
+    if (::mkdir(outdir.c_str(), 0777) == 0 || errno == EEXIST) return std::nullopt;
+    return "cannot make the output folder " + outdir + ": " + std::strerror(errno);
 }
 
 std::optional<Expectation> expectationFor(const RecoverOptions& options, std::string& error)

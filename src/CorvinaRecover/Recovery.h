@@ -59,7 +59,10 @@ struct RecoverOutcome {
 
 // Why OUTDIR may not take the output of INPUT: the same file system, or one on the block
 // device INPUT names. Nullopt when it may.
+// An OUTDIR that does not exist yet is judged by the folder it would be made in.
 std::optional<std::string> outputFolderProblem(const std::string& input, const std::string& outdir);
+// Makes OUTDIR when it does not exist yet (one level, as mkdir does); a message on failure.
+std::optional<std::string> makeOutputFolder(const std::string& outdir);
 
 // What the reference movie or the format row fixes; a message on failure.
 std::optional<Expectation> expectationFor(const RecoverOptions& options, std::string& error);

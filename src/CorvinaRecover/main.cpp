@@ -104,6 +104,7 @@ int main(int argc, char** argv)
     std::string expectationProblem;
     if (!recover::expectationFor(options, expectationProblem)) return usageError(expectationProblem);
     if (const auto problem = recover::outputFolderProblem(options.input, options.outdir)) return usageError(*problem);
+    if (const auto problem = recover::makeOutputFolder(options.outdir)) return usageError(*problem);
 
     corvina::markMainThread();
     TQLog::createNewLog(std::string("corvina-recover"));

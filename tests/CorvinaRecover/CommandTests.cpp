@@ -53,6 +53,8 @@ TEST(RecoverCommand, BadUsageAndAnOutputFolderBesideTheInputAreRefusedWithTwo)
         {{"--reference", dir / "input.bin", dir / "input.bin", dir / "out"}, "cannot be read or is not a format"},
         {{dir / "input.bin", dir / "out"}, "on the same file system"},
         {{dir / "missing.bin", dir / "out"}, "cannot read"},
+        {{dir / "input.bin", dir / "new"}, "on the same file system"},
+        {{dir / "input.bin", dir / "no/such/out"}, "cannot use the output folder"},
     };
     for (const Case& c : cases) {
         const ProcessResult run = runRecover(c.args, home);
@@ -60,6 +62,7 @@ TEST(RecoverCommand, BadUsageAndAnOutputFolderBesideTheInputAreRefusedWithTwo)
         EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
     }
     EXPECT_TRUE(std::filesystem::is_empty(dir / "out"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "new")) << "a refused output folder is not made";
 }
 
 class RecoverOnAnotherDevice : public ::testing::Test {
@@ -75,8 +78,8 @@ protected:
 
 TEST_F(RecoverOnAnotherDevice, NothingFoundIsOneWithAReportOfNoClips)
 {
+    // An output folder that does not exist yet is made.
     makeFile(mount_ / "noise.bin", 3 << 20);
-    std::filesystem::create_directory(dir_ / "out");
     const ProcessResult run = runRecover({mount_ / "noise.bin", dir_ / "out"}, home_);
     EXPECT_EQ(run.status, 1) << run.err;
     EXPECT_NE(readFile(dir_ / "out/report.json").find("\"clips\":[\n]"), std::string::npos);
