@@ -336,8 +336,7 @@ void MovieSession::pump()
         } else {
             // The audio frames one-by-one turns would take before the video's next turn, as one
             // run; the writer stores them as it would store them singly.
-            const uint64_t run =
-                videoOpen_ ? audioFeeder_->framesBeforeTurnOf(*videoFeeder_) : AudioTrackFeeder::kMaxRun;
+            const uint64_t run = video ? audioFeeder_->framesBeforeTurnOf(*videoFeeder_) : AudioTrackFeeder::kMaxRun;
             audio = feed(false, [this, run] { return audioFeeder_->nextRun(run); });
             if (!audio) endTrack(false);
         }

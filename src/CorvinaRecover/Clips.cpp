@@ -58,6 +58,28 @@ std::optional<std::pair<ByteRange, ByteRange>> cutFrameBetween(const Clip& first
     return found;
 }
 
+// Whether two pieces could be of one recording: the same row and frame size.
+bool samePicture(const Clip& a, const Clip& b)
+{
+    return a.formatType == b.formatType && a.width == b.width && a.height == b.height;
+}
+
+// Appends the later piece `then` of a recording to `first`: its frames (with the frames cut in
+// two inside it), the sound that stood before its first frame, which goes on between the two,
+// then its own sound, and how it ends.
+void appendPiece(Clip& first, const Clip& then)
+{
+    for (const Clip::CutFrame& cut : then.cutFrames)
+        first.cutFrames.push_back({cut.index + first.frames.size(), cut.tail});
+    first.joinedAt.push_back(first.frames.size());
+    first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
+    first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
+    first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
+    first.audioGapsRefused += then.audioGapsRefused;
+    first.longestSoundBetweenFrames = std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
+    first.endReason = then.endReason;
+}
+
 void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
 {
     bool joined = true;
@@ -69,9 +91,7 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
             const int nominal = int(std::lround(first.frameRate));
             for (size_t b = 0; b < clips.size() && !joined; ++b) {
                 Clip& then = clips[b];
-                if (a == b || !then.startTimecode || then.formatType != first.formatType || then.width != first.width ||
-                    then.height != first.height)
-                    continue;
+                if (a == b || !then.startTimecode || !samePicture(first, then)) continue;
                 // A piece right after in the input lost frames to damage, not to a cut: the
                 // jump in its timecode is real and the clips stay apart.
                 const uint64_t frameBytes = first.frames.back().length;
@@ -88,18 +108,8 @@ void joinPieces(std::vector<Clip>& clips, const ReadBytes& read)
                             first.cutFrames.push_back({first.frames.size(), cut->second});
                             first.frames.push_back(cut->first);
                         }
-                    for (const Clip::CutFrame& cut : then.cutFrames)
-                        first.cutFrames.push_back({cut.index + first.frames.size(), cut.tail});
-                    first.joinedAt.push_back(first.frames.size());
-                    first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
-                    // Sound that stood before the later piece's first frame goes on between them.
-                    first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
-                    first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
-                    first.audioGapsRefused += then.audioGapsRefused;
-                    first.longestSoundBetweenFrames =
-                        std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
+                    appendPiece(first, then);
                     first.endTimecode = then.endTimecode;
-                    first.endReason = then.endReason;
                     clips.erase(clips.begin() + std::ptrdiff_t(b));
                     joined = true;
                 }
@@ -143,9 +153,7 @@ void joinBySound(std::vector<Clip>& clips, const ReadBytes& read, const AudioFor
     std::vector<uint8_t> junction(2 * side);
     for (size_t a = 0; a < clips.size(); ++a)
         for (size_t b = 0; b < clips.size(); ++b) {
-            if (a == b || tails[a].empty() || heads[b].empty() || clips[b].formatType != clips[a].formatType ||
-                clips[b].width != clips[a].width || clips[b].height != clips[a].height)
-                continue;
+            if (a == b || tails[a].empty() || heads[b].empty() || !samePicture(clips[a], clips[b])) continue;
             std::copy(tails[a].begin(), tails[a].end(), junction.begin());
             std::copy(heads[b].begin(), heads[b].end(), junction.begin() + std::ptrdiff_t(side));
             if (soundRunFrames(junction, int(audio.channels), audio.bigEndian, false) != 2 * kSide) continue;
@@ -168,15 +176,7 @@ void joinBySound(std::vector<Clip>& clips, const ReadBytes& read, const AudioFor
             Clip first = std::move(clips[a]);
             for (std::optional<size_t> b = next[a]; b && !used[*b]; b = next[*b]) {
                 used[*b] = true;
-                Clip& then = clips[*b];
-                first.joinedAt.push_back(first.frames.size());
-                first.frames.insert(first.frames.end(), then.frames.begin(), then.frames.end());
-                first.audio.insert(first.audio.end(), then.audioNotPlaced.begin(), then.audioNotPlaced.end());
-                first.audio.insert(first.audio.end(), then.audio.begin(), then.audio.end());
-                first.audioGapsRefused += then.audioGapsRefused;
-                first.longestSoundBetweenFrames =
-                    std::max(first.longestSoundBetweenFrames, then.longestSoundBetweenFrames);
-                first.endReason = then.endReason;
+                appendPiece(first, clips[*b]);
             }
             joined.push_back(std::move(first));
         }
