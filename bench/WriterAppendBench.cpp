@@ -27,8 +27,7 @@ struct AudioWriter {
         : path("/tmp/writer-bench-" + name + "-" + std::to_string(::getpid()) + ".mov")
     {
         ::unlink(path.c_str());
-        Error error;
-        writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
+        writer = *AssetWriter::create(path, kFileTypeQuickTimeMovie);
         writer->addInput(input);
         writer->startWriting();
     }

@@ -148,10 +148,14 @@ Result<void> MovieSession::checkJob()
 void MovieSession::openDataFiles()
 {
     ScopedFileIdentity asUser(controller_.actor_);
-    if (std::shared_ptr<FileHandle> file = EssenceReader::open(job_.tmpFilename, &videoOpenError_))
-        videoFeeder_ = std::make_unique<VideoTrackFeeder>(std::move(file), job_.videoEntries);
-    if (std::shared_ptr<FileHandle> file = EssenceReader::open(job_.tmpAudioFilename, &audioOpenError_))
-        audioFeeder_ = std::make_unique<AudioTrackFeeder>(std::move(file), job_.audioEntries);
+    if (auto file = EssenceReader::open(job_.tmpFilename))
+        videoFeeder_ = std::make_unique<VideoTrackFeeder>(std::move(*file), job_.videoEntries);
+    else
+        videoOpenError_ = file.error();
+    if (auto file = EssenceReader::open(job_.tmpAudioFilename))
+        audioFeeder_ = std::make_unique<AudioTrackFeeder>(std::move(*file), job_.audioEntries);
+    else
+        audioOpenError_ = file.error();
 }
 
 // Motion JPEG and ProRes without a size in the document: the first frame's header tells it.
@@ -230,12 +234,12 @@ Result<void> MovieSession::checkRoom()
 Result<void> MovieSession::openWriter()
 {
     auto temporary = destination_->createTemporary();
-    Error writerError = temporary ? Error{} : temporary.error();
-    if (temporary)
-        writer_ = AssetWriter::createOnDescriptor(*temporary, destination_->temporaryPath(), kFileTypeQuickTimeMovie,
-                                                  &writerError);
+    auto writer =
+        temporary ? AssetWriter::createOnDescriptor(*temporary, destination_->temporaryPath(), kFileTypeQuickTimeMovie)
+                  : Result<std::unique_ptr<AssetWriter>>(temporary.error());
     TQLog::appendLog("2");
-    if (!writer_) return ending(format("Error creating AssetWriter: %@", writerError));
+    if (!writer) return ending(format("Error creating AssetWriter: %@", writer.error()));
+    writer_ = std::move(*writer);
     controller_.publishWriter(writer_.get());
     TQLog::appendLog("3");
     return success();

@@ -33,7 +33,7 @@ EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move
     }
 }
 
-std::unique_ptr<FileHandle> EssenceReader::open(const std::string& path, Error* error, size_t readAheadBytes)
+Result<std::unique_ptr<FileHandle>> EssenceReader::open(const std::string& path, size_t readAheadBytes)
 {
     auto file = FileHandle::forReadingRegularFileAtPath(path, readAheadBytes);
     if (file) return std::move(*file);
@@ -42,8 +42,7 @@ std::unique_ptr<FileHandle> EssenceReader::open(const std::string& path, Error* 
     auto device = FileHandle::forReadingAtPath(path, readAheadBytes);
     struct stat info {};
     if (device && ::fstat(device->fileDescriptor(), &info) == 0 && S_ISBLK(info.st_mode)) return device;
-    if (error) *error = file.error();
-    return nullptr;
+    return file.error();
 }
 
 size_t EssenceReader::readAt(uint64_t offset, uint64_t length, uint8_t* out)

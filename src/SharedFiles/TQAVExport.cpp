@@ -108,37 +108,35 @@ void TQAVExport::exportAsset()
         });
         return;
     }
-    std::optional<Error> error;
     // Whatever is at the output path stays until a complete movie replaces it; only a folder
     // (which a movie cannot replace) stops the export here.
     struct stat st {};
     const std::string path = outputPath();
-    if (!path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        error = Error::fromErrno(EISDIR, path);
-    } else if (setupAssetReaderAndAssetWriter(&error) && startAssetReaderAndWriter(&error)) {
-        return;
+    Result<void> started = Error::fromErrno(EISDIR, path);
+    if (path.empty() || ::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        started = setupAssetReaderAndAssetWriter();
+        if (started) started = startAssetReaderAndWriter();
     }
-    readingAndWritingDidFinishSuccessfully(false, error);
+    if (!started) readingAndWritingDidFinishSuccessfully(false, started.error());
 }
 
-bool TQAVExport::setupAssetReaderAndAssetWriter(std::optional<Error>* error)
+Result<void> TQAVExport::setupAssetReaderAndAssetWriter()
 {
-    const auto fail = [&](Error e) {
-        if (error) *error = std::move(e);
+    const auto fail = [&](Error e) -> Result<void> {
         reader_.reset();
         audio_.reset();
         video_.reset();
         writer_.reset();
         discardPartial();
-        return false;
+        return e;
     };
     const AssetRef source = asset();
     const std::string path = outputPath();
     if (!source) return fail(exportError("No asset to export"));
     if (path.empty()) return fail(exportError("No output URL"));
-    Error err;
-    reader_ = AssetReader::create(source, &err);
-    if (!reader_) return fail(err);
+    auto reader = AssetReader::create(source);
+    if (!reader) return fail(reader.error());
+    reader_ = std::move(*reader);
     if (timeRange.duration.isNumeric() && timeRange.duration.value > 0)
         reader_->setTimeRange(timeRange.start, timeRange.duration);
 
@@ -191,21 +189,22 @@ bool TQAVExport::setupAssetReaderAndAssetWriter(std::optional<Error>* error)
     // The movie is written beside its final path and renamed when complete.
     partialPath_ = format("%@.%d.partial", path, int(::getpid()));
     ::unlink(partialPath_.c_str());
-    writer_ = AssetWriter::create(partialPath_, kFileTypeQuickTimeMovie, &err);
-    if (!writer_) {
+    auto writer = AssetWriter::create(partialPath_, kFileTypeQuickTimeMovie);
+    if (!writer) {
         partialPath_.clear();
-        return fail(err);
+        return fail(writer.error());
     }
+    writer_ = std::move(*writer);
     for (Track* track : {video_.get(), audio_.get()}) {
         if (!track) continue;
         reader_->addOutput(track->output);
         track->input = AssetWriterInput::create(track == video_.get() ? MediaType::Video : MediaType::Audio);
         writer_->addInput(track->input);
     }
-    return true;
+    return success();
 }
 
-bool TQAVExport::startAssetReaderAndWriter(std::optional<Error>* error)
+Result<void> TQAVExport::startAssetReaderAndWriter()
 {
     const AssetRef source = asset();
     const bool ranged = timeRange.duration.isNumeric() && timeRange.duration.value > 0;
@@ -214,14 +213,9 @@ bool TQAVExport::startAssetReaderAndWriter(std::optional<Error>* error)
     totalScale_ = totalTime.timescale > 0 ? totalTime.timescale : 1;
     totalStart_ = ranged ? timeRange.start : MediaTime::zero();
 
-    if (!reader_ || !reader_->startReading()) {
-        if (error) *error = reader_ ? reader_->error() : std::nullopt;
-        return false;
-    }
-    if (!writer_->startWriting()) {
-        if (error) *error = writer_->error();
-        return false;
-    }
+    if (!reader_ || !reader_->startReading())
+        return (reader_ ? reader_->error() : std::nullopt).value_or(exportError("The asset cannot be read"));
+    if (!writer_->startWriting()) return writer_->error().value_or(exportError("The movie cannot be written"));
     group_ = std::make_unique<DispatchGroup>();
     writer_->startSessionAtSourceTime(ranged ? timeRange.start : MediaTime::zero());
     lastPercent_ = std::make_shared<std::atomic<int64_t>>(0);
@@ -240,7 +234,7 @@ bool TQAVExport::startAssetReaderAndWriter(std::optional<Error>* error)
         video_->input->requestMediaDataWhenReadyOnQueue(videoQueue_, [this] { pump(*video_, videoProgress_); });
     }
     group_->notify(*mainQueue_, [this] { completion(); });
-    return true;
+    return success();
 }
 
 void TQAVExport::pump(Track& track, std::atomic<float>& progress)

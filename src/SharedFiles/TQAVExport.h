@@ -28,6 +28,7 @@
 #include "AssetReader/Asset.h"
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "MediaTime/MediaTime.h"
 
 namespace corvina {
@@ -69,8 +70,8 @@ public:
     void cancel();
 
     // Internal steps, public as the design has them.
-    bool setupAssetReaderAndAssetWriter(std::optional<corvina::Error>* error);
-    bool startAssetReaderAndWriter(std::optional<corvina::Error>* error);
+    corvina::Result<void> setupAssetReaderAndAssetWriter();
+    corvina::Result<void> startAssetReaderAndWriter();
     void readingAndWritingDidFinishSuccessfully(bool success, const std::optional<corvina::Error>& error);
 
     // --- Properties -----------------------------------------------------------------------

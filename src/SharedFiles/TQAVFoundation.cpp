@@ -139,7 +139,7 @@ std::optional<std::string> TQAVFoundation::timecodeStartForAsset(const Asset& as
     const FrameRate rate = FrameRate::fromDouble(fpsForAsset(asset));
     const bool dropFrame = isDropFrame(asset);
 
-    auto reader = AssetReader::create(asset, nullptr);
+    auto reader = AssetReader::create(asset).valueOr(nullptr);
     if (!reader) return defaultStart;
     auto output = AssetReaderTrackOutput::create(timecodeTrack);
     reader->addOutput(output);
@@ -275,7 +275,7 @@ std::optional<std::vector<TQAVFoundation::WaveformLevel>> TQAVFoundation::wavefo
 {
     const Track audio = firstTrack(asset, MediaType::Audio);
     if (!isReadable(asset) || !audio) return std::nullopt;
-    auto reader = AssetReader::create(asset, nullptr);
+    auto reader = AssetReader::create(asset).valueOr(nullptr);
     if (!reader) return std::nullopt;
     AudioOutputSettings settings;  // 16-bit signed little-endian interleaved, the track's rate
     auto output = AssetReaderTrackOutput::createAudio(audio, settings);

@@ -97,10 +97,10 @@ struct OpenWriter {
 
     explicit OpenWriter(const std::string& path, bool withAudio = true, bool startSession = true)
     {
-        Error error;
-        writer = AssetWriter::create(path, kFileTypeQuickTimeMovie, &error);
-        EXPECT_TRUE(writer) << error.localizedDescription;
-        if (!writer) return;
+        auto created = AssetWriter::create(path, kFileTypeQuickTimeMovie);
+        EXPECT_TRUE(created) << (created ? "" : created.error().localizedDescription);
+        if (!created) return;
+        writer = std::move(*created);
         EXPECT_TRUE(writer->canAddInput(*video));
         writer->addInput(video);
         if (withAudio) writer->addInput(audio);

@@ -134,8 +134,8 @@ struct AssetReaderTrackOutput::Impl {
         return lastDts == AV_NOPTS_VALUE || lastDts < last->timestamp;
     }
 
-    bool open(const std::string& path, Error* err);
-    bool openDecoder(Error* err);
+    Result<void> open(const std::string& path);
+    Result<void> openDecoder();
     std::unique_ptr<SampleBuffer> next();
     bool pump();  // false when nothing more can come
     void wrap(std::vector<uint8_t> bytes, int64_t numSamples, const SampleTimingInfo& timing, size_t sampleSize,
@@ -166,20 +166,14 @@ void AssetReaderTrackOutput::Impl::wrap(std::vector<uint8_t> bytes, int64_t numS
         ready.push_back(std::move(sample));
 }
 
-bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
+Result<void> AssetReaderTrackOutput::Impl::open(const std::string& path)
 {
-    if (track->streamIndex() < 0) return true;  // a made timecode track needs no file
+    if (track->streamIndex() < 0) return success();  // a made timecode track needs no file
     this->path = path;
     auto opened = av::openInput(path);
-    if (!opened) {
-        if (err) *err = opened.error();
-        return false;
-    }
+    if (!opened) return opened.error();
     input = std::move(*opened);
-    if (track->streamIndex() >= int(input->nb_streams)) {
-        *err = av::error("The track is gone from " + path);
-        return false;
-    }
+    if (track->streamIndex() >= int(input->nb_streams)) return av::error("The track is gone from " + path);
     stream = input->streams[track->streamIndex()];
     for (unsigned i = 0; i < input->nb_streams; ++i)
         if (int(i) != track->streamIndex()) input->streams[i]->discard = AVDISCARD_ALL;
@@ -193,24 +187,19 @@ bool AssetReaderTrackOutput::Impl::open(const std::string& path, Error* err)
         rangeEnd = toStream(start + state->rangeDuration);
         if (rangeStart > 0) AV_CALL(av_seek_frame)(input.get(), stream->index, rangeStart, AVSEEK_FLAG_BACKWARD);
     }
-    if (kind == OutputKind::AsStored) return true;
-    return openDecoder(err);
+    if (kind == OutputKind::AsStored) return success();
+    return openDecoder();
 }
 
-bool AssetReaderTrackOutput::Impl::openDecoder(Error* err)
+Result<void> AssetReaderTrackOutput::Impl::openDecoder()
 {
     const AVCodec* codec = AV_CALL(avcodec_find_decoder)(stream->codecpar->codec_id);
-    if (!codec) {
-        *err = av::error("No decoder for the track's coding");
-        return false;
-    }
+    if (!codec) return av::error("No decoder for the track's coding");
     decoder.reset(AV_CALL(avcodec_alloc_context3)(codec));
     AV_CALL(avcodec_parameters_to_context)(decoder.get(), stream->codecpar);
     decoder->pkt_timebase = stream->time_base;
-    if (const int rc = AV_CALL(avcodec_open2)(decoder.get(), codec, nullptr); rc < 0) {
-        *err = av::error(rc, "Cannot open the decoder");
-        return false;
-    }
+    if (const int rc = AV_CALL(avcodec_open2)(decoder.get(), codec, nullptr); rc < 0)
+        return av::error(rc, "Cannot open the decoder");
     if (kind == OutputKind::LinearPCM) {
         const uint32_t channels = audio.channels ? audio.channels : uint32_t(decoder->ch_layout.nb_channels);
         const double rate = audio.sampleRate > 0 ? audio.sampleRate : decoder->sample_rate;
@@ -226,12 +215,10 @@ bool AssetReaderTrackOutput::Impl::openDecoder(Error* err)
         asbd.mBytesPerFrame = asbd.mBytesPerPacket = audio.bitDepth / 8 * channels;
         AudioChannelLayout layout = av::channelLayoutFor(channels);
         if (audio.channelLayoutTag) layout.mChannelLayoutTag = audio.channelLayoutTag;
-        if (FormatDescription::createAudio(asbd, &layout, AudioChannelLayout::byteSize(0), &outputFormat) != kNoErr) {
-            *err = av::error("Unusable audio output settings");
-            return false;
-        }
+        if (FormatDescription::createAudio(asbd, &layout, AudioChannelLayout::byteSize(0), &outputFormat) != kNoErr)
+            return av::error("Unusable audio output settings");
     }
-    return true;
+    return success();
 }
 
 void AssetReaderTrackOutput::Impl::takeAudio(const AVFrame* decoded)
@@ -511,12 +498,10 @@ const AssetTrackRef& AssetReaderTrackOutput::track() const { return impl_->track
 
 std::unique_ptr<SampleBuffer> AssetReaderTrackOutput::copyNextSampleBuffer() { return impl_->next(); }
 
-std::unique_ptr<AssetReader> AssetReader::create(AssetRef asset, Error* error)
+Result<std::unique_ptr<AssetReader>> AssetReader::create(AssetRef asset)
 {
-    if (!asset || !asset->isReadable()) {
-        if (error) *error = asset && asset->error() ? *asset->error() : av::error("The asset cannot be read");
-        return nullptr;
-    }
+    if (!asset || !asset->isReadable())
+        return asset && asset->error() ? *asset->error() : av::error("The asset cannot be read");
     std::unique_ptr<AssetReader> reader(new AssetReader());  // NOLINT: private constructor
     reader->asset_ = std::move(asset);
     reader->state_ = std::make_shared<AssetReaderState>();
@@ -554,12 +539,11 @@ bool AssetReader::startReading()
         std::lock_guard lock(state_->mutex);
         if (state_->status != AssetReaderStatus::Unknown) return false;
     }
-    Error err;
     for (const auto& output : outputs_) {
-        if (!output->impl_->open(asset_->path(), &err)) {
+        if (auto opened = output->impl_->open(asset_->path()); !opened) {
             std::lock_guard lock(state_->mutex);
             state_->status = AssetReaderStatus::Failed;
-            state_->error = err;
+            state_->error = opened.error();
             return false;
         }
     }

@@ -27,6 +27,7 @@
 
 #include "AssetReader/Asset.h"
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "SampleBuffer/SampleBuffer.h"
 
 namespace corvina {
@@ -76,8 +77,8 @@ private:
 
 class AssetReader {
 public:
-    // Null with *error set when the asset cannot be read.
-    static std::unique_ptr<AssetReader> create(AssetRef asset, Error* error);
+    // Fails when the asset cannot be read.
+    static Result<std::unique_ptr<AssetReader>> create(AssetRef asset);
     ~AssetReader();
 
     const AssetRef& asset() const { return asset_; }

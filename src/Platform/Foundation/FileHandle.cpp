@@ -19,29 +19,23 @@ namespace {
 
 // Opening never blocks (a FIFO without a writer would hold open() forever); reads on what
 // was opened block as usual. With regularOnly, anything but a regular file is refused.
-int openFile(const std::string& path, int flags, bool regularOnly = false, Error* error = nullptr)
+Result<int> openFile(const std::string& path, int flags, bool regularOnly = false)
 {
     const int fd =
         posix::retryInterrupted([&] { return ::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); });
-    if (fd < 0) {
-        if (error) *error = Error::fromErrno(errno);
-        return -1;
-    }
+    if (fd < 0) return Error::fromErrno(errno);
     struct stat st {};
-    const bool statted = ::fstat(fd, &st) == 0;
-    if (!statted || S_ISDIR(st.st_mode) || (regularOnly && !S_ISREG(st.st_mode))) {
-        if (error) {
-            if (!statted)
-                *error = Error::fromErrno(errno);
-            else if (S_ISDIR(st.st_mode))
-                *error = Error::fromErrno(EISDIR);
-            else
-                *error = Error{"NSPOSIXErrorDomain", EINVAL,
-                               S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
-                                                    : "It is a device or a socket, not a regular file."};
-        }
+    if (::fstat(fd, &st) != 0) {
+        const Error error = Error::fromErrno(errno);
         ::close(fd);
-        return -1;
+        return error;
+    }
+    if (S_ISDIR(st.st_mode) || (regularOnly && !S_ISREG(st.st_mode))) {
+        ::close(fd);
+        if (S_ISDIR(st.st_mode)) return Error::fromErrno(EISDIR);
+        return Error{"NSPOSIXErrorDomain", EINVAL,
+                     S_ISFIFO(st.st_mode) ? "It is a FIFO, not a regular file."
+                                          : "It is a device or a socket, not a regular file."};
     }
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     return fd;
@@ -58,30 +52,29 @@ FileHandle::~FileHandle()
 
 std::unique_ptr<FileHandle> FileHandle::forReadingAtPath(const std::string& path, size_t readAheadBytes)
 {
-    const int fd = openFile(path, O_RDONLY);
-    if (fd < 0) return nullptr;
-    return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
+    const auto fd = openFile(path, O_RDONLY);
+    if (!fd) return nullptr;
+    return std::unique_ptr<FileHandle>(new FileHandle(*fd, readAheadBytes));
 }
 
 Result<std::unique_ptr<FileHandle>> FileHandle::forReadingRegularFileAtPath(const std::string& path,
                                                                             size_t readAheadBytes)
 {
-    Error error;
-    const int fd = openFile(path, O_RDONLY, true, &error);
-    if (fd < 0) return error;
-    return std::unique_ptr<FileHandle>(new FileHandle(fd, readAheadBytes));
+    const auto fd = openFile(path, O_RDONLY, true);
+    if (!fd) return fd.error();
+    return std::unique_ptr<FileHandle>(new FileHandle(*fd, readAheadBytes));
 }
 
 std::unique_ptr<FileHandle> FileHandle::forWritingAtPath(const std::string& path)
 {
-    const int fd = openFile(path, O_WRONLY);
-    if (fd < 0) return nullptr;
-    return std::unique_ptr<FileHandle>(new FileHandle(fd, 0));
+    const auto fd = openFile(path, O_WRONLY);
+    if (!fd) return nullptr;
+    return std::unique_ptr<FileHandle>(new FileHandle(*fd, 0));
 }
 
 std::unique_ptr<FileHandle> FileHandle::forUpdatingAtPath(const std::string& path)
 {
-    return forUpdatingDescriptor(openFile(path, O_RDWR));
+    return forUpdatingDescriptor(openFile(path, O_RDWR).valueOr(-1));
 }
 
 std::unique_ptr<FileHandle> FileHandle::forUpdatingDescriptor(int fd)

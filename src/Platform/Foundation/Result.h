@@ -27,11 +27,13 @@ public:
     T&& value() && { return std::get<0>(std::move(state_)); }
     T& operator*() & { return value(); }
     const T& operator*() const& { return value(); }
+    T&& operator*() && { return std::move(*this).value(); }
     T* operator->() { return &value(); }
     const T* operator->() const { return &value(); }
 
     // The value, or `fallback` when the operation failed.
     T valueOr(T fallback) const& { return ok() ? value() : std::move(fallback); }
+    T valueOr(T fallback) && { return ok() ? std::move(value()) : std::move(fallback); }
 
     const Error& error() const { return std::get<1>(state_); }
 

@@ -156,8 +156,7 @@ struct WriterCore : std::enable_shared_from_this<WriterCore> {
         t.chunkSamples = 0;
         t.chunkDuration = 0;
         lock.unlock();
-        Error failure;
-        bool ok = file->append(bytes, &failure);
+        Result<void> appended = file->append(bytes);
         fileLock.unlock();
         lock.lock();
         // The next chunk reuses this one's storage: fresh pages for every chunk cost a page
@@ -166,8 +165,8 @@ struct WriterCore : std::enable_shared_from_this<WriterCore> {
             bytes.clear();
             t.spare = std::move(bytes);
         }
-        if (!ok) failLocked(std::move(failure));
-        return ok;
+        if (!appended) failLocked(appended.error());
+        return appended.ok();
     }
 };
 
@@ -407,17 +406,20 @@ void AssetWriterInput::markAsFinished()
 // ---------------------------------------------------------------------------------------
 // AssetWriter
 
-std::unique_ptr<AssetWriter> AssetWriter::create(const std::string& path, const std::string& fileType, Error* error)
+namespace {
+
+Error unknownFileType(const std::string& fileType)
 {
-    if (fileType != kFileTypeQuickTimeMovie) {
-        if (error) *error = Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
-        return nullptr;
-    }
+    return Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
+}
+
+}  // namespace
+
+Result<std::unique_ptr<AssetWriter>> AssetWriter::create(const std::string& path, const std::string& fileType)
+{
+    if (fileType != kFileTypeQuickTimeMovie) return unknownFileType(fileType);
     auto file = qt::MovieFile::create(path);
-    if (!file) {
-        if (error) *error = file.error();
-        return nullptr;
-    }
+    if (!file) return file.error();
     std::unique_ptr<AssetWriter> writer(new AssetWriter());  // NOLINT: private constructor
     writer->impl_ = std::make_unique<Impl>();
     writer->impl_->core->path = path;
@@ -425,19 +427,15 @@ std::unique_ptr<AssetWriter> AssetWriter::create(const std::string& path, const 
     return writer;
 }
 
-std::unique_ptr<AssetWriter> AssetWriter::createOnDescriptor(int fd, const std::string& path,
-                                                             const std::string& fileType, Error* error)
+Result<std::unique_ptr<AssetWriter>> AssetWriter::createOnDescriptor(int fd, const std::string& path,
+                                                                     const std::string& fileType)
 {
     if (fileType != kFileTypeQuickTimeMovie) {
         ::close(fd);
-        if (error) *error = Error{"MovieWriterErrorDomain", -11828, "Cannot write files of type " + fileType};
-        return nullptr;
+        return unknownFileType(fileType);
     }
     auto file = qt::MovieFile::createOnDescriptor(fd);
-    if (!file) {
-        if (error) *error = file.error();
-        return nullptr;
-    }
+    if (!file) return file.error();
     std::unique_ptr<AssetWriter> writer(new AssetWriter());  // NOLINT: private constructor
     writer->impl_ = std::make_unique<Impl>();
     writer->impl_->core->path = path;
@@ -519,15 +517,14 @@ bool AssetWriter::finishWriting()
     std::vector<uint8_t> moov = qt::buildMovieAtom(infos, now);
 
     std::unique_lock fileLock(core.fileMutex);
-    Error failure;
-    bool ok = core.file && core.file->finish(moov, &failure);
+    Result<void> finished = core.file ? core.file->finish(moov) : Result<void>(Error{});
     core.file.reset();
     fileLock.unlock();
-    if (ok)
+    if (finished)
         core.status = AssetWriterStatus::Completed;
     else
-        core.failLocked(std::move(failure));
-    return ok;
+        core.failLocked(finished.error());
+    return finished.ok();
 }
 
 void AssetWriter::setClock(std::function<int64_t()> secondsSince1970)

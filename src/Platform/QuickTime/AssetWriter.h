@@ -18,6 +18,7 @@
 
 #include "Dispatch/Dispatch.h"
 #include "Foundation/Error.h"
+#include "Foundation/Result.h"
 #include "MediaTime/MediaTime.h"
 #include "SampleBuffer/SampleBuffer.h"
 
@@ -64,14 +65,14 @@ private:
 
 class AssetWriter {
 public:
-    // Null with *error set when the file cannot be created there (missing folder, no rights,
-    // an unknown file type); an existing file is an error too, as on the platform.
-    static std::unique_ptr<AssetWriter> create(const std::string& path, const std::string& fileType, Error* error);
+    // Fails when the file cannot be created there (missing folder, no rights, an unknown file
+    // type); an existing file is an error too, as on the platform.
+    static Result<std::unique_ptr<AssetWriter>> create(const std::string& path, const std::string& fileType);
     // A writer into an empty file that the caller created and opened for writing (the writer
     // owns the descriptor from here on); `path` only names it. The file's name stays the
     // caller's: cancelling closes the file but removes nothing.
-    static std::unique_ptr<AssetWriter> createOnDescriptor(int fd, const std::string& path, const std::string& fileType,
-                                                           Error* error);
+    static Result<std::unique_ptr<AssetWriter>> createOnDescriptor(int fd, const std::string& path,
+                                                                   const std::string& fileType);
     ~AssetWriter();
 
     // True when the file open at fd starts as every movie file a writer makes does, from the

@@ -49,8 +49,7 @@ Result<MovieFile> MovieFile::createOnDescriptor(int fd)
 {
     MovieFile file(fd);
     std::vector<uint8_t> headers = fileHeaders();
-    Error failure;
-    if (!file.writeAll(headers.data(), headers.size(), &failure)) return failure;
+    if (auto written = file.writeAll(headers); !written) return written.error();
     file.end_ = file.written_ = headers.size();
     file.buffer_.reserve(kBufferSize);
     return file;
@@ -85,33 +84,30 @@ void MovieFile::close()
     fd_ = -1;
 }
 
-bool MovieFile::writeAll(const uint8_t* data, size_t size, Error* error)
+Result<void> MovieFile::writeAll(std::span<const uint8_t> bytes)
 {
-    const posix::Transfer t = posix::writeAll(fd_, std::span(data, size));
+    const posix::Transfer t = posix::writeAll(fd_, bytes);
     written_ += t.count;
-    if (t.failed()) *error = posixError(t.error, "cannot write the movie");
-    return !t.failed();
+    if (t.failed()) return posixError(t.error, "cannot write the movie");
+    return success();
 }
 
-bool MovieFile::writeBufferAnd(std::span<const uint8_t> bytes, Error* error)
+Result<void> MovieFile::writeBufferAnd(std::span<const uint8_t> bytes)
 {
     iovec parts[2] = {{buffer_.data(), buffer_.size()}, {const_cast<uint8_t*>(bytes.data()), bytes.size()}};
     const posix::Transfer t = posix::writevAll(fd_, parts);
     written_ += t.count;
-    if (t.failed()) {
-        *error = posixError(t.error, "cannot write the movie");
-        return false;
-    }
+    if (t.failed()) return posixError(t.error, "cannot write the movie");
     startWriteback();
     buffer_.clear();
-    return true;
+    return success();
 }
 
-bool MovieFile::writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error)
+Result<void> MovieFile::writeAt(uint64_t offset, std::span<const uint8_t> bytes)
 {
-    const posix::Transfer t = posix::pwriteAll(fd_, std::span(data, size), offset);
-    if (t.failed()) *error = posixError(t.error, "cannot write the movie");
-    return !t.failed();
+    const posix::Transfer t = posix::pwriteAll(fd_, bytes, offset);
+    if (t.failed()) return posixError(t.error, "cannot write the movie");
+    return success();
 }
 
 void MovieFile::startWriteback()
@@ -123,36 +119,32 @@ void MovieFile::startWriteback()
     writebackFrom_ = written_;
 }
 
-bool MovieFile::flush(Error* error)
+Result<void> MovieFile::flush()
 {
-    if (buffer_.empty()) return true;
-    bool ok = writeAll(buffer_.data(), buffer_.size(), error);
+    if (buffer_.empty()) return success();
+    Result<void> written = writeAll(buffer_);
     buffer_.clear();
-    if (ok) startWriteback();
-    return ok;
+    if (written) startWriteback();
+    return written;
 }
 
-bool MovieFile::append(std::span<const uint8_t> bytes, Error* error)
+Result<void> MovieFile::append(std::span<const uint8_t> bytes)
 {
-    if (fd_ < 0) {
-        *error = posixError(EBADF, "cannot write the movie");
-        return false;
-    }
+    if (fd_ < 0) return posixError(EBADF, "cannot write the movie");
     end_ += bytes.size();
     // Large pieces (video chunks) go out with what is buffered in one call, uncopied.
-    if (bytes.size() >= kDirectBytes) return writeBufferAnd(bytes, error);
-    if (buffer_.size() + bytes.size() > kBufferSize && !flush(error)) return false;
+    if (bytes.size() >= kDirectBytes) return writeBufferAnd(bytes);
+    if (buffer_.size() + bytes.size() > kBufferSize) {
+        if (auto flushed = flush(); !flushed) return flushed;
+    }
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-    return true;
+    return success();
 }
 
-bool MovieFile::finish(std::span<const uint8_t> movieAtom, Error* error)
+Result<void> MovieFile::finish(std::span<const uint8_t> movieAtom)
 {
-    if (fd_ < 0) {
-        *error = posixError(EBADF, "cannot write the movie");
-        return false;
-    }
-    if (!flush(error)) return false;
+    if (fd_ < 0) return posixError(EBADF, "cannot write the movie");
+    if (auto flushed = flush(); !flushed) return flushed;
     uint64_t mdatSize = end_ - (kWideAtomOffset + 8);
     AtomWriter header;
     uint64_t at;
@@ -166,14 +158,11 @@ bool MovieFile::finish(std::span<const uint8_t> movieAtom, Error* error)
         header.u64(end_ - kWideAtomOffset);
         at = kWideAtomOffset;
     }
-    if (!writeAll(movieAtom.data(), movieAtom.size(), error)) return false;
+    if (auto written = writeAll(movieAtom); !written) return written;
     end_ += movieAtom.size();
-    if (!writeAt(at, header.bytes().data(), header.size(), error)) return false;
-    if (::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) {
-        *error = posixError(errno, "cannot write the movie");
-        return false;
-    }
-    return true;
+    if (auto patched = writeAt(at, header.bytes()); !patched) return patched;
+    if (::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) return posixError(errno, "cannot write the movie");
+    return success();
 }
 
 }  // namespace corvina::qt

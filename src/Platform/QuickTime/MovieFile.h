@@ -37,17 +37,17 @@ public:
 
     // The offset the next appended bytes will have.
     uint64_t end() const { return end_; }
-    bool append(std::span<const uint8_t> bytes, Error* error);
+    Result<void> append(std::span<const uint8_t> bytes);
     // Flushes, patches the media data size and appends the movie atom.
-    bool finish(std::span<const uint8_t> movieAtom, Error* error);
+    Result<void> finish(std::span<const uint8_t> movieAtom);
     void close();
 
 private:
     explicit MovieFile(int fd) : fd_(fd) {}
-    bool writeAll(const uint8_t* data, size_t size, Error* error);
-    bool writeAt(uint64_t offset, const uint8_t* data, size_t size, Error* error);
-    bool flush(Error* error);
-    bool writeBufferAnd(std::span<const uint8_t> bytes, Error* error);
+    Result<void> writeAll(std::span<const uint8_t> bytes);
+    Result<void> writeAt(uint64_t offset, std::span<const uint8_t> bytes);
+    Result<void> flush();
+    Result<void> writeBufferAnd(std::span<const uint8_t> bytes);
     void startWriteback();
 
     int fd_ = -1;

@@ -117,7 +117,7 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
         EXPECT_EQ(d.frameQuanta(), c.quanta);
         EXPECT_EQ(d.timeCodeFlags() & kTimeCodeFlag_DropFrame, c.dropFlag);
 
-        auto reader = AssetReader::create(asset, nullptr);
+        auto reader = AssetReader::create(asset).valueOr(nullptr);
         auto output = AssetReaderTrackOutput::create(timecode[0]);
         reader->addOutput(output);
         ASSERT_TRUE(reader->startReading());
@@ -149,7 +149,7 @@ TEST(AssetReaderTest, LinearPCMOutputsConvertRateChannelsSizeAndOrder)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.settings.bitDepth << " bits, " << c.settings.sampleRate << " Hz");
-        auto reader = AssetReader::create(asset, nullptr);
+        auto reader = AssetReader::create(asset).valueOr(nullptr);
         auto output = AssetReaderTrackOutput::createAudio(asset->tracksWithMediaType(MediaType::Audio)[0], c.settings);
         ASSERT_TRUE(output);
         reader->addOutput(output);
@@ -179,7 +179,7 @@ TEST(AssetReaderTest, TimeRangeAndStatuses)
                                                               lavfi(constantAudio({100}, 48000, 0.4)),
                                                               {"-c:v", "mjpeg", "-c:a", "pcm_s16le"}}));
     const AssetRef asset = Asset::assetWithPath(path);
-    auto reader = AssetReader::create(asset, nullptr);
+    auto reader = AssetReader::create(asset).valueOr(nullptr);
     reader->setTimeRange(MediaTime::make(4, 25), MediaTime::make(4, 25));
     auto video = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video)[0]);
     auto audio = AssetReaderTrackOutput::createAudio(asset->tracksWithMediaType(MediaType::Audio)[0], {});
@@ -196,7 +196,7 @@ TEST(AssetReaderTest, TimeRangeAndStatuses)
     EXPECT_EQ(audioFrames, 7680u);  // 0.16 s at 48 kHz
     EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
 
-    auto cancelled = AssetReader::create(asset, nullptr);
+    auto cancelled = AssetReader::create(asset).valueOr(nullptr);
     auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video)[0]);
     cancelled->addOutput(output);
     cancelled->startReading();
@@ -212,13 +212,13 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
     {
         std::ofstream(dir / "notes.mov") << "these are not the frames you are looking for";
     }
-    Error error;
     for (const std::string& path : {dir / "notes.mov", dir / "missing.mov", dir.path()}) {
         const AssetRef asset = Asset::assetWithPath(path);
         EXPECT_FALSE(asset->isReadable()) << path;
         EXPECT_TRUE(asset->tracks().empty());
-        EXPECT_FALSE(AssetReader::create(asset, &error));
-        EXPECT_EQ(error.domain, kAssetErrorDomain);
+        auto reader = AssetReader::create(asset);
+        ASSERT_FALSE(reader);
+        EXPECT_EQ(reader.error().domain, kAssetErrorDomain);
     }
     EXPECT_THROW(av::librarySymbol("av_no_such_function"), PlatformException) << "a broken installation";
     const AssetRef remote = Asset::assetWithURL("https://example.invalid/movie.mov");
@@ -241,7 +241,7 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
         std::ofstream(cut, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(keep));
         const AssetRef asset = Asset::assetWithPath(cut);
         if (!asset->isReadable()) continue;
-        auto reader = AssetReader::create(asset, nullptr);
+        auto reader = AssetReader::create(asset).valueOr(nullptr);
         auto output = AssetReaderTrackOutput::create(asset->tracks()[0]);
         reader->addOutput(output);
         reader->startReading();

@@ -164,10 +164,10 @@ TEST(AssetWriter, CreateFailsForExistingFileMissingFolderOrUnknownType)
         {dir / "other.mov", "public.mpeg-4"},
     };
     for (const auto& r : rows) {
-        Error error;
-        EXPECT_FALSE(AssetWriter::create(r.path, r.type, &error)) << r.path;
-        EXPECT_FALSE(error.localizedDescription.empty());
-        EXPECT_NE(error.code, 0);
+        auto writer = AssetWriter::create(r.path, r.type);
+        ASSERT_FALSE(writer) << r.path;
+        EXPECT_FALSE(writer.error().localizedDescription.empty());
+        EXPECT_NE(writer.error().code, 0);
     }
     EXPECT_EQ(readFile(existing), "keep me") << "an existing file is never touched";
 }
