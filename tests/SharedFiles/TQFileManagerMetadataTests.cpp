@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "support/PrivilegedTools.h"
@@ -45,7 +47,9 @@ TEST(TQFileManagerLocks, FoldersOnFileSystemsWithAndWithoutTheFlag)
     EXPECT_FALSE(TQFileManager::isFileLocked(flags / "card") || TQFileManager::isFileLocked(flags / "card/sub"));
     EXPECT_FALSE(TQFileManager::isFileLocked(flags / "outside.mov")) << "links are not followed";
     std::error_code ec;
-    EXPECT_FALSE(fs::remove(flags / "card/a.mov", ec));
+    EXPECT_FALSE(fs::remove(flags / "card/sub/b.mov", ec));
+    EXPECT_TRUE(TQFileManager::removeFile(flags / "card/a.mov", false)) << "a locked item is unlocked, then removed";
+    EXPECT_FALSE(fs::exists(flags / "card/a.mov"));
     TQFileManager::unlockFolder(flags / "card");
     EXPECT_FALSE(TQFileManager::isFileLocked(flags / "card/sub/b.mov"));
     TQFileManager::unlockFolder(flags / "not-a-folder");
@@ -75,7 +79,38 @@ TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
     TQLog::createNewLog("Services");
     TQFileManager::unlockFile(file);
     EXPECT_TRUE(TQFileManager::removeFile(file, false));
-    EXPECT_THAT(loggedProblems(), ElementsAre());
+    EXPECT_TRUE(TQFileManager::removeFile(file)) << "a missing item counts as removed";
+    EXPECT_THAT(loggedProblems(), ElementsAre("Unable to unlock file " + file + ": No such file or directory"));
+}
+
+TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemovalOnlyWhenAllowed)
+{
+    // A file inside a locked folder cannot be removed, not even by root: unlocking the file
+    // itself does not help, the folder's entry cannot change.
+    if (!inChild()) return expectChildPasses();
+    const std::string folder = childHome() + "/sealed";
+    const std::string file = folder + "/take.mov";
+    writeFile(file, "x");
+    struct Unlock {  // so that the folder can go
+        std::string path;
+        ~Unlock() { TQFileManager::unlockFile(path); }
+    } unlock{folder};
+    TQFileManager::lockFile(folder);
+    if (!TQFileManager::isFileLocked(folder)) GTEST_SKIP() << "no immutable flag here";
+    TQLog::createNewLog("Services");
+    Tools tools;
+    EXPECT_FALSE(TQFileManager::removeFile(file, false));
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(file));
+    TQLog::finishWriting();
+    EXPECT_EQ(
+        std::ranges::count(logEntries(childLogPath()), "Error removing file: Operation not permitted. Authorizing..."),
+        1);
+    // Without root the privileged removal would ask for rights. The recorded tool removes
+    // nothing, and the result says so.
+    if (::getuid() != 0) return;
+    EXPECT_FALSE(TQFileManager::removeFile(file));
+    EXPECT_EQ(tools.calls(), (std::vector<Tools::Call>{{"/bin/rm", "-Rdf", "--one-file-system", "--", file}}));
 }
 
 TEST(TQFileManagerMetadata, AttributesAsOtherToolsReadThem)
