@@ -20,6 +20,7 @@
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
+#include "tq/TQException.h"
 #include "tq/TQLog.h"
 #include "tq/TQLogFile.h"
 #include "support/TestSupport.h"
@@ -90,9 +91,7 @@ TEST(TQLogRotation, AllSubsetsOfExistingFiles)
     const std::string root = childHome();
     for (int mask = 0; mask < 32; ++mask) {
         SCOPED_TRACE("case " + std::to_string(mask));
-        const std::string home = root + "/case" + std::to_string(mask);
-        setenv("HOME", home.c_str(), 1);
-        setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
+        const std::string home = useHome(root + "/case" + std::to_string(mask));
         for (int n = 1; n <= 5; ++n)
             if (mask & (1 << (n - 1))) writeFile(logPath(home, "Tool", n), "old" + std::to_string(n) + "\n");
         TQLog::createNewLog("Tool");
@@ -127,8 +126,7 @@ TEST(TQLogFailures, ReportedOnTheConsole)
         EXPECT_EQ(readFile(logPath(home, "Tool", 1)), "one\n");
         EXPECT_FALSE(TQLog::sharedController().hasFileHandle());
         writeFile(afile, "not a folder");
-        setenv("HOME", afile.c_str(), 1);
-        setenv("TQ_LOCAL_ROOT", afile.c_str(), 1);
+        useHome(afile);
         TQLog::createNewLog("Tool");
         TQLog::fastAppendLog("first %d", 1);
         TQLog::fastAppendLog("second");
@@ -483,6 +481,37 @@ TEST(TQLogStarts, RunsStartingTogetherEachKeepTheirWholeLog)
         EXPECT_EQ(summaries.size(), size_t(kRuns)) << "each run's log is there once";
     }
     ::close(folder);
+}
+
+// Logged in a child of its own (the log exists once per process); the second run has logging
+// switched off and must still hand back the message.
+TEST(TQException, LogExceptionWritesTheMessageAsItStands)
+{
+    const std::string expected =
+        "Exception in -[TQTaskEx launchAsyncTask]. NSInvalidArgumentException - path %@ has 5% and %d.";
+    if (inChild()) {
+        TQLog::createNewLog("Services");
+        EXPECT_EQ(
+            TQException::logException(corvina::PlatformException("NSInvalidArgumentException", "path %@ has 5% and %d"),
+                                      "-[TQTaskEx launchAsyncTask]"),
+            expected);
+        TQLog::finishWriting();
+        const auto log = logEntries(childLogPath());
+        if (childCase() == 0) {
+            EXPECT_EQ(log.empty() ? "" : log.back(), expected);
+        }
+        return;
+    }
+    for (int disabled = 0; disabled < 2; ++disabled) {
+        TempDir home;
+        if (disabled)
+            writeFile(home / "Library/Preferences/com.brantwell.global.plist",
+                      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>disable-logging</key>"
+                      "<string>1</string></dict></plist>");
+        const TestRun run = runTest({}, home.path(), {{"CORVINA_CASE", std::to_string(disabled)}});
+        EXPECT_EQ(run.status, 0) << run.output;
+        EXPECT_EQ(run.printed, disabled ? "Logging is disabled\n" : TQLog::consoleCopy(expected) + "\n");
+    }
 }
 
 }  // namespace corvina::tq
