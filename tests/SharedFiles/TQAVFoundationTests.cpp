@@ -1,6 +1,4 @@
-// Asset timing, timecode tracks, codec names and waveforms, on movies made by ffmpeg; and
-// re-export through the movie writer (round trips checked by the tools, time ranges,
-// re-encoding, progress, cancellation and failures, with callbacks on the main queue).
+// Asset timing, timecode, codec names and waveforms; re-export through the movie writer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,8 +44,7 @@ TEST(TQAVFoundationTest, TimingAndStartTimecodeAtCommonRates)
         const char* start;  // with default start "00:00:00:00"
         const char* atOneSecond;
     };
-    // How each container keeps its timecode is the asset layer's business (its own tests); here
-    // the rates: whole or NTSC, drop frame or not.
+    // The rates (whole or NTSC, drop frame or not); how containers keep timecode is the asset layer's.
     const Case cases[] = {
         {"t25.mov", "25", nullptr, 25.0, false, "00:00:00:00", "00:00:01:00"},
         {"t2398.mov", "24000/1001", "00:59:59:12", 24000.0 / 1001, false, "00:59:59:12", "01:00:00:12"},
@@ -134,8 +131,7 @@ TEST(TQAVFoundationTest, FourCharacterCodesAndCodecNames)
     EXPECT_EQ(TQAVFoundation::fourCCString(0x61E95C0A), "a\\xE9\\\\\\x0A");
     EXPECT_EQ(TQAVFoundation::fourCCString(0), "\\x00\\x00\\x00\\x00");
 
-    // One row of each kind of name (a table entry, one naming its code, a code not in the
-    // table, a track that is no sound or picture): the other entries would restate the table.
+    // One row of each kind of name: more table entries would restate the table.
     const auto picture = lavfi("testsrc=s=64x48:r=30000/1001:d=0.1");
     const auto sound = lavfi(constantAudio({1}, 48000, 0.1));
     struct Case {
@@ -397,8 +393,7 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         EXPECT_EQ(streams[0].at("nb_read_packets"), "10");
         const auto video = extractStreamBytes(input, 'v');  // passed through unchanged
         expectToolsAccept(output, true, &video);
-        // Two pumps report: at most once a percentage (give or take a race between them), up
-        // to nearly the whole export.
+        // Two pumps report, at most once a percentage (give or take a race), up to nearly the end.
         ASSERT_FALSE(progress.empty());
         EXPECT_LE(progress.size(), 101u);
         EXPECT_GE(*std::max_element(progress.begin(), progress.end()), 0.9f);
@@ -424,8 +419,7 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     EXPECT_EQ(streams[0].at("codec_tag_string"), "dvcp");
     EXPECT_EQ(streams[0].at("nb_read_packets"), "5");
     expectToolsAccept(output, true);
-    // One track: whole percentages that only rise, and the mean of the two stays at or below
-    // half (the last of 5 frames starts at 4/5 of the range).
+    // One track: rising whole percentages, ending where the last of 5 frames starts (4/5 of 0.5).
     ASSERT_FALSE(progress.empty());
     for (size_t i = 1; i < progress.size(); ++i)
         EXPECT_GT(std::lround(progress[i] * 100), std::lround(progress[i - 1] * 100));
@@ -440,13 +434,10 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     EXPECT_FALSE(std::filesystem::exists(dir / "prores.mov"));
 }
 
-// A cancel during an export keeps what was at the output; one on an idle exporter, before
-// the first export or after a finished one, stops nothing, so the export after it runs to
-// its end.
+// A cancel keeps what was at the output; one on an idle exporter stops no later export.
 TEST(TQAVExportTest, CancelActsOnlyOnTheExportInProgress)
 {
-    // Long enough that a cancel on the first progress report lands well before half-way,
-    // however late a loaded machine lets it act.
+    // Long enough that a cancel on the first progress report lands before half-way, however late.
     const std::string input = source("long.mov", "testsrc=s=64x48:r=25:d=12", {"-c:v", "mjpeg", "-c:a", "pcm_s16le"},
                                      constantAudio({1}, 48000, 12));
     TempDir dir;

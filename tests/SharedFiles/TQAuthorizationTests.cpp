@@ -53,9 +53,8 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectlyAndGetsTheirStatus)
     EXPECT_EQ(auth.authExecTask("/bin/sh", {"-c", "exit 3"}, false), 3) << "a failing tool is not a success";
 }
 
-// Runs in a child on its own terminal, dropped to an unprivileged user without sudo rights
-// (nobody). The controller may ask (GUI allowed) but there is no display: sudo must not ask
-// on the terminal, and every privileged operation must fail and leave things as they were.
+// As nobody on a terminal with no display: sudo must not ask, and every privileged step fails
+// and leaves things as they were.
 TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
 {
     const std::string home = childHome();

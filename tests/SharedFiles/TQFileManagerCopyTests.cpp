@@ -268,8 +268,7 @@ TEST(TQFileManagerCopy, FullFileSystemFailsTheCopyAndRemovesTheShortFile)
     const std::string small = smallMount.path();
     const std::string source = makeFile(scratch / "take.mov", 3 * MiB);
     ASSERT_TRUE(TQFileManager::setModificationDate(corvina::Date(std::chrono::seconds(1000000000)), source));
-    // Write errors do not stop the copy to the other destination, but nothing that follows a
-    // complete copy happens: no final report, verification, dates or finished call.
+    // The other destination is copied whole, but nothing that follows a complete copy happens.
     for (const auto type : {TQVerificationType::SHA1, TQVerificationType::None}) {
         Recorder rec;
         corvina::ScopedSystemLogCapture log;
@@ -289,8 +288,7 @@ TEST(TQFileManagerCopy, FullFileSystemFailsTheCopyAndRemovesTheShortFile)
 TEST(TQFileManagerHash, FilesAgreeWithCoreutilsAroundEveryBlockBoundary)
 {
     TempDir scratch;
-    // Digest blocks (64 and 128 bytes), the 64 KiB and 1 MiB read blocks, either side of each;
-    // the last is 3 MiB + 4097.
+    // Either side of the digest blocks (64, 128) and the read blocks (64 KiB, 1 MiB).
     const size_t sizes[] = {0,   1,   55,    56,    63,    64,      65,      111,     112,    127,
                             128, 129, 65535, 65536, 65537, 1048575, 1048576, 1048577, 3149825};
     for (const size_t size : sizes) {

@@ -1,6 +1,5 @@
-// Archives, waiting for writers, and what rm, cp -n, mv -n and unzip refuse, which the file
-// services refuse too: each refusal runs on twin trees, once through the file services and
-// once through the real tool, and the two outcomes are compared.
+// Archives, waiting for writers, and refusals compared with rm, cp -n, mv -n and unzip on
+// twin trees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -30,8 +29,7 @@ using namespace corvina::test;
 
 namespace {
 
-// Every item below root (mounts inside included): its kind and content ("f:bytes", "d",
-// "l:target", "special"), with the permission bits when asked for.
+// Every item below root: "f:bytes", "d", "l:target" or "special", with the mode when asked.
 std::map<std::string, std::string> listing(const std::string& root, bool modes = false)
 {
     std::map<std::string, std::string> out;
@@ -57,8 +55,7 @@ long long allocated(const std::string& path)
     return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_blocks) * 512 : -1;
 }
 
-// A folder of footage-like items: nested folders, an empty one, a link, a file of several
-// read blocks and names with blanks.
+// Nested folders, an empty one, a link, a file of several read blocks, names with blanks.
 void makeTree(const std::string& root)
 {
     makeFile(root + "/clip 1.mov", 3 * 1048576 + 11, 5);
@@ -117,8 +114,7 @@ TEST(TQFileManagerRefusals, RemovalRefusesWhatRmRefuses)
         EXPECT_EQ(listing(ours), listing(theirs));
         EXPECT_EQ(readFile(ours + "/O/x/o"), "/O/x/o");
     }
-    // A link named with a trailing slash: rm empties the folder it leads to, the file service
-    // removes the link alone; nor does the privileged removal follow it.
+    // "lnk/": rm empties the folder it leads to; we remove the link alone, privileged or not.
     writeFile(s / "O/x/o", "o");
     fs::create_symlink(s / "O/x", s / "lnk");
     EXPECT_TRUE(TQFileManager::removeFile(s / "lnk/", false));
@@ -140,8 +136,7 @@ TEST(TQFileManagerRefusals, PrivilegedMovesAndCopiesNeverReplace)
     Tools tools(Tools::run);  // the real tools, with this process's own rights
     TQAuthorization& auth = TQAuthorization::sharedController();
     TempDir s;
-    // sameAsTool: the tool, without -T, ends as we do; otherwise it moves or copies into the
-    // folder that is there, and we change nothing.
+    // sameAsTool false: the tool moves or copies into the folder there; we change nothing.
     const struct {
         bool move;
         const char* from;
@@ -175,8 +170,7 @@ TEST(TQFileManagerRefusals, PrivilegedMovesAndCopiesNeverReplace)
                                            ::testing::Not(::testing::Contains("-f"))));
     EXPECT_FALSE(auth.authCreateDir(s / "ours0/a.mov/x")) << "mkdir failed, and the result says so";
 
-    // Something arrives between the test and the tool: "mv -n" leaves it and ends with 0, and
-    // the move is reported as the failure it is.
+    // Something arrives before the tool runs: "mv -n" leaves it and ends with 0; the move failed.
     writeFile(s / "late/a.mov", "a");
     TQAuthorization::setExecHookForTesting([&](const std::string& t, std::vector<std::string> args, bool) {
         writeFile(s / "late/b.mov", "arrived");
@@ -194,9 +188,8 @@ TEST(TQFileManagerRefusals, HostileArchiveUnpacksAsUnzipDoes)
 {
     TempDir s;
     fs::create_directories(s / "outside");
-    // Set-id and sticky bits, a pipe, devices, a socket, an owner from Info-ZIP's "ux" field
-    // (uid and gid 4242), a name given twice, escapes up and from the root, and a link out of
-    // the folder with an entry through it (refused; its log line once read freed memory).
+    // Set-id bits, special files, an owner in Info-ZIP's "ux" field, a name twice, escapes, and
+    // an entry through a link out of the folder (refused; its log line once read freed memory).
     const std::string zip = s / "hostile.zip";
     runProgram({"python3", "-c", R"(
 import stat, struct, sys, warnings, zipfile
@@ -214,8 +207,7 @@ add('lnk', sys.argv[2], stat.S_IFLNK | 0o777); add('lnk/evil.txt', 'evil', stat.
 z.close())",
                 zip, s / "outside"});
     ASSERT_TRUE(fs::exists(zip));
-    // A long folder name: the refused entry's name, rewritten below it, no longer fits where
-    // it was, so reading the old one is a use after free under AddressSanitizer.
+    // A long folder name, so that reading the refused entry's old name is caught by ASan.
     const std::string folder = s / std::string(200, 'o');
     ASSERT_TRUE(TQFileManager::decompressFile(zip, folder));
     runProgram({"unzip", "-q", "-n", zip, "-d", s / "unzip"});
@@ -225,8 +217,7 @@ z.close())",
         EXPECT_EQ(ours.at(name), theirs.at(name)) << name;
     }
     EXPECT_EQ(ours.at("suid") + ", " + ours.at("sticky") + ", " + ours.at("dup.txt"), "f:x 755, d 777, f:first 644");
-    // unzip makes an empty file of each; the file service leaves them out (libarchive reads
-    // the pipe as a file already).
+    // unzip makes an empty file of each; we leave them out.
     for (const char* special : {"fifo", "chr", "blk", "sock"}) {
         EXPECT_EQ(theirs.at(special), "f: 666") << special;
         EXPECT_TRUE(!ours.count(special) || ours.at(special) == "f: 666") << special;
@@ -254,8 +245,7 @@ TEST(TQFileManagerRefusals, PipesAndDevicesNeverHoldHashingOrCopying)
     const std::string pipe = s / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0644), 0);
     const std::string movie = makeFile(s / "take.mov", 1000);
-    // Should an open wait for the other end after all, one comes after twenty seconds, and
-    // says so.
+    // Should an open wait for the other end after all, one comes after twenty seconds, and says so.
     std::atomic<bool> done{false}, rescued{false};
     std::thread other([&] {
         const auto rescue = std::chrono::steady_clock::now() + std::chrono::seconds(20);

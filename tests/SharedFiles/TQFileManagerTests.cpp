@@ -149,8 +149,7 @@ TEST(TQFileManagerNames, TouchAndModificationDates)
     EXPECT_TRUE(TQFileManager::touchFile(file));
     EXPECT_GE(mtimeSeconds(file), before);
 
-    // A missing file cannot be written, so the privileged branch runs "touch -c", which
-    // creates nothing.
+    // A missing file: the privileged "touch -c", which creates nothing.
     Tools privileged;
     EXPECT_TRUE(TQFileManager::touchFile(scratch / "missing", true));
     EXPECT_FALSE(TQFileManager::touchFile(""));
@@ -335,8 +334,7 @@ TEST(TQFileManagerLocks, UnlockingNeverNeedsToReadTheItem)
 
 TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemovalOnlyWhenAllowed)
 {
-    // A file inside a locked folder cannot be removed, not even by root: unlocking the file
-    // itself does not help, the folder's entry cannot change.
+    // A file in a locked folder cannot be removed, not even by root.
     if (!inChild()) return expectChildPasses();
     const std::string folder = childHome() + "/sealed";
     const std::string file = folder + "/take.mov";
@@ -356,8 +354,7 @@ TEST(TQFileManagerLog, UnremovableItemFallsBackToPrivilegedRemovalOnlyWhenAllowe
     EXPECT_EQ(
         std::ranges::count(logEntries(childLogPath()), "Error removing file: Operation not permitted. Authorizing..."),
         1);
-    // Without root the privileged removal would ask for rights. The recorded tool removes
-    // nothing, and the result says so.
+    // The recorded privileged tool removes nothing, and the result says so.
     if (::getuid() != 0) return;
     EXPECT_FALSE(TQFileManager::removeFile(file));
     EXPECT_EQ(tools.calls(), (std::vector<Tools::Call>{{"/bin/rm", "-Rdf", "--one-file-system", "--", file}}));
@@ -437,8 +434,7 @@ TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
     // The third one is trashed within the second of the second one, or not.
     EXPECT_TRUE(std::regex_match(names[3], std::regex(R"(my report_\d{14}( 2)?\.txt)"))) << names[3];
     EXPECT_TRUE(std::regex_match(names[4], std::regex(R"(my report_\d{14}( 2)?\.txt)"))) << names[4];
-    // Each record names the original place, percent-encoded, and the local time of deletion;
-    // following it back restores the item.
+    // Each record names the original place (percent-encoded) and the time; following it restores it.
     for (const auto& name : names) {
         const std::string info =
             readFile(fs::path(trashFiles()).parent_path().string() + "/info/" + name + ".trashinfo");

@@ -85,8 +85,7 @@ TEST(TQLocalPathsTest, FolderMapping)
     if (!inChild()) return expectChildPasses();
     const std::string h = privateHome(), root = h + "/root";
     using P = TQLocalPaths;
-    // One or two of each way a folder is found (user or local domain, a folder below
-    // another, the user-dirs defaults, the domain masks), not every entry of the lists.
+    // One or two of each way a folder is found, not every entry of the lists.
     const struct {
         const char* what;
         std::optional<std::string> actual, expected;
@@ -217,8 +216,7 @@ TEST(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
     EXPECT_EQ(TQLocalPaths::username(), "root");
 }
 
-// An unprivileged process ignores the console user; one whose real and effective ids
-// differ ignores the test variables altogether.
+// Unprivileged, the console user is ignored; with real and effective ids apart, the test variables.
 TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
 {
     if (getuid() != 0) GTEST_SKIP() << "needs root to change user";

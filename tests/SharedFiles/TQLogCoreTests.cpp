@@ -1,5 +1,4 @@
-// The log's callers' side, queue and writer, most in this process with a log of their own
-// writing to memory; and the files a batch writes across restarts.
+// The log's callers' side, queue and writer; the files a batch writes across restarts.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -62,8 +61,7 @@ std::string printedBy(const std::function<void()>& fn)
 
 }  // namespace
 
-// Texts are trimmed, blank ones dropped, "%" in formats literal, finished texts as given.
-// The printing calls print the console copy unless printing is off; the debug one never does.
+// Texts trimmed, blank ones dropped; the console copy unless printing is off (never for debug).
 TEST(TQLogCore, TextsAsWrittenAndPrinted)
 {
     MemoryLog m;
@@ -95,8 +93,7 @@ TEST(TQLogCore, TextsAsWrittenAndPrinted)
     EXPECT_EQ(printed, "Done: 100%% ok\n\n50%% and 3\nas given 5%%%%\nleft  and a nul byte\n");
 }
 
-// fastAppend hands its format and arguments to the writer to format; each row must come
-// out as the caller's formatting writes it.
+// fastAppend formats on the writer; each row must come out as append formats it on the caller.
 TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
 {
     MemoryLog m;
@@ -116,9 +113,7 @@ TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
     both("Progress: 50% done %d", 3);
     both("%@", std::string(" \t "));  // nothing left after trimming
     both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
-    // Formats are kept by the writer and known again by their text: a buffer reused for
-    // another format, one too long to keep and more formats than are kept must all still
-    // come out as given.
+    // Formats kept by the writer: a reused buffer, one too long to keep, more than are kept.
     static char reused[] = "first %u";  // in the program's image, but writable
     both(static_cast<const char*>(reused), 1u);
     reused[0] = 'F';
@@ -132,9 +127,7 @@ TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
     EXPECT_EQ(texts[4], "clip 7%  / (null) /   padded");
 }
 
-// A series comes out as the lines it stands for: counters going up (across a digit), null
-// formats logging nothing, and lines with objects (described one by one) among them. A long
-// series is queued in pieces; the count goes on across them.
+// A series is its lines: counters going up, null formats skipped; a long one goes in pieces.
 TEST(TQLogCore, SeriesAreTheLinesTheyStandFor)
 {
     MemoryLog m;
@@ -210,8 +203,7 @@ struct Described {
     std::string description() const { return "obj" + std::to_string(n); }
 };
 
-// Per-thread "t<thread> <line>" texts: each line exactly once, each thread's in order, up to
-// its last; from line 0 when fromStart. Returns the first faults found ("" for none).
+// Faults in per-thread "t<thread> <line>" texts: lines missing, repeated or out of order.
 std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, int lines, bool fromStart)
 {
     std::string faults;
@@ -237,8 +229,7 @@ std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, 
 
 }  // namespace
 
-// Threads that each wait for every line they log: nothing deadlocks, and each thread's lines
-// land once, in order.
+// Threads that each wait for every line: no deadlock, each line once and in order.
 TEST(TQLogConcurrency, FinishWritingFromManyThreads)
 {
     TQLogMemorySink sink;
@@ -256,9 +247,7 @@ TEST(TQLogConcurrency, FinishWritingFromManyThreads)
     EXPECT_EQ(lineOrderFaults(sink.texts(), 4, 200, true), "");
 }
 
-// Three producers against a stopped writer: they fill the queue to its bound and wait there;
-// once the writer runs, every entry arrives once, formatted as the caller would have, in
-// each producer's order.
+// Producers wait at the queue's bound; once the writer runs, every entry arrives once, in order.
 TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
 {
     TQLogMemorySink sink;
@@ -324,10 +313,8 @@ std::string withoutDates(const std::string& text)
 
 }  // namespace
 
-// One batch that restarts the file 4 to 12 times, written with and without skipping the files
-// it rotates out itself, and with every other text deferred (made only if it is kept): the
-// files left on disk are the same, and older runs' files are gone exactly when five or more
-// restarts rotate them out.
+// A batch that restarts the file 4 to 12 times leaves the same files with or without the
+// shortcut and with deferred texts; five or more restarts rotate older runs out.
 TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
 {
     if (!inChild()) return expectChildPasses();
@@ -378,9 +365,8 @@ TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
     }
 }
 
-// Three producers across many restarts, the writer held now and then so that batches cross
-// several restarts at once; with and without the shortcut. The five files kept hold each
-// thread's last lines without a gap or a repeat, and every file is cut where it should be.
+// Producers across many restarts, batches held to cross several: the kept files hold each
+// thread's last lines without a gap or a repeat, each file cut where it should be.
 class TQLogConcurrencyRestarts : public ::testing::TestWithParam<bool> {};
 
 TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)

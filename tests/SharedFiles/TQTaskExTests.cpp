@@ -123,8 +123,7 @@ TEST(TQTaskExData, ReturnsOutputElseErrorElseAnEmptyBuffer)
     EXPECT_TRUE(discarded->empty());
 }
 
-// What may run is the platform's executable check; here only that every form applies it,
-// package folders included.
+// Every form applies the platform's executable check, package folders included.
 TEST(TQTaskExData, ToolsThatCannotRunGiveNoneMinusOneOrFalse)
 {
     TempDir scratch;
@@ -177,8 +176,7 @@ TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
     if (!inChild()) return expectChildPasses();
     TQLog::createNewLog("Services");
     TQLog::sharedController().setNoPrinting(true);
-    // 2.9 s counts as 2 s; the tool would sleep 10 s. The caller (the main thread) is
-    // blocked reading the tool's output when the time-out ends it.
+    // 2.9 s counts as 2 s; the main thread is blocked reading when the time-out ends the tool.
     const auto data =
         TQTaskEx::dataFromTask("/bin/sh", {"-c", "echo begun; exec sleep 10"}, std::chrono::duration<double>(2.9));
     EXPECT_EQ(asText(data), "begun\n") << "what was collected before the termination";
@@ -188,8 +186,7 @@ TEST(TQTaskExTimeoutConcurrency, TerminatesTheToolAfterWholeSecondsAndLogsOnce)
 
 TEST(TQTaskExTimeoutConcurrency, EndsTheToolsWholeGroupWithinTheGracePeriod)
 {
-    // Each tool leaves work to a process of its own; a time-out of 1 s must end that process
-    // as well, killing it after the grace period when it ignores the terminate signal.
+    // A time-out ends the tool's whole group, killing what ignores the terminate signal.
     using Clock = std::chrono::steady_clock;
     // The tools would run for a minute; the bound leaves a slow machine ample time for the
     // time-out, the grace period and the shell's start, and still tells an ended group from
@@ -362,12 +359,9 @@ TEST(TQTaskExAsyncConcurrency, HandlerCanEndItsOwnRunAndStartAnother)
     EXPECT_EQ(firstCalls, 1) << "the first run ended when the second began";
 }
 
-// --- Time-outs of any length --------------------------------------------------------------
-
 TEST(TQTaskExTimeoutConcurrency, ShortTimeoutsAlwaysTerminate)
 {
-    // Under one second the timer expires at once, usually before the tool is even launched;
-    // runs one after another on one instance are each ended by their own timer.
+    // Under a second the timer may expire before the launch; each run is ended by its own timer.
     for (double seconds : {0.0, 0.3}) {
         TQTaskEx runner;
         for (int i = 0; i < 15; ++i) {

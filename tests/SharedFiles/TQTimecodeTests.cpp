@@ -1,5 +1,4 @@
-// Frame counts <-> timecode strings, drop frame, arithmetic; strings from typed entries,
-// seconds and the time of day; file-name forms.
+// Frame counts and timecode strings, drop frame, arithmetic, typed entries, seconds, time of day.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -46,8 +45,7 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
         {1800, kNone, true, 0, "00:01:00;02"},
         // 25 fps drop frame: two numbers dropped each minute as well (drops follow the true rate)
         {1500, k25, true, 0, "00:01:00;02"},
-        // 25 fps has no NTSC ten-minute block: its real ten minutes (15000 frames) already
-        // span 15000 numbers, so the 18 inserted numbers push the count past 10:00.
+        // No ten-minute block at 25 fps: the 18 numbers inserted push the count past 10:00
         {15000, k25, true, 0, "00:10:00;18"},
         // Below 7.5 fps nothing is dropped
         {361, FrameRate::whole(6), true, 0, "00:01:00;01"},
@@ -91,8 +89,7 @@ TEST(TQTimecodeTest, TimecodeToFrameCountWorkedValues)
     }
 }
 
-// Every frame of a day at 29.97 and 59.94 reads back to its own count, numbers are skipped
-// only at minute starts, and every label skipped reads as the next frame that exists.
+// Every frame of a day reads back; numbers are skipped only at minute starts, and read as the next.
 TEST(TQTimecodeTest, DropFrameNumbersEveryFrameOfTwentyFourHours)
 {
     for (const FrameRate rate : {k2997, k5994}) {
@@ -105,8 +102,7 @@ TEST(TQTimecodeTest, DropFrameNumbersEveryFrameOfTwentyFourHours)
             ASSERT_EQ(TQTimecode::subtractDroppedFrames(nominal, rate), count) << "count " << count;
             for (uint64_t skipped = previous + 1; skipped < nominal; ++skipped)
                 ASSERT_EQ(TQTimecode::subtractDroppedFrames(skipped, rate), count) << "label " << skipped;
-            // Consecutive frames have consecutive numbers, except that minutes not divisible by
-            // ten start at number 2 (29.97) or 4 (59.94).
+            // Minutes not divisible by ten start at number 2 (29.97) or 4 (59.94).
             const bool minuteStart = nominal % (60 * timebase) == dropped && nominal / (60 * timebase) % 10 != 0;
             ASSERT_EQ(nominal - previous, count == 0 ? 0 : minuteStart ? dropped + 1 : 1) << "count " << count;
             previous = nominal;
@@ -116,8 +112,7 @@ TEST(TQTimecodeTest, DropFrameNumbersEveryFrameOfTwentyFourHours)
     EXPECT_EQ(TQTimecode::frameCountFromTimecode("00:01:00;01", k2997, true, 0), 1800);
 }
 
-// Through the strings, a day of frames (sampled) reads back as the counts that printed it,
-// and the last frame of the day prints as the rate's last label.
+// A day of frames (sampled) reads back through the strings; the last prints as the last label.
 TEST(TQTimecodeTest, StringsRoundTripAtEveryKindOfRate)
 {
     const struct {
@@ -195,8 +190,7 @@ TEST(TQTimecodeTest, Arithmetic)
     EXPECT_EQ(TQTimecode::timecode("00:00:59;29", 1, k2997, true), "00:01:00;02");
     EXPECT_EQ(TQTimecode::timecode("00:01:00;02", -1, k2997, true), "00:00:59;29");
     EXPECT_EQ(TQTimecode::timecode("01:00:00:00", 48, k24, false), "01:00:02:00");
-    // A skipped label moves on to the frame that exists (labels that exist read back as they
-    // are: the string round trips above).
+    // A skipped label moves on to the frame that exists.
     EXPECT_EQ(TQTimecode::timecode("00:02:00;00", 0, k2997, true), "00:02:00;02");
 
     // subtractTimecode(a, fromTimecode b): b - a, none when negative
