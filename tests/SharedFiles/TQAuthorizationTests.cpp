@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <thread>
 #include <string>
-#include <vector>
 
 #include "Foundation/SystemLog.h"
 #include "support/PrivilegedTools.h"
