@@ -43,8 +43,7 @@ public:
     std::atomic<bool> dismissed{false};
 };
 
-// An alert nobody answers until the test does, or, given an answer, a person who sets the
-// check box to `check` and presses the button at once. Remembers what it was asked to show.
+// Answers when the test does, or at once with the check box set to `check`; records what it showed.
 class ManualPresenter : public corvina::AlertPresenter {
 public:
     ManualPresenter() = default;
@@ -114,8 +113,7 @@ public:
 };
 class OtherDelegate : public TQAlertDelegate {};
 
-// The child's answer: its return code and its stored check box, written where the parent
-// can read them.
+// The child's return code and stored check box, for the parent to read.
 void reportResult(int64_t code)
 {
     const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
@@ -130,9 +128,7 @@ void reportResult(int64_t code)
 
 }  // namespace
 
-// Nobody to ask: the short forms and the timed alert reach the headless presenter and end
-// with the default button; a delegate hears the end unless an end handler takes its place,
-// and a caller that does not wait gets -1.
+// Nobody to ask: the default button; an end handler replaces the delegate; no wait gives -1.
 TEST(TQAlertHeadless, DefaultButtonAndWhoHearsTheEnd)
 {
     PresenterScope scope(corvina::makeHeadlessAlertPresenter());
@@ -285,8 +281,7 @@ TEST(TQAlertConcurrency, SessionLetGoWhileItsReaderFinishesTheAnswer)
               corvina::kAlertAlternateReturn);
 }
 
-// A timed alert nobody answers ends itself with the default button and goes away; one answered
-// first (from another thread, while the main thread waits serving its queue) keeps the answer.
+// A timed alert ends with the default button unless an answer (from another thread) comes first.
 TEST(TQAlertConcurrency, TimedAlertEndsWithTheTimerOrTheFirstAnswer)
 {
     auto presenter = std::make_shared<ManualPresenter>();
@@ -359,10 +354,8 @@ TEST(TQAlertSuppression, CheckBoxReadsAndStoresTheDefault)
     EXPECT_TRUE(stored().boolValue());
 }
 
-// The dialog program itself, pointed at a display that nobody serves: its failure is no
-// answer, so neither the question nor the timed alert may take it for the alternate button.
-// The timer is far longer than the program takes to fail on a loaded machine: ending first,
-// it would take the alert away before the failure could be seen.
+// A real dialog on a display nobody serves is no answer: the timed alert takes the fallback's, and
+// its timer is far longer than a loaded machine takes to see the failure.
 TEST(TQAlertPresenters, DialogOnADeadDisplayFallsBackToNobody)
 {
     if (!corvina::isExecutablePath("/usr/bin/zenity")) GTEST_SKIP() << "zenity is not installed";
@@ -371,18 +364,12 @@ TEST(TQAlertPresenters, DialogOnADeadDisplayFallsBackToNobody)
     writeFile(wrapper, "#!/bin/sh\nexec env DISPLAY=:187 NO_AT_BRIDGE=1 /usr/bin/zenity \"$@\"\n",
               fs::perms::owner_all);
     PresenterScope scope(corvina::makeDialogAlertPresenter(wrapper, corvina::makeHeadlessAlertPresenter()));
-    for (const bool timed : {false, true}) {
-        SCOPED_TRACE(timed ? "timed" : "question");
-        corvina::ScopedSystemLogCapture capture;
-        const int64_t code =
-            timed ? TQAlert::timedAlertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
-                                                            nullptr, std::chrono::seconds(120))
-                  : TQAlert::alertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
-                                                       nullptr, true);
-        EXPECT_EQ(code, corvina::kAlertDefaultReturn);
-        EXPECT_THAT(capture.messages(), Contains(testing::StartsWith("Alert dialog cannot be shown: ")));
-        EXPECT_THAT(capture.messages(), Contains("Alert: Replace the movie?"));
-    }
+    corvina::ScopedSystemLogCapture capture;
+    EXPECT_EQ(TQAlert::timedAlertSheetWithMessageText("Replace the movie?", "Replace", "Keep", nullptr, nullptr,
+                                                      nullptr, std::chrono::seconds(120)),
+              corvina::kAlertDefaultReturn);
+    EXPECT_THAT(capture.messages(), Contains(testing::StartsWith("Alert dialog cannot be shown: ")));
+    EXPECT_THAT(capture.messages(), Contains("Alert: Replace the movie?"));
 }
 
 TEST(TQAlertChild, DISABLED_AsksOnTheTerminal)

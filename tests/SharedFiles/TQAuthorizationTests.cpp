@@ -7,19 +7,28 @@
 #include <filesystem>
 #include <thread>
 #include <string>
-#include <vector>
 
 #include "Foundation/SystemLog.h"
 #include "support/PrivilegedTools.h"
 #include "Process/Process.h"
 #include "tq/TQAuthorization.h"
+#include "tq/TQFileManager.h"
+#include "tq/TQLocalPaths.h"
 #include "tq/TQLog.h"
+
+namespace fs = std::filesystem;
 
 namespace corvina::tq {
 
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::StartsWith;
 using namespace corvina::test;
+using Call = Tools::Call;
+
+namespace {
+TQAuthorization& auth() { return TQAuthorization::sharedController(); }
+}  // namespace
 
 TEST(TQAuthorizationExec, MissingToolIsReportedWithoutAskingForRights)
 {
@@ -41,14 +50,10 @@ TEST(TQAuthorizationExec, RootRunsToolsDirectlyAndGetsTheirStatus)
     EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", scratch / "tree"}, false), 0);
     EXPECT_FALSE(std::filesystem::exists(scratch / "tree")) << "waited for the tool";
     EXPECT_EQ(auth.authExecTask("/bin/sh", {"-c", "exit 3"}, false), 3) << "a failing tool is not a success";
-    writeFile(scratch / "doomed/file", "x");
-    EXPECT_TRUE(auth.authRemoveFile(scratch / "doomed"));
-    EXPECT_FALSE(std::filesystem::exists(scratch / "doomed"));
 }
 
-// Runs in a child on its own terminal, dropped to an unprivileged user without sudo rights
-// (nobody). The controller may ask (GUI allowed) but there is no display: sudo must not ask
-// on the terminal, and every privileged operation must fail and leave things as they were.
+// As nobody on a terminal with no display: sudo must not ask, and every privileged step fails
+// and leaves things as they were.
 TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
 {
     const std::string home = childHome();
@@ -69,8 +74,6 @@ TEST(TQAuthorizationChild, DISABLED_UnprivilegedUserIsRefusedWithoutAPrompt)
     EXPECT_EQ(auth.authExecTask("/bin/touch", {home + "/made-async"}), -1);
     EXPECT_EQ(auth.authExecTask("/bin/touch", {home + "/made"}, false), -1);
     EXPECT_FALSE(auth.authRemoveFile(target));
-    EXPECT_FALSE(auth.authRemoveFile("/"));
-    EXPECT_THAT(capture.messages(), Contains("Unable to delete path / because it is a system directory."));
 
     // Rights that were there once and have lapsed are noticed before anything is run.
     auth.setAuthRef(TQAuthorization::AuthRef{"nobody"});
@@ -100,6 +103,93 @@ TEST(TQAuthorizationUnprivileged, RefusesCleanlyWithoutAnyPrompt)
                                        home.path(), {}, std::chrono::seconds(120));
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output.find("assword"), std::string::npos) << "asked on the terminal:\n" << run.output;
+}
+
+TEST(TQAuthorizationFiles, ProtectedFoldersAndMissingPathsAreRefusedWithoutRunningATool)
+{
+    Tools tools;
+    corvina::ScopedSystemLogCapture capture;
+    const std::string apps = TQLocalPaths::applicationDirectory(false).value();
+    EXPECT_FALSE(auth().authRemoveFile("/") || auth().authRemoveFile(apps) || auth().authRemoveFile("/usr"));
+    EXPECT_FALSE(auth().authTrashFile("/"));
+    EXPECT_FALSE(auth().authTrashFile(apps + "/", true));
+    EXPECT_FALSE(auth().authTrashFolderContents("/usr"));
+    EXPECT_FALSE(auth().authMoveFolderContents("/bin", "/tmp"));
+    EXPECT_FALSE(auth().authMoveFile("/System", "/tmp/x"));
+    EXPECT_FALSE(auth().authMoveFile("", "/tmp/x") || auth().authMoveFile("/tmp/x", ""));
+    EXPECT_FALSE(auth().authCopyFile("", "/tmp/x") || auth().authCopyFile("/tmp/x", ""));
+    EXPECT_FALSE(auth().authMoveFile("/nonexistent/a", "/tmp/x") || auth().authCopyFile("/nonexistent/a", "/tmp/x"));
+    const std::string refusal = " because it is a system directory.";
+    EXPECT_THAT(capture.messages(),
+                ElementsAre("Unable to delete path /" + refusal, "Unable to delete path " + apps + refusal,
+                            "Unable to delete path /usr" + refusal, "Unable to trash path /" + refusal,
+                            "Unable to trash path " + apps + "/" + refusal,
+                            "Unable to trash folder contents of path /usr" + refusal,
+                            "Unable to move contents of path /bin" + refusal, "Unable to move path /System" + refusal,
+                            "Error in authMoveFile: old path is null", "Error in authMoveFile: new path is null",
+                            "Error in authCopyFile: old path is null", "Error in authCopyFile: new path is null"));
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST(TQAuthorizationFiles, TrashMoveCopyAndFolderTools)
+{
+    if (!inChild()) return expectChildPasses();
+    const std::string h = childHome();
+    const std::string trash = TQLocalPaths::trashDirectory().value();
+    const std::string info = fs::path(trash).parent_path().string() + "/info/";
+    for (const char* f : {"/report.txt", "/Notes/n.txt", "/in/a.mov", "/lost.mov", "/more/m.mov", "/more/sub/s"})
+        writeFile(h + f, "x");
+    writeFile(trash + "/report.txt", "older");
+    writeFile(trash + "/Notes/n.txt", "older");
+    fs::create_directories(h + "/empty");
+    fs::create_directories(h + "/out");
+    {
+        Tools tools(Tools::run);  // the tools run, with this process's own rights
+        EXPECT_TRUE(auth().authTrashFile(h + "/report.txt"));
+        EXPECT_TRUE(auth().authTrashFile(h + "/Notes", false));
+        EXPECT_TRUE(auth().authCopyFile("/bin", h + "/bin-copy")) << "protected folders may be copied";
+        EXPECT_TRUE(auth().authCreateDir(h + "/new/deep"));
+        EXPECT_TRUE(auth().authMoveFolderContents(h + "/empty", h + "/out"));
+        EXPECT_TRUE(auth().authMoveFolderContents(h + "/in", h + "/out"));
+        const auto c = tools.calls();
+        ASSERT_EQ(c.size(), 5u);
+        const auto mv = [](const std::string& from, const auto& to) {
+            return ElementsAre("/bin/mv", "-n", "-T", "--", from, to);
+        };
+        EXPECT_THAT(c[0], mv(h + "/report.txt", ::testing::MatchesRegex(trash + "/report_[0-9]{14}\\.txt")));
+        EXPECT_THAT(c[1], mv(h + "/Notes", ::testing::MatchesRegex(trash + "/Notes_[0-9]{14}\\.")));
+        EXPECT_TRUE(fs::exists(info + fs::path(c[0][5]).filename().string() + ".trashinfo"));
+        EXPECT_EQ(readFile(c[0][5]), "x");
+        EXPECT_EQ(c[2], (Call{"/bin/cp", "-n", "-T", "-p", "-R", "--", "/bin", h + "/bin-copy"}));
+        EXPECT_EQ(c[3], (Call{"/bin/mkdir", "-p", "--", h + "/new/deep"}));
+        EXPECT_THAT(c[4], mv(h + "/in/a.mov", h + "/out/a.mov"));
+        EXPECT_TRUE(fs::is_directory(h + "/new/deep") && fs::exists(h + "/out/a.mov"));
+    }
+    {
+        Tools failing(1);
+        EXPECT_FALSE(auth().authCreateDir(h + "/x"));
+        EXPECT_FALSE(auth().authRemoveFile(h + "/lost.mov")) << "a tool that fails is a failure";
+        EXPECT_FALSE(auth().authTrashFile(h + "/lost.mov"));
+        EXPECT_FALSE(fs::exists(info + "lost.mov.trashinfo")) << "a move that failed leaves no record";
+        EXPECT_FALSE(auth().authMoveFolderContents(h + "/more", h + "/out"));
+        EXPECT_EQ(failing.calls().size(), 5u) << "every entry is tried after a failure";
+    }
+    if (::getuid() != 0) return;
+    Tools tools(Tools::run);  // as root: removal when asked for, else the trash
+    EXPECT_TRUE(auth().authTrashFile(h + "/lost.mov", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/more", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/missing", true));
+    EXPECT_TRUE(auth().authTrashFolderContents(h + "/out"));
+    EXPECT_TRUE(fs::is_empty(h + "/more") && fs::is_empty(h + "/out") && !fs::exists(h + "/lost.mov"));
+    const auto c = tools.calls();
+    ASSERT_EQ(c.size(), 4u);
+    EXPECT_EQ(c[0], (Call{"/bin/rm", "-Rdf", "--one-file-system", "--", h + "/lost.mov"}));
+    EXPECT_THAT(c[1], ElementsAre("/bin/rm", "-Rdf", "--one-file-system", "--", ::testing::StartsWith(h + "/more/")));
+    EXPECT_EQ(c[3][0] + " " + fs::path(c[3][5]).parent_path().string(), "/bin/mv " + trash);
+    // A root process's ordinary removal is a privileged one: it refuses protected folders too.
+    fs::create_directories(h + "/Library/Preferences");
+    EXPECT_FALSE(TQFileManager::removeFile(h + "/Library/Preferences") || TQFileManager::trashFile(h + "/Library"));
+    EXPECT_TRUE(fs::is_directory(h + "/Library/Preferences") && tools.calls().size() == 4u);
 }
 
 }  // namespace corvina::tq

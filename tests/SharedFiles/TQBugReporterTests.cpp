@@ -67,10 +67,7 @@ TEST(CrashReportName, ProgramLocalTimeAndHost)
     for (const auto& c : cases) EXPECT_EQ(corvina::crashReportName("Helper", c.when, c.offset, "box"), c.expected);
 }
 
-// --- Real crashes --------------------------------------------------------------------------
-
-// Runs in a child: starts the reporter, logs a line, and dies of the signal named in
-// CORVINA_CRASH_SIGNAL, caused the way a real fault causes it.
+// In a child: dies of CORVINA_CRASH_SIGNAL, caused the way a real fault causes it.
 TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
 {
     const int sig = std::atoi(std::getenv("CORVINA_CRASH_SIGNAL"));
@@ -88,8 +85,7 @@ TEST(TQBugReporterChild, DISABLED_CrashesWithTheSignal)
     }
     switch (sig) {
     case SIGSEGV: {
-        // A page with no access: a real fault, and not a null store that a sanitizer
-        // would stop first.
+        // A page with no access: a real fault that no sanitizer stops first.
         auto* page = static_cast<volatile int*>(::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         std::fprintf(stderr, "fault at %p\n", const_cast<int*>(page));
         *page = 1;
@@ -200,8 +196,6 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
     }
 }
 
-// --- The check itself, in a child of its own for each scenario (a private home) -------------
-
 TEST(TQBugReporterChild, DISABLED_CheckScenarios)
 {
     const std::string home = childHome();
@@ -226,8 +220,7 @@ TEST(TQBugReporterChild, DISABLED_CheckScenarios)
     };
 
     if (scenario == "first-and-normal-run") {
-        // No launch recorded: nothing to judge. A run that stopped normally leaves no crash
-        // behind, even with a newer report; the record file keeps its other keys.
+        // No launch recorded, or a normal stop: no crash, whatever reports are newer.
         writeRecord(std::nullopt, std::nullopt);
         plantReport(reports, "SharedFilesTests_2026-01-01-000000_h.crash", now);
         EXPECT_EQ(TQBugReporter::checkForCrashes(std::nullopt, record), std::nullopt);
@@ -323,8 +316,6 @@ TEST(TQBugReporterChown, RecordFilesBelowAHomeGoToTheirUser)
     fs::remove_all(home);
 }
 
-// --- Root acting for a user ---------------------------------------------------------------
-
 namespace {
 
 // An unprivileged user made for the test, with a home folder of its own; removed afterwards.
@@ -368,9 +359,8 @@ uid_t ownerOf(const std::string& path)
 
 }  // namespace
 
-// As root for a user, the crash's files are the user's and planted links are never followed;
-// the next launch shows the report with a program running as the user, never as root: the
-// "Bug Reporter" found on PATH, else the desktop's opener (stand-ins that record their ids).
+// As root for a user: the crash's files are the user's, planted links are not followed, and
+// the report is shown by a program running as the user ("Bug Reporter" on PATH, else xdg-open).
 TEST(TQBugReporterAsRoot, FilesAndTheReportProgramAreTheUsers)
 {
     if (::getuid() != 0) GTEST_SKIP() << "needs root";
@@ -417,8 +407,7 @@ TEST(TQBugReporterAsRoot, FilesAndTheReportProgramAreTheUsers)
                                 "/Library/Preferences/SharedFilesTests.plist"})
             EXPECT_EQ(ownerOf(user.home() + rel), user.uid()) << rel;
 
-        // The stand-in writes its real, effective, saved and file-system ids, its groups and
-        // its home into that home.
+        // The stand-in records its ids, groups and home.
         const std::string program = user.scratch(planted ? "bin/xdg-open" : "bin/Bug Reporter");
         writeFile(program,
                   "#!/bin/sh\n{ grep -E '^(Uid|Gid):' /proc/$$/status | tr -s '\\t' ' '; id -G; echo \"$HOME $1\"; }"

@@ -1,23 +1,26 @@
-// What rm, cp -n, mv -n and unzip refuse, the file services refuse too. Each case runs on
-// twin trees, once through the file services and once through the real tool, and the two
-// outcomes are compared.
+// Archives, waiting for writers, and refusals compared with rm, cp -n, mv -n and unzip on
+// twin trees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "support/PrivilegedTools.h"
 #include "Foundation/FileOperations.h"
 #include "Foundation/Format.h"
 #include "Foundation/SystemLog.h"
+#include "Process/Process.h"
 #include "tq/TQFileManager.h"
 #include "tq/TQLocalPaths.h"
+#include "tq/TQLog.h"
 
 namespace fs = std::filesystem;
 
@@ -26,8 +29,7 @@ using namespace corvina::test;
 
 namespace {
 
-// Every item below root (mounts inside included): its kind and content ("f:bytes", "d",
-// "l:target", "special"), with the permission bits when asked for.
+// Every item below root: "f:bytes", "d", "l:target" or "special", with the mode when asked.
 std::map<std::string, std::string> listing(const std::string& root, bool modes = false)
 {
     std::map<std::string, std::string> out;
@@ -51,6 +53,31 @@ long long allocated(const std::string& path)
 {
     struct stat st {};
     return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_blocks) * 512 : -1;
+}
+
+// Nested folders, an empty one, a link, a file of several read blocks, names with blanks.
+void makeTree(const std::string& root)
+{
+    makeFile(root + "/clip 1.mov", 3 * 1048576 + 11, 5);
+    makeFile(root + "/audio/take.pcm", 70000, 6);
+    makeFile(root + "/audio/deeper/notes.txt", 0);
+    fs::create_directories(root + "/empty");
+    fs::create_symlink("clip 1.mov", root + "/link.mov");
+}
+
+// Entry names that unzip lists for the archive.
+std::vector<std::string> unzipNames(const std::string& archive)
+{
+    std::vector<std::string> names;
+    std::stringstream ss(runProgram({"unzip", "-Z1", archive}).out);
+    for (std::string line; std::getline(ss, line);) names.push_back(line);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void backdate(const std::string& path, int secondsAgo)
+{
+    TQFileManager::setModificationDate(corvina::Clock::now() - std::chrono::seconds(secondsAgo), path);
 }
 
 }  // namespace
@@ -87,8 +114,7 @@ TEST(TQFileManagerRefusals, RemovalRefusesWhatRmRefuses)
         EXPECT_EQ(listing(ours), listing(theirs));
         EXPECT_EQ(readFile(ours + "/O/x/o"), "/O/x/o");
     }
-    // A link named with a trailing slash: rm empties the folder it leads to, the file service
-    // removes the link alone; nor does the privileged removal follow it.
+    // "lnk/": rm empties the folder it leads to; we remove the link alone, privileged or not.
     writeFile(s / "O/x/o", "o");
     fs::create_symlink(s / "O/x", s / "lnk");
     EXPECT_TRUE(TQFileManager::removeFile(s / "lnk/", false));
@@ -110,8 +136,7 @@ TEST(TQFileManagerRefusals, PrivilegedMovesAndCopiesNeverReplace)
     Tools tools(Tools::run);  // the real tools, with this process's own rights
     TQAuthorization& auth = TQAuthorization::sharedController();
     TempDir s;
-    // sameAsTool: the tool, without -T, ends as we do; otherwise it moves or copies into the
-    // folder that is there, and we change nothing.
+    // sameAsTool false: the tool moves or copies into the folder there; we change nothing.
     const struct {
         bool move;
         const char* from;
@@ -145,8 +170,7 @@ TEST(TQFileManagerRefusals, PrivilegedMovesAndCopiesNeverReplace)
                                            ::testing::Not(::testing::Contains("-f"))));
     EXPECT_FALSE(auth.authCreateDir(s / "ours0/a.mov/x")) << "mkdir failed, and the result says so";
 
-    // Something arrives between the test and the tool: "mv -n" leaves it and ends with 0, and
-    // the move is reported as the failure it is.
+    // Something arrives before the tool runs: "mv -n" leaves it and ends with 0; the move failed.
     writeFile(s / "late/a.mov", "a");
     TQAuthorization::setExecHookForTesting([&](const std::string& t, std::vector<std::string> args, bool) {
         writeFile(s / "late/b.mov", "arrived");
@@ -164,9 +188,8 @@ TEST(TQFileManagerRefusals, HostileArchiveUnpacksAsUnzipDoes)
 {
     TempDir s;
     fs::create_directories(s / "outside");
-    // Set-id and sticky bits, a pipe, devices, a socket, an owner from Info-ZIP's "ux" field
-    // (uid and gid 4242), a name given twice, escapes up and from the root, and a link out of
-    // the folder with an entry through it (refused; its log line once read freed memory).
+    // Set-id bits, special files, an owner in Info-ZIP's "ux" field, a name twice, escapes, and
+    // an entry through a link out of the folder (refused; its log line once read freed memory).
     const std::string zip = s / "hostile.zip";
     runProgram({"python3", "-c", R"(
 import stat, struct, sys, warnings, zipfile
@@ -184,8 +207,7 @@ add('lnk', sys.argv[2], stat.S_IFLNK | 0o777); add('lnk/evil.txt', 'evil', stat.
 z.close())",
                 zip, s / "outside"});
     ASSERT_TRUE(fs::exists(zip));
-    // A long folder name: the refused entry's name, rewritten below it, no longer fits where
-    // it was, so reading the old one is a use after free under AddressSanitizer.
+    // A long folder name, so that reading the refused entry's old name is caught by ASan.
     const std::string folder = s / std::string(200, 'o');
     ASSERT_TRUE(TQFileManager::decompressFile(zip, folder));
     runProgram({"unzip", "-q", "-n", zip, "-d", s / "unzip"});
@@ -195,8 +217,7 @@ z.close())",
         EXPECT_EQ(ours.at(name), theirs.at(name)) << name;
     }
     EXPECT_EQ(ours.at("suid") + ", " + ours.at("sticky") + ", " + ours.at("dup.txt"), "f:x 755, d 777, f:first 644");
-    // unzip makes an empty file of each; the file service leaves them out (libarchive reads
-    // the pipe as a file already).
+    // unzip makes an empty file of each; we leave them out.
     for (const char* special : {"fifo", "chr", "blk", "sock"}) {
         EXPECT_EQ(theirs.at(special), "f: 666") << special;
         EXPECT_TRUE(!ours.count(special) || ours.at(special) == "f: 666") << special;
@@ -224,8 +245,7 @@ TEST(TQFileManagerRefusals, PipesAndDevicesNeverHoldHashingOrCopying)
     const std::string pipe = s / "pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0644), 0);
     const std::string movie = makeFile(s / "take.mov", 1000);
-    // Should an open wait for the other end after all, one comes after twenty seconds, and
-    // says so.
+    // Should an open wait for the other end after all, one comes after twenty seconds, and says so.
     std::atomic<bool> done{false}, rescued{false};
     std::thread other([&] {
         const auto rescue = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -298,6 +318,159 @@ TEST(TQFileManagerRefusals, SparseFilesStaySparseAsWithCpAndMv)
         fs::remove(to);
         fs::remove(h + "/tool.mov");
     }
+}
+
+TEST(TQFileManagerArchive, RoundTripWithAndWithoutTheParentFolder)
+{
+    if (!inChild()) return expectChildPasses();
+    const std::string home = childHome();
+    const std::string tree = home + "/Footage";
+    makeTree(tree);
+    const auto original = listing(tree);
+
+    const std::vector<std::string> inside = {
+        "audio/", "audio/deeper/", "audio/deeper/notes.txt", "audio/take.pcm", "clip 1.mov", "empty/", "link.mov"};
+    for (const bool parent : {true, false}) {
+        SCOPED_TRACE(parent);
+        const std::string archive = home + (parent ? "/with.zip" : "/without.zip");
+        ASSERT_TRUE(TQFileManager::compressFile(tree, archive, parent));
+        std::vector<std::string> expected;
+        if (parent) expected.push_back("Footage/");
+        for (const auto& n : inside) expected.push_back(parent ? "Footage/" + n : n);
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(unzipNames(archive), expected);
+        EXPECT_NE(runProgram({"unzip", "-tq", archive}).out.find("No errors detected"), std::string::npos);
+
+        // Unpacked by us and by the independent tool: the same bytes as the folder.
+        const std::string ours = home + (parent ? "/ours-with" : "/ours-without");
+        const std::string theirs = home + (parent ? "/theirs-with" : "/theirs-without");
+        ASSERT_TRUE(TQFileManager::decompressFile(archive, ours));
+        runProgram({"unzip", "-q", archive, "-d", theirs});
+        EXPECT_EQ(listing(parent ? ours + "/Footage" : ours), original);
+        EXPECT_EQ(listing(parent ? theirs + "/Footage" : theirs), original);
+    }
+
+    // A single file is stored under its own name; the default keeps the parent.
+    ASSERT_TRUE(TQFileManager::compressFile(tree + "/audio/take.pcm", home + "/one.zip"));
+    EXPECT_EQ(unzipNames(home + "/one.zip"), std::vector<std::string>{"take.pcm"});
+    // An archive written into the folder it packs leaves itself out.
+    ASSERT_TRUE(TQFileManager::compressFile(tree + "/audio", tree + "/audio/self.zip", false));
+    EXPECT_EQ(unzipNames(tree + "/audio/self.zip"),
+              (std::vector<std::string>{"deeper/", "deeper/notes.txt", "take.pcm"}));
+}
+
+TEST(TQFileManagerArchive, ExistingArchiveAndFolderGoToTheTrash)
+{
+    if (!inChild()) return expectChildPasses();
+    const std::string home = childHome();
+    const std::string trash = home + "/.local/share/Trash";
+    makeFile(home + "/a/one.txt", 10);
+    writeFile(home + "/pack.zip", "an older archive");
+    writeFile(home + "/out/keep.txt", "older output");
+
+    ASSERT_TRUE(TQFileManager::compressFile(home + "/a", home + "/pack.zip"));
+    EXPECT_EQ(unzipNames(home + "/pack.zip"), (std::vector<std::string>{"a/", "a/one.txt"}));
+    EXPECT_EQ(readFile(trash + "/files/pack.zip"), "an older archive");
+    EXPECT_NE(readFile(trash + "/info/pack.zip.trashinfo").find("Path=" + home + "/pack.zip"), std::string::npos);
+
+    ASSERT_TRUE(TQFileManager::decompressFile(home + "/pack.zip", home + "/out"));
+    EXPECT_TRUE(fs::exists(home + "/out/a/one.txt"));
+    EXPECT_FALSE(fs::exists(home + "/out/keep.txt"));
+    EXPECT_EQ(readFile(trash + "/files/out/keep.txt"), "older output");
+}
+
+TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
+{
+    if (!inChild()) return expectChildPasses();
+    TQLog::createNewLog("Services");
+    const std::string home = childHome();
+    const std::string file = home + "/growing.mov";
+    const std::string old = home + "/old.mov";
+    const std::string lock = home + "/old.lock";
+    writeFile(old, "x");
+    backdate(old, 10);
+
+    TQFileManager::waitForFileWrites(old);  // old, no lock file: at once, silently
+    writeFile(lock, "");
+    TQFileManager::waitForFileWrites(old, lock);  // the lock file only starts the wait
+    TQFileManager::waitForFileWrites(home + "/missing.mov", lock);
+
+    // Another process appends for a while; the wait ends only five seconds after its last write.
+    corvina::Process writer;
+    writer.setLaunchPath("/bin/sh");
+    writer.setArguments({"-c", "for i in 1 2 3 4 5 6; do echo $i >> \"$1\"; sleep 0.3; done", "sh", file});
+    writer.launch();
+    while (!fs::exists(file)) ::usleep(1000);
+    TQFileManager::waitForFileWrites(file);
+    EXPECT_FALSE(writer.isRunning()) << "the writer had finished";
+    EXPECT_EQ(readFile(file), "1\n2\n3\n4\n5\n6\n");
+    struct stat st {};
+    ::stat(file.c_str(), &st);
+    EXPECT_GT(std::chrono::duration_cast<std::chrono::seconds>(corvina::Clock::now().time_since_epoch()).count() -
+                  st.st_mtim.tv_sec,
+              4);
+
+    TQLog::finishWriting();
+    const auto log = logEntries(childLogPath());
+    const std::vector<std::string> expected = {
+        "File " + old + " is currently being written to. Waiting...",
+        "File " + old + " finished writing.",
+        "File " + home + "/missing.mov is currently being written to. Waiting...",
+        "File " + home + "/missing.mov finished writing.",
+        "File " + file + " is currently being written to. Waiting...",
+        "File " + file + " finished writing."};
+    std::vector<std::string> waits;
+    for (const auto& l : log)
+        if (l.rfind("File ", 0) == 0) waits.push_back(l);
+    EXPECT_EQ(waits, expected);
+}
+
+TEST(TQFileManagerWait, OpenForWritingByAnyProcess)
+{
+    TempDir scratch;
+    const std::string file = scratch / "take.mov";
+    writeFile(file, "x");
+    EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(file));
+    EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(scratch / "missing"));
+    {
+        const int reader = ::open(file.c_str(), O_RDONLY);
+        EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(file));
+        const int both = ::open(file.c_str(), O_RDWR);
+        EXPECT_TRUE(TQFileManager::fileIsOpenForWriting(file));
+        ::close(both);
+        ::close(reader);
+    }
+    // Another process appending to it, even after the file was renamed.
+    corvina::Process writer;
+    writer.setLaunchPath("/bin/sh");
+    writer.setArguments({"-c", "exec 3>>\"$1\"; exec sleep 60", "sh", file});
+    writer.launch();
+    bool seen = false;
+    for (int i = 0; i < 3000 && !(seen = TQFileManager::fileIsOpenForWriting(file)); ++i) ::usleep(10000);
+    EXPECT_TRUE(seen);
+    fs::rename(file, scratch / "renamed.mov");
+    EXPECT_TRUE(TQFileManager::fileIsOpenForWriting(scratch / "renamed.mov"));
+    writer.terminate();
+    writer.waitUntilExit();
+    EXPECT_FALSE(TQFileManager::fileIsOpenForWriting(scratch / "renamed.mov"));
+}
+
+TEST(TQFileManagerWait, CreationIsWaitedForUntilTheTimeOut)
+{
+    TempDir scratch;
+    const std::string file = scratch / "later.mov";
+    TQFileManager::waitForFileCreation(file, std::chrono::seconds(0));  // returns after one look
+    EXPECT_FALSE(fs::exists(file));
+
+    std::thread maker([&] {
+        ::usleep(200000);
+        writeFile(file, "");  // an empty file does not count yet
+        ::usleep(200000);
+        writeFile(file, "frames");
+    });
+    TQFileManager::waitForFileCreation(file, std::chrono::seconds(60));
+    EXPECT_EQ(readFile(file), "frames");
+    maker.join();
 }
 
 }  // namespace corvina::tq

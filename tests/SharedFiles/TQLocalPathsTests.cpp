@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <map>
 
 #include "tq/TQLocalPaths.h"
 #include "support/TestSupport.h"
@@ -15,43 +14,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Sets environment variables for the life of the object and puts the old values back.
-class ScopedEnv {
-public:
-    void set(const char* name, const std::optional<std::string>& value)
-    {
-        const char* old = std::getenv(name);
-        if (!saved_.count(name)) saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-        put(name, value);
-    }
-    ~ScopedEnv()
-    {
-        for (const auto& [name, value] : saved_) put(name, value);
-    }
-
-private:
-    static void put(const std::string& name, const std::optional<std::string>& value)
-    {
-        value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-    }
-    std::map<std::string, std::optional<std::string>> saved_;
-};
-
-class TQLocalPathsTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        env.set("HOME", home.path());
-        env.set("TQ_LOCAL_ROOT", home.path() + "/root");
-        env.set("TQ_CONSOLE_USER", std::string());
-        env.set("XDG_CONFIG_HOME", std::nullopt);
-        env.set("XDG_DATA_HOME", std::nullopt);
-        env.set("XDG_CACHE_HOME", std::nullopt);
-        env.set("TMPDIR", std::nullopt);
-    }
-    TempDir home;
-    ScopedEnv env;
-};
+// In a child of its own: its home, a local root of its own, no XDG or temporary folder set.
+std::string privateHome()
+{
+    setenv("TQ_LOCAL_ROOT", (childHome() + "/root").c_str(), 1);
+    for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "TMPDIR"}) unsetenv(name);
+    return childHome();
+}
 
 std::string passwdHome(const char* user)
 {
@@ -97,26 +66,26 @@ TEST(TQLocalPathsMisc, TimeMachineVolumes)
     for (const auto& row : rows) EXPECT_EQ(TQLocalPaths::isPathOnTimeMachineVolume(row.path), row.backup) << row.path;
 }
 
-TEST_F(TQLocalPathsTest, TempFolderAndFile)
+TEST(TQLocalPathsTest, TempFolderAndFile)
 {
+    if (!inChild()) return expectChildPasses();
+    const std::string h = privateHome();
     EXPECT_EQ(TQLocalPaths::tempDirectory(), "/tmp/");
-    env.set("TMPDIR", home.path());
-    EXPECT_EQ(TQLocalPaths::tempDirectory(), home.path() + "/");
+    setenv("TMPDIR", h.c_str(), 1);
+    EXPECT_EQ(TQLocalPaths::tempDirectory(), h + "/");
     const std::string a = TQLocalPaths::tempFile(), b = TQLocalPaths::tempFile();
     EXPECT_NE(a, b);
-    EXPECT_EQ(a.rfind(home.path() + "/", 0), 0u) << a;
+    EXPECT_EQ(a.rfind(h + "/", 0), 0u) << a;
     EXPECT_EQ(a.find("//"), std::string::npos) << a;
     EXPECT_FALSE(fs::exists(a));
 }
 
-TEST_F(TQLocalPathsTest, FolderMapping)
+TEST(TQLocalPathsTest, FolderMapping)
 {
-    if (getuid() == 0)
-        env.set("TQ_CONSOLE_USER", std::string());  // root with nobody at the console: root's own folders
-    const std::string h = home.path(), root = home.path() + "/root";
+    if (!inChild()) return expectChildPasses();
+    const std::string h = privateHome(), root = h + "/root";
     using P = TQLocalPaths;
-    // One or two of each way a folder is found (user or local domain, a folder below
-    // another, the user-dirs defaults, the domain masks), not every entry of the lists.
+    // One or two of each way a folder is found, not every entry of the lists.
     const struct {
         const char* what;
         std::optional<std::string> actual, expected;
@@ -142,9 +111,10 @@ TEST_F(TQLocalPathsTest, FolderMapping)
     for (const auto& row : rows) EXPECT_EQ(row.actual, row.expected) << row.what;
 }
 
-TEST_F(TQLocalPathsTest, XdgUserDirsAndDataHome)
+TEST(TQLocalPathsTest, XdgUserDirsAndDataHome)
 {
-    const std::string h = home.path();
+    if (!inChild()) return expectChildPasses();
+    const std::string h = privateHome();
     writeFile(h + "/.config/user-dirs.dirs",
               "# written by xdg-user-dirs-update\n"
               "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
@@ -158,18 +128,19 @@ TEST_F(TQLocalPathsTest, XdgUserDirsAndDataHome)
     EXPECT_EQ(TQLocalPaths::movieDirectory(), h + "/Filme");
     EXPECT_EQ(TQLocalPaths::replaySettingsPath(), "/srv/incoming/corvina.plist");
 
-    env.set("XDG_CONFIG_HOME", h + "/elsewhere");
+    setenv("XDG_CONFIG_HOME", (h + "/elsewhere").c_str(), 1);
     EXPECT_EQ(TQLocalPaths::desktopDirectory(), h + "/Desktop");
-    env.set("XDG_DATA_HOME", h + "/data");
+    setenv("XDG_DATA_HOME", (h + "/data").c_str(), 1);
     EXPECT_EQ(TQLocalPaths::trashDirectory(), h + "/data/Trash/files");
-    env.set("XDG_CACHE_HOME", h + "/cache");
+    setenv("XDG_CACHE_HOME", (h + "/cache").c_str(), 1);
     EXPECT_EQ(TQLocalPaths::darwinCacheDirectory(), h + "/cache");
 }
 
-TEST_F(TQLocalPathsTest, ProtectedFolders)
+TEST(TQLocalPathsTest, ProtectedFolders)
 {
-    env.set("TQ_LOCAL_ROOT", "/");
-    const std::string h = home.path();
+    if (!inChild()) return expectChildPasses();
+    const std::string h = privateHome();
+    setenv("TQ_LOCAL_ROOT", "/", 1);
     const struct {
         std::string path;
         bool exact, loose;
@@ -217,34 +188,35 @@ TEST_F(TQLocalPathsTest, ProtectedFolders)
 }
 
 // As root, the user domain belongs to the console user.
-TEST_F(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
+TEST(TQLocalPathsTest, RootUsesTheConsoleUsersFolders)
 {
     if (getuid() != 0) GTEST_SKIP() << "needs root";
+    if (!inChild()) return expectChildPasses();
+    const std::string h = privateHome();
     const std::string nobodyHome = passwdHome("nobody");
     ASSERT_FALSE(nobodyHome.empty());
-    env.set("TQ_CONSOLE_USER", std::string("nobody"));
+    setenv("TQ_CONSOLE_USER", "nobody", 1);
     EXPECT_EQ(TQLocalPaths::currentConsoleUser(), "nobody");
     EXPECT_EQ(TQLocalPaths::username(), "nobody");
     EXPECT_EQ(TQLocalPaths::userDirectory(), nobodyHome);
     EXPECT_EQ(TQLocalPaths::libraryDirectory(true), nobodyHome + "/Library");
     EXPECT_EQ(TQLocalPaths::trashDirectory(), nobodyHome + "/.local/share/Trash/files");
-    EXPECT_EQ(TQLocalPaths::libraryDirectory(false), home.path() + "/root/Library");
+    EXPECT_EQ(TQLocalPaths::libraryDirectory(false), h + "/root/Library");
     EXPECT_TRUE(TQLocalPaths::isPathSystemDirectory(nobodyHome + "/Library", true));
     // The process's own cache folder is not the console user's.
-    EXPECT_EQ(TQLocalPaths::darwinCacheDirectory(), home.path() + "/.cache");
+    EXPECT_EQ(TQLocalPaths::darwinCacheDirectory(), h + "/.cache");
 
-    env.set("TQ_CONSOLE_USER", std::string("no-such-user-here"));
+    setenv("TQ_CONSOLE_USER", "no-such-user-here", 1);
     EXPECT_EQ(TQLocalPaths::userDirectory(), std::nullopt);
     EXPECT_EQ(TQLocalPaths::libraryDirectory(true), std::nullopt);
 
-    env.set("TQ_CONSOLE_USER", std::string());
+    setenv("TQ_CONSOLE_USER", "", 1);
     EXPECT_EQ(TQLocalPaths::currentConsoleUser(), std::nullopt);
-    EXPECT_EQ(TQLocalPaths::userDirectory(), home.path());
+    EXPECT_EQ(TQLocalPaths::userDirectory(), h);
     EXPECT_EQ(TQLocalPaths::username(), "root");
 }
 
-// An unprivileged process ignores the console user; one whose real and effective ids
-// differ ignores the test variables altogether.
+// Unprivileged, the console user is ignored; with real and effective ids apart, the test variables.
 TEST(TQLocalPathsPrivileges, UnprivilegedChildUsesItsOwnFolders)
 {
     if (getuid() != 0) GTEST_SKIP() << "needs root to change user";

@@ -1,22 +1,29 @@
-// The log's callers' side, queue and writer, in this process: each test makes its own log
-// with a memory sink.
+// The log's callers' side, queue and writer; the files a batch writes across restarts.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <functional>
+#include <string_view>
 #include <thread>
 
+#include "tq/TQLog.h"
 #include "tq/TQLogCore.h"
+#include "tq/TQLogFile.h"
+#include "tq/TQLogQueue.h"
 #include "tq/TQLogSink.h"
 #include "support/TestSupport.h"
 
 namespace corvina::tq {
 
 using namespace corvina::test;
+namespace fs = std::filesystem;
 using Mode = TQLogCore::Mode;
 
 namespace {
@@ -54,8 +61,7 @@ std::string printedBy(const std::function<void()>& fn)
 
 }  // namespace
 
-// Texts are trimmed, blank ones dropped, "%" in formats literal, finished texts as given.
-// The printing calls print the console copy unless printing is off; the debug one never does.
+// Texts trimmed, blank ones dropped; the console copy unless printing is off (never for debug).
 TEST(TQLogCore, TextsAsWrittenAndPrinted)
 {
     MemoryLog m;
@@ -87,8 +93,7 @@ TEST(TQLogCore, TextsAsWrittenAndPrinted)
     EXPECT_EQ(printed, "Done: 100%% ok\n\n50%% and 3\nas given 5%%%%\nleft  and a nul byte\n");
 }
 
-// fastAppend hands its format and arguments to the writer to format; each row must come
-// out as the caller's formatting writes it.
+// fastAppend formats on the writer; each row must come out as append formats it on the caller.
 TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
 {
     MemoryLog m;
@@ -108,9 +113,7 @@ TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
     both("Progress: 50% done %d", 3);
     both("%@", std::string(" \t "));  // nothing left after trimming
     both("%-6d|%06.1f|%*d", 12, 3.14159, 4, 9);
-    // Formats are kept by the writer and known again by their text: a buffer reused for
-    // another format, one too long to keep and more formats than are kept must all still
-    // come out as given.
+    // Formats kept by the writer: a reused buffer, one too long to keep, more than are kept.
     static char reused[] = "first %u";  // in the program's image, but writable
     both(static_cast<const char*>(reused), 1u);
     reused[0] = 'F';
@@ -124,9 +127,7 @@ TEST(TQLogCore, FormatsOnTheWriterAsOnTheCaller)
     EXPECT_EQ(texts[4], "clip 7%  / (null) /   padded");
 }
 
-// A series comes out as the lines it stands for: counters going up (across a digit), null
-// formats logging nothing, and lines with objects (described one by one) among them. A long
-// series is queued in pieces; the count goes on across them.
+// A series is its lines: counters going up, null formats skipped; a long one goes in pieces.
 TEST(TQLogCore, SeriesAreTheLinesTheyStandFor)
 {
     MemoryLog m;
@@ -194,5 +195,239 @@ TEST(TQLogCore, ShutdownWritesTenQueuedNotElevenAndNothingAfter)
         EXPECT_EQ(m.log.bytesInQueue(), 0u);
     }
 }
+
+namespace {
+
+struct Described {
+    int n;
+    std::string description() const { return "obj" + std::to_string(n); }
+};
+
+// Faults in per-thread "t<thread> <line>" texts: lines missing, repeated or out of order.
+std::string lineOrderFaults(const std::vector<std::string>& texts, int threads, int lines, bool fromStart)
+{
+    std::string faults;
+    auto expect = [&](bool ok, const std::string& what) {
+        if (!ok && faults.size() < 2000) faults += what + "\n";
+    };
+    std::vector<int> next(threads, -1);
+    for (const auto& text : texts) {
+        int t = -1, i = -1;
+        if (std::sscanf(text.c_str(), "t%d %d", &t, &i) != 2 || t < 0 || t >= threads) continue;
+        if (next[t] < 0 && !fromStart) next[t] = i;
+        if (next[t] < 0) next[t] = 0;
+        expect(i == next[t],
+               "thread " + std::to_string(t) + " expected " + std::to_string(next[t]) + " got " + std::to_string(i));
+        next[t] = i + 1;
+    }
+    // Without the start, a thread whose lines all went with the older files shows none.
+    for (int t = 0; t < threads; ++t)
+        if (fromStart || next[t] >= 0)
+            expect(next[t] == lines, "thread " + std::to_string(t) + " ends at " + std::to_string(next[t]));
+    return faults;
+}
+
+}  // namespace
+
+// Threads that each wait for every line: no deadlock, each line once and in order.
+TEST(TQLogConcurrency, FinishWritingFromManyThreads)
+{
+    TQLogMemorySink sink;
+    TQLogCore log(sink);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &log] {
+            for (int i = 0; i < 200; ++i) {
+                log.append(TQLogCore::Mode::Wait, "t%d %d", t, i);
+                log.finishWriting();
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(lineOrderFaults(sink.texts(), 4, 200, true), "");
+}
+
+// Producers wait at the queue's bound; once the writer runs, every entry arrives once, in order.
+TEST(TQLogConcurrency, QueueIsBoundedAndLosesNothing)
+{
+    TQLogMemorySink sink;
+    TQLogQueue queue(sink);
+    constexpr int kThreads = 3, kLines = 40000;
+    queue.setSuspended(true);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&queue, t] {
+            const Described object{t};
+            const std::string padding(60, 'p');
+            for (int i = 0; i < kLines; ++i) {
+                if (i % 7 == 3) {
+                    queue.push(TQLogEntry::text("  t" + std::to_string(t) + " " + std::to_string(i) + " text\n"));
+                } else {
+                    const corvina::FormatArg args[] = {t,   static_cast<unsigned>(i),  2.5f,   object,
+                                                       'c', std::string_view(padding), nullptr};
+                    queue.push(TQLogEntry::format("t%d %u %@ %@ %c %s %@ ", args));
+                }
+            }
+        });
+    }
+    while (queue.queuedBytes() < TQLogQueue::kCapacity) std::this_thread::yield();
+    EXPECT_LE(queue.queuedBytes(), TQLogQueue::kCapacity + 256) << "producers wait at the bound";
+    queue.setSuspended(false);
+    for (auto& th : threads) th.join();
+    queue.waitUntilWritten();
+    EXPECT_EQ(queue.bytesInQueue(), 0u);
+    const auto got = sink.texts();
+    ASSERT_EQ(got.size(), size_t(kThreads) * kLines);
+    const std::string expected = "t1 8 2.5 obj1 c " + std::string(60, 'p') + " (null)";
+    EXPECT_NE(std::find(got.begin(), got.end(), expected), got.end()) << "formatted on the writer as on the caller";
+    EXPECT_NE(std::find(got.begin(), got.end(), "t2 3 text"), got.end()) << "texts trimmed";
+    EXPECT_EQ(lineOrderFaults(got, kThreads, kLines, true), "");
+}
+
+namespace {
+
+// The text with every date in it ("2024-01-02 03:04:05 +0000") as "DATE".
+std::string withoutDates(const std::string& text)
+{
+    constexpr std::string_view kShape = "dddd-dd-dd dd:dd:dd +dddd";
+    const auto dateAt = [&](size_t at) {
+        if (at + kShape.size() > text.size()) return false;
+        for (size_t k = 0; k < kShape.size(); ++k) {
+            const char c = text[at + k];
+            if (kShape[k] == 'd' ? c < '0' || c > '9' : c != kShape[k]) return false;
+        }
+        return true;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        if (dateAt(at)) {
+            out += "DATE";
+            at += kShape.size();
+        } else {
+            out += text[at++];
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+// A batch that restarts the file 4 to 12 times leaves the same files with or without the
+// shortcut and with deferred texts; five or more restarts rotate older runs out.
+TEST(TQLogConcurrency, BatchShortcutLeavesTheSameFiles)
+{
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    for (int restarts : {4, 5, 6, 12}) {
+        std::string files[3];
+        for (int mode = 0; mode < 3; ++mode) {
+            const bool shortcut = mode > 0;
+            const std::string home = root + "/r" + std::to_string(restarts) + "s" + std::to_string(mode);
+            setenv("HOME", home.c_str(), 1);
+            setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
+            const std::string folder = home + "/Library/Logs/Brantwell";
+            for (int n = 1; n <= 5; ++n)
+                writeFile(folder + "/Tool." + std::to_string(n) + ".log", "old " + std::to_string(n) + "\n");
+            std::atomic<bool> disabled{false}, noPrinting{false};
+            TQLogFile file(disabled, noPrinting);
+            file.setBatchShortcut(shortcut);
+            EXPECT_TRUE(file.open("Tool"));
+            TQLogTexts texts;
+            // 100-byte entries: 5000 to a file.
+            const int count = restarts * 5000 - 2500;
+            std::string sources(static_cast<size_t>(count) * 71 + 1, '\0');
+            for (int i = 0; i < count; ++i) {
+                char* text = sources.data() + static_cast<size_t>(i) * 71;
+                char made[80];
+                std::snprintf(made, sizeof made, "entry %08d %-56s", i, "x");
+                std::memcpy(text, made, 71);
+                if (mode == 2 && i % 2 == 0)
+                    texts.pushDeferred(text, 71,
+                                       [](const char* source, uint64_t, std::string& out) { out.append(source, 71); });
+                else
+                    texts.push(std::string_view(text, 71));
+            }
+            file.write(texts);
+            file.write(texts);  // a second batch goes on from where the first ended
+            const std::string what = std::to_string(restarts) + (shortcut ? " with" : " without");
+            const uint64_t taken = file.shortcutsTaken();
+            EXPECT_TRUE(shortcut ? (restarts >= 6 ? taken > 0 : restarts > 4 || taken == 0) : taken == 0)
+                << what << " shortcuts " << taken;
+            for (int n = 1; n <= 5; ++n)
+                files[mode] += "--" + std::to_string(n) + "\n" +
+                               withoutDates(readFile(folder + "/Tool." + std::to_string(n) + ".log"));
+            EXPECT_EQ(file.bytesWritten(), fs::file_size(folder + "/Tool.1.log")) << what;
+        }
+        EXPECT_EQ(files[0], files[1]) << restarts << " restarts";
+        EXPECT_EQ(files[0], files[2]) << restarts << " restarts, deferred texts";
+        EXPECT_EQ(files[0].find("old "), std::string::npos) << restarts << " restarts: old files rotated out";
+    }
+}
+
+// Producers across many restarts, batches held to cross several: the kept files hold each
+// thread's last lines without a gap or a repeat, each file cut where it should be.
+class TQLogConcurrencyRestarts : public ::testing::TestWithParam<bool> {};
+
+TEST_P(TQLogConcurrencyRestarts, ManyRestartsThreeProducers)
+{
+    const bool shortcut = GetParam();
+    if (!inChild()) return expectChildPasses();
+    const std::string root = childHome();
+    TQLog::setBatchShortcutForTesting(shortcut);
+    TQLog::createNewLog("Tool");
+    constexpr int kThreads = 3, kLines = 40000;
+    std::atomic<int> done{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &done] {
+            const std::string padding(40, '.');
+            for (int i = 0; i < kLines; ++i) {
+                if (i % 5000 == 4999) {
+                    TQLog::appendLog("t%d %d", t, i);
+                } else if (t == 2 && i % 1000 == 0) {
+                    // A hundred lines in one series.
+                    const corvina::FormatArg args[] = {t, i, padding};
+                    const TQLog::SeriesLine line[] = {{"t%d %d padding the line to about a hundred bytes %@", args, 1}};
+                    TQLog::fastAppendLogSeries(100, line);
+                    i += 99;
+                } else {
+                    TQLog::fastAppendLog("t%d %d padding the line to about a hundred bytes %@", t, i, padding);
+                }
+            }
+            done++;
+        });
+    }
+    // A held batch of 50000 entries crosses about ten restarts; the queue's bound holds about
+    // 65000 of them (128 bytes each), and producers waiting there would never make more.
+    for (int round = 0; round < 3 && done < kThreads; ++round) {
+        TQLog::suspendWriterForTesting(true);
+        while (TQLog::sharedController().queuedEntryCount() < 50000 && done < kThreads) std::this_thread::yield();
+        TQLog::suspendWriterForTesting(false);
+    }
+    for (auto& th : threads) th.join();
+    TQLog::finishWriting();
+    EXPECT_EQ(TQLog::sharedController().bytesInQueue(), 0u);
+    EXPECT_EQ(TQLog::batchShortcutsForTesting() > 0, shortcut);
+
+    const std::string folder = root + "/Library/Logs/Brantwell";
+    std::vector<std::string> texts;
+    for (int n = 5; n >= 1; --n) {
+        const std::string text = readFile(folder + "/Tool." + std::to_string(n) + ".log");
+        const auto ls = splitLines(text);
+        EXPECT_GT(ls.size(), 6u) << "file " << n;
+        if (ls.size() <= 6) continue;
+        EXPECT_EQ(entryText(ls[0]).rfind("Log started: ", 0), 0u) << "file " << n;
+        EXPECT_EQ(entryText(ls[5]), "Log truncated at 500KB") << "file " << n;
+        if (n > 1) {
+            EXPECT_TRUE(text.size() >= 500000 && text.size() - ls.back().size() - 1 < 500000)
+                << "file " << n << " ends with the crossing entry, size " << text.size();
+        }
+        for (const auto& l : ls) texts.push_back(entryText(l));
+    }
+    EXPECT_EQ(lineOrderFaults(texts, kThreads, kLines, false), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Shortcut, TQLogConcurrencyRestarts, ::testing::Bool());
 
 }  // namespace corvina::tq

@@ -20,6 +20,7 @@
 #include "Foundation/StringUtils.h"
 #include "Foundation/Value.h"
 #include "Process/Process.h"
+#include "tq/TQException.h"
 #include "tq/TQLog.h"
 #include "tq/TQLogFile.h"
 #include "support/TestSupport.h"
@@ -65,8 +66,7 @@ std::string referenceEscape(const std::string& text)
 
 }  // namespace
 
-// The one pass does what the eight replacements do one after the other, on random texts
-// over the characters that matter.
+// The one pass does what the eight replacements do in turn, on random texts.
 TEST(TQLogEscaping, OnePassAgreesWithSuccessiveReplacements)
 {
     EXPECT_EQ(TQLog::escapeTextForLogging("Progress: 50% done"), "Progress: 50%% done");
@@ -82,17 +82,14 @@ TEST(TQLogEscaping, OnePassAgreesWithSuccessiveReplacements)
     }
 }
 
-// Every subset of existing .1 to .5 files: .5 goes, the rest shift up by one, all only
-// when a current .1 exists.
+// Every subset of .1 to .5: .5 goes and the rest move up, only when a current .1 exists.
 TEST(TQLogRotation, AllSubsetsOfExistingFiles)
 {
     if (!inChild()) return expectChildPasses();
     const std::string root = childHome();
     for (int mask = 0; mask < 32; ++mask) {
         SCOPED_TRACE("case " + std::to_string(mask));
-        const std::string home = root + "/case" + std::to_string(mask);
-        setenv("HOME", home.c_str(), 1);
-        setenv("TQ_LOCAL_ROOT", home.c_str(), 1);
+        const std::string home = useHome(root + "/case" + std::to_string(mask));
         for (int n = 1; n <= 5; ++n)
             if (mask & (1 << (n - 1))) writeFile(logPath(home, "Tool", n), "old" + std::to_string(n) + "\n");
         TQLog::createNewLog("Tool");
@@ -110,10 +107,8 @@ TEST(TQLogRotation, AllSubsetsOfExistingFiles)
     }
 }
 
-// What the log cannot do it reports on the console, and it is left without a file: a kept
-// file that cannot move up (a non-empty folder in place of .5 can be neither removed nor
-// replaced), a log folder that cannot be made (the home is a file), and then each text that
-// finds no file, until printing is off.
+// What the log cannot do it says on the console: a file that cannot move up, a folder that
+// cannot be made, then each text that finds no file, until printing is off.
 TEST(TQLogFailures, ReportedOnTheConsole)
 {
     if (inChild()) {
@@ -127,8 +122,7 @@ TEST(TQLogFailures, ReportedOnTheConsole)
         EXPECT_EQ(readFile(logPath(home, "Tool", 1)), "one\n");
         EXPECT_FALSE(TQLog::sharedController().hasFileHandle());
         writeFile(afile, "not a folder");
-        setenv("HOME", afile.c_str(), 1);
-        setenv("TQ_LOCAL_ROOT", afile.c_str(), 1);
+        useHome(afile);
         TQLog::createNewLog("Tool");
         TQLog::fastAppendLog("first %d", 1);
         TQLog::fastAppendLog("second");
@@ -148,8 +142,7 @@ TEST(TQLogFailures, ReportedOnTheConsole)
                   "Unable to log the following information: second\nUnable to open log for output\n");
 }
 
-// A new file starts with its header, every line "{date} - {text}"; a second createNewLog
-// rotates the first file and keeps the first name.
+// The header; a second createNewLog rotates the first file and keeps the first name.
 TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
 {
     if (!inChild()) return expectChildPasses();
@@ -168,9 +161,7 @@ TEST(TQLogCreate, HeaderFirstNameWinsAndAvailableLogs)
     for (int n : {1, 2}) EXPECT_TRUE(std::regex_match(readFile(logPath(home, "First", n)), header)) << n;
 }
 
-// The global preference that switches logging off: only the values that mean 1 do; a file
-// that cannot be read, or a root that is no dictionary, leaves logging on (which files parse
-// is the property list reader's to test). One child tries every row, each in a home of its own.
+// Only the values that mean 1 switch logging off; an unreadable file or a non-dictionary does not.
 TEST(TQLogPreferences, DisableLoggingValues)
 {
     using corvina::Value;
@@ -220,8 +211,7 @@ TEST(TQLogPreferences, DisableLoggingValues)
     EXPECT_EQ(runChild(dir.path()).printed, expected);
 }
 
-// Texts with no log opened go to the existing current file of the default name, the
-// executable's; a new log of that name rotates it.
+// With no log opened, texts go to the current file of the executable's name.
 TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
 {
     if (inChild()) {
@@ -242,8 +232,7 @@ TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
     EXPECT_EQ(runChild(dir.path()).printed, "");
 }
 
-// A child forked while an entry waits starts with an empty queue and a writer of its own; the
-// entry queued before the fork is the parent's to write, once.
+// A forked child has an empty queue and its own writer; the queued entry is the parent's, once.
 TEST(TQLogFork, ChildLogsOnItsOwnAndLeavesTheParentsEntries)
 {
     if (!inChild()) return expectChildPasses();
@@ -301,8 +290,8 @@ TEST(TQLogUncaught, BackgroundExceptionIsTheLastEntry)
     }
 }
 
-// As root the log lives in the machine-wide library, rotated there, in folders of root's
-// made 0755 and never reached through a link; availableLogs still looks in the user's folder.
+// As root: the machine-wide folder, made 0755 and never reached through a link; availableLogs
+// still looks in the user's.
 TEST(TQLogRoot, MachineWideLogFolder)
 {
     if (getuid() != 0) GTEST_SKIP() << "needs root";
@@ -336,8 +325,7 @@ TEST(TQLogRoot, MachineWideLogFolder)
     EXPECT_EQ(logEntries(folder + "/Tool.1.log").back(), "as root");
 }
 
-// Nothing planted in the log folder is written through or removed: a link at the name a new
-// file is made under, at the current file, or at the oldest kept one.
+// A link planted at the new, current or oldest name is neither written through nor removed.
 TEST(TQLogLinks, PlantedLinksAreNeitherFollowedNorRemoved)
 {
     const struct {
@@ -370,9 +358,7 @@ TEST(TQLogLinks, PlantedLinksAreNeitherFollowedNorRemoved)
     }
 }
 
-// "log-level" "verbose" in the global preferences lets the per-sample lines in; any other
-// value or none keeps them out. Each new log reads the level again: a run that opened a log
-// at another level first takes the one in force at its last.
+// Only "log-level" "verbose" lets sample lines in; each new log reads the level again.
 TEST(TQLogPreferences, SampleLinesOnlyWhenVerbose)
 {
     using corvina::Value;
@@ -433,10 +419,8 @@ TEST(TQLogStarts, DISABLED_OneRun)
     TQLog::finishWriting();
 }
 
-// Runs starting together take turns at the log folder: each finds the one before it and
-// rotates it, so every run keeps its whole log. The test holds the folder's lock while the
-// runs of a round start, sees each one wait for it, then lets them all go at once; five
-// rounds of four (the four fit the kept files beside one older run).
+// Runs starting together take turns at the folder (each seen waiting for the test's lock), so
+// every run keeps its whole log; five rounds of four.
 TEST(TQLogStarts, RunsStartingTogetherEachKeepTheirWholeLog)
 {
     TempDir dir;
@@ -483,6 +467,36 @@ TEST(TQLogStarts, RunsStartingTogetherEachKeepTheirWholeLog)
         EXPECT_EQ(summaries.size(), size_t(kRuns)) << "each run's log is there once";
     }
     ::close(folder);
+}
+
+// With logging switched off, the message is still handed back.
+TEST(TQException, LogExceptionWritesTheMessageAsItStands)
+{
+    const std::string expected =
+        "Exception in -[TQTaskEx launchAsyncTask]. NSInvalidArgumentException - path %@ has 5% and %d.";
+    if (inChild()) {
+        TQLog::createNewLog("Services");
+        EXPECT_EQ(
+            TQException::logException(corvina::PlatformException("NSInvalidArgumentException", "path %@ has 5% and %d"),
+                                      "-[TQTaskEx launchAsyncTask]"),
+            expected);
+        TQLog::finishWriting();
+        const auto log = logEntries(childLogPath());
+        if (childCase() == 0) {
+            EXPECT_EQ(log.empty() ? "" : log.back(), expected);
+        }
+        return;
+    }
+    for (int disabled = 0; disabled < 2; ++disabled) {
+        TempDir home;
+        if (disabled)
+            writeFile(home / "Library/Preferences/com.brantwell.global.plist",
+                      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>disable-logging</key>"
+                      "<string>1</string></dict></plist>");
+        const TestRun run = runTest({}, home.path(), {{"CORVINA_CASE", std::to_string(disabled)}});
+        EXPECT_EQ(run.status, 0) << run.output;
+        EXPECT_EQ(run.printed, disabled ? "Logging is disabled\n" : TQLog::consoleCopy(expected) + "\n");
+    }
 }
 
 }  // namespace corvina::tq
