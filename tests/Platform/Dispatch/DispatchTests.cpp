@@ -74,18 +74,16 @@ TEST(DispatchQueueConcurrency, SyncRunsOnTheLabelledWorkerAndPassesExceptionsBac
     auto queue = DispatchQueue::createSerial("com.brantwell.movie serialization queue");
     EXPECT_EQ(DispatchQueue::current(), nullptr);
     const DispatchQueue* inside = nullptr;
-    bool isCurrent = false;
+    const DispatchQueue* nested = nullptr;
     char name[32] = {};
     queue->sync([&] {
         inside = DispatchQueue::current();
-        isCurrent = queue->isCurrent();
         pthread_getname_np(pthread_self(), name, sizeof name);
         // sync onto the queue one already runs on runs at once instead of deadlocking
-        queue->sync([&] { isCurrent = isCurrent && queue->isCurrent(); });
+        queue->sync([&] { nested = DispatchQueue::current(); });
     });
     EXPECT_EQ(inside, queue.get());
-    EXPECT_TRUE(isCurrent);
-    EXPECT_FALSE(queue->isCurrent());
+    EXPECT_EQ(nested, queue.get());
     EXPECT_STREQ(name, "com.brantwell.m");  // Linux keeps 15 characters
     EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
     int after = 0;

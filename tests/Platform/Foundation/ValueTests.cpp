@@ -87,7 +87,6 @@ TEST(Value, ConversionsTable)
         EXPECT_DOUBLE_EQ(row.value.doubleValue(), row.real);
         EXPECT_FLOAT_EQ(row.value.floatValue(), static_cast<float>(row.real));
         EXPECT_EQ(row.value.unsignedLongLongValue(), row.u64);
-        EXPECT_EQ(row.value.unsignedIntegerValue(), row.u64);
         EXPECT_EQ(row.value.boolValue(), row.boolean);
     }
     EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).unsignedLongLongValue(),
