@@ -32,34 +32,6 @@ TEST(AssetWriter, AudioAloneMovie)
     expectToolsAccept(path, true, nullptr, &pcm);
 }
 
-// A buffer with a timing entry for each sample: each sample keeps its own duration. (Buffers of
-// one timing entry, with a size for each sample, one size for all, or one naming the whole
-// block, are what the helper's split and unsplittable entries and audio runs hand over: its
-// digest table and multi-frame entries cover them.)
-TEST(AssetWriter, PerSampleTimingEntriesKeepTheirDurations)
-{
-    TempDir dir;
-    std::string path = dir / "timed.mov";
-    auto bytes = randomBytes(300, 3);
-    {
-        OpenWriter w(path);
-        ASSERT_TRUE(w.writer);
-        EXPECT_TRUE(w.video->appendSampleBuffer(
-            *makeSample(videoFormat(fourCC("apch"), 1280, 720), bytes.data(), 300, 3,
-                        {{MediaTime::make(1001, 30000), MediaTime::zero(), MediaTime::invalid()},
-                         {MediaTime::make(2002, 30000), MediaTime::make(1001, 30000), MediaTime::invalid()},
-                         {MediaTime::make(1001, 30000), MediaTime::make(3003, 30000), MediaTime::invalid()}},
-                        {100, 100, 100})));
-        EXPECT_TRUE(w.writer->finishWriting());
-    }
-    const MovieSummary m = checkedSummary(path);
-    ASSERT_EQ(m.tracks.size(), 1u);
-    using Run = std::pair<uint32_t, uint32_t>;
-    EXPECT_EQ(m.tracks[0].timeToSample, (std::vector<Run>{{1, 1001}, {1, 2002}, {1, 1001}}));
-    EXPECT_EQ(m.tracks[0].mediaDuration, 4u * 1001);
-    expectToolsAccept(path, false, &bytes);
-}
-
 // Runs must leave the file that one append per sample leaves: video runs close chunks at
 // 1 MiB, audio runs at half a second, and runs end before, on and after those boundaries.
 TEST(AssetWriter, RunsOfSamplesWriteWhatSingleAppendsWrite)
