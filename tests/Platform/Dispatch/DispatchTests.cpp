@@ -197,10 +197,7 @@ TEST(MainQueueConcurrency, MainQueueRunsOnlyWhenMainWaits)
     bool inline_ = false;
     DispatchQueue::main().sync([&] { inline_ = true; });
     EXPECT_TRUE(inline_);
-}
-
-TEST(MainQueueConcurrency, RunUntilDeadlineAndWakeUps)
-{
+    // A wait ends at its deadline, or when another thread wakes the main thread's waiters.
     EXPECT_FALSE(runMainQueueUntil([] { return false; }, std::chrono::steady_clock::now() + 5ms));
     std::atomic<bool> flag{false};
     std::thread t([&] {
