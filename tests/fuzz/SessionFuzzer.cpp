@@ -88,12 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string job = root + "/job";
     fs::remove_all(job);
     fs::create_directories(job + "/folder");
-    {
-        std::ofstream(job + "/folder/kept") << "a user's file";
-    }
-    {
-        std::ofstream(job + "/old.mov") << "the previous movie";
-    }
+    std::ofstream(job + "/folder/kept") << "a user's file";
+    std::ofstream(job + "/old.mov") << "the previous movie";
 
     Value::DictionaryType doc;
     doc["formatType"] = in.pick<int64_t>({0, 1, 4, 11, 20, 30, 31, 35, 7, 36, -1});
@@ -122,12 +118,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     doc["destFilename"] = dest;
     const std::string essence(reinterpret_cast<const char*>(data) + std::min(in.at, size),
                               size - std::min(in.at, size));
-    {
-        std::ofstream(videoPath, std::ios::binary) << essence.substr(0, essence.size() / 2);
-    }
-    {
-        std::ofstream(audioPath, std::ios::binary) << essence.substr(essence.size() / 2);
-    }
+    std::ofstream(videoPath, std::ios::binary) << essence.substr(0, essence.size() / 2);
+    std::ofstream(audioPath, std::ios::binary) << essence.substr(essence.size() / 2);
 
     const std::string videoBefore = readAll(videoPath), audioBefore = readAll(audioPath);
     int64_t status;

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <fstream>
 
 namespace corvina::test {
@@ -43,16 +42,23 @@ struct Cursor {
         left -= size_t(n);
         return v;
     }
-    uint8_t u8() { return uint8_t(be(1)); }
     uint16_t u16() { return uint16_t(be(2)); }
     uint32_t u32() { return uint32_t(be(4)); }
     uint64_t u64() { return be(8); }
+    uint64_t wide(bool v1) { return v1 ? u64() : u32(); }
     void skip(size_t n)
     {
         if (need(n)) {
             p += n;
             left -= n;
         }
+    }
+    // A full atom's version and flags, then its two dates: true for version 1 (64-bit fields).
+    bool versionAndDates()
+    {
+        const bool v1 = (u32() >> 24) == 1;
+        skip(v1 ? 16 : 8);
+        return v1;
     }
 };
 
@@ -106,48 +112,15 @@ const Atom* find(const std::vector<Atom>& atoms, uint32_t type)
 }
 
 // One track's atoms: what the checks and the tests read. The writer's fixed fields (flags,
-// resolutions, constants of the descriptions) are not looked at: any change in them shows in
-// the helper's digest table.
+// brands, track numbers, constants of the descriptions) are not looked at: any change in them
+// shows in the helper's digest table.
 struct TrackParser {
-    MovieTrack& t_;
-    std::vector<std::string>& problems_;
-    std::string where_;
+    MovieTrack& t;
+    std::vector<std::string>& problems;
+    std::string where;
 
-    void parseTrak(const Atom& trak)
-    {
-        auto kids = children(trak.body, trak.size, where_, problems_);
-        if (const Atom* a = require(kids, "tkhd")) parseTkhd(*a);
-        if (const Atom* edts = require(kids, "edts")) {
-            auto e = children(edts->body, edts->size, where_ + "/edts", problems_);
-            if (const Atom* elst = require(e, "elst")) parseElst(*elst);
-        }
-        const Atom* mdia = require(kids, "mdia");
-        if (!mdia) return;
-        auto m = children(mdia->body, mdia->size, where_ + "/mdia", problems_);
-        if (const Atom* a = require(m, "mdhd")) parseMdhd(*a);
-        if (const Atom* a = require(m, "hdlr")) {
-            Cursor c{a->body, a->size};
-            c.skip(8);
-            t_.handler = c.u32();
-        }
-        const Atom* minf = require(m, "minf");
-        if (!minf) return;
-        auto mi = children(minf->body, minf->size, where_ + "/minf", problems_);
-        const Atom* stbl = require(mi, "stbl");
-        if (!stbl) return;
-        auto s = children(stbl->body, stbl->size, where_ + "/stbl", problems_);
-        if (const Atom* a = require(s, "stsd")) parseStsd(*a);
-        if (const Atom* a = require(s, "stts")) parseStts(*a);
-        if (const Atom* a = require(s, "stsc")) parseStsc(*a);
-        if (const Atom* a = require(s, "stsz")) parseStsz(*a);
-        const Atom* stco = find(s, fourCC("stco"));
-        const Atom* co64 = find(s, fourCC("co64"));
-        if (!stco && !co64) problem("no chunk offset table");
-        if (stco && co64) problem("both stco and co64");
-        if (stco || co64) parseChunkOffsets(stco ? *stco : *co64, co64 != nullptr);
-    }
-
-    void problem(const std::string& text) { problems_.push_back(where_ + ": " + text); }
+    void problem(const std::string& text) { problems.push_back(where + ": " + text); }
+    std::vector<Atom> inside(const Atom& a) { return children(a.body, a.size, where, problems); }
     const Atom* require(const std::vector<Atom>& atoms, const char (&type)[5])
     {
         const Atom* a = find(atoms, fourCC(type));
@@ -159,68 +132,107 @@ struct TrackParser {
         if (c.bad) problem(std::string(what) + " is truncated");
     }
 
-    void parseTkhd(const Atom& a)
+    void parse(const Atom& trak)
+    {
+        const auto kids = inside(trak);
+        if (const Atom* a = require(kids, "tkhd")) {
+            Cursor c{a->body, a->size};
+            const bool v1 = c.versionAndDates();
+            t.trackID = c.u32();
+            c.skip(4);
+            t.tkhdDuration = c.wide(v1);
+            checked(c, "tkhd");
+        }
+        const Atom* edts = require(kids, "edts");
+        const auto edits = edts ? inside(*edts) : std::vector<Atom>{};
+        if (const Atom* a = edts ? require(edits, "elst") : nullptr) {
+            Cursor c{a->body, a->size};
+            const bool v1 = (c.u32() >> 24) == 1;
+            c.skip(4);  // entry count
+            t.editDuration = c.wide(v1);
+            checked(c, "elst");
+        }
+        const Atom* mdia = require(kids, "mdia");
+        if (!mdia) return;
+        const auto m = inside(*mdia);
+        if (const Atom* a = require(m, "mdhd")) {
+            Cursor c{a->body, a->size};
+            const bool v1 = c.versionAndDates();
+            t.timescale = c.u32();
+            t.mediaDuration = c.wide(v1);
+            checked(c, "mdhd");
+        }
+        if (const Atom* a = require(m, "hdlr")) {
+            Cursor c = table(*a);
+            c.skip(4);  // pre-defined
+            t.handler = c.u32();
+        }
+        const Atom* minf = require(m, "minf");
+        const auto mi = minf ? inside(*minf) : std::vector<Atom>{};
+        const Atom* stbl = minf ? require(mi, "stbl") : nullptr;
+        if (!stbl) return;
+        const auto s = inside(*stbl);
+        if (const Atom* a = require(s, "stsd")) parseStsd(*a);
+        if (const Atom* a = require(s, "stts")) {
+            Cursor c = table(*a);
+            for (uint32_t n = c.u32(), i = 0; i < n && !c.bad; ++i) {
+                const uint32_t count = c.u32();
+                t.timeToSample.emplace_back(count, c.u32());
+            }
+            checked(c, "stts");
+        }
+        if (const Atom* a = require(s, "stsc")) {
+            Cursor c = table(*a);
+            for (uint32_t n = c.u32(), i = 0; i < n && !c.bad; ++i) {
+                const uint32_t first = c.u32();
+                t.sampleToChunk.emplace_back(first, c.u32());
+                c.skip(4);  // sample description
+            }
+            checked(c, "stsc");
+        }
+        if (const Atom* a = require(s, "stsz")) parseStsz(*a);
+        const Atom* stco = find(s, fourCC("stco"));
+        const Atom* co64 = find(s, fourCC("co64"));
+        if (!stco && !co64) problem("no chunk offset table");
+        if (stco && co64) problem("both stco and co64");
+        if (stco || co64) parseChunkOffsets(stco ? *stco : *co64, co64 != nullptr);
+    }
+
+    // A table's body after its version and flags.
+    static Cursor table(const Atom& a)
     {
         Cursor c{a.body, a.size};
-        bool v1 = (c.u32() >> 24) == 1;
-        c.skip(v1 ? 16 : 8);
-        t_.trackID = c.u32();
         c.skip(4);
-        t_.tkhdDuration = v1 ? c.u64() : c.u32();
-        checked(c, "tkhd");
+        return c;
     }
-    void parseElst(const Atom& a)
-    {
-        Cursor c{a.body, a.size};
-        bool v1 = (c.u32() >> 24) == 1;
-        if (c.u32() != 1) problem("elst does not have one entry");
-        t_.editDuration = v1 ? c.u64() : c.u32();
-        int64_t mediaTime = v1 ? int64_t(c.u64()) : int32_t(c.u32());
-        if (mediaTime != 0) problem("edit does not start at media time 0");
-        checked(c, "elst");
-    }
-    void parseMdhd(const Atom& a)
-    {
-        Cursor c{a.body, a.size};
-        bool v1 = (c.u32() >> 24) == 1;
-        c.skip(v1 ? 16 : 8);
-        t_.timescale = c.u32();
-        t_.mediaDuration = v1 ? c.u64() : c.u32();
-        checked(c, "mdhd");
-    }
+
     void parseStsd(const Atom& a)
     {
-        Cursor c{a.body, a.size};
-        c.skip(4);
-        if (c.u32() != 1) problem("stsd does not have one entry");
-        auto entries = children(c.p, c.left, where_ + "/stsd", problems_);
+        Cursor c = table(a);
+        c.skip(4);  // entry count
+        auto entries = children(c.p, c.left, where + "/stsd", problems);
         if (entries.empty()) return;
-        const Atom& e = entries[0];
-        t_.codec = e.type;
-        Cursor d{e.body, e.size};
+        Cursor d{entries[0].body, entries[0].size};
         d.skip(8);
-        if (t_.handler == fourCC("vide")) {
+        if (t.handler == fourCC("vide")) {
             d.skip(2 + 2 + 4 + 4 + 4);
-            t_.sampleWidth = d.u16();
-            t_.sampleHeight = d.u16();
+            t.sampleWidth = d.u16();
+            t.sampleHeight = d.u16();
             checked(d, "video sample description");
-        } else if (t_.handler == fourCC("soun")) {
-            // Version 2: the rate and channels, format flags, then the bytes of a frame.
-            d.skip(2 + 2 + 4 + 2 + 2 + 2 + 2 + 4 + 4 + 8);
-            t_.channels = d.u32();
-            d.skip(4 + 4 + 4);
-            t_.bytesPerFrame = d.u32();
+        } else if (t.handler == fourCC("soun")) {
+            // Version 2: the rate, channels and format flags, then the bytes of a frame.
+            d.skip(2 + 2 + 4 + 2 + 2 + 2 + 2 + 4 + 4 + 8 + 4 + 4 + 4 + 4);
+            t.bytesPerFrame = d.u32();
             d.skip(4);  // frames per packet
             checked(d, "sound description");
-            auto ext = children(d.p, d.left, where_ + "/soun", problems_);
+            auto ext = children(d.p, d.left, where + "/soun", problems);
             if (const Atom* chan = find(ext, fourCC("chan"))) {
                 Cursor ch{chan->body, chan->size};
                 ch.skip(4);
-                t_.layoutTag = ch.u32();
+                t.layoutTag = ch.u32();
                 ch.skip(4);  // bitmap
-                uint32_t n = ch.u32();
-                for (uint32_t i = 0; i < n && !ch.bad; ++i) {
-                    t_.channelLabels.push_back(ch.u32());
+                for (uint32_t n = ch.u32(), i = 0; i < n && !ch.bad; ++i) {
+                    t.channelLabels.push_back(ch.u32());
                     ch.skip(16);
                 }
                 if (ch.left != 0) problem("chan has stray bytes");
@@ -228,58 +240,22 @@ struct TrackParser {
             }
         }
     }
-    void parseStts(const Atom& a)
-    {
-        Cursor c{a.body, a.size};
-        c.skip(4);
-        uint32_t n = c.u32();
-        for (uint32_t i = 0; i < n && !c.bad; ++i) {
-            const uint32_t count = c.u32();
-            t_.timeToSample.emplace_back(count, c.u32());
-        }
-        checked(c, "stts");
-    }
-    void parseStsc(const Atom& a)
-    {
-        Cursor c{a.body, a.size};
-        c.skip(4);
-        uint32_t n = c.u32();
-        for (uint32_t i = 0; i < n && !c.bad; ++i) {
-            uint32_t first = c.u32();
-            uint32_t per = c.u32();
-            if (c.u32() != 1) problem("stsc names another sample description");
-            t_.sampleToChunk.emplace_back(first, per);
-        }
-        checked(c, "stsc");
-    }
     void parseStsz(const Atom& a)
     {
-        Cursor c{a.body, a.size};
-        c.skip(4);
-        t_.constantSize = c.u32();
-        t_.sampleCount = c.u32();
-        if (t_.constantSize == 0) {
-            if (!c.need(size_t(t_.sampleCount) * 4)) {
-                problem("stsz is truncated");
-                return;
-            }
-            t_.sampleSizes.reserve(t_.sampleCount);
-            for (uint64_t i = 0; i < t_.sampleCount; ++i) t_.sampleSizes.push_back(c.u32());
-        }
+        Cursor c = table(a);
+        t.constantSize = c.u32();
+        t.sampleCount = c.u32();
+        if (t.constantSize == 0 && !c.need(size_t(t.sampleCount) * 4)) return problem("stsz is truncated");
+        for (uint64_t i = 0; t.constantSize == 0 && i < t.sampleCount; ++i) t.sampleSizes.push_back(c.u32());
         checked(c, "stsz");
     }
     void parseChunkOffsets(const Atom& a, bool wide)
     {
-        t_.co64 = wide;
-        Cursor c{a.body, a.size};
-        c.skip(4);
-        uint32_t n = c.u32();
-        if (!c.need(size_t(n) * (wide ? 8 : 4))) {
-            problem("chunk offsets are truncated");
-            return;
-        }
-        t_.chunkOffsets.reserve(n);
-        for (uint32_t i = 0; i < n; ++i) t_.chunkOffsets.push_back(wide ? c.u64() : c.u32());
+        t.co64 = wide;
+        Cursor c = table(a);
+        const uint32_t n = c.u32();
+        if (!c.need(size_t(n) * (wide ? 8 : 4))) return problem("chunk offsets are truncated");
+        for (uint32_t i = 0; i < n; ++i) t.chunkOffsets.push_back(c.wide(wide));
     }
 };
 
@@ -291,7 +267,7 @@ uint64_t toMovieTime(uint64_t d, uint32_t ts, uint32_t movieScale)
 
 void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::string>& problems)
 {
-    std::string where = "track " + std::to_string(t.trackID);
+    const std::string where = "track " + std::to_string(t.trackID);
     auto problem = [&](const std::string& s) { problems.push_back(where + ": " + s); };
     uint64_t sttsCount = 0, sttsSum = 0;
     for (auto [count, delta] : t.timeToSample) {
@@ -303,34 +279,32 @@ void checkTrack(const MovieTrack& t, const MovieSummary& m, std::vector<std::str
         problem("stts counts " + std::to_string(sttsCount) + " samples, stsz " + std::to_string(t.sampleCount));
     if (sttsSum != t.mediaDuration)
         problem("stts adds up to " + std::to_string(sttsSum) + ", mdhd says " + std::to_string(t.mediaDuration));
-    uint64_t expected = toMovieTime(t.mediaDuration, t.timescale, m.movieTimescale);
+    const uint64_t expected = toMovieTime(t.mediaDuration, t.timescale, m.movieTimescale);
     if (t.tkhdDuration != expected)
         problem("tkhd duration " + std::to_string(t.tkhdDuration) + " != " + std::to_string(expected));
     if (t.editDuration != expected)
         problem("elst duration " + std::to_string(t.editDuration) + " != " + std::to_string(expected));
     if (t.tkhdDuration > m.movieDuration) problem("track is longer than the movie");
-    if (t.sampleToChunk.empty() && t.sampleCount) problem("empty stsc");
-    if (!t.sampleToChunk.empty() && t.sampleToChunk[0].first != 1) problem("stsc does not start at chunk 1");
+    if (t.sampleToChunk.empty()) {
+        if (t.sampleCount) problem("empty stsc");
+        return;
+    }
+    if (t.sampleToChunk[0].first != 1) problem("stsc does not start at chunk 1");
     for (size_t i = 1; i < t.sampleToChunk.size(); ++i)
         if (t.sampleToChunk[i].first <= t.sampleToChunk[i - 1].first) problem("stsc runs out of order");
-    if (!t.sampleToChunk.empty() && t.sampleToChunk.back().first > t.chunkOffsets.size()) {
-        problem("stsc names chunks that do not exist");
-    } else if (!t.sampleToChunk.empty()) {
-        const auto per = t.samplesPerChunk();
-        uint64_t stscCount = 0;
-        for (uint32_t n : per) stscCount += n;
-        if (stscCount != t.sampleCount) {
-            problem("stsc covers " + std::to_string(stscCount) + " samples, stsz " + std::to_string(t.sampleCount));
-        } else {
-            // Every chunk inside mdat.
-            uint64_t sample = 0;
-            for (size_t c = 0; c < per.size(); ++c) {
-                uint64_t bytes = 0;
-                for (uint32_t i = 0; i < per[c]; ++i) bytes += t.sampleSize(sample++);
-                if (t.chunkOffsets[c] < m.mdatDataStart || t.chunkOffsets[c] + bytes > m.mdatDataEnd)
-                    problem("chunk " + std::to_string(c + 1) + " lies outside mdat");
-            }
-        }
+    if (t.sampleToChunk.back().first > t.chunkOffsets.size()) return problem("stsc names chunks that do not exist");
+    const auto per = t.samplesPerChunk();
+    uint64_t stscCount = 0;
+    for (uint32_t n : per) stscCount += n;
+    if (stscCount != t.sampleCount)
+        return problem("stsc covers " + std::to_string(stscCount) + " samples, stsz " + std::to_string(t.sampleCount));
+    // Every chunk inside mdat.
+    uint64_t sample = 0;
+    for (size_t c = 0; c < per.size(); ++c) {
+        uint64_t bytes = 0;
+        for (uint32_t i = 0; i < per[c]; ++i) bytes += t.sampleSize(sample++);
+        if (t.chunkOffsets[c] < m.mdatDataStart || t.chunkOffsets[c] + bytes > m.mdatDataEnd)
+            problem("chunk " + std::to_string(c + 1) + " lies outside mdat");
     }
 }
 
@@ -362,50 +336,33 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
     if (!fd.in) return {"cannot open " + path};
     const auto fileSize = uint64_t(test::fileSize(path));
     std::vector<uint8_t> moov;
-    uint64_t at = 0;
-    while (at < fileSize) {
+    Header h{};
+    for (uint64_t at = 0; at < fileSize; at += h.size) {
         uint8_t bytes[16];
         const size_t got = size_t(std::min<uint64_t>(16, fileSize - at));
-        Header h{};
         const std::string problem =
             fd.readAt(at, bytes, got) ? readHeader(bytes, got, fileSize - at, h) : "cannot read";
         if (!problem.empty()) {
             problems.push_back("top level: " + problem);
             break;
         }
-        const uint64_t size = h.size, header = h.length;
-        const uint32_t type = h.type;
-        if (at == 0) {
-            // ftyp: major brand, minor version, then the first compatible brand.
-            uint8_t f[12] = {};
-            const bool read = type == fourCC("ftyp") && size >= 20 && fd.readAt(at + 8, f, 12);
-            Cursor fc{f, 12};
-            const uint32_t major = fc.u32();
-            fc.skip(4);
-            if (!read || major != fourCC("qt  ") || fc.u32() != fourCC("qt  "))
-                problems.push_back("the file does not start with an ftyp of brand 'qt  ', compatible with 'qt  '");
-        } else if (type == fourCC("mdat")) {
-            m.mdatDataStart = at + header;
-            m.mdatDataEnd = at + size;
-            m.mdat64 = header == 16;
-        } else if (type == fourCC("moov")) {
-            moov.resize(size_t(size - header));
-            if (!fd.readAt(at + header, moov.data(), moov.size())) problems.push_back("cannot read moov");
+        if (h.type == fourCC("mdat")) {
+            m.mdatDataStart = at + h.length;
+            m.mdatDataEnd = at + h.size;
+        } else if (h.type == fourCC("moov")) {
+            moov.resize(size_t(h.size - h.length));
+            if (!fd.readAt(at + h.length, moov.data(), moov.size())) problems.push_back("cannot read moov");
         }
-        at += size;
     }
     if (moov.empty()) problems.push_back("no moov");
     if (!m.mdatDataEnd) problems.push_back("no mdat");
 
-    auto top = children(moov.data(), moov.size(), "moov", problems);
+    const auto top = children(moov.data(), moov.size(), "moov", problems);
     if (const Atom* mvhd = find(top, fourCC("mvhd"))) {
         Cursor c{mvhd->body, mvhd->size};
-        bool v1 = (c.u32() >> 24) == 1;
-        c.skip(v1 ? 16 : 8);
+        const bool v1 = c.versionAndDates();
         m.movieTimescale = c.u32();
-        m.movieDuration = v1 ? c.u64() : c.u32();
-        c.skip(4 + 2 + 10 + 36 + 24);
-        m.nextTrackID = c.u32();
+        m.movieDuration = c.wide(v1);
         if (c.bad) problems.push_back("mvhd is truncated");
     } else if (!moov.empty()) {
         problems.push_back("missing mvhd");
@@ -413,15 +370,13 @@ std::vector<std::string> checkMovieStructure(const std::string& path, MovieSumma
     for (const auto& a : top) {
         if (a.type != fourCC("trak")) continue;
         MovieTrack t;
-        TrackParser{t, problems, "trak " + std::to_string(m.tracks.size() + 1)}.parseTrak(a);
+        TrackParser{t, problems, "trak " + std::to_string(m.tracks.size() + 1)}.parse(a);
         m.tracks.push_back(std::move(t));
     }
     uint64_t longest = 0;
     for (const auto& t : m.tracks) {
         checkTrack(t, m, problems);
         longest = std::max(longest, t.tkhdDuration);
-        if (t.trackID == 0 || t.trackID >= m.nextTrackID)
-            problems.push_back("bad track id " + std::to_string(t.trackID));
     }
     if (!m.tracks.empty() && longest != m.movieDuration)
         problems.push_back("movie duration " + std::to_string(m.movieDuration) + " is not the longest track's " +
@@ -434,17 +389,15 @@ std::vector<uint8_t> readSamples(const std::string& path, const MovieTrack& trac
 {
     std::vector<uint8_t> out;
     File fd(path);
-    if (!fd.in) return out;
-    auto per = track.samplesPerChunk();
+    const auto per = track.samplesPerChunk();
     uint64_t sample = 0;
-    for (size_t c = 0; c < per.size() && sample < first + count; ++c) {
+    for (size_t c = 0; fd.in && c < per.size() && sample < first + count; ++c) {
         uint64_t at = track.chunkOffsets[c];
         for (uint32_t i = 0; i < per[c] && sample < first + count; ++i, ++sample) {
-            uint32_t size = track.sampleSize(sample);
+            const uint32_t size = track.sampleSize(sample);
             if (sample >= first) {
-                size_t old = out.size();
-                out.resize(old + size);
-                if (!fd.readAt(at, out.data() + old, size)) return {};
+                out.resize(out.size() + size);
+                if (!fd.readAt(at, out.data() + out.size() - size, size)) return {};
             }
             at += size;
         }

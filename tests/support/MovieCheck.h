@@ -13,7 +13,6 @@ namespace corvina::test {
 struct MovieTrack {
     uint32_t trackID = 0;
     uint32_t handler = 0;  // 'vide' or 'soun'
-    uint32_t codec = 0;    // sample description format
     uint32_t timescale = 0;
     uint64_t mediaDuration = 0;  // mdhd
     uint64_t tkhdDuration = 0;   // movie timescale
@@ -21,7 +20,7 @@ struct MovieTrack {
     // Video sample description.
     uint16_t sampleWidth = 0, sampleHeight = 0;
     // Sound sample description (version 2) and its channel layout.
-    uint32_t channels = 0, bytesPerFrame = 0;
+    uint32_t bytesPerFrame = 0;
     uint32_t layoutTag = 0;
     std::vector<uint32_t> channelLabels;
     // Tables.
@@ -40,10 +39,8 @@ struct MovieTrack {
 
 struct MovieSummary {
     uint64_t mdatDataStart = 0, mdatDataEnd = 0;
-    bool mdat64 = false;
     uint32_t movieTimescale = 0;
     uint64_t movieDuration = 0;
-    uint32_t nextTrackID = 0;
     std::vector<MovieTrack> tracks;
 
     const MovieTrack* track(uint32_t handler) const;

@@ -80,16 +80,6 @@ std::map<std::string, std::string> currentEnvironment()
     return env;
 }
 
-std::string onPath(const std::string& name)
-{
-    if (name.find('/') != std::string::npos) return name;
-    const char* path = std::getenv("PATH");
-    std::istringstream folders(path ? path : "/usr/bin:/bin");
-    for (std::string folder; std::getline(folders, folder, ':');)
-        if (isExecutablePath(folder + "/" + name)) return folder + "/" + name;
-    return name;
-}
-
 }  // namespace
 
 ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
@@ -100,7 +90,8 @@ ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<st
     Process::Environment merged = currentEnvironment();
     for (const auto& [key, value] : env) merged[key] = value;
     Process process;
-    process.setLaunchPath(onPath(argv[0]));
+    process.setLaunchPath(argv[0].find('/') == std::string::npos ? findProgramOnPath(argv[0]).value_or(argv[0])
+                                                                 : argv[0]);
     process.setArguments({argv.begin() + 1, argv.end()});
     process.setEnvironment(std::move(merged));
     process.setStandardInputData(input);

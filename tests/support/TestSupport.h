@@ -33,8 +33,7 @@ std::vector<uint8_t> readBytes(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes,
                std::optional<std::filesystem::perms> perms = std::nullopt);
 std::vector<std::string> splitLines(const std::string& text);
-// size bytes of a pattern that differs from one seed to the next (and within a file): the
-// seeded generator's bytes (seeded/SplitMix64.h).
+// size bytes of the seeded generator (seeded/SplitMix64.h).
 std::string patternBytes(size_t size, uint64_t seed = 1);
 // Writes patternBytes(size, seed) to path; returns path.
 std::string makeFile(const std::string& path, size_t size, uint64_t seed = 1);
@@ -48,8 +47,8 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs a program (found on PATH when argv[0] has no slash) through corvina::Process, with
-// extra environment variables added to or replacing the caller's, and input on standard input.
+// Runs a program (found on PATH when argv[0] has no slash) with extra environment variables
+// added to or replacing the caller's, and input on standard input.
 ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {},
                          const std::string& input = {});
 // The digest a coreutils tool prints for the file ("md5sum", "sha256sum", ...).
@@ -59,12 +58,10 @@ std::string getfattr(const std::string& path, const std::string& name);
 
 // A log line's text after its "yyyy-MM-dd HH:mm:ss +0000 - " prefix ("" for a shorter line).
 std::string entryText(const std::string& line);
-// The entries of a log file without their date prefix; a line without one continues the
-// entry before it (multi-line messages).
+// The entries of a log file without their date prefix; a line without one continues the last.
 std::vector<std::string> logEntries(const std::string& path);
 
-// A tmpfs or ramfs on a fresh folder while the object lives; mounted() is false where the
-// test may not mount.
+// A tmpfs or ramfs on a fresh folder while the object lives; mounted() is false where not allowed.
 class ScopedMount {
 public:
     explicit ScopedMount(std::string where, const char* type = "tmpfs", const char* options = "size=4m");

@@ -1,16 +1,13 @@
 // Building blocks for movie-writer tests: format descriptions of every supported kind, sample
-// buffers made from synthetic bytes, a started writer, and how a movie's chunks take turns.
+// buffers made from synthetic bytes and a started writer.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "Foundation/ByteOrder.h"
 #include "support/MovieCheck.h"
 #include "support/TestSupport.h"
 #include "QuickTime/AssetWriter.h"
@@ -47,21 +44,6 @@ inline std::vector<uint8_t> randomBytes(size_t n, uint32_t seed)
 {
     const std::string bytes = patternBytes(n, seed);
     return {bytes.begin(), bytes.end()};
-}
-
-// Interleaved 16-bit PCM of a tone, in the format's byte order.
-inline std::vector<uint8_t> pcmTone(size_t frames, uint32_t channels, bool bigEndian, uint32_t rate,
-                                    size_t startFrame = 0)
-{
-    std::vector<uint8_t> v(frames * channels * 2);
-    for (size_t i = 0; i < frames; ++i) {
-        for (uint32_t c = 0; c < channels; ++c) {
-            double t = double(startFrame + i) / rate;
-            auto s = int16_t(std::lround(12000 * std::sin(2 * M_PI * (440.0 + 220 * c) * t)));
-            corvina::storePCM16(&v[(i * channels + c) * 2], s, bigEndian);
-        }
-    }
-    return v;
 }
 
 inline std::unique_ptr<SampleBuffer> makeSample(const FormatDescriptionRef& format, const uint8_t* bytes, size_t length,
@@ -108,24 +90,5 @@ struct OpenWriter {
         if (startSession) writer->startSessionAtSourceTime(MediaTime::zero());
     }
 };
-
-// The chunks of every track in file order, one letter a track ('v' for the first); the
-// longest run of one track's chunks in a row goes to longestRun.
-inline std::string chunkOrder(const MovieSummary& m, int* longestRun)
-{
-    std::vector<std::pair<uint64_t, char>> chunks;
-    for (size_t k = 0; k < m.tracks.size(); ++k)
-        for (uint64_t o : m.tracks[k].chunkOffsets) chunks.emplace_back(o, k ? 'a' : 'v');
-    std::sort(chunks.begin(), chunks.end());
-    std::string order;
-    int run = 0;
-    *longestRun = 0;
-    for (const auto& c : chunks) {
-        run = !order.empty() && order.back() == c.second ? run + 1 : 1;
-        *longestRun = std::max(*longestRun, run);
-        order += c.second;
-    }
-    return order;
-}
 
 }  // namespace corvina::test

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -188,56 +189,51 @@ TEST(TerminalAlertAnswers, NumbersSelectOnlyButtonsThatExist)
     EXPECT_FALSE(isSuppressionToggle(three, "s"));
 }
 
-// An alert on a terminal whose keyboard and screen are pipes.
-class TerminalAlertPresenterConcurrency : public ::testing::Test {
-protected:
-    std::shared_ptr<AlertSession> present(const AlertContent& c)
-    {
-        return makeTerminalAlertPresenter(input.fd[0], output.fd[1])->present(c, answer.completion());
+// An alert on a terminal whose keyboard and screen are pipes: an answer typed after one that
+// is no button, the end of input, and an alert taken away before anyone answered.
+TEST(TerminalAlertPresenterConcurrency, TypedAnswerEndOfInputAndDismissal)
+{
+    const struct {
+        const char* typed;  // then the end of input; null: dismissed instead
+        int64_t expected;
+    } rows[] = {{"9\n2\n", kAlertAlternateReturn}, {"", kAlertDefaultReturn}, {nullptr, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.typed ? row.typed : "dismissed");
+        Pipe input, output;
+        Answer answer;
+        auto session = makeTerminalAlertPresenter(input.fd[0], output.fd[1])
+                           ->present(content("Save?", "Unsaved changes", "Save", "Discard"), answer.completion());
+        if (!row.typed) {
+            session->dismiss();
+            session.reset();  // joins the reader
+            EXPECT_EQ(answer.calls(), 0u);
+            continue;
+        }
+        const auto length = ssize_t(std::strlen(row.typed));
+        ASSERT_EQ(::write(input.fd[1], row.typed, size_t(length)), length);
+        input.closeWrite();
+        EXPECT_EQ(answer.wait(), row.expected);
+        session.reset();
+        std::string shown(65536, '\0');
+        ::fcntl(output.fd[0], F_SETFL, O_NONBLOCK);
+        shown.resize(size_t(std::max(::read(output.fd[0], shown.data(), shown.size()), ssize_t(0))));
+        EXPECT_NE(shown.find("Unsaved changes"), std::string::npos);
+        EXPECT_EQ(shown.find("Please answer") != std::string::npos, *row.typed != 0) << "9 is not a button";
     }
-    Pipe input, output;
-    Answer answer;
-};
-
-TEST_F(TerminalAlertPresenterConcurrency, ReadsTheAnswerFromTheTerminal)
-{
-    auto session = present(content("Save?", "Unsaved changes", "Save", "Discard"));
-    ASSERT_EQ(::write(input.fd[1], "9\n2\n", 4), 4);
-    EXPECT_EQ(answer.wait(), kAlertAlternateReturn);
-    session.reset();
-    std::string shown(65536, '\0');
-    ::fcntl(output.fd[0], F_SETFL, O_NONBLOCK);
-    shown.resize(size_t(std::max(::read(output.fd[0], shown.data(), shown.size()), ssize_t(0))));
-    EXPECT_NE(shown.find("Unsaved changes"), std::string::npos);
-    EXPECT_NE(shown.find("Please answer"), std::string::npos) << "9 is not a button";
 }
 
-TEST_F(TerminalAlertPresenterConcurrency, EndOfInputMeansTheDefaultButton)
-{
-    auto session = present(content("Go on?"));
-    input.closeWrite();
-    EXPECT_EQ(answer.wait(), kAlertDefaultReturn);
-}
-
-TEST_F(TerminalAlertPresenterConcurrency, DismissedAlertNeverAnswers)
-{
-    auto session = present(content("Wait"));
-    session->dismiss();
-    session.reset();  // joins the reader
-    EXPECT_EQ(answer.calls(), 0u);
-}
-
+// A dialog that never reached the screen is no answer: the fallback (nobody, here) answers
+// instead, after a log line that says why. One taken away never answers.
 TEST(DialogAlertPresenterConcurrency, ExitStatusAndPrintedLabelSelectTheButton)
 {
-    // A dialog that never reached the screen is no answer: the fallback (nobody, here) answers
-    // instead, after a log line that says why.
     const auto three = content("Replace?", "", "Replace", "Keep", "Compare");
     const char* noDisplay = "echo '(zenity:7): Gtk-WARNING **: 02:54:31.446: cannot open display: :93' >&2; exit 1";
+    const int64_t none = -99;
     struct Case {
-        const char* script;
+        const char* script;  // null: no dialog program
         AlertContent content;
-        int64_t expected;
-        const char* why;  // the fallback's reason, or null for a person's answer
+        int64_t expected;  // none: dismissed
+        const char* why;   // the fallback's reason, or null for a person's answer
     } cases[] = {
         {"exit 0", three, kAlertDefaultReturn, nullptr},
         {"exit 1", three, kAlertAlternateReturn, nullptr},
@@ -247,14 +243,23 @@ TEST(DialogAlertPresenterConcurrency, ExitStatusAndPrintedLabelSelectTheButton)
         {noDisplay, three, kAlertDefaultReturn, "cannot open display: :93"},
         {"exit 255", three, kAlertDefaultReturn, "the dialog program ended with status 255"},
         {"kill -USR1 $$", three, kAlertDefaultReturn, "the dialog program ended with status 138"},
+        {nullptr, three, kAlertDefaultReturn, "launch path not accessible: No such file or directory"},
+        {"exec sleep 30", three, none, nullptr},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.script);
+        SCOPED_TRACE(c.script ? c.script : "no dialog program");
         ScopedSystemLogCapture capture;
-        FakeDialog dialog(c.script);
+        FakeDialog dialog(c.script ? c.script : "");
         Answer answer;
-        auto session = makeDialogAlertPresenter(dialog.path(), makeHeadlessAlertPresenter())
-                           ->present(c.content, answer.completion());
+        auto session =
+            makeDialogAlertPresenter(c.script ? dialog.path() : "/nonexistent/zenity", makeHeadlessAlertPresenter())
+                ->present(c.content, answer.completion());
+        if (c.expected == none) {
+            session->dismiss();
+            session.reset();
+            EXPECT_EQ(answer.calls(), 0u);
+            continue;
+        }
         EXPECT_EQ(answer.wait(), c.expected) << c.content.messageText;
         session.reset();
         const auto alertLine = Contains("Alert: " + c.content.messageText);
@@ -265,25 +270,4 @@ TEST(DialogAlertPresenterConcurrency, ExitStatusAndPrintedLabelSelectTheButton)
             EXPECT_THAT(capture.messages(), Not(alertLine));
         }
     }
-}
-
-TEST(DialogAlertPresenterConcurrency, DismissTakesTheDialogAwayWithoutAnswer)
-{
-    FakeDialog dialog("exec sleep 30");
-    Answer answer;
-    auto session = makeDialogAlertPresenter(dialog.path())->present(content("Waiting"), answer.completion());
-    session->dismiss();
-    session.reset();
-    EXPECT_EQ(answer.calls(), 0u);
-}
-
-TEST(DialogAlertPresenterConcurrency, MissingDialogProgramFallsBackToNobody)
-{
-    ScopedSystemLogCapture capture;
-    Answer answer;
-    makeDialogAlertPresenter("/nonexistent/zenity", makeHeadlessAlertPresenter())
-        ->present(content("Fallback"), answer.completion());
-    EXPECT_EQ(answer.wait(), kAlertDefaultReturn);
-    EXPECT_THAT(capture.messages(), Contains("Alert: Fallback"));
-    EXPECT_THAT(capture.messages(), Contains(testing::StartsWith("Alert dialog cannot be shown: ")));
 }

@@ -54,17 +54,6 @@ TEST(StringUtils, PathHelpers)
     EXPECT_TRUE(pathComponents("").empty());
 }
 
-TEST(StringUtils, TildeExpansion)
-{
-    const char* home = std::getenv("HOME");
-    if (home && *home) {
-        EXPECT_EQ(expandTilde("~/Library"), std::string(home == std::string("/") ? "" : home) + "/Library");
-    }
-    EXPECT_EQ(expandTilde("~root/x"), "/root/x");
-    EXPECT_EQ(expandTilde("~no-such-user-here/x"), "~no-such-user-here/x");
-    EXPECT_EQ(expandTilde("/abs/~"), "/abs/~");
-}
-
 TEST(StringUtils, TrimsLengthsAndReplacing)
 {
     EXPECT_EQ(trimWhitespaceAndNewlines(" \t\r\n text \n"), "text");
@@ -83,7 +72,7 @@ TEST(StringUtils, TrimsLengthsAndReplacing)
     EXPECT_EQ(replaceAll("abc", "", "x"), "abc");
 }
 
-TEST(Date, DescriptionsBothWays)
+TEST(Date, Descriptions)
 {
     struct Row {
         long long seconds;
@@ -99,13 +88,7 @@ TEST(Date, DescriptionsBothWays)
         const Date d{std::chrono::seconds(row.seconds)};
         EXPECT_EQ(dateDescription(d), row.text);
         EXPECT_EQ(dateDescription(d + std::chrono::milliseconds(999)), row.text);
-        EXPECT_EQ(dateFromDescription(row.text), d);
     }
-    EXPECT_EQ(dateFromDescription("1984-01-24 09:30:00 +0130"), Date{std::chrono::seconds(443779200)});
-    EXPECT_EQ(dateFromDescription("1984-01-24 03:00:00 -0500"), Date{std::chrono::seconds(443779200)});
-    for (const char* bad : {"", "1984-01-24", "1984-13-01 00:00:00 +0000", "1984-01-24 08:00:00",
-                            "1984-01-24T08:00:00Z", "1984-01-24 08:00:00 +0000 extra", "x984-01-24 08:00:00 +0000"})
-        EXPECT_FALSE(dateFromDescription(bad)) << bad;
 }
 
 TEST(Date, CachedFormatterFollowsTheSecond)
@@ -117,7 +100,7 @@ TEST(Date, CachedFormatterFollowsTheSecond)
     EXPECT_EQ(formatter.format(base + std::chrono::seconds(1)), "1984-01-24 08:00:01 +0000");
     EXPECT_EQ(formatter.format(base - std::chrono::seconds(1)), "1984-01-24 07:59:59 +0000");
     EXPECT_EQ(formatter.now().size(), 25u);
-    EXPECT_TRUE(dateFromDescription(currentDateDescription()));
+    EXPECT_EQ(currentDateDescription().size(), 25u);
 }
 
 TEST(ErrorsAndExceptions, Descriptions)

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,14 +27,13 @@ struct ShellRun {
     int status = -1;
 };
 
-ShellRun runShell(const std::string& script, Process::Stream out = Process::Stream::Pipe,
-                  Process::Stream err = Process::Stream::Pipe)
+// Runs the script with /bin/sh, set up further by `configure` when given.
+ShellRun runShell(const std::string& script, const std::function<void(Process&)>& configure = {})
 {
     Process p;
     p.setLaunchPath("/bin/sh");
     p.setArguments({"-c", script});
-    p.setStandardOutput(out);
-    p.setStandardError(err);
+    if (configure) configure(p);
     p.launch();
     ShellRun r;
     p.readToEnd(&r.out, &r.err);
@@ -43,66 +42,77 @@ ShellRun runShell(const std::string& script, Process::Stream out = Process::Stre
     return r;
 }
 
-// Launches the configured process and returns its standard output once it has ended.
-std::string outputOf(Process& p)
-{
-    p.launch();
-    Process::Bytes out;
-    p.readToEnd(&out, nullptr);
-    p.waitUntilExit();
-    return text(out);
-}
-
 }  // namespace
 
 TEST(ProcessExecutableCheck, RunnableRegularFilesAndPackageFolders)
 {
     TempDir tmp;
     writeFile(tmp / "tool", "#!/bin/sh\n", fs::perms::owner_all);
-    writeFile(tmp / "plain", "data", fs::perms::owner_read | fs::perms::owner_write);
-    fs::create_directory(tmp / "folder");
-
-    EXPECT_TRUE(corvina::isExecutablePath("/bin/sh"));
-    EXPECT_TRUE(corvina::isExecutablePath(tmp / "tool"));
-    EXPECT_FALSE(corvina::isExecutablePath(tmp / "missing"));
-    EXPECT_FALSE(corvina::isExecutablePath(tmp / "folder"));
-    EXPECT_FALSE(corvina::isExecutablePath(""));
-    if (::geteuid() != 0) {
-        EXPECT_FALSE(corvina::isExecutablePath(tmp / "plain"));
-    }
-    // Package folders are known by their extension, and are not executables.
-    for (const char* name : {"Viewer.app", "Kit.framework", "Driver.kext"}) {
-        fs::create_directory(tmp / name);
-        EXPECT_TRUE(corvina::isPackagePath(tmp / name)) << name;
-        EXPECT_TRUE(corvina::isPackagePath(tmp / name + "/")) << name;
-        EXPECT_FALSE(corvina::isExecutablePath(tmp / name)) << name;
-    }
-    // The extension alone does not make a package: a tool file named like one is a tool,
-    // and a folder with another extension is just a folder.
     writeFile(tmp / "tool.app", "#!/bin/sh\n", fs::perms::owner_all);
-    fs::create_directory(tmp / "Notes.txt");
-    fs::create_directory(tmp / "Case.APP");
-    EXPECT_FALSE(corvina::isPackagePath(tmp / "tool.app"));
-    EXPECT_TRUE(corvina::isExecutablePath(tmp / "tool.app"));
-    EXPECT_FALSE(corvina::isPackagePath(tmp / "Notes.txt"));
-    EXPECT_FALSE(corvina::isPackagePath(tmp / "Case.APP"));
-    EXPECT_FALSE(corvina::isPackagePath(tmp / "missing.app"));
+    writeFile(tmp / "plain", "data", fs::perms::owner_read | fs::perms::owner_write);
+    for (const char* name : {"folder", "Viewer.app", "Kit.framework", "Driver.kext", "Notes.txt", "Case.APP"})
+        fs::create_directory(tmp / name);
+    // Package folders are known by their extension and are not executables; the extension alone
+    // does not make a package (a tool named like one, another extension, another case).
+    const struct {
+        std::string path;
+        bool executable, package;
+    } rows[] = {
+        {"/bin/sh", true, false},
+        {tmp / "tool", true, false},
+        {tmp / "missing", false, false},
+        {tmp / "folder", false, false},
+        {"", false, false},
+        {tmp / "plain", false, false},
+        {tmp / "Viewer.app", false, true},
+        {tmp / "Viewer.app/", false, true},
+        {tmp / "Kit.framework", false, true},
+        {tmp / "Driver.kext", false, true},
+        {tmp / "tool.app", true, false},
+        {tmp / "Notes.txt", false, false},
+        {tmp / "Case.APP", false, false},
+        {tmp / "missing.app", false, false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(corvina::isExecutablePath(row.path), row.executable) << row.path;
+        EXPECT_EQ(corvina::isPackagePath(row.path), row.package) << row.path;
+    }
 }
 
-TEST(ProcessStreams, CapturesOrDiscardsEachStreamAndReportsTheStatus)
+TEST(ProcessStreams, CapturesDiscardsFeedsAndReportsTheStatus)
 {
-    ShellRun r = runShell("printf out; printf err >&2; exit 3");
-    EXPECT_EQ(text(r.out), "out");
-    EXPECT_EQ(text(r.err), "err");
-    EXPECT_EQ(r.status, 3);
-    // cat reads the empty input and ends at once; nothing reaches a discarded stream.
-    r = runShell("cat; echo gone; echo lost >&2", Process::Stream::Null, Process::Stream::Null);
-    EXPECT_TRUE(r.out.empty());
-    EXPECT_TRUE(r.err.empty());
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(runShell("cat").out.empty());
-    EXPECT_EQ(runShell("exit 255").status, 255);
-    EXPECT_EQ(runShell("kill -TERM $$").status, 128 + SIGTERM);
+    ::setenv("CORVINA_PROCESS_TEST_MARK", "inherited", 1);
+    const auto discard = [](Process& p) {
+        p.setStandardOutput(Process::Stream::Null);
+        p.setStandardError(Process::Stream::Null);
+    };
+    const auto feed = [](Process& p) { p.setStandardInputData("secret\n"); };
+    // A given environment replaces the caller's whole.
+    const auto only = [](Process& p) { p.setEnvironment(Process::Environment{{"ONLY", "this one"}}); };
+    const struct {
+        const char* script;
+        std::function<void(Process&)> configure;
+        const char* out;
+        const char* err;
+        int status;
+    } rows[] = {
+        {"printf out; printf err >&2; exit 3", {}, "out", "err", 3},
+        // cat reads the empty input and ends at once; nothing reaches a discarded stream.
+        {"cat; echo gone; echo lost >&2", discard, "", "", 0},
+        {"cat", {}, "", "", 0},
+        {"cat", feed, "secret\n", "", 0},
+        {"exit 255", {}, "", "", 255},
+        {"kill -TERM $$", {}, "", "", 128 + SIGTERM},
+        {"printf %s \"$CORVINA_PROCESS_TEST_MARK\"", {}, "inherited", "", 0},
+        {"printf %s \"$ONLY|$CORVINA_PROCESS_TEST_MARK\"", only, "this one|", "", 0},
+    };
+    for (const auto& row : rows) {
+        const ShellRun r = runShell(row.script, row.configure);
+        EXPECT_EQ(text(r.out), row.out) << row.script;
+        EXPECT_EQ(text(r.err), row.err) << row.script;
+        EXPECT_EQ(r.status, row.status) << row.script;
+    }
+    ::unsetenv("CORVINA_PROCESS_TEST_MARK");
 }
 
 TEST(ProcessStreams, DrainsBothStreamsWhileEitherFills)
@@ -114,27 +124,6 @@ TEST(ProcessStreams, DrainsBothStreamsWhileEitherFills)
     EXPECT_EQ(r.err.size(), 1048576u);
     EXPECT_EQ(r.out.front(), 'x');
     EXPECT_EQ(r.out.back(), 'x');
-}
-
-TEST(ProcessStreams, FeedsGivenInputThenEndOfFile)
-{
-    Process p;
-    p.setLaunchPath("/bin/cat");
-    p.setStandardInputData("secret\n");
-    EXPECT_EQ(outputOf(p), "secret\n");
-}
-
-TEST(ProcessEnvironment, GivenEnvironmentReplacesTheCallersWhole)
-{
-    ::setenv("CORVINA_PROCESS_TEST_MARK", "inherited", 1);
-    Process p;
-    p.setLaunchPath("/usr/bin/env");
-    p.setEnvironment(Process::Environment{{"ONLY", "this one"}});
-    EXPECT_EQ(outputOf(p), "ONLY=this one\n");
-    Process inherit;
-    inherit.setLaunchPath("/usr/bin/env");
-    EXPECT_NE(outputOf(inherit).find("CORVINA_PROCESS_TEST_MARK=inherited"), std::string::npos);
-    ::unsetenv("CORVINA_PROCESS_TEST_MARK");
 }
 
 TEST(ProcessLifecycle, LaunchFailuresArePlatformExceptions)

@@ -36,18 +36,3 @@ TEST(CodecHeaders, ProResFrameHeaderFields)
     EXPECT_FALSE(codec::proResFrameSize(other));
     EXPECT_EQ(codec::proResFrameRate(9), 0.0);
 }
-
-TEST(CodecHeaders, DVFrameBytesOfEachFormat)
-{
-    const std::pair<FourCharCode, size_t> rows[] = {
-        {fourCC("dvc "), 120000}, {fourCC("dvcp"), 144000}, {fourCC("dv5n"), 240000}, {fourCC("dv5p"), 288000},
-        {fourCC("dvhp"), 240000}, {fourCC("dvh6"), 480000}, {fourCC("dvh5"), 576000},
-    };
-    for (const auto& [codecType, bytes] : rows) {
-        const auto layout = codec::dvLayout(codecType);
-        ASSERT_TRUE(layout) << fourCCText(codecType);
-        EXPECT_EQ(layout->frameBytes(), bytes) << fourCCText(codecType);
-    }
-    EXPECT_FALSE(codec::dvLayout(fourCC("dvsd")));
-    EXPECT_FALSE(codec::dvLayout(fourCC("apch")));
-}
