@@ -1,7 +1,5 @@
-// A FAT32 card image on which a deleted DV recording lies in two fragments, the second one
-// before the first on the disk and partly overwritten by a later file. The scan needs no file
-// system: the pieces come back as one clip in timecode order with the frame that straddles the
-// cut put together again, less the frames that were overwritten, and nothing of the later file.
+// A deleted DV recording in two reversed fragments on a FAT32 image, partly overwritten, comes back
+// in timecode order with the straddling frame joined, without the file system.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -27,8 +25,7 @@ uint32_t little(const std::string& bytes, size_t at, int width)
     return uint32_t(corvina::loadLE(reinterpret_cast<const uint8_t*>(bytes.data()) + at, size_t(width)));
 }
 
-// A read-only loop device on an image, detached again at the end; an empty path (and
-// losetup's answer) when none can be attached here.
+// A read-only loop device on an image while it lives; no path (and losetup's answer) where none attaches.
 struct LoopDevice {
     explicit LoopDevice(const std::string& image)
         : attach(runProgram({"losetup", "--find", "--show", "--read-only", image})),
@@ -56,15 +53,11 @@ TEST(DiskImage, FragmentedDeletedAndPartlyOverwrittenRecordingComesBackInTimecod
     const uint64_t dataStart = sector * (little(boot, 14, 2) + little(boot, 16, 1) * little(boot, 36, 4));
     const auto clusterAt = [&](uint64_t n) { return dataStart + (n - 2) * cluster; };
 
-    const std::string stream = dir / "rec.dv";
-    ASSERT_EQ(runProgram(join({{"ffmpeg", "-v", "error", "-y"},
-                               lavfi("testsrc=size=720x576:rate=25"),
-                               lavfi("sine=frequency=440:sample_rate=48000"),
-                               {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
-                                "48000", "-ac", "2", "-timecode", "01:00:00:00", "-f", "dv", stream}}))
-                  .status,
-              0);
-    const std::string recording = readFile(stream);
+    const std::string recording = readFile(
+        makeTestMovie("rec.dv", join({lavfi("testsrc=size=720x576:rate=25"),
+                                      lavfi("sine=frequency=440:sample_rate=48000"),
+                                      {"-t", "2", "-c:v", "dvvideo", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar",
+                                       "48000", "-ac", "2", "-timecode", "01:00:00:00", "-f", "dv"}})));
     ASSERT_EQ(recording.size(), 50 * kFrame);
 
     // Cluster by cluster: the first 60 % from cluster 5000 on, the rest from cluster 900 on;

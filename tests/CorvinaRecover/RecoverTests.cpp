@@ -1,21 +1,16 @@
-// Recovery from damaged copies of movies and streams that ffmpeg makes: every frame whose
-// bytes survive must come back byte for byte and in order, nothing that was not in the
-// original may appear, the audio between the frames must be the original's, and every movie
-// written must pass the independent tools.
+// Recovery from damaged copies of movies that ffmpeg makes, and the scan's readers and threads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
 #include <tuple>
-#include <set>
 
 #include "support/HelperRun.h"
 #include "support/MovieCheck.h"
@@ -54,8 +49,7 @@ struct Packet {
     std::string bytes;
 };
 
-// The video samples of a movie with where each lies in the file. Our own movies must pass the
-// structural check too; ffmpeg's are only read.
+// The video samples of a movie and where each lies; `ours` must also pass the structure check.
 std::vector<Packet> videoPackets(const std::string& path, bool ours)
 {
     MovieSummary summary;
@@ -163,8 +157,7 @@ std::string identifier(std::string name)
     return name;
 }
 
-// The row's movie as ffmpeg writes it, a second of a test pattern, or a fifth of a second of
-// bars, the recovery's reference; "" when ffmpeg failed.
+// A second of the row's test pattern, or a fifth of bars (the reference); "" when ffmpeg failed.
 std::string makeMovie(const Row& row, const char* audio, bool reference)
 {
     auto args = lavfi(std::string(reference ? "smptebars" : "testsrc") + "=size=" + row.size + ":rate=" + row.rate);
@@ -197,9 +190,7 @@ const char* soundOf(const Row& row, const Damage* damage)
 
 class RecoverRow : public ::testing::TestWithParam<RowDamage> {};
 
-// A movie of one video row, damaged one way, recovered with a reference movie of the same kind:
-// every surviving frame and every surviving byte of sound comes back, in order, with nothing
-// that was not in the original, and each clip's sound starts with its first frame.
+// Every surviving frame and byte of sound comes back in order, nothing else, each clip's sound with its first frame.
 TEST_P(RecoverRow, SurvivingFramesAndSoundComeBackExactlyInStepAndNothingElse)
 {
     const auto& [row, damage] = GetParam();
@@ -318,9 +309,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, RecoverRow,
                          ::testing::Combine(::testing::ValuesIn(kRows), ::testing::Values(&kCut, &kHoled, &kHeader)),
                          [](const auto& info) { return caseName(std::get<0>(info.param), std::get<1>(info.param)); });
 
-// A movie that a file system cut inside a chunk of sound, its later piece stored before the
-// first among other data. ProRes and Motion JPEG carry no timecode: the pieces come back as one
-// clip where their sound runs on across the cut, with every frame and byte of sound in order.
+// Pieces without timecode, cut inside a chunk of sound and stored in reverse, come back as one clip.
 TEST(RecoverFragments, PiecesWithoutTimecodeAreJoinedWhereTheirSoundRunsOn)
 {
     for (const Row& row : kRows) {
@@ -386,8 +375,7 @@ std::string scanText(const std::string& path, const recover::Expectation& expect
     return text;
 }
 
-// The scan's threads find what one thread finds, in the same order: with the default window
-// (a part per thread) and with windows so small that frames run across every part and window.
+// Threads find what one thread finds, also with windows so small that frames cross every part.
 class RecoverRowConcurrency : public ::testing::TestWithParam<Row> {};
 
 TEST_P(RecoverRowConcurrency, ThreadsFindWhatOneThreadFinds)
@@ -415,9 +403,7 @@ TEST_P(RecoverRowConcurrency, ThreadsFindWhatOneThreadFinds)
 INSTANTIATE_TEST_SUITE_P(Rows, RecoverRowConcurrency, ::testing::ValuesIn(kRows),
                          [](const auto& info) { return caseName(info.param, info.param.damage); });
 
-// JPEG frames that carry whole JPEG thumbnails in their first segments: a part that begins
-// inside such a frame finds the thumbnails as frames, which one pass steps over. The merge
-// must search those parts again and find the outer frames only.
+// A part that begins inside a JPEG frame finds its thumbnails as frames; the merge must not keep them.
 TEST(ScanConcurrency, FramesInsideFramesAreSteppedOverAsByOneThread)
 {
     const std::string thumbnail =
@@ -450,9 +436,7 @@ TEST(ScanConcurrency, FramesInsideFramesAreSteppedOverAsByOneThread)
             EXPECT_EQ(scanText(path, {}, jobs, window), one) << jobs << " threads, window " << window;
 }
 
-// Hostile bytes for every reader: each frame cut at many lengths, and with runs of noise laid
-// over it, must give an answer without reading outside the bytes given (the address sanitizer
-// build holds them to it) and never a frame longer than the bytes.
+// Cut and noisy frames are answered within their bytes (the address build holds the readers to it).
 TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
 {
     const struct {
