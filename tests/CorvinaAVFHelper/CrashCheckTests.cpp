@@ -1,6 +1,4 @@
-// The helper's own crash check: started before anything else, stopped on a normal exit, and
-// handing the previous run's crash report to the "Bug Reporter" beside the executable; the
-// notice stays in the kept logs after a job with thousands of samples.
+// The helper's crash check hands the last crash's report to the "Bug Reporter" beside it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

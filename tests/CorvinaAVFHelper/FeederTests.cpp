@@ -66,9 +66,7 @@ TEST_F(VideoFeeder, EntriesTheFileCannotServeEndTheTrack)
     }
 }
 
-// Frame counts below one count as one frame; an entry whose bytes do not split into its frames
-// (30 bytes are not three DV frames) stays one sample lasting all of them, and the next entry
-// is timed after it. Splitting along real frame boundaries is MultiFrameEntryTests'.
+// Counts below one are one frame; 30 bytes are not three DV frames, so that entry is one long sample.
 TEST_F(VideoFeeder, FrameCountsBelowOneCountAsOneAndUnsplittableEntriesStayWhole)
 {
     VideoTrackFeeder feeder =
@@ -114,8 +112,7 @@ TEST_F(AudioFeeder, EndsAtTheEndOfTheFileAndOnEmptyTables)
     EXPECT_EQ(feederFor(Value(Value::ArrayType{entry(UINT64_MAX - 2, 8)})).next(), nullptr);
 }
 
-// A run must hand out the frames, times and positions that as many single calls give: across
-// entries without a whole frame, at an entry's end and where the file ends inside a frame.
+// A run hands out the frames, times, positions and log lines that as many single calls give.
 TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
 {
     // Runs also carry on into entries that follow on in the file with as many frames: one,

@@ -1,6 +1,4 @@
-// The real helper against hostile documents, files, destinations, a full disk and stop
-// signals. Every case checks the status, the line that says why, and that every input and
-// every other file is byte-identical afterwards.
+// The real helper against hostile documents, files, destinations, a full disk and stop signals.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -69,9 +67,8 @@ bool logHas(const HelperHome& home, const std::string& text)
                        [&](const auto& e) { return e.find(text) != std::string::npos; });
 }
 
-// Starts the helper, waits until its temporary file shows in `folder`, then runs `then` and
-// prints the helper's status. A run that ends before its file could be seen (a fast machine)
-// is started again after `reset` puts things back: the test never depends on timing.
+// Runs `then` once the helper's temporary file shows in `folder` and prints the helper's status;
+// a run that ends before that is started again after `reset`, so no timing is assumed.
 ProcessResult runUntilInterrupted(const HelperHome& home, const std::string& folder, const std::string& then,
                                   const std::function<void()>& reset)
 {
@@ -131,8 +128,7 @@ protected:
     std::optional<UserIdentity> user;  // the console user a root run acts for
 };
 
-// Destinations that would destroy data, data files that are no files, and jobs that would
-// give no playable movie.
+// Destinations that would destroy data, data that is no file, jobs that give no playable movie.
 TEST_F(HostileRun, RefusedJobsKeepThePreviousMovie)
 {
     makeJob();
@@ -191,10 +187,7 @@ TEST_F(HostileRun, RefusedJobsKeepThePreviousMovie)
     }
 }
 
-// An impossible offset or length in the middle of a table ends that track there, every time,
-// or is refused before anything is written: the reads around it never leave their buffers
-// (the address build runs this too, and each case runs three times, since a wild read may
-// fault only now and then).
+// An impossible range mid-table ends its track or is refused; three runs each, as a wild read faults only at times.
 TEST_F(HostileRun, ImpossibleRangesInTheMiddleOfATable)
 {
     makeJob({"--video", "0", "--audio", "2", "--seconds", "1"});
@@ -362,8 +355,7 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     expectRefused(doc, "File too large", {}, {"prlimit", "--fsize=4000000"});
 }
 
-// The data files are read, not mapped: one cut short while the run reads it (the run stopped,
-// the file cut, the run continued) ends its track there, and the run ends as usual.
+// The data files are read, not mapped: one cut short while the run reads it ends its track there.
 TEST_F(HostileRun, DataCutShortWhileTheRunReadsIt)
 {
     makeJob({"--video", "0", "--audio", "2", "--seconds", "10", "--no-junk"});
@@ -382,9 +374,7 @@ TEST_F(HostileRun, DataCutShortWhileTheRunReadsIt)
     EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
 }
 
-// The helper as root for a scratch console user, as the main application starts it: it does
-// no more than the user could alone, trusts no name planted beside its files, and what it
-// makes belongs to the user.
+// The helper as root for a scratch console user: no more than the user could do, and all it makes is the user's.
 class RootRun : public HostileRun {
 protected:
     void SetUp() override

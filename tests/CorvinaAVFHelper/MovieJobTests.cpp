@@ -1,5 +1,4 @@
-// The typed movie job: the streaming reader must read every document exactly as the
-// property-list reader and the settings accessors read it, or leave it to them.
+// The streaming job reader reads every document as the property-list tree does, or leaves it to it.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -41,8 +40,7 @@ std::string plist(const std::string& body)
            body + "</dict>\n</plist>\n";
 }
 
-// Whatever the tree makes of a document, the stream makes the same, or leaves the document
-// to the tree when it need not read it itself.
+// The stream makes of a document what the tree makes, or (unless it must stream) gives up.
 void expectStreamedAsTheTreeReadsIt(const std::string& text, bool mustStream)
 {
     const auto tree = Value::fromPropertyListData(text.data(), text.size());
@@ -143,9 +141,7 @@ TEST(MovieJobReader, LargeDocumentsBecomePackedTables)
     EXPECT_EQ(empty.error().localizedDescription, "The data is empty.");
 }
 
-// Entries in and around their usual spelling, among enough plain ones for the table to be
-// sized from the first of them: whatever the tree makes of each, the stream makes the same
-// or leaves the document to the tree.
+// Entries in and around their usual spelling, among enough plain ones to size the table from them.
 TEST(MovieJobReader, EntrySpellingsReadAsTheTreeReadsThem)
 {
     const std::string plain = "<dict><key>offset</key><integer>8</integer><key>length</key><integer>4</integer></dict>";

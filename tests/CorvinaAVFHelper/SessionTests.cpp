@@ -1,5 +1,4 @@
-// The helper run end to end, as the main application runs it: a settings document at the
-// replay path, the real executable, and the written movie checked by tools nobody here wrote.
+// The real helper on a document at the replay path, its movie checked by independent tools.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -186,8 +185,7 @@ TEST(HelperSession, AnUnreadableAudioFileStopsBeforeAnyWriting)
     EXPECT_FALSE(std::filesystem::exists(job.movie));
 }
 
-// Without audio the movie has its video track alone; started again without a new document,
-// the helper reads the copy it left behind.
+// A movie without audio; run again without a new document, the helper reads its replay copy.
 TEST(HelperSession, AMovieWithoutAudioIsMadeAgainFromTheReplayCopy)
 {
     AssembledJob job;

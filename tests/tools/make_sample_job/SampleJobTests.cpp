@@ -1,6 +1,4 @@
-// The sample-job tool is run as a process; its files are then read back the way the helper
-// will read them: settings through the property-list value type, frames decoded with
-// libavcodec, audio runs reassembled into the tone.
+// The sample-job tool as a process: its document, frames decoded with libavcodec, audio runs as the tone.
 
 #include <gtest/gtest.h>
 
@@ -30,8 +28,7 @@ struct Range {
     uint64_t length;
 };
 
-// The entries of one offset array, which must be integer offsets and lengths, in order, not
-// overlapping, inside a file of `size` bytes.
+// An offset array's entries, which must be integers, in order, not overlapping, inside `size` bytes.
 std::vector<Range> orderedRangesOf(const Value& array, size_t size)
 {
     std::vector<Range> ranges;
@@ -79,8 +76,7 @@ struct Decoded {
     const AVPixFmtDescriptor* format = nullptr;
 };
 
-// Decodes one frame with libavcodec's decoder for `id` (and the container's four-character
-// code, where the decoder wants one); nullopt when it is not a frame.
+// One frame decoded by libavcodec (`tag`: the container's code, where the decoder wants one).
 std::optional<Decoded> decodeFrame(AVCodecID id, const std::vector<uint8_t>& bytes, unsigned tag)
 {
     const AVCodec* codec = avcodec_find_decoder(id);
@@ -160,9 +156,7 @@ TEST(SampleJob, VideoRowsWriteTheDocumentAndDecodableFrames)
     }
 }
 
-// The runs, put together frame by frame (whole frames only), must give the tone of every
-// channel without a gap or a doubled frame, in the row's byte order. With odd run bytes,
-// some runs end in part of a frame, which is not audio.
+// Whole frames of the runs give each channel's tone in the row's byte order, no gap, no frame twice.
 TEST(SampleJob, AudioRowsGiveTheToneInRunsOfWholeFrames)
 {
     struct Row {
