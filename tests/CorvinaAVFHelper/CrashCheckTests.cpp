@@ -1,6 +1,4 @@
-// The helper's own crash check: started before anything else, stopped on a normal exit, and
-// handing the previous run's crash report to the "Bug Reporter" beside the executable; the
-// notice stays in the kept logs after a job with thousands of samples.
+// The helper's crash check hands the last crash's report to the "Bug Reporter" beside it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -42,9 +40,8 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
     const std::string logs = home.path() + (::getuid() == 0 ? "/root" : "") + "/Library/Logs/Brantwell";
     writeFile(logs + "/CorvinaAVFHelper.1.log", "2026-11-23 11:00:00 +0000 - Log started\n");
 
-    auto env = home.environment();
-    const auto run = runProgram({bin + "/CorvinaAVFHelper"}, env);
-    EXPECT_EQ(run.status, 1) << "no settings document: a normal failure";
+    const auto env = home.environment();
+    EXPECT_EQ(runProgram({bin + "/CorvinaAVFHelper"}, env).status, 1) << "no settings document: a normal failure";
     const auto notice = logEntries(logs + "/CorvinaAVFHelper.1.log");
     EXPECT_THAT(notice, Contains("Application crashed on last launch"));
     EXPECT_THAT(notice, Contains("Crash report: " + report));
@@ -53,12 +50,9 @@ TEST(HelperCrashCheck, PreviousCrashIsLoggedAndHandedToTheBugReporterBesideIt)
 
     // That run ended normally: its exit is recorded, so the next launch stays quiet.
     const auto record = Value::fromPropertyListFile(prefs + "/CorvinaAVFHelper.plist");
-    ASSERT_TRUE(record);
-    const auto launch = (*record)["launch"].asDate();
-    const auto exit = (*record)["exit"].asDate();
-    ASSERT_TRUE(launch && exit);
-    EXPECT_GT(*launch, launched);
-    EXPECT_GE(*exit, *launch);
+    ASSERT_TRUE(record && (*record)["launch"].asDate() && (*record)["exit"].asDate());
+    EXPECT_GT(*(*record)["launch"].asDate(), launched);
+    EXPECT_GE(*(*record)["exit"].asDate(), *(*record)["launch"].asDate());
     fs::remove(bin + "/handed-over.txt");
     runProgram({bin + "/CorvinaAVFHelper"}, env);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));

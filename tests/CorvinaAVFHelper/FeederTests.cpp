@@ -6,10 +6,8 @@
 #include <cstdlib>
 
 #include "helper/AppController.h"
-#include "support/HelperRun.h"
 #include "tq/TQLog.h"
 #include "helper/TrackFeeder.h"
-#include "support/TestSupport.h"
 #include "support/WriterSupport.h"
 
 namespace corvina::helper {
@@ -27,31 +25,12 @@ Value entry(uint64_t offset, uint64_t length, std::optional<int64_t> frameCount 
     return Value(std::move(d));
 }
 
-// Data files hold test::patternBytes, so that every range is recognisable.
-std::string makeDataFile(const TempDir& dir, const std::string& name, size_t size)
-{
-    return test::makeFile(dir / name, size);
-}
-
-std::vector<uint8_t> bytesOf(const SampleBuffer& sample)
-{
-    const BlockBuffer* block = sample.dataBuffer();
-    return {block->data(), block->data() + block->dataLength()};
-}
-
 std::shared_ptr<const MediaEntryTable> table(const Value& entries)
 {
     return std::make_shared<const MediaEntryTable>(MovieJob::entriesFrom(entries));
 }
 
-// A copy of the feeder's next sample (the pooled one is refilled by the next call).
-template <class Feeder>
-std::unique_ptr<SampleBuffer> copyNext(Feeder& feeder)
-{
-    const SampleBuffer* sample = feeder.next();
-    return sample ? sample->clone() : nullptr;
-}
-
+// The data files hold test::patternBytes, so that every range is recognisable.
 std::vector<uint8_t> expected(uint64_t offset, size_t length)
 {
     const std::string bytes = test::patternBytes(offset + length);
@@ -60,7 +39,7 @@ std::vector<uint8_t> expected(uint64_t offset, size_t length)
 
 class VideoFeeder : public ::testing::Test {
 protected:
-    void SetUp() override { makeDataFile(dir, "video.raw", 10000); }
+    void SetUp() override { test::makeFile(dir / "video.raw", 10000); }
     VideoTrackFeeder feederFor(const Value& entries, float fps)
     {
         VideoTrackFeeder feeder(FileHandle::forReadingAtPath(dir / "video.raw"), table(entries));
@@ -87,16 +66,14 @@ TEST_F(VideoFeeder, EntriesTheFileCannotServeEndTheTrack)
     }
 }
 
-// Frame counts below one count as one frame; an entry whose bytes do not split into its frames
-// (30 bytes are not three DV frames) stays one sample lasting all of them, and the next entry
-// is timed after it. Splitting along real frame boundaries is MultiFrameEntryTests'.
+// Counts below one are one frame; 30 bytes are not three DV frames, so that entry is one long sample.
 TEST_F(VideoFeeder, FrameCountsBelowOneCountAsOneAndUnsplittableEntriesStayWhole)
 {
     VideoTrackFeeder feeder =
         feederFor(Value(Value::ArrayType{entry(0, 10, 0), entry(10, 10, -3), entry(20, 30, 3), entry(60, 10)}), 25);
     const std::pair<int64_t, int64_t> timing[] = {{0, 1000}, {1000, 1000}, {2000, 3000}, {5000, 1000}};
     for (const auto& [start, length] : timing) {
-        auto sample = copyNext(feeder);
+        const SampleBuffer* sample = feeder.next();
         ASSERT_NE(sample, nullptr) << start;
         EXPECT_EQ(sample->numSamples(), 1);
         EXPECT_EQ(sample->presentationTimeStamp(), MediaTime::make(start, 25000));
@@ -109,7 +86,7 @@ class AudioFeeder : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        makeDataFile(dir, "audio.raw", 4096);
+        test::makeFile(dir / "audio.raw", 4096);
         format = controller.audioFormatDescriptionForChannels(2, true, 16, 48000, false);
     }
     AudioTrackFeeder feederFor(const Value& entries)
@@ -135,29 +112,16 @@ TEST_F(AudioFeeder, EndsAtTheEndOfTheFileAndOnEmptyTables)
     EXPECT_EQ(feederFor(Value(Value::ArrayType{entry(UINT64_MAX - 2, 8)})).next(), nullptr);
 }
 
-// A run must hand out the frames, times and positions that as many single calls give: across
-// entries without a whole frame, at an entry's end and where the file ends inside a frame.
+// A run hands out the frames, times, positions and log lines that as many single calls give.
 TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
 {
     // Runs also carry on into entries that follow on in the file with as many frames: one,
     // two and seven frames here, then one the file ends in.
-    const auto table = std::make_shared<const MediaEntryTable>(MediaEntryTable{{0, 8, 1},
-                                                                               {50, 3, 1},
-                                                                               {0, 0, 1},
-                                                                               {200, 400, 1},
-                                                                               {3200, 4, 1},
-                                                                               {3204, 4, 1},
-                                                                               {3208, 4, 1},
-                                                                               {3212, 8, 1},
-                                                                               {3220, 8, 1},
-                                                                               {3228, 8, 1},
-                                                                               {3236, 28, 1},
-                                                                               {3264, 28, 1},
-                                                                               {10, 6, 1},
-                                                                               {4088, 4, 1},
-                                                                               {4092, 4, 1},
-                                                                               {4096, 4, 1},
-                                                                               {0, 4, 1}});
+    const MediaEntryTable entries = {{0, 8, 1},     {50, 3, 1},    {0, 0, 1},    {200, 400, 1}, {3200, 4, 1},
+                                     {3204, 4, 1},  {3208, 4, 1},  {3212, 8, 1}, {3220, 8, 1},  {3228, 8, 1},
+                                     {3236, 28, 1}, {3264, 28, 1}, {10, 6, 1},   {4088, 4, 1},  {4092, 4, 1},
+                                     {4096, 4, 1},  {0, 4, 1}};
+    const auto table = std::make_shared<const MediaEntryTable>(entries);
     struct Drained {
         std::vector<std::pair<MediaTime, std::vector<uint8_t>>> frames;
         std::vector<std::string> lines;
@@ -175,11 +139,11 @@ TEST_F(AudioFeeder, RunsHandOutAndLogWhatSingleCallsWould)
         Drained d;
         while (const SampleBuffer* s = maxFrames ? feeder.nextRun(maxFrames) : feeder.next()) {
             EXPECT_LE(uint64_t(s->numSamples()), std::max<uint64_t>(maxFrames, 1));
-            const std::vector<uint8_t> all = bytesOf(*s);
-            EXPECT_EQ(all.size(), size_t(s->numSamples()) * 4);
+            const BlockBuffer* all = s->dataBuffer();
+            EXPECT_EQ(all->dataLength(), size_t(s->numSamples()) * 4);
             for (int64_t i = 0; i < s->numSamples(); ++i)
                 d.frames.emplace_back(s->presentationTimeStamp(i),
-                                      std::vector<uint8_t>(all.begin() + i * 4, all.begin() + i * 4 + 4));
+                                      std::vector<uint8_t>(all->data() + i * 4, all->data() + i * 4 + 4));
         }
         TQLog::finishWriting();
         // Root writes the machine-wide log, below TQ_LOCAL_ROOT.

@@ -1,10 +1,11 @@
-// The job checks over plain values, at their boundaries.
+// The job checks and the format tables over plain values, at their boundaries.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 #include <vector>
 
+#include "helper/AppController.h"
 #include "helper/JobChecks.h"
 
 namespace corvina::helper {
@@ -96,6 +97,14 @@ TEST(JobChecks, CountsThatOverflowATrackAreRefused)
     EXPECT_TRUE(audioCountsProblem(std::vector<uint64_t>{UINT64_MAX, UINT64_MAX}, 2));
     EXPECT_FALSE(audioCountsProblem(std::vector<uint64_t>{kMaxFramesPerTrack * 4}, 4));
     EXPECT_TRUE(audioCountsProblem(std::vector<uint64_t>{kMaxFramesPerTrack * 4 + 4}, 4));
+}
+
+TEST(VideoFormatTable, CodecTypeFrom4CCGivesTheFourCharacters)
+{
+    EXPECT_EQ(AppController::codecTypeFrom4CC(0x61706368), "apch");
+    EXPECT_EQ(AppController::codecTypeFrom4CC(fourCC("dvc ")), "dvc ");   // spaces kept
+    EXPECT_EQ(AppController::codecTypeFrom4CC(0xA9786D70), "\u00A9xmp");  // bytes above 127: U+0080-U+00FF
+    EXPECT_EQ(AppController::codecTypeFrom4CC(0xFF000041), std::string("\u00FF\0\0A", 5));
 }
 
 }  // namespace

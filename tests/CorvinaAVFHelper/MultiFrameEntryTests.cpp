@@ -1,10 +1,5 @@
-// Entries that hold several frames, made by a real encoder: every frame must land in the movie
-// as a sample of its own, byte for byte and one frame long. Entries that do not split stay one
-// sample lasting all of their frames: the splitter's refusals are below, the sample the feeder
-// makes of them is in FeederTests, and such samples in a movie in the writer's tests.
+// Entries of several real frames: each frame becomes a sample of its own, one frame long.
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include "helper/AppController.h"
 #include "helper/FrameSplitter.h"
@@ -24,8 +19,7 @@ struct Encoded {
     std::vector<size_t> sizes;   // of each frame
 };
 
-// Encodes frames of a test pattern; the sizes come from the demuxer, the bytes from a copy of
-// the stream without a container.
+// Frames of a test pattern: sizes from the demuxer, bytes from the stream copied without a container.
 Encoded encode(const std::string& name, const std::string& size, const std::string& rate, int frames,
                const std::vector<std::string>& codec)
 {
@@ -60,15 +54,18 @@ const Row kRows[] = {
     {"Motion JPEG", 4, "720x576", "25", 25.0f, {"-pix_fmt", "yuvj420p", "-c:v", "mjpeg", "-q:v", "4"}},
 };
 
-class MultiFrameEntries : public ::testing::Test {
-protected:
-    // Writes junk, the frames and junk again, then assembles a movie of the given entries.
-    std::string assemble(const Row& row, const Encoded& frames, std::vector<MediaEntry> entries)
-    {
-        std::string data(kLead, '\x5A');
-        data.append(frames.bytes.begin(), frames.bytes.end());
-        data.append(13, '\xA5');
-        writeFile(dir / "video.raw", data);
+TEST(MultiFrameEntries, EveryFrameBecomesOneTimedSample)
+{
+    constexpr int kFrames = 4;
+    constexpr uint64_t kLead = 7;  // junk before the frames
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const Encoded frames = encode(row.name, row.size, row.rate, kFrames, row.codec);
+        ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
+        TempDir dir;
+        writeFile(dir / "video.raw", std::string(kLead, '\x5A') +
+                                         std::string(frames.bytes.begin(), frames.bytes.end()) +
+                                         std::string(13, '\xA5'));
         writeFile(dir / "audio.raw", "");
         MovieJob job;
         job.tmpFilename = dir / "video.raw";
@@ -78,27 +75,13 @@ protected:
         job.frameRate = row.frameRate;
         job.fWidth = 320;
         job.fHeight = 240;
-        job.videoEntries = std::make_shared<MediaEntryTable>(std::move(entries));
-        AppController controller;
-        EXPECT_EQ(controller.createQuickTimeMovie(std::move(job)), 0);
-        return dir / "movie.mov";
-    }
-    static constexpr uint64_t kLead = 7;
-    TempDir dir;
-};
-
-TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSample)
-{
-    constexpr int kFrames = 4;
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        const Encoded frames = encode(row.name, row.size, row.rate, kFrames, row.codec);
-        ASSERT_EQ(frames.sizes.size(), size_t(kFrames));
-        const uint64_t total = frames.bytes.size();
+        // The whole run as one entry of four frames, then its first frame again on its own.
+        job.videoEntries = std::make_shared<MediaEntryTable>(
+            MediaEntryTable{{kLead, frames.bytes.size(), kFrames}, {kLead, frames.sizes[0], 1}});
+        ASSERT_EQ(AppController().createQuickTimeMovie(std::move(job)), 0);
+        const std::string movie = dir / "movie.mov";
         const auto duration = uint32_t(FrameRate::fromDouble(row.frameRate).frameDuration().value);
         using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
-        // The whole run as one entry of four frames, then its first frame again on its own.
-        const std::string movie = assemble(row, frames, {{kLead, total, kFrames}, {kLead, frames.sizes[0], 1}});
         MovieSummary summary;
         ASSERT_EQ(checkMovieStructure(movie, &summary), std::vector<std::string>{});
         const MovieTrack* track = summary.track(fourCC("vide"));
@@ -110,7 +93,6 @@ TEST_F(MultiFrameEntries, EveryFrameBecomesOneTimedSample)
         std::vector<uint8_t> essence = frames.bytes;
         essence.insert(essence.end(), frames.bytes.begin(), frames.bytes.begin() + long(frames.sizes[0]));
         expectToolsAccept(movie, true, &essence);
-        std::filesystem::remove(movie);
     }
 }
 

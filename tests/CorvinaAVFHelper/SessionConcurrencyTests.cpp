@@ -1,5 +1,4 @@
-// The session in this process: both pumps feed their tracks at once on their own queues while
-// the main thread waits for the completion step.
+// The session in this process: both pumps feed their tracks at once on queues of their own.
 #include <gtest/gtest.h>
 
 #include "helper/AppController.h"

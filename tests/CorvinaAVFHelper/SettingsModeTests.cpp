@@ -1,6 +1,4 @@
-// The -settings mode on reference movies made by ffmpeg, one for every video row the helper
-// writes. Its five keys are all a job takes from it; jobs of every row are assembled in
-// SessionTests.
+// The -settings mode on ffmpeg's reference movies of every video row: the five keys a job takes.
 #include <gtest/gtest.h>
 
 #include "support/HelperRun.h"
@@ -48,16 +46,12 @@ TEST(SettingsModeTest, ReferenceMoviesOfEveryRowGiveTheirSettings)
     HelperHome home;
     for (const Reference& r : references) {
         SCOPED_TRACE(testing::Message() << "formatType " << r.formatType);
-        std::vector<std::string> arguments = lavfi(std::string("testsrc=s=") + r.picture + ":d=0.1");
-        if (*r.audio) {
-            const auto audio = lavfi(std::string(r.audio) + ":d=0.1");
-            arguments.insert(arguments.end(), audio.begin(), audio.end());
-            arguments.insert(arguments.end(), {"-c:a", r.audioCodec});
-            if (std::string(r.audio).find("sine") == 0) arguments.insert(arguments.end(), {"-ac", "2"});
-        }
-        arguments.insert(arguments.end(), {"-pix_fmt", r.pixelFormat, "-frames:v", "2", "-c:v", r.codec});
-        if (r.profile >= 0) arguments.insert(arguments.end(), {"-profile:v", std::to_string(r.profile)});
-        if (r.formatType == 1 || r.formatType == 4) arguments.insert(arguments.end(), {"-ac", "1"});
+        auto arguments = lavfi(std::string("testsrc=s=") + r.picture + ":d=0.1");
+        if (*r.audio) arguments = join({arguments, lavfi(std::string(r.audio) + ":d=0.1"), {"-c:a", r.audioCodec}});
+        if (std::string(r.audio).starts_with("sine")) arguments = join({arguments, {"-ac", "2"}});
+        arguments = join({arguments, {"-pix_fmt", r.pixelFormat, "-frames:v", "2", "-c:v", r.codec}});
+        if (r.profile >= 0) arguments = join({arguments, {"-profile:v", std::to_string(r.profile)}});
+        if (r.formatType == 1 || r.formatType == 4) arguments = join({arguments, {"-ac", "1"}});
         const std::string reference = makeTestMovie("ref" + std::to_string(r.formatType) + ".mov", arguments);
         ASSERT_FALSE(reference.empty());
 
