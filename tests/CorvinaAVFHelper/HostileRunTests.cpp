@@ -358,20 +358,27 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
 // The data files are read, not mapped: one cut short while the run reads it ends its track there.
 TEST_F(HostileRun, DataCutShortWhileTheRunReadsIt)
 {
-    makeJob({"--video", "0", "--audio", "2", "--seconds", "10", "--no-junk"});
+    makeJob({"--video", "0", "--audio", "2", "--seconds", "60", "--no-junk"});
     const std::string video = doc["tmpFilename"].stringValue();
     const std::string bytes = readFile(video);
     ASSERT_TRUE(home.writeSettings(doc));
-    const ProcessResult run =
-        runUntilInterrupted(home, job.path(), "kill -STOP $pid; truncate -s 0 '" + video + "'; kill -CONT $pid", [&] {
-            writeFile(video, bytes);
-            writeFile(movie, "the previous movie");
-        });
-    EXPECT_EQ(run.out, "0\n");
-    const std::string summary = home.logEntries().back();
-    EXPECT_EQ(summary.rfind("Summary: status 0", 0), 0u) << summary;
-    EXPECT_NE(summary.find("track ended early"), std::string::npos) << summary;
-    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+    // A loaded machine may let the run read everything before the cut: every run must end
+    // well, and one of a few must meet the cut.
+    const auto restore = [&] {
+        writeFile(video, bytes);
+        writeFile(movie, "the previous movie");
+    };
+    bool cut = false;
+    for (int attempt = 0; attempt < 5 && !cut; ++attempt, restore()) {
+        const ProcessResult run = runUntilInterrupted(
+            home, job.path(), "kill -STOP $pid; truncate -s 0 '" + video + "'; kill -CONT $pid", restore);
+        EXPECT_EQ(run.out, "0\n");
+        const std::string summary = home.logEntries().back();
+        EXPECT_EQ(summary.rfind("Summary: status 0", 0), 0u) << summary;
+        EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+        cut = summary.find("track ended early") != std::string::npos;
+    }
+    EXPECT_TRUE(cut) << "no run met the cut";
 }
 
 // The helper as root for a scratch console user: no more than the user could do, and all it makes is the user's.
