@@ -33,13 +33,13 @@ EssenceReader::EssenceReader(std::shared_ptr<FileHandle> file) : file_(std::move
     }
 }
 
-Result<std::unique_ptr<FileHandle>> EssenceReader::open(const std::string& path, size_t readAheadBytes)
+Result<std::unique_ptr<FileHandle>> EssenceReader::open(const std::string& path)
 {
-    auto file = FileHandle::forReadingRegularFileAtPath(path, readAheadBytes);
+    auto file = FileHandle::forReadingRegularFileAtPath(path);
     if (file) return std::move(*file);
     // Refused as no regular file: a block device is taken after all (read only, its
     // descriptor checked); anything else keeps the refusal's error.
-    auto device = FileHandle::forReadingAtPath(path, readAheadBytes);
+    auto device = FileHandle::forReadingAtPath(path);
     struct stat info {};
     if (device && ::fstat(device->fileDescriptor(), &info) == 0 && S_ISBLK(info.st_mode)) return device;
     return file.error();

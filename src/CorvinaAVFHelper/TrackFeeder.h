@@ -33,8 +33,7 @@ public:
     // Opens a data file for reading: a regular file, or a block device (a disk read straight,
     // never written). A FIFO, a socket, a character device or a folder is refused with an
     // error saying which; what is checked is the opened descriptor, wherever a link led.
-    static corvina::Result<std::unique_ptr<corvina::FileHandle>> open(const std::string& path,
-                                                                      size_t readAheadBytes = 1 << 20);
+    static corvina::Result<std::unique_ptr<corvina::FileHandle>> open(const std::string& path);
     const std::shared_ptr<corvina::FileHandle>& file() const { return file_; }
     // Up to length bytes at offset into out; the number of bytes read.
     size_t readAt(uint64_t offset, uint64_t length, uint8_t* out);

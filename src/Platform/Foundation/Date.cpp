@@ -52,26 +52,6 @@ size_t writeDescription(long long seconds, char* out)
     return n + 21;
 }
 
-bool readInt(std::string_view text, size_t& i, size_t digits, int& value)
-{
-    if (i + digits > text.size()) return false;
-    value = 0;
-    for (size_t k = 0; k < digits; ++k) {
-        const char c = text[i + k];
-        if (c < '0' || c > '9') return false;
-        value = value * 10 + (c - '0');
-    }
-    i += digits;
-    return true;
-}
-
-bool expect(std::string_view text, size_t& i, char c)
-{
-    if (i >= text.size() || text[i] != c) return false;
-    ++i;
-    return true;
-}
-
 }  // namespace
 
 std::string dateDescription(Date date)
@@ -79,31 +59,6 @@ std::string dateDescription(Date date)
     char buf[40];
     const size_t n = writeDescription(secondsOf(date), buf);
     return std::string(buf, n);
-}
-
-std::optional<Date> dateFromDescription(std::string_view text)
-{
-    size_t i = 0;
-    int year, mon, day, hour, min, sec, zone;
-    if (!readInt(text, i, 4, year) || !expect(text, i, '-') || !readInt(text, i, 2, mon) || !expect(text, i, '-') ||
-        !readInt(text, i, 2, day) || !expect(text, i, ' ') || !readInt(text, i, 2, hour) || !expect(text, i, ':') ||
-        !readInt(text, i, 2, min) || !expect(text, i, ':') || !readInt(text, i, 2, sec) || !expect(text, i, ' '))
-        return std::nullopt;
-    if (i >= text.size() || (text[i] != '+' && text[i] != '-')) return std::nullopt;
-    const int sign = text[i++] == '-' ? -1 : 1;
-    if (!readInt(text, i, 4, zone) || i != text.size()) return std::nullopt;
-    if (mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60 || zone % 100 > 59)
-        return std::nullopt;
-    struct tm tm {};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = mon - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = min;
-    tm.tm_sec = sec;
-    const time_t t = timegm(&tm);
-    const long long offset = sign * ((zone / 100) * 3600LL + (zone % 100) * 60LL);
-    return Date(std::chrono::seconds(static_cast<long long>(t) - offset));
 }
 
 std::string_view CachedDateFormatter::now() { return format(Clock::now()); }

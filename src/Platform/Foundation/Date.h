@@ -13,8 +13,6 @@ using Date = Clock::time_point;
 
 std::string dateDescription(Date date);
 inline std::string currentDateDescription() { return dateDescription(Clock::now()); }
-// Parses the description form back ("1984-01-24 08:00:00 +0000"); other zones are honoured.
-std::optional<Date> dateFromDescription(std::string_view text);
 
 // Writes the current date's description into a fixed 25-character buffer, reusing the
 // formatted text while the second has not changed. For hot paths (the log writer); one

@@ -94,30 +94,9 @@ Transfer writevAll(int fd, std::span<iovec> parts) noexcept
     return t;
 }
 
-Result<size_t> readFully(int fd, std::span<uint8_t> buffer)
-{
-    const Transfer t = readAll(fd, buffer);
-    if (t.failed()) return errorOf(t);
-    return t.count;
-}
-
-Result<size_t> preadFully(int fd, std::span<uint8_t> buffer, uint64_t offset)
-{
-    const Transfer t = preadAll(fd, buffer, offset);
-    if (t.failed()) return errorOf(t);
-    return t.count;
-}
-
 Result<void> writeFully(int fd, std::span<const uint8_t> bytes)
 {
     const Transfer t = writeAll(fd, bytes);
-    if (t.failed()) return errorOf(t);
-    return success();
-}
-
-Result<void> pwriteFully(int fd, std::span<const uint8_t> bytes, uint64_t offset)
-{
-    const Transfer t = pwriteAll(fd, bytes, offset);
     if (t.failed()) return errorOf(t);
     return success();
 }

@@ -43,11 +43,8 @@ inline Transfer writeAll(int fd, std::string_view text) noexcept
     return writeAll(fd, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
 }
 
-// The count read: short only when the file ended.
-Result<size_t> readFully(int fd, std::span<uint8_t> buffer);
-Result<size_t> preadFully(int fd, std::span<uint8_t> buffer, uint64_t offset);
+// Every byte written, or the error that stopped it.
 Result<void> writeFully(int fd, std::span<const uint8_t> bytes);
-Result<void> pwriteFully(int fd, std::span<const uint8_t> bytes, uint64_t offset);
 inline Result<void> writeFully(int fd, std::string_view text)
 {
     return writeFully(fd, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));

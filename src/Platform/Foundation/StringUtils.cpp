@@ -1,6 +1,5 @@
 #include "StringUtils.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -199,32 +198,6 @@ std::vector<std::string> pathComponents(std::string_view path)
         if (i == path.size() && next < path.size()) parts.emplace_back("/");
     }
     return parts;
-}
-
-std::string expandTilde(std::string_view path)
-{
-    if (path.empty() || path.front() != '~') return std::string(path);
-    const auto slash = path.find('/');
-    const std::string_view user = path.substr(1, slash == std::string_view::npos ? std::string_view::npos : slash - 1);
-    const std::string_view rest = slash == std::string_view::npos ? std::string_view() : path.substr(slash);
-    std::string home;
-    if (user.empty()) {
-        if (const char* h = std::getenv("HOME"); h && *h) home = h;
-    }
-    if (home.empty()) {
-        struct passwd pw {};
-        struct passwd* found = nullptr;
-        char buf[4096];
-        if (user.empty())
-            getpwuid_r(getuid(), &pw, buf, sizeof buf, &found);
-        else
-            getpwnam_r(std::string(user).c_str(), &pw, buf, sizeof buf, &found);
-        if (!found || !found->pw_dir) return std::string(path);
-        home = found->pw_dir;
-    }
-    std::string out = std::string(stripTrailingSlashes(home));
-    if (out == "/" && !rest.empty()) return std::string(rest);
-    return out + std::string(rest);
 }
 
 }  // namespace corvina

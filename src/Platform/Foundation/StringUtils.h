@@ -30,7 +30,5 @@ std::string deletingLastPathComponent(std::string_view path);
 std::string pathExtension(std::string_view path);
 std::string deletingPathExtension(std::string_view path);
 std::vector<std::string> pathComponents(std::string_view path);
-// "~" and "~user" at the start expanded from the user database / $HOME.
-std::string expandTilde(std::string_view path);
 
 }  // namespace corvina

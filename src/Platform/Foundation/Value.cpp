@@ -258,8 +258,6 @@ uint64_t Value::unsignedLongLongValue() const
     return static_cast<uint64_t>(integerValue());
 }
 
-uint64_t Value::unsignedIntegerValue() const { return unsignedLongLongValue(); }
-
 bool Value::boolValue() const
 {
     if (auto* s = std::get_if<std::string>(&storage_)) {

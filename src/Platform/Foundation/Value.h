@@ -78,7 +78,6 @@ public:
     float floatValue() const;
     double doubleValue() const;
     uint64_t unsignedLongLongValue() const;
-    uint64_t unsignedIntegerValue() const;
     bool boolValue() const;
     // The string itself, a number's shortest decimal form, or the empty string.
     std::string stringValue() const;

@@ -27,7 +27,6 @@ struct WriterCore;
 // once the input has been added to a writer.
 struct TrackState {
     MediaType mediaType = MediaType::Video;
-    bool realTime = false;
     std::weak_ptr<WriterCore> core;
     bool added = false;
     bool finished = false;
@@ -280,10 +279,6 @@ std::shared_ptr<AssetWriterInput> AssetWriterInput::create(MediaType mediaType, 
 AssetWriterInput::~AssetWriterInput() = default;
 
 MediaType AssetWriterInput::mediaType() const { return state_->track->mediaType; }
-
-void AssetWriterInput::setExpectsMediaDataInRealTime(bool value) { state_->track->realTime = value; }
-
-bool AssetWriterInput::expectsMediaDataInRealTime() const { return state_->track->realTime; }
 
 bool AssetWriterInput::isReadyForMoreMediaData() const
 {

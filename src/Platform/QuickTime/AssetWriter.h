@@ -37,8 +37,6 @@ public:
     ~AssetWriterInput();
 
     MediaType mediaType() const;
-    void setExpectsMediaDataInRealTime(bool value);
-    bool expectsMediaDataInRealTime() const;
 
     bool isReadyForMoreMediaData() const;
     // The block is run on the queue whenever the input is ready for more data, until the

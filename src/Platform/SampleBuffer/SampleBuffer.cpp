@@ -123,16 +123,4 @@ size_t SampleBuffer::sampleSize(int64_t sample) const
     return sizes_.size() == 1 ? sizes_[0] : sizes_[size_t(sample)];
 }
 
-MediaTime SampleBuffer::totalDuration() const
-{
-    if (timing_.empty()) return MediaTime::invalid();
-    if (timing_.size() == 1) {
-        if (numSamples_ > INT32_MAX) return MediaTime::invalid();
-        return timing_[0].duration * int32_t(numSamples_);
-    }
-    MediaTime sum = MediaTime::zero();
-    for (const auto& t : timing_) sum = sum + t.duration;
-    return sum;
-}
-
 }  // namespace corvina

@@ -77,7 +77,6 @@ public:
     MediaTime presentationTimeStamp(int64_t sample = 0) const;
     MediaTime duration(int64_t sample = 0) const;
     size_t sampleSize(int64_t sample) const;
-    MediaTime totalDuration() const;
 
 private:
     SampleBuffer() = default;
