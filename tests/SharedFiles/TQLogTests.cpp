@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -220,10 +221,8 @@ TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
         TQLog::finishWriting();
         TQLog::createNewLog();
         TQLog::finishWriting();
-        const auto lines = splitLines(readFile(logPath(home, "SharedFilesTests", 2)));
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[0], "earlier");
-        EXPECT_EQ(entryText(lines[1]), "appended");
+        EXPECT_THAT(splitLines(readFile(logPath(home, "SharedFilesTests", 2))),
+                    ::testing::ElementsAre("earlier", ::testing::ResultOf(entryText, "appended")));
         EXPECT_EQ(logEntries(logPath(home, "SharedFilesTests", 1)).at(0).rfind("Log started: ", 0), 0u);
         return;
     }
