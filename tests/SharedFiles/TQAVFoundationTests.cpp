@@ -1,11 +1,11 @@
 // Asset timing, timecode, codec names and waveforms; re-export through the movie writer.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <sstream>
 
@@ -21,6 +21,7 @@ namespace corvina::tq {
 
 using namespace corvina;
 using namespace corvina::test;
+using ::testing::HasSubstr;
 
 namespace {
 
@@ -63,8 +64,7 @@ TEST(TQAVFoundationTest, TimingAndStartTimecodeAtCommonRates)
         EXPECT_EQ(TQAVFoundation::timecodeStartForAsset(asset, std::string("00:00:00:00")), c.start);
         EXPECT_EQ(TQAVFoundation::timecodeAtTime(MediaTime::make(1, 1), asset, std::string("00:00:00:00")),
                   c.atOneSecond);
-        const uint64_t frames = TQAVFoundation::frameDurationForAsset(asset);
-        EXPECT_NEAR(double(frames), std::round(0.3 * c.fps), 1.0);
+        EXPECT_NEAR(double(TQAVFoundation::frameDurationForAsset(asset)), std::round(0.3 * c.fps), 1.0);
     }
     // No video: the default rate; no timecode: the default start, even none.
     const AssetRef audioOnly = movie("audio.wav", join({lavfi(constantAudio({5}, 8000, 0.1))}));
@@ -179,9 +179,8 @@ TEST(TQAVFoundationTest, WaveformLevels)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const double seconds = c.levels ? 1.0 : 0.01;
         const AssetRef asset =
-            movie(c.name, join({lavfi(constantAudio(c.channels, c.rate, seconds)), {"-c:a", c.codec}}));
+            movie(c.name, join({lavfi(constantAudio(c.channels, c.rate, c.levels ? 1.0 : 0.01)), {"-c:a", c.codec}}));
         float maximum = 7;
         const auto peaks = TQAVFoundation::waveformDataForAsset(asset, &maximum);
         const auto levels = TQAVFoundation::waveformLevelsForAsset(asset);
@@ -379,8 +378,6 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         ASSERT_TRUE(e.recorder.finished) << e.why();
         EXPECT_TRUE(e.recorder.endedOnMainThread);
         EXPECT_FALSE(e.exporter.cancelled());
-        const auto& progress = e.recorder.progress;
-
         EXPECT_TRUE(checkMovieStructure(output).empty());
         const auto streams = ffprobeStreams(output);
         ASSERT_EQ(streams.size(), 2u);
@@ -392,9 +389,8 @@ TEST(TQAVExportTest, RoundTripKeepsVideoAndConvertsAudio)
         const auto video = extractStreamBytes(input, 'v');  // passed through unchanged
         expectToolsAccept(output, true, &video);
         // Two pumps report, at most once a percentage (give or take a race), up to nearly the end.
-        ASSERT_FALSE(progress.empty());
-        EXPECT_LE(progress.size(), 101u);
-        EXPECT_GE(*std::max_element(progress.begin(), progress.end()), 0.9f);
+        EXPECT_LE(e.recorder.progress.size(), 101u);
+        EXPECT_THAT(e.recorder.progress, ::testing::Contains(::testing::Ge(0.9f)));
     }
 }
 
@@ -428,7 +424,7 @@ TEST(TQAVExportTest, TimeRangeReencodingAndVideoOnlyProgress)
     prores.exporter.videoFourCC = fourCC("apcn");
     ASSERT_TRUE(prores.run());
     EXPECT_TRUE(prores.recorder.failed);
-    EXPECT_NE(prores.why().find("yuv420p"), std::string::npos);
+    EXPECT_THAT(prores.why(), HasSubstr("yuv420p"));
     EXPECT_FALSE(std::filesystem::exists(dir / "prores.mov"));
 }
 
@@ -442,9 +438,7 @@ TEST(TQAVExportTest, CancelActsOnlyOnTheExportInProgress)
     const std::string output = dir / "out.mov";
     for (bool midway : {false, true}) {
         SCOPED_TRACE(midway ? "midway" : "at once");
-        {
-            std::ofstream(output) << "precious";
-        }
+        writeFile(output, "precious");
         Export e(Asset::assetWithPath(input), output);
         std::atomic<bool> asked{false};
         if (midway)
@@ -521,10 +515,9 @@ TEST(TQAVExportTest, FailuresReachTheDelegateOnTheMainQueue)
             EXPECT_TRUE(e.recorder.progress.empty());
         }
         ASSERT_TRUE(e.recorder.error);
-        EXPECT_NE(e.why().find(c.words), std::string::npos) << e.why();
+        EXPECT_THAT(e.why(), HasSubstr(c.words));
     }
-    EXPECT_TRUE(std::filesystem::is_directory(dir.path()));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);
+    EXPECT_TRUE(std::filesystem::is_directory(dir.path()) && std::filesystem::is_empty(dir.path()));
 }
 
 }  // namespace corvina::tq

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -118,11 +117,11 @@ void reportResult(int64_t code)
 {
     const auto quiet = corvina::UserDefaults("SharedFilesTests").valueForKeyPath("alerts.quiet");
     const std::string result = childHome() + "/result";
-    std::ofstream(result + ".tmp") << code << " "
-                                   << (quiet.isNone()      ? "unset"
-                                       : quiet.boolValue() ? "checked"
-                                                           : "unchecked")
-                                   << "\n";
+    writeFile(result + ".tmp", std::to_string(code) +
+                                   (quiet.isNone()      ? " unset"
+                                    : quiet.boolValue() ? " checked"
+                                                        : " unchecked") +
+                                   "\n");
     fs::rename(result + ".tmp", result);
 }
 

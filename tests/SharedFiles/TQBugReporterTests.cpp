@@ -43,9 +43,8 @@ std::vector<std::string> filesIn(const std::string& folder)
 {
     std::vector<std::string> names;
     std::error_code ec;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
         names.push_back(it->path().filename().string());
-    }
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -148,10 +147,9 @@ TEST(TQBugReporterCrash, EachFatalSignalLeavesAReportThatTheNextLaunchHandsOver)
                     ::testing::MatchesRegex(std::string(kProgram) + "_[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{6}_.+\\.crash"));
         const std::string report = reportsFolder(home.path()) + "/" + reports[0];
         const std::string text = readFile(report);
-        EXPECT_THAT(text, HasSubstr(s.line));
-        EXPECT_THAT(text, HasSubstr("Backtrace:\n"));
-        EXPECT_THAT(text, HasSubstr("Last words before the crash"));
-        EXPECT_THAT(text, HasSubstr("(main+0x")) << "the backtrace names functions";
+        EXPECT_THAT(text, ::testing::AllOf(HasSubstr(s.line), HasSubstr("Backtrace:\n"),
+                                           HasSubstr("Last words before the crash"), HasSubstr("(main+0x")))
+            << "the backtrace names functions";
         if (s.sent) {
             // Who sent it, instead of an address that would be the sender's pid.
             const auto at = text.find("Process: ");

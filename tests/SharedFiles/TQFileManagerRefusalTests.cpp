@@ -10,7 +10,6 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "support/PrivilegedTools.h"
@@ -68,9 +67,7 @@ void makeTree(const std::string& root)
 // Entry names that unzip lists for the archive.
 std::vector<std::string> unzipNames(const std::string& archive)
 {
-    std::vector<std::string> names;
-    std::stringstream ss(runProgram({"unzip", "-Z1", archive}).out);
-    for (std::string line; std::getline(ss, line);) names.push_back(line);
+    std::vector<std::string> names = splitLines(runProgram({"unzip", "-Z1", archive}).out);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -153,9 +150,8 @@ TEST(TQFileManagerRefusals, PrivilegedMovesAndCopiesNeverReplace)
         const auto& row = rows[i];
         SCOPED_TRACE(std::string(row.move ? "mv " : "cp ") + row.from + " " + row.to);
         const std::string ours = s / ("ours" + std::to_string(i)), theirs = s / ("tool" + std::to_string(i));
-        for (const auto& root : {ours, theirs}) {
+        for (const auto& root : {ours, theirs})
             for (const char* f : {"/a.mov", "/b.mov", "/dir/k.mov", "/tree/t.mov"}) writeFile(root + f, f);
-        }
         const auto before = listing(ours);
         const std::string from = ours + "/" + row.from, to = ours + "/" + row.to;
         EXPECT_EQ(row.move ? auth.authMoveFile(from, to) : auth.authCopyFile(from, to), row.done);
@@ -411,18 +407,15 @@ TEST(TQFileManagerWait, WritesByAnotherProcessAreWaitedOut)
               4);
 
     TQLog::finishWriting();
-    const auto log = logEntries(childLogPath());
-    const std::vector<std::string> expected = {
-        "File " + old + " is currently being written to. Waiting...",
-        "File " + old + " finished writing.",
-        "File " + home + "/missing.mov is currently being written to. Waiting...",
-        "File " + home + "/missing.mov finished writing.",
-        "File " + file + " is currently being written to. Waiting...",
-        "File " + file + " finished writing."};
     std::vector<std::string> waits;
-    for (const auto& l : log)
+    for (const auto& l : logEntries(childLogPath()))
         if (l.rfind("File ", 0) == 0) waits.push_back(l);
-    EXPECT_EQ(waits, expected);
+    EXPECT_THAT(waits, ::testing::ElementsAre("File " + old + " is currently being written to. Waiting...",
+                                              "File " + old + " finished writing.",
+                                              "File " + home + "/missing.mov is currently being written to. Waiting...",
+                                              "File " + home + "/missing.mov finished writing.",
+                                              "File " + file + " is currently being written to. Waiting...",
+                                              "File " + file + " finished writing."));
 }
 
 TEST(TQFileManagerWait, OpenForWritingByAnyProcess)

@@ -19,16 +19,13 @@ namespace fs = std::filesystem;
 
 namespace corvina::tq {
 using namespace corvina::test;
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
 using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
 
 namespace {
-
-std::vector<std::string> sorted(std::vector<std::string> v)
-{
-    std::sort(v.begin(), v.end());
-    return v;
-}
 
 std::string trashFiles() { return TQLocalPaths::trashDirectory().value(); }
 
@@ -81,9 +78,10 @@ TEST(TQFileManagerWildcards, PatternsAgainstARealTree)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.pattern);
-        EXPECT_EQ(sorted(TQFileManager::filesMatchingWildcardPath(row.pattern, row.base)), sorted(row.expected));
-        EXPECT_EQ(sorted(TQFileManager::filesMatchingWildcardPath(row.pattern, row.base, true)), sorted(row.expected))
-            << "searchSubdirs never descends";
+        for (bool searchSubdirs : {false, true})
+            EXPECT_THAT(TQFileManager::filesMatchingWildcardPath(row.pattern, row.base, searchSubdirs),
+                        UnorderedElementsAreArray(row.expected))
+                << "searchSubdirs never descends";
     }
 
     EXPECT_EQ(TQFileManager::decodeWildcardPath("*/z.mov", clips), clips + "/sub/z.mov");
@@ -244,9 +242,8 @@ TEST(TQFileManagerQueries, MountedVolumesAndTheirDisks)
     ScopedMount memory(s / "Media Card");  // the kernel's table escapes the space
     MOUNT_OR_SKIP(memory);
     fs::create_directories(s / "Media Cardboard");
-    const auto volumes = TQFileManager::mountedLocalVolumePaths();
-    EXPECT_NE(std::find(volumes.begin(), volumes.end(), memory.path()), volumes.end());
-    EXPECT_EQ(std::find(volumes.begin(), volumes.end(), "/proc"), volumes.end());
+    EXPECT_THAT(TQFileManager::mountedLocalVolumePaths(),
+                ::testing::AllOf(Contains(memory.path()), Contains("/proc").Times(0)));
     EXPECT_EQ(TQFileManager::volumeMountPointForPath(memory / "DCIM/clip.mov"), memory.path());
     EXPECT_EQ(TQFileManager::volumeMountPointForPath(memory.path()), memory.path());
     EXPECT_NE(TQFileManager::volumeMountPointForPath(s / "Media Cardboard/x"), memory.path());
@@ -424,13 +421,9 @@ TEST(TQFileManagerTrash, RoundTripThroughTheFreedesktopTrash)
     std::vector<std::string> names;
     for (const auto& e : fs::directory_iterator(trashFiles())) names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
-    ASSERT_EQ(names.size(), 5u);
-    EXPECT_EQ(names[0], "Notes");
-    EXPECT_TRUE(std::regex_match(names[1], std::regex(R"(Notes_\d{14}\.)"))) << names[1];
-    EXPECT_EQ(names[2], "my report.txt");
-    // The third one is trashed within the second of the second one, or not.
-    EXPECT_TRUE(std::regex_match(names[3], std::regex(R"(my report_\d{14}( 2)?\.txt)"))) << names[3];
-    EXPECT_TRUE(std::regex_match(names[4], std::regex(R"(my report_\d{14}( 2)?\.txt)"))) << names[4];
+    // The third report is trashed within the second of the second one, or not.
+    const auto later = MatchesRegex(R"(my report_[0-9]{14}( 2)?\.txt)");
+    ASSERT_THAT(names, ElementsAre("Notes", MatchesRegex(R"(Notes_[0-9]{14}\.)"), "my report.txt", later, later));
     // Each record names the original place (percent-encoded) and the time; following it restores it.
     for (const auto& name : names) {
         const std::string info =
@@ -529,7 +522,7 @@ TEST(TQFileManagerFolders, CreatingMirroringAndRemovingFolders)
     EXPECT_TRUE(TQFileManager::createDirectory(s / "a/b/c") && TQFileManager::createDirectory(s / "a/b/c", false));
     EXPECT_TRUE(TQFileManager::createDirectory(s / "d/e", std::chrono::seconds(0)));
     EXPECT_FALSE(TQFileManager::createDirectory("/Volumes/Gone/x"));
-    EXPECT_THAT(capture.messages(), ::testing::Contains("Unable to create directory. Drive is not mounted."));
+    EXPECT_THAT(capture.messages(), Contains("Unable to create directory. Drive is not mounted."));
     writeFile(s / "file", "x");
     EXPECT_FALSE(TQFileManager::createDirectory(s / "file", false));
     EXPECT_TRUE(privileged.calls().empty());
@@ -578,8 +571,7 @@ TEST(TQFileManagerPrivileged, RefusedWithoutPromptForAnUnprivilegedUser)
     EXPECT_EQ(auth.authExecTask("/bin/rm", {"-Rdf", h + "/rootonly/take.mov"}), -1) << "nothing asked or run";
     EXPECT_TRUE(fs::exists(h + "/rootonly/take.mov"));
     EXPECT_FALSE(fs::exists(h + "/mine/take.mov"));
-    const auto messages = capture.messages();
-    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Unable to authorize"), 6);
+    EXPECT_THAT(capture.messages(), Contains("Unable to authorize").Times(6));
     const std::string info = fs::path(trashFiles()).parent_path().string() + "/info";
     EXPECT_TRUE(!fs::exists(info) || fs::is_empty(info)) << "nothing of the trash attempt is left";
 }

@@ -65,25 +65,24 @@ std::string printedBy(const std::function<void()>& fn)
 TEST(TQLogCore, TextsAsWrittenAndPrinted)
 {
     MemoryLog m;
-    TQLogCore& log = m.log;
     const std::string printed = printedBy([&] {
-        log.append(Mode::Wait, "Progress: 50% done");
-        log.append(Mode::Wait, "");
-        log.append(Mode::Wait, " \n\t ");
-        log.append(Mode::Wait, nullptr);
-        log.append(Mode::Wait, "Copied %@ (100% done)", std::string("clip.mov"));
-        log.append(Mode::Wait, "%.1f", 2.5);
-        log.append(Mode::Wait, "%0.2f GB", 1.5);
-        log.fastAppend("  two leading blanks\n");
-        log.append(Mode::Wait, "line one\nline two");
-        log.append(Mode::DebugPrint, "debug %d%%", 7);
-        log.append(Mode::Print, "Done: 100% ok");
-        log.append(Mode::Print, "");
-        log.append(Mode::Print, "%@ and %d", std::string("50%"), 3);
-        log.appendText(Mode::Print, " as given 5%% ");
-        log.appendText(Mode::Print, std::string("left %@ and a nul\0 byte", 24));
-        log.setNoPrinting(true);
-        log.append(Mode::Print, "quiet");
+        m.log.append(Mode::Wait, "Progress: 50% done");
+        m.log.append(Mode::Wait, "");
+        m.log.append(Mode::Wait, " \n\t ");
+        m.log.append(Mode::Wait, nullptr);
+        m.log.append(Mode::Wait, "Copied %@ (100% done)", std::string("clip.mov"));
+        m.log.append(Mode::Wait, "%.1f", 2.5);
+        m.log.append(Mode::Wait, "%0.2f GB", 1.5);
+        m.log.fastAppend("  two leading blanks\n");
+        m.log.append(Mode::Wait, "line one\nline two");
+        m.log.append(Mode::DebugPrint, "debug %d%%", 7);
+        m.log.append(Mode::Print, "Done: 100% ok");
+        m.log.append(Mode::Print, "");
+        m.log.append(Mode::Print, "%@ and %d", std::string("50%"), 3);
+        m.log.appendText(Mode::Print, " as given 5%% ");
+        m.log.appendText(Mode::Print, std::string("left %@ and a nul\0 byte", 24));
+        m.log.setNoPrinting(true);
+        m.log.append(Mode::Print, "quiet");
     });
     EXPECT_EQ(m.written(), (std::vector<std::string>{"Progress: 50% done", "Copied clip.mov (100% done)", "%.1f",
                                                      "1.50 GB", "two leading blanks", "line one\nline two", "debug 7%",
@@ -156,26 +155,25 @@ TEST(TQLogCore, SeriesAreTheLinesTheyStandFor)
 TEST(TQLogCore, MainThreadNeverWaitsBackgroundShortTextDoes)
 {
     MemoryLog m;
-    TQLogCore& log = m.log;
-    log.setSuspended(true);
+    m.log.setSuspended(true);
     // On the main thread: returns at once although the writer takes nothing.
-    log.append(Mode::Wait, "main %d", 1);
+    m.log.append(Mode::Wait, "main %d", 1);
     // A long text from a background thread does not wait either.
-    std::thread([&] { log.append(Mode::Wait, "%@", std::string(100, 'x')); }).join();
-    EXPECT_EQ(log.queuedEntryCount(), 2u);
-    log.setSuspended(false);
-    log.finishWriting();
+    std::thread([&] { m.log.append(Mode::Wait, "%@", std::string(100, 'x')); }).join();
+    EXPECT_EQ(m.log.queuedEntryCount(), 2u);
+    m.log.setSuspended(false);
+    m.log.finishWriting();
 
-    log.setSuspended(true);
+    m.log.setSuspended(true);
     std::atomic<bool> returned{false};
     std::thread t([&] {
-        log.append(Mode::Wait, "ten chars!");
+        m.log.append(Mode::Wait, "ten chars!");
         returned = true;
     });
-    while (log.queuedEntryCount() == 0) std::this_thread::yield();
+    while (m.log.queuedEntryCount() == 0) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(returned) << "background append waits for the writer";
-    log.setSuspended(false);
+    m.log.setSuspended(false);
     t.join();
     EXPECT_EQ(m.sink.texts().back(), "ten chars!") << "written before append returned";
 }

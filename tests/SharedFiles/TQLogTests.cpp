@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -220,10 +221,8 @@ TEST(TQLogWriting, DefaultNameAndReopeningTheCurrentFile)
         TQLog::finishWriting();
         TQLog::createNewLog();
         TQLog::finishWriting();
-        const auto lines = splitLines(readFile(logPath(home, "SharedFilesTests", 2)));
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[0], "earlier");
-        EXPECT_EQ(entryText(lines[1]), "appended");
+        EXPECT_THAT(splitLines(readFile(logPath(home, "SharedFilesTests", 2))),
+                    ::testing::ElementsAre("earlier", ::testing::ResultOf(entryText, "appended")));
         EXPECT_EQ(logEntries(logPath(home, "SharedFilesTests", 1)).at(0).rfind("Log started: ", 0), 0u);
         return;
     }
@@ -352,10 +351,7 @@ TEST(TQLogLinks, PlantedLinksAreNeitherFollowedNorRemoved)
         }
         return;
     }
-    for (int i = 0; i < int(std::size(rows)); ++i) {
-        TempDir dir;
-        runChild(dir.path(), i);
-    }
+    for (int i = 0; i < int(std::size(rows)); ++i) runChild(TempDir().path(), i);
 }
 
 // Only "log-level" "verbose" lets sample lines in; each new log reads the level again.
@@ -398,16 +394,12 @@ TEST(TQLogPreferences, SampleLinesOnlyWhenVerbose)
         TQLog::appendLog("Summary: done");
         TQLog::finishWriting();
         const auto entries = logEntries(logPath(childHome(), "Tool", 1));
-        const auto samples =
-            std::ranges::count_if(entries, [](const std::string& e) { return e.starts_with("Requesting"); });
-        EXPECT_EQ(samples, row.written ? 3 : 0);
+        EXPECT_EQ(std::ranges::count_if(entries, [](const std::string& e) { return e.starts_with("Requesting"); }),
+                  row.written ? 3 : 0);
         EXPECT_EQ(entries.back(), "Summary: done");
         return;
     }
-    for (int i = 0; i < int(std::size(rows)); ++i) {
-        TempDir dir;
-        runChild(dir.path(), i);
-    }
+    for (int i = 0; i < int(std::size(rows)); ++i) runChild(TempDir().path(), i);
 }
 
 // One run of the program for the test below: its whole log, start to summary.
@@ -493,9 +485,8 @@ TEST(TQException, LogExceptionWritesTheMessageAsItStands)
             writeFile(home / "Library/Preferences/com.brantwell.global.plist",
                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>disable-logging</key>"
                       "<string>1</string></dict></plist>");
-        const TestRun run = runTest({}, home.path(), {{"CORVINA_CASE", std::to_string(disabled)}});
-        EXPECT_EQ(run.status, 0) << run.output;
-        EXPECT_EQ(run.printed, disabled ? "Logging is disabled\n" : TQLog::consoleCopy(expected) + "\n");
+        EXPECT_EQ(runChild(home.path(), disabled).printed,
+                  disabled ? "Logging is disabled\n" : TQLog::consoleCopy(expected) + "\n");
     }
 }
 
