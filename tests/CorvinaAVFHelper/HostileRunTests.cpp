@@ -1,11 +1,11 @@
 // The real helper against hostile documents, files, destinations, a full disk and stop signals.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <functional>
@@ -21,6 +21,12 @@ namespace corvina::helper {
 using namespace corvina;
 using namespace corvina::test;
 namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -58,13 +64,6 @@ std::string changes(const Snapshot& before, const Snapshot& after)
     for (const auto& [path, what] : before)
         if (!after.count(path)) changed += " -" + path;
     return changed;
-}
-
-bool logHas(const HelperHome& home, const std::string& text)
-{
-    const auto entries = home.logEntries();
-    return std::any_of(entries.begin(), entries.end(),
-                       [&](const auto& e) { return e.find(text) != std::string::npos; });
 }
 
 // Runs `then` once the helper's temporary file shows in `folder` and prints the helper's status;
@@ -111,9 +110,9 @@ protected:
         launcher.push_back(helperPath());
         const ProcessResult run = runProgram(launcher, environment());
         EXPECT_EQ(run.status, 1) << run.err;
-        EXPECT_TRUE(logHas(home, line)) << "missing: " << line;
+        EXPECT_THAT(home.logEntries(), Contains(HasSubstr(line)));
         EXPECT_EQ(changes(before, snapshot({job.path(), home.path(), extraRoot})), "");
-        EXPECT_EQ(home.logEntries().back().rfind("Summary: status 1", 0), 0u) << home.logEntries().back();
+        EXPECT_THAT(home.logEntries().back(), StartsWith("Summary: status 1"));
     }
     std::map<std::string, std::string> environment() const
     {
@@ -217,16 +216,14 @@ TEST_F(HostileRun, ImpossibleRangesInTheMiddleOfATable)
             ASSERT_TRUE(home.writeSettings(withKey(doc, key, Value(entries))));
             for (int attempt = 0; attempt < 3; ++attempt) {
                 const ProcessResult run = home.runHelper();
-                const std::string summary = home.logEntries().back();
                 EXPECT_EQ(run.status, line == tooMany ? 1 : 0) << run.err;
-                EXPECT_EQ(summary.rfind("Summary: status ", 0), 0u) << summary;
-                EXPECT_NE(summary.find(line), std::string::npos) << summary;
+                EXPECT_THAT(home.logEntries().back(), AllOf(StartsWith("Summary: status "), HasSubstr(line)));
                 if (run.status == 0) {
-                    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+                    EXPECT_THAT(checkMovieStructure(movie), IsEmpty());
                 }
                 // A video entry with no byte in the file says so before the track ends.
                 if (key[0] == 'o' && range.offset) {
-                    EXPECT_TRUE(logHas(home, "Error allocating video block buffer"));
+                    EXPECT_THAT(home.logEntries(), Contains(HasSubstr("Error allocating video block buffer")));
                 }
             }
         }
@@ -238,15 +235,16 @@ TEST_F(HostileRun, UnreadableSettingsDocuments)
     makeJob({"--video", "0", "--audio", "2", "--seconds", "0.1"});
     // Each refusal names the path and the cause on a second line.
     const std::string xml = doc.toXMLPropertyList();
+    const std::string garbled = "The data couldn't be read because it isn't in the correct format.";
     const struct {
         std::string bytes, cause;  // "fifo"/"folder": no file but that; "missing": nothing
     } cases[] = {{"fifo", "It is a FIFO"},
                  {"folder", "Is a directory"},
                  {"missing", "No such file or directory"},
-                 {"this is no property list", "The data couldn't be read because it isn't in the correct format."},
+                 {"this is no property list", garbled},
                  {Value(Value::ArrayType{Value(1)}).toXMLPropertyList(), "its root is an array, not a dictionary"},
-                 {xml.substr(0, xml.size() / 2), "The data couldn't be read because it isn't in the correct format."},
-                 {"bplist00 but nothing after", "The data couldn't be read because it isn't in the correct format."}};
+                 {xml.substr(0, xml.size() / 2), garbled},
+                 {"bplist00 but nothing after", garbled}};
     const std::string path = home.replaySettingsPath();
     for (const auto& c : cases) {
         fs::remove_all(path);
@@ -258,9 +256,8 @@ TEST_F(HostileRun, UnreadableSettingsDocuments)
             writeFile(path, c.bytes);
         const ProcessResult run = home.runHelper();
         EXPECT_EQ(run.status, 1);
-        EXPECT_NE(run.err.find("Unable to open settings dictionary\n"), std::string::npos) << run.err;
-        EXPECT_NE(run.err.find("Cannot read the settings document " + path + ": " + c.cause), std::string::npos)
-            << run.err;
+        EXPECT_THAT(run.err, AllOf(HasSubstr("Unable to open settings dictionary\n"),
+                                   HasSubstr("Cannot read the settings document " + path + ": " + c.cause)));
     }
 
     // UTF-16 XML reads like UTF-8, and the document is not rewritten.
@@ -269,7 +266,7 @@ TEST_F(HostileRun, UnreadableSettingsDocuments)
     fs::remove_all(path);
     writeFile(path, utf16);
     ASSERT_EQ(home.runHelper().status, 0);
-    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+    EXPECT_THAT(checkMovieStructure(movie), IsEmpty());
     EXPECT_EQ(readFile(path), utf16);
 }
 
@@ -302,7 +299,8 @@ TEST_F(HostileRun, AnotherRunsLockAndStaleTemporaryFiles)
     for (const auto& [name, bytes] : planted) writeFile(job / name, bytes);
     ASSERT_TRUE(home.writeSettings(withKey(doc, "tmpAudioFilename", job / "movie.mov.incomplete-4646")));
     ASSERT_EQ(home.runHelper().status, 0);
-    EXPECT_TRUE(logHas(home, "Removed 2 temporary file(s) that an interrupted run left for " + movie));
+    EXPECT_THAT(home.logEntries(),
+                Contains(HasSubstr("Removed 2 temporary file(s) that an interrupted run left for " + movie)));
     for (const auto& [name, bytes] : planted) {
         const bool killedRuns = name.ends_with("4242") || name.ends_with("4545-2");
         EXPECT_EQ(fs::exists(job / name), !killedRuns) << name;
@@ -310,7 +308,7 @@ TEST_F(HostileRun, AnotherRunsLockAndStaleTemporaryFiles)
             EXPECT_EQ(readFile(job / name), bytes) << name;
         }
     }
-    EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+    EXPECT_THAT(checkMovieStructure(movie), IsEmpty());
 }
 
 TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
@@ -325,7 +323,7 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
                                                       [&] { writeFile(movie, "the previous movie"); });
         EXPECT_EQ(run.out, "1\n");
         EXPECT_EQ(changes(before, snapshot({job.path()})), "");
-        EXPECT_TRUE(logHas(own, std::string("Stopped by SIG") + name));
+        EXPECT_THAT(own.logEntries(), Contains(HasSubstr(std::string("Stopped by SIG") + name)));
     }
 
     TempDir mountPoint;
@@ -349,7 +347,7 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     fs::remove(disk / "filler");
     EXPECT_EQ(readFile(target), "the previous movie");
     EXPECT_EQ(std::distance(fs::directory_iterator(disk.path()), fs::directory_iterator()), 1);
-    EXPECT_TRUE(logHas(home, "No space left on device"));
+    EXPECT_THAT(home.logEntries(), Contains(HasSubstr("No space left on device")));
 
     // A file size limit below the movie's size ends the run the same way.
     expectRefused(doc, "File too large", {}, {"prlimit", "--fsize=4000000"});
@@ -374,8 +372,8 @@ TEST_F(HostileRun, DataCutShortWhileTheRunReadsIt)
             home, job.path(), "kill -STOP $pid; truncate -s 0 '" + video + "'; kill -CONT $pid", restore);
         EXPECT_EQ(run.out, "0\n");
         const std::string summary = home.logEntries().back();
-        EXPECT_EQ(summary.rfind("Summary: status 0", 0), 0u) << summary;
-        EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+        EXPECT_THAT(summary, StartsWith("Summary: status 0"));
+        EXPECT_THAT(checkMovieStructure(movie), IsEmpty());
         cut = summary.find("track ended early") != std::string::npos;
     }
     EXPECT_TRUE(cut) << "no run met the cut";
@@ -459,10 +457,9 @@ TEST_F(RootRun, NothingBeyondTheUsersOwnRights)
     ASSERT_EQ(::chmod(home.replaySettingsPath().c_str(), 0600), 0);
     const ProcessResult run = runProgram({helperPath()}, environment());
     EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("Cannot read the settings document " + home.replaySettingsPath() + ": Permission denied"),
-              std::string::npos)
-        << run.err;
-    EXPECT_EQ(home.logEntries().back().rfind("Summary: status 1", 0), 0u);
+    EXPECT_THAT(run.err,
+                HasSubstr("Cannot read the settings document " + home.replaySettingsPath() + ": Permission denied"));
+    EXPECT_THAT(home.logEntries().back(), StartsWith("Summary: status 1"));
 }
 
 TEST_F(RootRun, NamesPlantedAtTheTemporaryNameAreLeftAlone)
@@ -490,12 +487,12 @@ TEST_F(RootRun, NamesPlantedAtTheTemporaryNameAreLeftAlone)
                                    ": '" + replay + "' && exec '" + helperPath() + "'";
         const ProcessResult run = runProgram({"/bin/sh", "-c", script}, environment());
         EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(home.logEntries().back().rfind("Summary: status 0", 0), 0u) << home.logEntries().back();
+        EXPECT_THAT(home.logEntries().back(), StartsWith("Summary: status 0"));
         EXPECT_EQ(changes(before, snapshot({vault.path()})), "");
         struct stat info {};
         ASSERT_EQ(::stat(movie.c_str(), &info), 0);
         EXPECT_EQ(info.st_uid, user->uid);
-        EXPECT_EQ(checkMovieStructure(movie), std::vector<std::string>{});
+        EXPECT_THAT(checkMovieStructure(movie), IsEmpty());
         ASSERT_EQ(::stat(replay.c_str(), &info), 0);
         EXPECT_EQ(info.st_uid, user->uid);
         // What was planted is still there, as it was; nothing of the run's own is left.
@@ -523,28 +520,27 @@ TEST_F(HostileRun, HelpVersionAndTheSummary)
     for (const char* argument : {"--help", "--version", "--bogus"}) {
         const ProcessResult run = home.runHelper({argument});
         EXPECT_EQ(run.status, std::string(argument) == "--bogus" ? 1 : 0);
-        EXPECT_NE((run.out + run.err).find(std::string(argument) == "--version" ? "CorvinaAVFHelper 1." : "Usage:"),
-                  std::string::npos);
+        EXPECT_THAT(run.out + run.err,
+                    HasSubstr(std::string(argument) == "--version" ? "CorvinaAVFHelper 1." : "Usage:"));
     }
     EXPECT_FALSE(fs::exists(home.logPath())) << "a log was started";
     EXPECT_EQ(changes(before, snapshot({job.path()})), "");
 
     ASSERT_EQ(home.runHelper().status, 0);
     MovieSummary stored;
-    EXPECT_EQ(checkMovieStructure(movie, &stored), std::vector<std::string>{});
+    EXPECT_THAT(checkMovieStructure(movie, &stored), IsEmpty());
     ASSERT_NE(stored.track(fourCC("vide")), nullptr);
     EXPECT_EQ(stored.track(fourCC("vide"))->sampleWidth, 320);
     EXPECT_EQ(stored.track(fourCC("vide"))->sampleHeight, 240);
-    EXPECT_TRUE(logHas(home, "Frame size 320x240 read from the first frame"));
-    EXPECT_FALSE(logHas(home, "Unable to unlock"));
-    const std::string summary = home.logEntries().back();
-    const size_t frames = doc["offsetArray"].count();
-    for (const std::string& part :
-         {std::string("Summary: status 0 after "), "settings document: " + home.replaySettingsPath(),
-          "video: ProRes 422 320x240 (apcn); entries read " + std::to_string(frames) + " of " + std::to_string(frames),
-          std::string("audio: 16-bit Linear PCM 48KHz Stereo Little Endian; entries read"),
-          "movie: " + movie + " (" + std::to_string(fs::file_size(movie)) + " bytes)"})
-        EXPECT_NE(summary.find(part), std::string::npos) << part << "\n" << summary;
+    EXPECT_THAT(home.logEntries(), Contains(HasSubstr("Frame size 320x240 read from the first frame")));
+    EXPECT_THAT(home.logEntries(), Not(Contains(HasSubstr("Unable to unlock"))));
+    const std::string frames = std::to_string(doc["offsetArray"].count());
+    EXPECT_THAT(
+        home.logEntries().back(),
+        AllOf(StartsWith("Summary: status 0 after "), HasSubstr("settings document: " + home.replaySettingsPath()),
+              HasSubstr("video: ProRes 422 320x240 (apcn); entries read " + frames + " of " + frames),
+              HasSubstr("audio: 16-bit Linear PCM 48KHz Stereo Little Endian; entries read"),
+              HasSubstr("movie: " + movie + " (" + std::to_string(fs::file_size(movie)) + " bytes)")));
 }
 
 }  // namespace

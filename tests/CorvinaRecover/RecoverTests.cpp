@@ -1,5 +1,6 @@
 // Recovery from damaged copies of movies that ffmpeg makes, and the scan's readers and threads.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@ namespace corvina::recover {
 using namespace corvina::tq;
 
 using namespace corvina::test;
+using ::testing::IsEmpty;
 
 namespace {
 
@@ -55,7 +57,7 @@ std::vector<Packet> videoPackets(const std::string& path, bool ours)
     MovieSummary summary;
     const auto problems = checkMovieStructure(path, &summary);
     if (ours) {
-        EXPECT_TRUE(problems.empty()) << path << ": " << (problems.empty() ? "" : problems.front());
+        EXPECT_THAT(problems, IsEmpty()) << path;
     }
     const MovieTrack* track = summary.track(0x76696465);  // 'vide'
     if (!track) return {};
@@ -456,12 +458,9 @@ TEST(FrameReaders, CutAndNoisyFramesAreAnsweredWithinTheirBytes)
         const std::vector<Packet> packets = videoPackets(movie, false);
         ASSERT_FALSE(packets.empty());
         const std::string& frame = packets.front().bytes;
-        {
-            const std::vector<uint8_t> whole(frame.begin(), frame.end());
-            const auto e = kind.examine(whole, true);
-            EXPECT_EQ(e.verdict, recover::Examination::Verdict::Frame) << kind.size << " " << e.reason;
-            EXPECT_EQ(e.frame.length, frame.size());
-        }
+        const auto whole = kind.examine(std::vector<uint8_t>(frame.begin(), frame.end()), true);
+        EXPECT_EQ(whole.verdict, recover::Examination::Verdict::Frame) << kind.size << " " << whole.reason;
+        EXPECT_EQ(whole.frame.length, frame.size());
         for (size_t length = 0; length < frame.size(); length += 1 + length / 7) {
             const std::vector<uint8_t> cut(frame.begin(), frame.begin() + std::ptrdiff_t(length));
             EXPECT_NE(kind.examine(cut, true).verdict, recover::Examination::Verdict::Frame);

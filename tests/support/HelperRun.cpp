@@ -61,8 +61,7 @@ std::optional<corvina::Value> makeSampleJob(const std::string& dir, const std::v
 {
     std::vector<std::string> argv{sampleJobToolPath(), "--out", dir};
     argv.insert(argv.end(), options.begin(), options.end());
-    const ProcessResult run = runProgram(argv);
-    if (run.status != 0) return std::nullopt;
+    if (runProgram(argv).status != 0) return std::nullopt;
     auto settings = corvina::Value::fromPropertyListFile(dir + "/settings.plist");
     if (!settings) return std::nullopt;
     return std::move(*settings);
@@ -71,11 +70,10 @@ std::optional<corvina::Value> makeSampleJob(const std::string& dir, const std::v
 corvina::Value withKey(const corvina::Value& settings, const std::string& key, corvina::Value value)
 {
     corvina::Value::DictionaryType d = *settings.asDictionary();
-    if (value.isNone()) {
+    if (value.isNone())
         d.erase(key);
-    } else {
+    else
         d[key] = std::move(value);
-    }
     return corvina::Value(std::move(d));
 }
 

@@ -119,13 +119,11 @@ std::string entryText(const std::string& line)
 std::vector<std::string> logEntries(const std::string& path)
 {
     std::vector<std::string> entries;
-    for (const auto& line : splitLines(readFile(path))) {
-        if (line.size() >= 28 && line.compare(25, 3, " - ") == 0) {
+    for (const auto& line : splitLines(readFile(path)))
+        if (line.size() >= 28 && line.compare(25, 3, " - ") == 0)
             entries.push_back(entryText(line));
-        } else if (!entries.empty()) {
+        else if (!entries.empty())
             entries.back() += "\n" + line;
-        }
-    }
     return entries;
 }
 
@@ -188,13 +186,11 @@ std::map<std::string, std::string> environmentWith(const std::string& home,
     env["TQ_LOCAL_ROOT"] = home;
     env["TQ_CONSOLE_USER"] = "";
     env["CORVINA_SERVICES_CHILD"] = "1";
-    for (const auto& [k, v] : extra) {
-        if (v.empty()) {
+    for (const auto& [k, v] : extra)
+        if (v.empty())
             env.erase(k);
-        } else {
+        else
             env[k] = v;
-        }
-    }
     return env;
 }
 
@@ -211,16 +207,14 @@ std::string printedByTest(const std::string& out)
 {
     std::string printed;
     bool inside = false;
-    for (const auto& line : splitLines(out)) {
-        if (line.rfind("[ RUN      ]", 0) == 0) {
+    for (const auto& line : splitLines(out))
+        if (line.rfind("[ RUN      ]", 0) == 0)
             inside = true;
-        } else if (line.rfind("[       OK ]", 0) == 0 || line.rfind("[  FAILED  ]", 0) == 0 ||
-                   line.rfind("[  SKIPPED ]", 0) == 0) {
+        else if (line.rfind("[       OK ]", 0) == 0 || line.rfind("[  FAILED  ]", 0) == 0 ||
+                 line.rfind("[  SKIPPED ]", 0) == 0)
             inside = false;
-        } else if (inside) {
+        else if (inside)
             printed += line + "\n";
-        }
-    }
     return printed;
 }
 

@@ -18,7 +18,10 @@
 
 namespace fs = std::filesystem;
 using namespace corvina;
+using ::testing::AllOf;
 using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
 using ::testing::Not;
 
 namespace {
@@ -139,25 +142,18 @@ TEST(HeadlessAlertPresenter, LogsTheTextsAndAnswersWithTheDefaultButtonAtOnce)
 
 TEST(DialogAlertArguments, ButtonsMapToDialogKinds)
 {
-    auto args = dialogArguments(content("Title", "Detail"));
-    EXPECT_THAT(args, Contains("--info"));
-    EXPECT_THAT(args, Contains("--no-markup"));
-    EXPECT_THAT(args, Contains("--ok-label=OK"));
-    EXPECT_THAT(args, Contains("--text=Title\n\nDetail"));
-    EXPECT_THAT(args, Not(Contains("--question")));
-
-    args = dialogArguments(content("Replace?", "", "Replace", "Keep", "Compare"));
-    EXPECT_THAT(args, Contains("--question"));
-    EXPECT_THAT(args, Contains("--ok-label=Replace"));
-    EXPECT_THAT(args, Contains("--cancel-label=Keep"));
-    EXPECT_THAT(args, Contains("--extra-button=Compare"));
-    EXPECT_THAT(args, Contains("--text=Replace?"));
+    EXPECT_THAT(dialogArguments(content("Title", "Detail")),
+                AllOf(IsSupersetOf({"--info", "--no-markup", "--ok-label=OK", "--text=Title\n\nDetail"}),
+                      Not(Contains("--question"))));
+    EXPECT_THAT(dialogArguments(content("Replace?", "", "Replace", "Keep", "Compare")),
+                IsSupersetOf({"--question", "--ok-label=Replace", "--cancel-label=Keep", "--extra-button=Compare",
+                              "--text=Replace?"}));
 
     // A check box makes the question a one-row check list, in the stored state.
     auto boxed = content("Replace?", "", "Replace", "Keep");
     boxed.suppressionBinding = "quiet";
     boxed.suppressionChecked = true;
-    args = dialogArguments(boxed);
+    const auto args = dialogArguments(boxed);
     EXPECT_THAT(args, Contains("--checklist"));
     ASSERT_GE(args.size(), 2u);
     EXPECT_EQ(args[args.size() - 2], "TRUE");
@@ -175,16 +171,13 @@ TEST(TerminalAlertAnswers, NumbersSelectOnlyButtonsThatExist)
     const auto three = content("m", "", "Go", "Stop", "Later");
     EXPECT_EQ(terminalAnswer(three, "2"), kAlertAlternateReturn);
     EXPECT_EQ(terminalAnswer(three, "3"), kAlertOtherReturn);
-    const std::string prompt = terminalPrompt(three);
-    EXPECT_NE(prompt.find("1) Go"), std::string::npos);
-    EXPECT_NE(prompt.find("2) Stop"), std::string::npos);
-    EXPECT_NE(prompt.find("3) Later"), std::string::npos);
-    EXPECT_EQ(terminalPrompt(one).find("2)"), std::string::npos);
+    EXPECT_THAT(terminalPrompt(three), AllOf(HasSubstr("1) Go"), HasSubstr("2) Stop"), HasSubstr("3) Later")));
+    EXPECT_THAT(terminalPrompt(one), Not(HasSubstr("2)")));
 
     // "s" toggles the check box, shown in its current state; without a box it is no answer.
     auto boxed = three;
     boxed.suppressionBinding = "quiet";
-    EXPECT_NE(terminalPrompt(boxed, true).find("s) [x] "), std::string::npos);
+    EXPECT_THAT(terminalPrompt(boxed, true), HasSubstr("s) [x] "));
     EXPECT_TRUE(isSuppressionToggle(boxed, " S\r"));
     EXPECT_FALSE(isSuppressionToggle(three, "s"));
 }

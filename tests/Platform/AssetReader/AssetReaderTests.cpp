@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "AssetReader/AssetReader.h"
 #include "AssetReader/Libav.h"
@@ -23,6 +22,14 @@ std::vector<std::unique_ptr<SampleBuffer>> drain(AssetReaderTrackOutput& output)
     std::vector<std::unique_ptr<SampleBuffer>> samples;
     while (auto s = output.copyNextSampleBuffer()) samples.push_back(std::move(s));
     return samples;
+}
+
+// The sample frames the samples hold.
+uint64_t frameCount(const std::vector<std::unique_ptr<SampleBuffer>>& samples)
+{
+    uint64_t frames = 0;
+    for (const auto& s : samples) frames += uint64_t(s->numSamples());
+    return frames;
 }
 
 }  // namespace
@@ -123,8 +130,7 @@ TEST(AssetTest, TimecodeStoredAsTrackOrAsProperty)
         ASSERT_TRUE(reader->startReading());
         const auto samples = drain(*output);
         ASSERT_FALSE(samples.empty());
-        const uint8_t* p = samples[0]->dataBuffer()->data();
-        EXPECT_EQ(corvina::loadBE32(p), c.frameNumber);
+        EXPECT_EQ(corvina::loadBE32(samples[0]->dataBuffer()->data()), c.frameNumber);
         EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
     }
 }
@@ -157,10 +163,8 @@ TEST(AssetReaderTest, LinearPCMOutputsConvertRateChannelsSizeAndOrder)
         const auto samples = drain(*output);
         EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
         ASSERT_FALSE(samples.empty());
-        uint64_t frames = 0;
-        for (const auto& s : samples) frames += uint64_t(s->numSamples());
         // The converter may hold back a few frames of its filter at a rate change.
-        EXPECT_NEAR(double(frames), double(c.frames), 32.0);
+        EXPECT_NEAR(double(frameCount(samples)), double(c.frames), 32.0);
         const auto& asbd = *samples[0]->formatDescription()->streamBasicDescription();
         ASSERT_EQ(asbd.mBytesPerFrame, c.firstFrame.size());
         if (c.settings.sampleRate == 0) {
@@ -190,9 +194,7 @@ TEST(AssetReaderTest, TimeRangeAndStatuses)
     ASSERT_EQ(frames.size(), 4u);
     EXPECT_EQ(frames[0]->presentationTimeStamp().getSeconds(), 0.16);
     EXPECT_EQ(reader->status(), AssetReaderStatus::Reading);  // audio is still open
-    uint64_t audioFrames = 0;
-    for (const auto& s : drain(*audio)) audioFrames += uint64_t(s->numSamples());
-    EXPECT_EQ(audioFrames, 7680u);  // 0.16 s at 48 kHz
+    EXPECT_EQ(frameCount(drain(*audio)), 7680u);              // 0.16 s at 48 kHz
     EXPECT_EQ(reader->status(), AssetReaderStatus::Completed);
 
     auto cancelled = AssetReader::create(asset).valueOr(nullptr);
@@ -208,9 +210,7 @@ TEST(AssetReaderTest, TimeRangeAndStatuses)
 TEST(AssetTest, UnreadableRemoteAndDamagedInput)
 {
     TempDir dir;
-    {
-        std::ofstream(dir / "notes.mov") << "these are not the frames you are looking for";
-    }
+    writeFile(dir / "notes.mov", "these are not the frames you are looking for");
     for (const std::string& path : {dir / "notes.mov", dir / "missing.mov", dir.path()}) {
         const AssetRef asset = Asset::assetWithPath(path);
         EXPECT_FALSE(asset->isReadable()) << path;
@@ -222,20 +222,19 @@ TEST(AssetTest, UnreadableRemoteAndDamagedInput)
     EXPECT_THROW(av::librarySymbol("av_no_such_function"), PlatformException) << "a broken installation";
 
     // A movie cut short: either no longer a movie, or a movie that reads what is left.
-    const auto bytes = readBytes(makeTestMovie(
+    const std::string bytes = readFile(makeTestMovie(
         "whole.mov", join({lavfi("testsrc=s=64x48:r=25:d=0.4"), {"-c:v", "mjpeg", "-movflags", "+faststart"}})));
     ASSERT_GT(bytes.size(), 1000u);
     for (size_t keep : {size_t(16), bytes.size() / 2}) {
         const std::string cut = dir / ("cut" + std::to_string(keep) + ".mov");
-        std::ofstream(cut, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(keep));
+        writeFile(cut, bytes.substr(0, keep));
         const AssetRef asset = Asset::assetWithPath(cut);
         if (!asset->isReadable()) continue;
         auto reader = AssetReader::create(asset).valueOr(nullptr);
         auto output = AssetReaderTrackOutput::create(asset->tracks()[0]);
         reader->addOutput(output);
         reader->startReading();
-        const auto samples = drain(*output);
-        EXPECT_LT(samples.size(), 10u);
+        EXPECT_LT(drain(*output).size(), 10u);
         EXPECT_NE(reader->status(), AssetReaderStatus::Reading);
     }
 }

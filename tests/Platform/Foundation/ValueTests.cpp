@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <iterator>
 #include <cmath>
 #include <filesystem>
 #include <limits>
@@ -155,15 +155,12 @@ TEST(Value, AccessAndEquality)
 TEST(Value, RoundTripsThroughXMLAndBinary)
 {
     const Value doc = sampleDocument();
-    const std::string xml = doc.toXMLPropertyList();
-    auto fromXml = Value::fromPropertyListData(xml.data(), xml.size());
-    ASSERT_TRUE(fromXml);
-    EXPECT_TRUE(*fromXml == doc) << fromXml->description();  // equal values of the same types
-
     const auto bin = doc.toBinaryPropertyList();
-    auto fromBin = Value::fromPropertyListData(bin.data(), bin.size());
-    ASSERT_TRUE(fromBin);
-    EXPECT_TRUE(*fromBin == doc) << fromBin->description();
+    for (const std::string& bytes : {doc.toXMLPropertyList(), std::string(bin.begin(), bin.end())}) {
+        auto back = Value::fromPropertyListData(bytes.data(), bytes.size());
+        ASSERT_TRUE(back);
+        EXPECT_TRUE(*back == doc) << back->description();  // equal values of the same types
+    }
 
     // Scalars and dates with sub-second parts survive too.
     const Value when = Value::date(corvina::Date(std::chrono::seconds(1700000000) + std::chrono::microseconds(250000)));
@@ -198,11 +195,7 @@ TEST(Value, RejectsBadInput)
     const Value doc = sampleDocument();
     const std::string xml = doc.toXMLPropertyList();
     const auto bin = doc.toBinaryPropertyList();
-    struct Row {
-        const char* name;
-        std::string bytes;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::string> rows[] = {
         {"empty", ""},
         {"garbage", "this is not a property list"},
         {"truncated xml", xml.substr(0, xml.size() / 2)},
@@ -210,14 +203,13 @@ TEST(Value, RejectsBadInput)
         {"binary header only", "bplist00"},
         {"nul bytes", std::string(64, '\0')},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const auto bad = Value::fromPropertyListData(row.bytes.data(), row.bytes.size());
+    for (const auto& [name, bytes] : rows) {
+        SCOPED_TRACE(name);
+        const auto bad = Value::fromPropertyListData(bytes.data(), bytes.size());
         ASSERT_FALSE(bad);
         EXPECT_FALSE(bad.error().localizedDescription.empty());
-        const std::string file = folder / "bad.plist";
-        writeFile(file, row.bytes);
-        EXPECT_FALSE(Value::fromPropertyListFile(file));
+        writeFile(folder / "bad.plist", bytes);
+        EXPECT_FALSE(Value::fromPropertyListFile(folder / "bad.plist"));
     }
     // Hostile nesting is refused, not recursed into.
     std::string deep = "<plist version=\"1.0\">";
@@ -234,8 +226,7 @@ TEST(Value, RejectsBadInput)
     EXPECT_FALSE(Value::fromPropertyListData(nullptr, 10));
 
     // A valid list whose root is not a dictionary is still a value: the caller decides.
-    const std::string arrayXml = Value(Value::ArrayType{Value(1)}).toXMLPropertyList();
-    writeFile(folder / "array.plist", arrayXml);
+    writeFile(folder / "array.plist", Value(Value::ArrayType{Value(1)}).toXMLPropertyList());
     auto root = Value::fromPropertyListFile(folder / "array.plist");
     ASSERT_TRUE(root);
     EXPECT_EQ(root->type(), Value::Type::Array);
