@@ -336,18 +336,29 @@ TEST_F(HostileRun, StopSignalsAndAFullDiskRemoveTheUnfinishedMovie)
     expectRefused(withKey(doc, "destFilename", target),
                   "Error: not enough free space for " + target + ": the movie needs ", disk.path());
     fs::remove(disk / "filler");
-    // ...and room that runs out while writing ends the run too. The whole job, audio and its
-    // log lines included, takes long enough to be caught while it writes.
-    ASSERT_TRUE(home.writeSettings(withKey(doc, "destFilename", target)));
-    const ProcessResult run = runUntilInterrupted(
-        home, disk.path(),
-        "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid",
-        [&] { writeFile(target, "the previous movie"); });
-    EXPECT_EQ(run.out, "1\n");
-    fs::remove(disk / "filler");
-    EXPECT_EQ(readFile(target), "the previous movie");
-    EXPECT_EQ(std::distance(fs::directory_iterator(disk.path()), fs::directory_iterator()), 1);
-    EXPECT_THAT(home.logEntries(), Contains(HasSubstr("No space left on device")));
+    // ...and room that runs out while writing ends the run too. A loaded machine may let a run
+    // finish before the disk fills: such a run must leave a whole movie, and one of a few must
+    // meet the full disk.
+    bool filled = false;
+    for (int attempt = 0; attempt < 5 && !filled; ++attempt) {
+        writeFile(target, "the previous movie");
+        ASSERT_TRUE(home.writeSettings(withKey(doc, "destFilename", target)));
+        const ProcessResult run = runUntilInterrupted(
+            home, disk.path(),
+            "kill -STOP $pid; dd if=/dev/zero of='" + disk.path() + "/filler' bs=64k 2>/dev/null; kill -CONT $pid",
+            [&] { writeFile(target, "the previous movie"); });
+        fs::remove(disk / "filler");
+        filled = run.out != "0\n";
+        if (!filled) {
+            EXPECT_EQ(checkMovieStructure(target), std::vector<std::string>{});
+            continue;
+        }
+        EXPECT_EQ(run.out, "1\n");
+        EXPECT_TRUE(readFile(target) == "the previous movie") << "the previous movie was replaced";
+        EXPECT_EQ(std::distance(fs::directory_iterator(disk.path()), fs::directory_iterator()), 1);
+        EXPECT_THAT(home.logEntries(), Contains(HasSubstr("No space left on device")));
+    }
+    EXPECT_TRUE(filled) << "no run met the full disk";
 
     // A file size limit below the movie's size ends the run the same way.
     expectRefused(doc, "File too large", {}, {"prlimit", "--fsize=4000000"});
