@@ -17,8 +17,6 @@
 #include "tq/TQLog.h"
 #include "tq/TQTaskEx.h"
 
-extern char** environ;
-
 namespace corvina::tq {
 
 namespace {
@@ -90,17 +88,6 @@ private:
     std::optional<std::string> path_;
     std::string folder_;
 };
-
-corvina::Process::Environment currentEnvironment()
-{
-    corvina::Process::Environment env;
-    for (char** e = environ; e && *e; ++e) {
-        const std::string entry = *e;
-        const auto eq = entry.find('=');
-        if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
-    return env;
-}
 
 struct SudoResult {
     int status = -1;      // sudo's exit status; -1 when it could not be run
@@ -209,7 +196,7 @@ bool TQAuthorization::authStart()
     SudoResult result;
     Askpass askpass;
     if (displayPresent() && askpass.path()) {
-        auto env = currentEnvironment();
+        auto env = corvina::Process::currentEnvironment();
         env["SUDO_ASKPASS"] = *askpass.path();
         result = runSudo({"-A", "-v"}, {}, std::move(env));
     } else {

@@ -177,13 +177,7 @@ std::optional<std::string> reportIn(const std::string& folder, const std::string
 // with the user's home and names, and the user's runtime folder (root's is of no use to it).
 corvina::Process::Environment environmentFor(const corvina::UserIdentity& user)
 {
-    corvina::Process::Environment env;
-    for (char** entry = environ; *entry; ++entry) {
-        const std::string_view text(*entry);
-        const auto equals = text.find('=');
-        if (equals != std::string_view::npos)
-            env.emplace(std::string(text.substr(0, equals)), std::string(text.substr(equals + 1)));
-    }
+    corvina::Process::Environment env = corvina::Process::currentEnvironment();
     env["HOME"] = user.home;
     env["USER"] = user.name;
     env["LOGNAME"] = user.name;

@@ -16,8 +16,6 @@
 #include "Foundation/SystemLog.h"
 #include "Process/Process.h"
 
-extern char** environ;
-
 namespace corvina {
 
 namespace {
@@ -193,17 +191,6 @@ private:
 
 // --- Desktop dialog ------------------------------------------------------------------------
 
-Process::Environment currentEnvironment()
-{
-    Process::Environment env;
-    for (char** e = environ; e && *e; ++e) {
-        const std::string entry = *e;
-        const auto eq = entry.find('=');
-        if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
-    return env;
-}
-
 class DialogSession final : public AlertSession, public std::enable_shared_from_this<DialogSession> {
 public:
     DialogSession(AlertContent content, std::shared_ptr<Process> process, AlertPresenter::Completion completion,
@@ -298,7 +285,7 @@ public:
         // Without a session bus there is no accessibility bus either, and the dialog would
         // wait for one at exit long after it was answered.
         if (const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS"); !bus || !*bus) {
-            auto env = currentEnvironment();
+            auto env = Process::currentEnvironment();
             env["NO_AT_BRIDGE"] = "1";
             process->setEnvironment(std::move(env));
         }

@@ -104,6 +104,17 @@ std::optional<std::string> findProgramOnPath(const std::string& name)
     }
 }
 
+Process::Environment Process::currentEnvironment()
+{
+    Environment env;
+    for (char** e = environ; e && *e; ++e) {
+        const std::string_view entry = *e;
+        const auto eq = entry.find('=');
+        if (eq != std::string_view::npos) env.emplace(entry.substr(0, eq), entry.substr(eq + 1));
+    }
+    return env;
+}
+
 Process::~Process()
 {
     closePipes();

@@ -43,6 +43,8 @@ public:
     const std::vector<std::string>& arguments() const { return arguments_; }
     // None: the tool inherits the caller's environment.
     void setEnvironment(std::optional<Environment> env) { environment_ = std::move(env); }
+    // This process's environment, to start a tool with it changed in a few names.
+    static Environment currentEnvironment();
     void setStandardOutput(Stream s) { stdout_ = s; }
     void setStandardError(Stream s) { stderr_ = s; }
     // Bytes written to the tool's standard input right after launch; then it is closed.

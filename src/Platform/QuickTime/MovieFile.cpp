@@ -19,6 +19,8 @@ Error posixError(int err, const std::string& what)
     return Error{"NSPOSIXErrorDomain", err, what + ": " + std::strerror(err)};
 }
 
+Error writeError(int err) { return posixError(err, "cannot write the movie"); }
+
 std::vector<uint8_t> fileHeaders()
 {
     AtomWriter w;
@@ -88,7 +90,7 @@ Result<void> MovieFile::writeAll(std::span<const uint8_t> bytes)
 {
     const posix::Transfer t = posix::writeAll(fd_, bytes);
     written_ += t.count;
-    if (t.failed()) return posixError(t.error, "cannot write the movie");
+    if (t.failed()) return writeError(t.error);
     return success();
 }
 
@@ -97,7 +99,7 @@ Result<void> MovieFile::writeBufferAnd(std::span<const uint8_t> bytes)
     iovec parts[2] = {{buffer_.data(), buffer_.size()}, {const_cast<uint8_t*>(bytes.data()), bytes.size()}};
     const posix::Transfer t = posix::writevAll(fd_, parts);
     written_ += t.count;
-    if (t.failed()) return posixError(t.error, "cannot write the movie");
+    if (t.failed()) return writeError(t.error);
     startWriteback();
     buffer_.clear();
     return success();
@@ -106,7 +108,7 @@ Result<void> MovieFile::writeBufferAnd(std::span<const uint8_t> bytes)
 Result<void> MovieFile::writeAt(uint64_t offset, std::span<const uint8_t> bytes)
 {
     const posix::Transfer t = posix::pwriteAll(fd_, bytes, offset);
-    if (t.failed()) return posixError(t.error, "cannot write the movie");
+    if (t.failed()) return writeError(t.error);
     return success();
 }
 
@@ -130,7 +132,7 @@ Result<void> MovieFile::flush()
 
 Result<void> MovieFile::append(std::span<const uint8_t> bytes)
 {
-    if (fd_ < 0) return posixError(EBADF, "cannot write the movie");
+    if (fd_ < 0) return writeError(EBADF);
     end_ += bytes.size();
     // Large pieces (video chunks) go out with what is buffered in one call, uncopied.
     if (bytes.size() >= kDirectBytes) return writeBufferAnd(bytes);
@@ -143,7 +145,7 @@ Result<void> MovieFile::append(std::span<const uint8_t> bytes)
 
 Result<void> MovieFile::finish(std::span<const uint8_t> movieAtom)
 {
-    if (fd_ < 0) return posixError(EBADF, "cannot write the movie");
+    if (fd_ < 0) return writeError(EBADF);
     if (auto flushed = flush(); !flushed) return flushed;
     uint64_t mdatSize = end_ - (kWideAtomOffset + 8);
     AtomWriter header;
@@ -161,7 +163,7 @@ Result<void> MovieFile::finish(std::span<const uint8_t> movieAtom)
     if (auto written = writeAll(movieAtom); !written) return written;
     end_ += movieAtom.size();
     if (auto patched = writeAt(at, header.bytes()); !patched) return patched;
-    if (::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) return posixError(errno, "cannot write the movie");
+    if (::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) return writeError(errno);
     return success();
 }
 
