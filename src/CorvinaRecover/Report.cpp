@@ -11,6 +11,7 @@
 #include "helper/AppController.h"
 #include "AssetReader/Asset.h"
 #include "AssetReader/Libav.h"
+#include "Foundation/ByteOrder.h"
 #include "recover/Recovery.h"
 #include "tq/TQAVFoundation.h"
 
@@ -189,9 +190,7 @@ std::vector<unsigned char> frameBMP(const AVFrame& frame, int width)
     const int rowBytes = (width * 3 + 3) & ~3;
     const uint32_t imageBytes = uint32_t(rowBytes * height), fileBytes = 54 + imageBytes;
     std::vector<unsigned char> bmp(fileBytes, 0);
-    const auto put32 = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i) bmp[at + i] = (unsigned char)(v >> (8 * i));
-    };
+    const auto put32 = [&](size_t at, uint32_t v) { corvina::storeLE32(&bmp[at], v); };
     bmp[0] = 'B';
     bmp[1] = 'M';
     put32(2, fileBytes);
