@@ -112,11 +112,9 @@ void TQAVExport::exportAsset()
     // (which a movie cannot replace) stops the export here.
     struct stat st {};
     const std::string path = outputPath();
-    Result<void> started = Error::fromErrno(EISDIR, path);
-    if (path.empty() || ::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        started = setupAssetReaderAndAssetWriter();
-        if (started) started = startAssetReaderAndWriter();
-    }
+    const bool folder = !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    Result<void> started = folder ? Result<void>(Error::fromErrno(EISDIR, path)) : setupAssetReaderAndAssetWriter();
+    if (started) started = startAssetReaderAndWriter();
     if (!started) readingAndWritingDidFinishSuccessfully(false, started.error());
 }
 
